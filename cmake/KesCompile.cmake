@@ -1,0 +1,30 @@
+# How every target of this project is compiled. Foreign projects that add this one as a
+# subdirectory are not affected: the flags sit on an interface library that is linked privately.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+set(KES_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+option(KES_COVERAGE "Instrument for coverage" OFF)
+
+find_package(Threads REQUIRED)
+
+add_library(kes_compile INTERFACE)
+target_compile_options(kes_compile INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  # Throw sites and assertions name files below the source tree, on every machine alike.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -fno-omit-frame-pointer)
+if(KES_SANITIZE)
+  target_compile_options(kes_compile INTERFACE -fsanitize=${KES_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(kes_compile INTERFACE -fsanitize=${KES_SANITIZE})
+endif()
+if(KES_COVERAGE)
+  target_compile_options(kes_compile INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(kes_compile INTERFACE --coverage)
+endif()

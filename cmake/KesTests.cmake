@@ -1,0 +1,20 @@
+# kes_test(NAME SOURCES file... [LIBRARIES target...] [LOCK resource...] [TIMEOUT seconds])
+# One test program; each of its tests runs in a process of its own and is counted by itself. LOCK names
+# machine-wide things (System V keys, ids, a fixed file) that two tests must not touch at once.
+include(GoogleTest)
+find_package(GTest REQUIRED)
+
+function(kes_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LOCK" ${ARGN})
+  kes_program(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kes_test_support)
+  target_precompile_headers(${name} REUSE_FROM kes_test_support)
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 300)
+  endif()
+  set(properties TIMEOUT ${arg_TIMEOUT})
+  if(arg_LOCK)
+    list(APPEND properties RESOURCE_LOCK "${arg_LOCK}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+endfunction()

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace kes {
+
+/// The call stack of a thread at one moment: one line of text per frame, stored outermost caller first.
+/// A plain value. The text of a frame is the platform's, its symbol demangled where the platform writes
+/// it in parentheses.
+class Backtrace : public std::vector<std::string> {
+ public:
+  using std::vector<std::string>::vector;
+
+  /// The calling thread's stack, without the frame of this function; at most 127 frames. Empty when the
+  /// platform cannot name the frames or knows only one. Any thread may call; not from a signal handler
+  /// (it allocates). Throws std::bad_alloc.
+  [[gnu::noinline]] static Backtrace get();
+};
+
+/// Writes every line and a newline each, innermost frame first.
+std::ostream& operator<<(std::ostream& stream, const Backtrace& backtrace);
+
+/// Replaces a mangled symbol name by its readable form; any other text stays as it is.
+void demangle(std::string& name);
+
+}  // namespace kes

@@ -1,0 +1,16 @@
+#pragma once
+
+namespace kes {
+
+/// Base of classes whose objects own something that cannot be shared: neither copyable nor assignable.
+class NoCopy {
+ public:
+  NoCopy(const NoCopy&) = delete;
+  NoCopy& operator=(const NoCopy&) = delete;
+
+ protected:
+  NoCopy() = default;
+  ~NoCopy() = default;
+};
+
+}  // namespace kes

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "kespal/NoCopy.h"
+#include "kespal/error/Exception.h"
+
+namespace kes {
+
+/// Base of the scope guards: whether the guard still has to act, and how a library error that its action
+/// threw is reported.
+class ScopeGuardBase : NoCopy {
+ public:
+  /// The guard will do nothing any more.
+  void dismiss() noexcept { dismissed_ = true; }
+  bool dismissed() const noexcept { return dismissed_; }
+
+  /// Reports an error caught in a guard: its whole stack text, to standard error.
+  static void handleEx(const Exception& error);
+
+ protected:
+  ScopeGuardBase() = default;
+  ~ScopeGuardBase() = default;
+
+ private:
+  bool dismissed_ = false;
+};
+
+/// Calls a member function of an object when the scope is left, unless dismissed before. A kes::Exception
+/// from that call is reported and goes no further; anything else propagates, also out of the destructor.
+/// The object must outlive the guard.
+template <typename Obj, typename MemFn>
+class ObjScopeGuard0 : public ScopeGuardBase {
+ public:
+  ObjScopeGuard0(Obj& object, MemFn function) noexcept : object_(&object), function_(function) {}
+  ~ObjScopeGuard0() noexcept(false) { shoot(); }
+
+  /// Does now what would be done at the end of the scope, once.
+  void shoot() {
+    if (dismissed()) return;
+    try {
+      (object_->*function_)();
+      dismiss();
+    } catch (const Exception& error) {
+      handleEx(error);
+    }
+  }
+
+ private:
+  Obj* object_;
+  MemFn function_;
+};
+
+}  // namespace kes

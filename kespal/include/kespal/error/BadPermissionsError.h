@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "kespal/error/FsError.h"
+
+namespace kes {
+
+namespace fs {
+class Access;
+}
+
+/// A file's owner, group or permission bits are not as they have to be (EINVAL).
+class BadPermissionsError : public Raisable<BadPermissionsError, FsError> {
+ public:
+  BadPermissionsError(const std::string& path, const fs::Access& access, const std::string& reason);
+
+  const std::string& reason() const noexcept { return reason_; }
+
+  /// The path, ": bad file permissions encountered: ", and the reason.
+  std::string text() const override;
+
+ private:
+  std::string reason_;
+};
+
+}  // namespace kes

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "kespal/error/Exception.h"
+
+namespace kes {
+
+/// An error whose text is a literal. Neither string is copied: both must outlive every copy of the error,
+/// and both may be null.
+class StaticError : public Raisable<StaticError, Exception> {
+ public:
+  StaticError(const char* text, const char* name) noexcept : text_(text), name_(name) {}
+
+  std::string text() const override;
+  void moreWhat() const override;
+
+ private:
+  const char* text_;
+  const char* name_;
+};
+
+/// A state was met that should be impossible, or that the caller could not foresee.
+class RuntimeError : public Raisable<RuntimeError, StaticError> {
+ public:
+  explicit RuntimeError(const char* text) noexcept : Raisable(text, "Runtime") {}
+};
+
+/// An operation was used in a way that it forbids.
+class UsageError : public Raisable<UsageError, StaticError> {
+ public:
+  explicit UsageError(const char* text) noexcept : Raisable(text, "Usage") {}
+};
+
+}  // namespace kes

@@ -1,0 +1,81 @@
+#include "kespal/error/Exception.h"
+
+#include <sstream>
+
+#include "kespal/Helper.h"
+#include "kespal/proc/Env.h"
+
+namespace kes {
+
+bool Exception::m_gen_backtraces = false;
+
+void Exception::init() {
+  std::string ignored;
+  m_gen_backtraces = proc::Env::get("KES_BACKTRACE", ignored);
+  // The first capture of a process loads the unwinder and allocates: not in a forked child, please.
+  if (m_gen_backtraces) (void)Backtrace::get();
+}
+
+Exception::~Exception() = default;
+
+Exception::Exception(const Exception& other)
+    : std::exception(other),
+      next_(other.next_ ? other.next_->clone() : nullptr),
+      file_(other.file_),
+      line_(other.line_),
+      function_(other.function_),
+      backtrace_(other.backtrace_) {}
+
+void Exception::setNext(const Exception& cause) { next_.reset(cause.clone()); }
+
+void Exception::setSite(const Site& site) noexcept {
+  file_ = site.file;
+  line_ = site.line;
+  function_ = site.function;
+}
+
+const char* Exception::what() const noexcept { return buildWhat().c_str(); }
+
+std::string Exception::text() const { return buildWhat(); }
+
+void Exception::moreWhat() const {}
+
+const std::string& Exception::buildWhat() const {
+  if (!whatText_.empty()) return whatText_;
+  std::ostringstream where;
+  if (file_ != nullptr) {
+    where << "Exception occured at \"" << file_ << ':' << line_ << " (" << (function_ ? function_ : "")
+          << ")\"\n\n";
+  }
+  if (!backtrace_.empty()) where << "Function call backtrace:\n\n" << backtrace_ << "\n\n";
+  whatText_ = where.str();
+  moreWhat();
+  return whatText_;
+}
+
+std::vector<std::string> Exception::allTexts() const {
+  std::vector<std::string> texts;
+  for (const Exception* error = this; error != nullptr; error = error->next()) texts.push_back(error->text());
+  return texts;
+}
+
+std::string Exception::textList() const {
+  std::string list;
+  int number = 0;
+  for (const std::string& text : allTexts()) list += '#' + std::to_string(++number) + ") " + text + '\n';
+  return list;
+}
+
+std::string Exception::exStack() const {
+  std::string stack;
+  std::vector<std::string> lines;
+  int number = 0;
+  for (const Exception* error = this; error != nullptr; error = error->next()) {
+    stack += "\n#" + std::to_string(++number) + ")\n";
+    helper::split(error->buildWhat(), '\n', lines, /*strip=*/false, /*keepEmpty=*/true);
+    for (const std::string& line : lines) stack += '\t' + line + '\n';
+  }
+  return stack;
+}
+
+}  // namespace kes

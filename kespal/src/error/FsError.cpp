@@ -1,0 +1,15 @@
+#include "kespal/error/FsError.h"
+
+namespace kes {
+
+FsError::FsError(const std::string& path, int errnum)
+    : Raisable("At location: \"" + path + '"', "File system"), osError_(errnum), path_(path) {}
+
+std::string FsError::text() const { return path_ + ": " + osError_.text(); }
+
+void FsError::moreWhat() const {
+  DynError::moreWhat();
+  if (osError_.errnum() != 0) appendWhat("\nReason: " + osError_.text() + '.');
+}
+
+}  // namespace kes

@@ -1,0 +1,30 @@
+#include "kespal/error/OsError.h"
+
+#include <iostream>
+#include <sstream>
+
+#include "os/ErrorText.h"
+
+namespace kes {
+
+std::string OsError::errnumLabel() const {
+  std::ostringstream label;
+  label << errnum_;
+  return label.str();
+}
+
+std::string OsError::text() const {
+  char buffer[128] = "";
+  std::string text;
+  if (os::errorText(errnum_, buffer, sizeof buffer)) {
+    text = buffer;
+  } else {
+    std::cerr << "text: error getting error text from strerror_r!\n";
+    text = "<unknown-error>";
+  }
+  return text + " (" + errnumLabel() + ')';
+}
+
+void OsError::moreWhat() const { appendWhat("System/Library call error: " + text()); }
+
+}  // namespace kes

@@ -1,0 +1,38 @@
+#include "support/TempDir.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace kes::test {
+
+TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path().string()) {}
+
+TempDir::TempDir(const std::string& below) : top_(below + "/kes-test-XXXXXX") {
+  if (::mkdtemp(top_.data()) == nullptr) throw std::runtime_error("cannot create " + top_);
+  path_ = top_ + "/sandbox";
+  std::filesystem::create_directory(path_);
+  std::filesystem::permissions(top_, std::filesystem::perms(0755));
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(top_, ignored);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream file(path, std::ios::binary);
+  file << content;
+  if (!file.flush()) throw std::runtime_error("cannot write " + path);
+}
+
+}  // namespace kes::test
