@@ -1,0 +1,150 @@
+"""The rules of the house, each a test: rules.py RULE [COMPILER...] or rules.py RULE LIBRARY..."""
+import concurrent.futures
+import fnmatch
+import os
+import re
+import sys
+import tempfile
+
+from layers import LAYERS
+from sources import INCLUDE_FOLDERS, ROOT, includes, public_headers, run, sources
+
+PRODUCTS = ("kespal", "kesos", "pcaplib", "src")
+
+
+def layer_of(header):
+    for number, (_, patterns) in enumerate(LAYERS):
+        for pattern in patterns:
+            if fnmatch.fnmatch(header, pattern + "*" if pattern.endswith("/") else pattern):
+                return number
+    return None
+
+
+def every_header_includes_only_its_own_layer_or_lower_ones():
+    for header in public_headers("kespal"):
+        own = layer_of(header.removeprefix("kespal/"))
+        if own is None:
+            yield f"{header}: in no layer; add it to tests/house/layers.py"
+            continue
+        for included in includes("kespal/include/" + header):
+            if not included.startswith("kespal/"):
+                yield f"{header}: includes {included}, which is not the platform library's"
+                continue
+            other = layer_of(included.removeprefix("kespal/"))
+            if other is not None and other > own:
+                yield f"{header} ({LAYERS[own][0]}) includes {included} ({LAYERS[other][0]})"
+
+
+def libraries_know_nothing_of_what_stands_on_them():
+    forbidden = {"kespal": ("kesos/", "pcaplib/", "IOKit/"), "kesos": ("pcaplib/", "IOKit/"),
+                 "pcaplib": ("kesos/", "IOKit/"), "iokit": ("kespal/", "kesos/", "pcaplib/"),
+                 "driver": ("kespal/", "kesos/", "pcaplib/")}
+    for part, others in forbidden.items():
+        for path in sources(part):
+            for included in includes(path):
+                if included.startswith(others):
+                    yield f"{path}: includes {included}"
+
+
+def no_header_includes_itself_by_way_of_others():
+    known = {header: folder / header for folder in INCLUDE_FOLDERS if folder.is_dir()
+             for header in (path.relative_to(folder).as_posix() for path in folder.rglob("*.h"))}
+    finished, trail = set(), []
+
+    def visit(header):
+        if header in trail:
+            yield "cycle: " + " -> ".join(trail[trail.index(header):] + [header])
+            return
+        if header in finished or header not in known:
+            return
+        trail.append(header)
+        for included in includes(known[header].relative_to(ROOT)):
+            yield from visit(included)
+        finished.add(trail.pop())
+
+    for header in sorted(known):
+        yield from visit(header)
+
+
+def no_system_is_named_outside_the_system_folders():
+    systems = re.compile(r"^\s*#\s*(?:el)?if.*\b(__APPLE__|__MACH__|__linux__|__linux|__gnu_linux__|__GLIBC__|"
+                         r"__unix__|__FreeBSD__|_WIN32|TARGET_OS_\w+)\b", re.MULTILINE)
+    for path in sources(*PRODUCTS, "driver", "tests", "examples", "bench", "fuzz"):
+        if "os" in path.parts:
+            continue
+        for match in systems.finditer((ROOT / path).read_text()):
+            yield f"{path}: {match.group(0).strip()}"
+
+
+def compile_header(compiler, language, header):
+    with tempfile.NamedTemporaryFile("w", suffix=".c" if language == "c11" else ".cpp") as unit:
+        unit.write(f'#include "{header}"\n#include "{header}"\n')
+        unit.flush()
+        folders = [f"-I{folder}" for folder in INCLUDE_FOLDERS[:3]]
+        result = run(compiler, "-std=" + language, "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow",
+                     "-Wconversion", "-Werror", *folders, unit.name)
+    return f"{header} as {language}:\n{result.stderr}" if result.returncode != 0 else None
+
+
+def compile_headers(compiler, language, libraries):
+    # The halves of another system are its own business.
+    foreign = "/os/linux/" if sys.platform == "darwin" else "/os/darwin/"
+    headers = [header for library in libraries for header in public_headers(library) if foreign not in header]
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        yield from filter(None, pool.map(lambda header: compile_header(compiler, language, header), headers))
+
+
+def every_public_header_compiles_alone_and_twice(_, cxx):
+    yield from compile_headers(cxx, "c++20", ("kespal", "kesos", "pcaplib"))
+
+
+def every_flat_header_compiles_as_c(cc, _):
+    yield from compile_headers(cc, "c11", ("kesos",))
+
+
+# Names that the flat interfaces export besides those of namespace kes.
+FLAT_NAMES = re.compile(
+    r"KesOs\w+|\w+_kes|strclear|strupr|strlwr|setTimespec|vSplitFileName|fShutdown|g_kesos_inittime|"
+    r"ipc_default_(?:mode|uid|gid)|initSemCounter|sem_counter|kesos_shm|parseProcessCommandline|"
+    r"_async_child_cleaner|DumpOpen|DumpPacket|cap_types")
+OWN_NAMES = re.compile(r"(?:(?:vtable|typeinfo|typeinfo name|VTT|guard variable|construction vtable|thread-local \w+ \w+|"
+                       r"template parameter object|reference temporary #\d+|non-virtual thunk|virtual thunk)(?: for| to)? )*kes::")
+
+
+def no_library_exports_a_foreign_name(*archives):
+    for archive in archives:
+        for line in run("nm", "-C", "--defined-only", "--extern-only", archive).stdout.splitlines():
+            # Weak symbols are instantiations of the standard library's templates and inline functions.
+            symbol = re.match(r"[0-9a-f]+ ([A-Z]) (.+)", line)
+            if symbol is None or symbol.group(1) in "WVu":
+                continue
+            name = symbol.group(2)
+            if not OWN_NAMES.match(name) and not FLAT_NAMES.fullmatch(name.split("(")[0]):
+                yield f"{os.path.basename(archive)}: {name}"
+
+
+def every_source_is_formatted():
+    files = [str(path) for path in sources(*PRODUCTS, "iokit", "driver", "tests", "bench", "fuzz", "examples")]
+    result = run("clang-format", "--dry-run", "-Werror", *files, cwd=ROOT)
+    if result.returncode != 0:
+        yield result.stderr[:4000]
+
+
+def no_file_names_the_machine_it_was_written_on():
+    tracked = run("git", "ls-files", cwd=ROOT).stdout.split()
+    place = re.compile("/" + r"(?:work|root|tmp/wt)/\w")
+    for name in tracked:
+        path = ROOT / name
+        if path.suffix in {".pcap", ".pcapng", ".png"} or not path.is_file():
+            continue
+        for match in place.finditer(path.read_text(errors="replace")):
+            yield f"{name}: {match.group(0)}"
+
+
+def main(rule, *arguments):
+    complaints = list(globals()[rule](*arguments))
+    print("\n".join(complaints))
+    return 1 if complaints else 0
+
+
+sys.exit(main(*sys.argv[1:]))
