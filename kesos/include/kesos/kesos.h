@@ -1,0 +1,9 @@
+#pragma once
+
+/* The flat interface to the operating system: plain functions with unmangled names, for C and C++. They
+ * never throw; they return 1 for success and 0 for failure where nothing else is said, and hand out handles
+ * through out-pointers. Times are in milliseconds. */
+
+#include "kesos/console.h"
+#include "kesos/strings.h"
+#include "kesos/time.h"

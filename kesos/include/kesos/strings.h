@@ -1,0 +1,53 @@
+#pragma once
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Bounded string functions. `size` is the capacity of the destination in bytes, terminator included.
+ * Nothing is read or written beyond it, and nothing of the source beyond its terminator or `n`. All but
+ * sprintf_kes return the destination, or null when the destination or the source is null; a capacity of 0
+ * leaves the destination untouched. They never fail, set no errno, and may be called by any thread. Source
+ * and destination must not overlap. */
+
+/** Copies as much of src as fits and terminates it. */
+char* strcpy_kes(char* dst, size_t size, const char* src);
+
+/** The length of s, but at most max: with max 0, or of a null pointer, 0. */
+size_t strlen_kes(const char* s, size_t max);
+
+/** Copies at most n bytes of src, as many as fit, and terminates them. With n the largest size_t the
+ * destination stays untouched. */
+char* strncpy_kes(char* dst, size_t size, const char* src, size_t n);
+
+/** Appends src, cut to fit. A destination that is already longer than `size` stays untouched; one of
+ * exactly `size` bytes loses its last byte to the terminator. */
+char* strcat_kes(char* dst, size_t size, const char* src);
+
+/** Appends at most n bytes of src, cut to fit as strcat_kes does. When all fits, it pads with zero bytes up
+ * to n bytes (never beyond the capacity), and when src has n bytes or more it sets NO terminator: clear
+ * the destination beforehand. With n 0 the destination stays untouched. */
+char* strncat_kes(char* dst, size_t size, const char* src, size_t n);
+
+/** Formats as snprintf does. Returns the length that the whole text has, which is `size` or more when it was
+ * cut; with size 0 nothing is written and the result is 0. When the format cannot be converted, the result
+ * is the length of what is in dst. A null dst with a size only measures. */
+#ifdef __GNUC__
+__attribute__((format(printf, 3, 4)))
+#endif
+int sprintf_kes(char* dst, size_t size, const char* fmt, ...);
+
+/** Makes s the empty string; null is ignored. */
+void strclear(char* s);
+
+/** Converts the letters a to z to upper case, in place, in no locale but C's. Returns s, also for null. */
+char* strupr(char* s);
+
+/** Converts the letters A to Z to lower case, in the same way. */
+char* strlwr(char* s);
+
+#ifdef __cplusplus
+}
+#endif
