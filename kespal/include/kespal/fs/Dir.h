@@ -1,0 +1,65 @@
+#pragma once
+
+#include <dirent.h>
+
+#include "kespal/NoCopy.h"
+
+namespace kes::fs {
+
+class Info;
+
+/// Walks over the entries of one directory, in the system's order and without "." and "..". Owns the open
+/// stream, whose descriptor is closed on exec. One thread at a time. Whatever needs an open directory
+/// raises UsageError "No directory is open" without one; what needs a current entry, "No current entry".
+class Dir : NoCopy {
+ public:
+  /// What readdir() says about an entry's type for free; not every file system tells.
+  enum class EntryType { Unknown, Directory, Regular, Link, Other };
+
+  Dir() noexcept { init(); }
+  explicit Dir(const char* path) : Dir() { open(path); }
+  /// Closes; a failure goes to standard error.
+  ~Dir();
+
+  /// Forgets the current entry.
+  void init() noexcept { entry_ = nullptr; }
+  /// Opens a directory, then closes the one that was open; it stays open when this fails. ENOENT:
+  /// NoSuchFileError; anything else: FsError.
+  void open(const char* path);
+  bool isOpen() const noexcept { return stream_ != nullptr; }
+  /// Closes if open. OsError; the directory counts as closed then, too.
+  void close();
+
+  /// Goes to the next entry; false at the end, which a directory removed meanwhile has reached. Entries made
+  /// or removed since open() may or may not be seen. OsError for a read error.
+  bool nextEntry();
+  /// The name of the current entry, without its directory; valid until the next nextEntry() or close().
+  const char* entryName() const;
+  EntryType entryType() const;
+  /// The status of the current entry; without `follow` that of a link itself. ENOENT: NoSuchFileError;
+  /// anything else: FsError, with the entry's name as path.
+  void entryInfo(Info& info, bool follow) const;
+  /// Opens `dir`, which may be this object, on the current entry. Fails as open() does, with the entry's
+  /// name as path.
+  void entryDir(Dir& dir) const;
+  /// The status of the open directory itself. OsError.
+  void dirInfo(Info& info) const;
+  /// The descriptor, for calls relative to the directory; -1 when none is open. It stays this object's.
+  int fd() const noexcept { return fd_; }
+
+  /// The longest name that an entry can have, in bytes.
+  static constexpr unsigned maxEntryLen() noexcept { return 255; }
+  /// Whether a directory has no entries besides "." and "..". Errors of open() and nextEntry().
+  static bool isEmpty(const char* path);
+
+ private:
+  explicit Dir(DIR* stream) noexcept;
+  /// Closes what is open and takes over what `other` has open.
+  void take(Dir& other);
+
+  DIR* stream_ = nullptr;
+  int fd_ = -1;
+  const dirent* entry_ = nullptr;
+};
+
+}  // namespace kes::fs

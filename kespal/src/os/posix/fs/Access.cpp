@@ -1,0 +1,53 @@
+#include "kespal/fs/Access.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kespal/error/FsError.h"
+
+namespace kes::fs {
+
+namespace {
+
+constexpr mode_t setIdBits = S_ISUID | S_ISGID;
+
+/// A file by name, links followed, or by descriptor where there is no name.
+struct Target {
+  const char* path;
+  int fd;
+
+  int stat(struct stat& status) const {
+    return path != nullptr ? ::stat(path, &status) : ::fstat(fd, &status);
+  }
+  int chown(uid_t owner, gid_t group) const {
+    return path != nullptr ? ::chown(path, owner, group) : ::fchown(fd, owner, group);
+  }
+  int chmod(mode_t mode) const { return path != nullptr ? ::chmod(path, mode) : ::fchmod(fd, mode); }
+};
+
+/// Changes hands, keeping those set-id bits that the file has and `asked` names.
+bool chownKeeping(const Target& file, const Access& access, mode_t asked) {
+  struct stat before;
+  if (file.stat(before) != 0 || file.chown(access.owner(), access.group()) != 0) return false;
+  const mode_t kept = before.st_mode & asked;
+  if (kept == 0) return true;
+  return file.chmod((before.st_mode & 01777) | kept) == 0;
+}
+
+}  // namespace
+
+Access Access::setUmask(const Access& mask) noexcept {
+  return Access(static_cast<unsigned short>(::umask(mask.mode())));
+}
+
+void setOwnership(const char* path, int fd, const Access& access) {
+  const Target file{path, fd};
+  const mode_t asked = access.mode() & setIdBits;
+  const bool done =
+      asked != 0 ? chownKeeping(file, access, asked) : file.chown(access.owner(), access.group()) == 0;
+  if (!done) raiseAt(KES_HERE, FsError(path, errno));
+}
+
+}  // namespace kes::fs
