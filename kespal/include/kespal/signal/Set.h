@@ -1,0 +1,33 @@
+#pragma once
+
+#include <signal.h>
+
+#include <initializer_list>
+
+namespace kes::signal {
+
+/// A set of signals. A small value without a lock. Only the signals 1 to 32 that the system lets programs
+/// use can be added; a set that the system filled in, such as a thread's mask, may hold others too.
+class Set {
+ public:
+  Set() noexcept { ::sigemptyset(&signals_); }
+  Set(std::initializer_list<int> signals) noexcept;
+  explicit Set(const ::sigset_t& signals) noexcept : signals_(signals) {}
+
+  /// Adds a signal. Numbers below 1 and above 32 are silently left out.
+  void add(int signal) noexcept;
+  /// Takes a signal out; one that is not in the set stays out.
+  void remove(int signal) noexcept;
+  bool contains(int signal) const noexcept;
+
+  const ::sigset_t& native() const noexcept { return signals_; }
+
+  /// The mask that this process started with, which is what the programs it starts get. Taken when the
+  /// program is initialised, and by the runtime object before it changes the mask.
+  static Set m_original;
+
+ private:
+  ::sigset_t signals_;
+};
+
+}  // namespace kes::signal

@@ -1,0 +1,21 @@
+#include "kespal/signal/Sender.h"
+
+#include <signal.h>
+
+#include <cerrno>
+
+#include "kespal/error/OsError.h"
+
+namespace kes::signal {
+
+void Sender::signalProc(const int& signal, const int& pid) {
+  if (::kill(pid, signal) == 0) return;
+  if (errno == ESRCH) raiseAt(KES_HERE, NoSuchProcessError(ESRCH));
+  raiseAt(KES_HERE, OsError(errno));
+}
+
+void Sender::signalThread(const int& signal, const ::pthread_t& thread) {
+  if (const int result = ::pthread_kill(thread, signal); result != 0) raiseAt(KES_HERE, OsError(result));
+}
+
+}  // namespace kes::signal
