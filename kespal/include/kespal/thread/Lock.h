@@ -1,0 +1,16 @@
+#pragma once
+
+#include "kespal/os/posix/thread/Lock.h"
+
+namespace kes::thread {
+
+/// A mutual-exclusion lock. Owned by whoever shares something between threads; any thread may lock it, and
+/// only the one that did may unlock it. Not to be destroyed while it is locked: that prints a warning.
+/// Every operation raises OsError with the code of the failed call.
+class Lock : public LockBase {
+ public:
+  explicit Lock(LockKind kind) : LockBase(kind) {}
+  ~Lock() = default;
+};
+
+}  // namespace kes::thread
