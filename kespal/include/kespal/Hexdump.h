@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <iosfwd>
+#include <string>
+
+namespace kes {
+
+/// Bytes to be written to a stream as hexadecimal digits: `stream << Hexdump{data, size, 16, " "}`. A plain
+/// record; the bytes stay the caller's and must live until they are written.
+struct Hexdump {
+  const unsigned char* data = nullptr;
+  std::size_t size = 0;
+  int perLine = 0;        ///< bytes of one line; 0 or less: all on one line
+  std::string separator;  ///< between two bytes of a line
+};
+
+/// Writes every byte with two digits, the bytes of a line apart by the separator and the lines by a newline,
+/// with none at the end; "nullptr" when there is no data. Digits follow the stream's other flags and its
+/// locale (std::uppercase gives "AB"); its base and fill are afterwards what they were, even if it throws.
+std::ostream& operator<<(std::ostream& stream, const Hexdump& dump);
+
+}  // namespace kes

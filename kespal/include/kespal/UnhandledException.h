@@ -1,0 +1,10 @@
+#pragma once
+
+namespace kes {
+
+/// Says on the system's log (standard error where there is none) which exception ends the program: a library
+/// error with its whole stack text, a standard one with its text, on macOS also an Objective-C one with all
+/// it knows. For a terminate handler, while the exception is in flight or being handled.
+void kespal_unhandled_exception();
+
+}  // namespace kes

@@ -1,0 +1,86 @@
+#include <algorithm>
+#include <cstdlib>
+
+#include "HexLoops.h"
+#include "kespal/Helper.h"
+
+namespace kes {
+
+namespace {
+
+using Bytes = std::basic_string<unsigned char>;
+using hexloops::Decoding;
+
+// A growing string fills its new characters with zeros. It grows by this much at a time, so that the zeros
+// are still in the nearest cache when the real characters replace them.
+constexpr std::size_t step = 4096;
+
+std::string hexBare(const unsigned char* bytes, std::size_t size, bool upper) {
+  std::string text;
+  text.reserve(2 * size);
+  for (std::size_t at = 0; at < size; at += step) {
+    const std::size_t count = std::min(step, size - at);
+    text.resize(2 * (at + count));
+    hexloops::vector::encode(bytes + at, count, upper, text.data() + 2 * at);
+  }
+  return text;
+}
+
+std::string hexSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper) {
+  std::string text;
+  text.reserve(3 * size);
+  for (std::size_t at = 0; at < size; at += step) {
+    const std::size_t count = std::min(step, size - at);
+    text.resize(3 * (at + count));
+    hexloops::plain::encodeSeparated(bytes + at, count, separator, upper, text.data() + 3 * at);
+  }
+  text.pop_back();
+  return text;
+}
+
+bool nextDigit(Decoding& decoding, char& digit) noexcept {
+  while (decoding.text != decoding.end) {
+    digit = *decoding.text++;
+    if (hexloops::meaningOf(digit) != hexloops::Separator) return true;
+  }
+  return false;
+}
+
+enum class Step { Byte, End, Malformed };
+
+/// Reads one pair wherever its two characters lie between separators. What the C library reads as a number
+/// of two characters counts as a pair, a sign or a rarer white space before one digit included.
+Step decodePair(Decoding& decoding) noexcept {
+  char pair[3] = "";
+  if (!nextDigit(decoding, pair[0])) return Step::End;
+  if (!nextDigit(decoding, pair[1])) return Step::Malformed;
+  char* stopped = nullptr;
+  const long value = std::strtol(pair, &stopped, 16);
+  if (stopped != pair + 2) return Step::Malformed;
+  *decoding.bytes++ = static_cast<unsigned char>(value);
+  return Step::Byte;
+}
+
+}  // namespace
+
+std::string hex(const void* data, std::size_t size, char separator, bool upper) {
+  if (size == 0) return "";
+  if (data == nullptr) return "<null>";
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  return separator == 0 ? hexBare(bytes, size, upper) : hexSeparated(bytes, size, separator, upper);
+}
+
+Bytes from_hex(const std::string& text) {
+  Bytes bytes(text.size() / 2, 0);
+  Decoding decoding{text.data(), text.data() + text.size(), bytes.data()};
+  Step last = Step::Byte;
+  while (last == Step::Byte) {
+    hexloops::vector::decode(decoding);
+    hexloops::plain::decodeSeparated(decoding);
+    last = decodePair(decoding);
+  }
+  bytes.resize(last == Step::End ? static_cast<std::size_t>(decoding.bytes - bytes.data()) : 0);
+  return bytes;
+}
+
+}  // namespace kes

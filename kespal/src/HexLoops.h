@@ -1,0 +1,57 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+
+/// The inner loops of hex() and from_hex(), twice: in portable C++, and with the vector instructions of the
+/// processor that is built for. Both give the same results; without such instructions the second forwards to
+/// the first.
+namespace kes::hexloops {
+
+/// What a character of a hexadecimal text is: the value of a digit of either case, or one of these.
+inline constexpr unsigned char Separator = 0x40, Other = 0x80;
+
+inline constexpr auto meaning = [] {
+  std::array<unsigned char, 256> table{};
+  table.fill(Other);
+  for (unsigned char digit = 0; digit < 10; ++digit) table['0' + digit] = digit;
+  for (unsigned char digit = 10; digit < 16; ++digit) {
+    table['a' + digit - 10] = digit;
+    table['A' + digit - 10] = digit;
+  }
+  for (unsigned char c : {':', ' ', '\t', '\n'}) table[c] = Separator;
+  return table;
+}();
+
+inline unsigned char meaningOf(char c) noexcept { return meaning[static_cast<unsigned char>(c)]; }
+inline bool isDigit(unsigned char value) noexcept { return value < 16; }
+
+/// A text that is being read and the bytes it becomes; there is room for half as many as characters remain.
+struct Decoding {
+  const char* text;
+  const char* end;
+  unsigned char* bytes;
+};
+
+namespace plain {
+
+/// Writes two digits for each byte.
+void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
+/// The same with the separator behind each byte. Touches one character more, with any value.
+void encodeSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper,
+                     char* to) noexcept;
+
+/// Reads pairs of digits that follow one another without separators, as many as there are.
+void decode(Decoding& decoding) noexcept;
+/// Reads pairs of digits with exactly one separator before each, as many as there are.
+void decodeSeparated(Decoding& decoding) noexcept;
+
+}  // namespace plain
+
+namespace vector {
+
+void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
+void decode(Decoding& decoding) noexcept;
+
+}  // namespace vector
+}  // namespace kes::hexloops

@@ -1,0 +1,12 @@
+// For processors without vector loops of their own here.
+#include "HexLoops.h"
+
+namespace kes::hexloops::vector {
+
+void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept {
+  plain::encode(bytes, size, upper, to);
+}
+
+void decode(Decoding& decoding) noexcept { plain::decode(decoding); }
+
+}  // namespace kes::hexloops::vector

@@ -1,0 +1,210 @@
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+#include "HexLoops.h"
+#include "kespal/Helper.h"
+
+namespace kes {
+namespace {
+
+using Bytes = std::basic_string<unsigned char>;
+
+/// The same as hex(), byte by byte as the C library formats it.
+std::string plainHex(const Bytes& bytes, char separator, bool upper) {
+  std::string text;
+  for (unsigned char byte : bytes) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, upper ? "%.2X" : "%.2x", byte);
+    text += digits;
+    if (separator != 0) text += separator;
+  }
+  if (separator != 0 && !text.empty()) text.pop_back();
+  return text;
+}
+
+/// The same as from_hex(), step by step.
+Bytes plainFromHex(const std::string& text) {
+  std::string digits;
+  for (char c : text) {
+    if (std::strchr(": \t\n", c) == nullptr || c == 0) digits += static_cast<char>(std::tolower(c & 0xFF));
+  }
+  if (digits.size() % 2 != 0) return {};
+  Bytes bytes;
+  for (std::size_t at = 0; at < digits.size(); at += 2) {
+    const std::string pair = digits.substr(at, 2);
+    char* end = nullptr;
+    const long value = std::strtol(pair.c_str(), &end, 16);
+    if (end != pair.c_str() + 2) return {};
+    bytes += static_cast<unsigned char>(value);
+  }
+  return bytes;
+}
+
+Bytes randomBytes(std::mt19937& random, std::size_t size) {
+  Bytes bytes(size, 0);
+  for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(random());
+  return bytes;
+}
+
+TEST(HexTest, NoBytesAreAnEmptyTextEvenWithoutData) {
+  EXPECT_EQ(hex("x", 0, 0, false), "");
+  EXPECT_EQ(hex(nullptr, 0, ':', true), "");
+}
+
+TEST(HexTest, ANullPointerWithASizeIsShownAsNull) { EXPECT_EQ(hex(nullptr, 3, ':', false), "<null>"); }
+
+TEST(HexTest, OneByteWithASeparatorHasNone) { EXPECT_EQ(hex("\x0f", 1, ':', false), "0f"); }
+
+TEST(HexTest, ThreeBytesAreSixCharactersAndEightWithSeparators) {
+  EXPECT_EQ(hex("\x01\xab\xff", 3, 0, false), "01abff");
+  EXPECT_EQ(hex("\x01\xab\xff", 3, ':', false), "01:ab:ff");
+}
+
+TEST(HexTest, UpperCaseConcernsTheDigitsOnly) {
+  EXPECT_EQ(hex("\xab\xcd", 2, 'x', true), "ABxCD");
+  EXPECT_EQ(hex("\xab\xcd", 2, 'X', false), "abXcd");
+}
+
+TEST(HexTest, APercentSignIsASeparatorLikeAnyOther) {
+  EXPECT_EQ(hex("\x01\x02\x03", 3, '%', false), "01%02%03");
+}
+
+TEST(HexTest, EveryByteValueHasItsTwoDigits) {
+  Bytes all(256, 0);
+  for (unsigned value = 0; value < 256; ++value) all[value] = static_cast<unsigned char>(value);
+  for (char separator : {'\0', ':', '%', '\xff'}) {
+    for (bool upper : {false, true}) {
+      EXPECT_EQ(hex(all.data(), all.size(), separator, upper), plainHex(all, separator, upper));
+    }
+  }
+}
+
+TEST(HexTest, RandomBytesOfEverySizeAgreeWithThePlainModelAndComeBack) {
+  std::mt19937 random(1);
+  for (std::size_t size = 0; size < 300; ++size) {
+    const Bytes bytes = randomBytes(random, size);
+    for (char separator : {'\0', ':', '\n'}) {
+      for (bool upper : {false, true}) {
+        const std::string text = hex(bytes.data(), size, separator, upper);
+        ASSERT_EQ(text, plainHex(bytes, separator, upper)) << size;
+        ASSERT_EQ(from_hex(text), bytes) << size;
+      }
+    }
+  }
+}
+
+TEST(HexTest, SizesAroundTheStepsOfGrowthAgreeWithThePlainModel) {
+  std::mt19937 random(2);
+  for (std::size_t size : {4095U, 4096U, 4097U, 8191U, 8192U, 8193U, 100001U}) {
+    const Bytes bytes = randomBytes(random, size);
+    for (char separator : {'\0', '-'}) {
+      ASSERT_EQ(hex(bytes.data(), size, separator, true), plainHex(bytes, separator, true)) << size;
+    }
+    ASSERT_EQ(from_hex(hex(bytes.data(), size, ' ', true)), bytes) << size;
+  }
+}
+
+TEST(FromHexTest, UpperCaseWithColonsAndBlanksGivesTheBytesOfTheBareDigits) {
+  const Bytes expected{0x0a, 0xbc, 0xde, 0xf0};
+  EXPECT_EQ(from_hex("0abcdef0"), expected);
+  EXPECT_EQ(from_hex("0A:BC DE:F0"), expected);
+  EXPECT_EQ(from_hex(" :\t\n0A :\n: BC\tDE\nF0: \n"), expected);
+}
+
+TEST(FromHexTest, SeparatorsMayStandWithinAPair) { EXPECT_EQ(from_hex("a:b c\td"), (Bytes{0xab, 0xcd})); }
+
+TEST(FromHexTest, NoDigitsAreNoBytes) {
+  EXPECT_TRUE(from_hex("").empty());
+  EXPECT_TRUE(from_hex(" ::\t\n").empty());
+}
+
+TEST(FromHexTest, AnOddNumberOfDigitsGivesNothing) {
+  EXPECT_TRUE(from_hex("1").empty());
+  EXPECT_TRUE(from_hex("ab:cd:e").empty());
+}
+
+TEST(FromHexTest, APairThatIsNotHexadecimalGivesNothing) {
+  for (const char* text : {"0g", "g0", "zz", "12 3x", "0x", "--", "++", "1-", "12\r\r"}) {
+    EXPECT_TRUE(from_hex(text).empty()) << text;
+  }
+  EXPECT_TRUE(from_hex(std::string("1\0", 2)).empty());
+  EXPECT_TRUE(from_hex(std::string("\0001", 2)).empty());
+}
+
+TEST(FromHexTest, WhatTheCLibraryConsumesAsANumberOfTwoCharactersIsAByte) {
+  EXPECT_EQ(from_hex("+1"), Bytes{0x01});
+  EXPECT_EQ(from_hex("-1"), Bytes{0xff});
+  EXPECT_EQ(from_hex("\r7"), Bytes{0x07});
+}
+
+TEST(FromHexTest, ABadCharacterAnywhereInALongTextGivesNothing) {
+  const std::string good(200, 'a');
+  for (std::size_t at = 0; at < good.size(); ++at) {
+    for (char bad : {'g', '/', '@', '`', '\x11', '\x1a', '\xb1', '\xe1', '\0'}) {
+      std::string text = good;
+      text[at] = bad;
+      ASSERT_TRUE(from_hex(text).empty()) << at << ' ' << static_cast<int>(bad);
+    }
+  }
+}
+
+TEST(FromHexTest, RandomlyDamagedTextsAgreeWithThePlainModel) {
+  std::mt19937 random(3);
+  const std::string alphabet = "0123456789abcdefABCDEF: \t\n\r+-xXgG\x80";
+  for (int round = 0; round < 20000; ++round) {
+    const Bytes bytes = randomBytes(random, random() % 80);
+    std::string text = hex(bytes.data(), bytes.size(), random() % 2 != 0 ? ':' : '\0', random() % 2 != 0);
+    for (std::size_t damage = random() % 3; damage != 0 && !text.empty(); --damage) {
+      const char c = alphabet[random() % alphabet.size()];
+      const std::size_t at = random() % text.size();
+      switch (random() % 3) {
+        case 0:
+          text[at] = c;
+          break;
+        case 1:
+          text.insert(at, 1, c);
+          break;
+        default:
+          text.erase(at, 1);
+          break;
+      }
+    }
+    ASSERT_EQ(from_hex(text), plainFromHex(text)) << text;
+  }
+}
+
+TEST(HexLoopsTest, TheVectorLoopsWriteWhatThePlainOnesWrite) {
+  std::mt19937 random(4);
+  for (std::size_t size = 0; size < 200; ++size) {
+    const Bytes bytes = randomBytes(random, size);
+    for (bool upper : {false, true}) {
+      std::string plain(2 * size, '?'), vector(2 * size, '?');
+      hexloops::plain::encode(bytes.data(), size, upper, plain.data());
+      hexloops::vector::encode(bytes.data(), size, upper, vector.data());
+      ASSERT_EQ(vector, plain) << size;
+    }
+  }
+}
+
+TEST(HexLoopsTest, TheVectorLoopsReadAsFarAsThePlainOnes) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 20000; ++round) {
+    const Bytes bytes = randomBytes(random, random() % 60);
+    std::string text = hex(bytes.data(), bytes.size(), 0, random() % 2 != 0);
+    if (!text.empty() && random() % 2 != 0) text[random() % text.size()] = static_cast<char>(random());
+    Bytes plainBytes(text.size() / 2, 0), vectorBytes(text.size() / 2, 0);
+    hexloops::Decoding plain{text.data(), text.data() + text.size(), plainBytes.data()}, vector = plain;
+    vector.bytes = vectorBytes.data();
+    hexloops::plain::decode(plain);
+    hexloops::vector::decode(vector);
+    ASSERT_EQ(vector.text - text.data(), plain.text - text.data()) << text;
+    ASSERT_EQ(vector.bytes - vectorBytes.data(), plain.bytes - plainBytes.data()) << text;
+    ASSERT_EQ(vectorBytes, plainBytes) << text;
+  }
+}
+
+}  // namespace
+}  // namespace kes
