@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+namespace kes {
+
+/// The process's locale, chosen once at start-up from a few languages. Selecting one changes the whole
+/// process (setlocale) and must not run while other threads use the locale.
+class Locale {
+ public:
+  enum Language : int { English, German, French, GermanAustria, System };
+
+  /// Selects a language's locale; System, and any other value, takes the locale from the environment. A
+  /// language that was selected is passed on to child processes in LC_ALL (not for System). Then fills
+  /// m_locale_dir. A locale that the system does not have is no error: the one in force stays.
+  static void init(Language language);
+
+  /// The language now in force, by the name of the message locale. System means that the untranslated
+  /// texts apply, as they do for every English locale.
+  static Language language();
+
+  static std::string m_locale_dir;  ///< where the message catalogues lie; empty when there are none
+  static std::string m_locale_env;  ///< the environment variable that names that directory
+};
+
+}  // namespace kes

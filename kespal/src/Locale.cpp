@@ -1,0 +1,66 @@
+#include "kespal/Locale.h"
+
+#include <clocale>
+
+#include "kespal/error/Exception.h"
+#include "kespal/gettext.h"
+#include "kespal/proc/Env.h"
+
+namespace kes {
+
+std::string Locale::m_locale_dir;
+std::string Locale::m_locale_env = std::string("KES_I18N") + "_DIR";
+
+namespace {
+
+const char* localeName(Locale::Language language) {
+  switch (language) {
+    case Locale::English:
+      return "en_US.utf8";
+    case Locale::German:
+      return "de_DE.utf8";
+    case Locale::French:
+      return "fr_FR.utf8";
+    case Locale::GermanAustria:
+      return "de_AT.utf8";
+    case Locale::System:
+      break;
+  }
+  return "";
+}
+
+void exportToChildren(const std::string& name) {
+  try {
+    proc::Env::set("LC_ALL", name.c_str());
+  } catch (const Exception&) {
+    // Without memory for the variable the children take their locale from elsewhere; ours is set.
+  }
+}
+
+std::string lowerCase(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+}  // namespace
+
+void Locale::init(Language language) {
+  const char* selected = std::setlocale(LC_ALL, localeName(language));
+  if (selected != nullptr && language != System) exportToChildren(selected);
+  findLocaleDir(m_locale_dir);
+}
+
+Locale::Language Locale::language() {
+  const char* current = std::setlocale(LC_MESSAGES, nullptr);
+  const std::string name = lowerCase(current != nullptr ? current : "");
+  const auto contains = [&name](const char* part) { return name.find(part) != name.npos; };
+  if (contains("de_at")) return GermanAustria;
+  if (contains("de_")) return German;
+  if (name == "c" || name == "posix") return English;
+  if (contains("fr_")) return French;
+  return System;
+}
+
+}  // namespace kes

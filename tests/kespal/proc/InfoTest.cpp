@@ -1,0 +1,92 @@
+#include "kespal/proc/Info.h"
+
+#include <dlfcn.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "kespal/error/DynError.h"
+#include "kespal/error/OsError.h"
+
+namespace {
+/// What readlink() is made to answer; the real one otherwise.
+std::size_t g_linkLength = 0;
+int g_linkError = 0;
+}  // namespace
+
+extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) noexcept {
+  if (g_linkError != 0) {
+    errno = g_linkError;
+    return -1;
+  }
+  if (g_linkLength != 0) {
+    std::memset(buffer, 'x', std::min(size, g_linkLength));
+    return static_cast<ssize_t>(std::min(size, g_linkLength));
+  }
+  static const auto real = reinterpret_cast<decltype(&::readlink)>(::dlsym(RTLD_NEXT, "readlink"));
+  return real(path, buffer, size);
+}
+
+namespace kes::proc {
+namespace {
+
+TEST(ProcInfoTest, ExeIsThePathOfTheRunningProgram) {
+  EXPECT_EQ(static_cast<std::string>(Info::exe()), std::filesystem::read_symlink("/proc/self/exe").string());
+}
+
+TEST(ProcInfoTest, AnExecutablePathThatJustFitsIsGivenWhole) {
+  g_linkLength = 1023;
+  EXPECT_EQ(Info::exe().size(), 1023U);
+}
+
+TEST(ProcInfoTest, AnExecutablePathThatIsTooLargeRaisesDynErrorThatSaysHowMuchIsNeeded) {
+  g_linkLength = 1024;
+  try {
+    (void)Info::exe();
+    FAIL();
+  } catch (const DynError& error) {
+    EXPECT_EQ(error.text(), "Executable path too large. Got: 1024 bytes, need 1025 bytes.");
+    EXPECT_STREQ(error.file(), "src/os/linux/proc/Info");
+    EXPECT_EQ(error.line(), 97);
+    EXPECT_STREQ(error.function(), "exe");
+  }
+}
+
+TEST(ProcInfoTest, AnExecutablePathThatTheSystemDoesNotTellRaisesOsError) {
+  g_linkError = EACCES;
+  try {
+    (void)Info::exe();
+    FAIL();
+  } catch (const OsError& error) {
+    EXPECT_EQ(error.errnum(), EACCES);
+    EXPECT_STREQ(error.function(), "exe");
+  }
+}
+
+TEST(ProcInfoTest, RunningFindsThisProcessByItsCommandName) {
+  ::prctl(PR_SET_NAME, "kes-info-probe");
+  EXPECT_TRUE(Info::running("kes-info-probe").contains(::getpid()));
+}
+
+TEST(ProcInfoTest, RunningComparesTheFirstFifteenBytesOfALongName) {
+  ::prctl(PR_SET_NAME, "kes-fifteen-abc");
+  EXPECT_TRUE(Info::running("kes-fifteen-abcdefgh").contains(::getpid()));
+  EXPECT_FALSE(Info::running("kes-fifteen-ab").contains(::getpid()));
+}
+
+TEST(ProcInfoTest, RunningFindsANameThatHoldsBlanks) {
+  ::prctl(PR_SET_NAME, "kes (a b) c");
+  EXPECT_TRUE(Info::running("kes (a b) c").contains(::getpid()));
+}
+
+TEST(ProcInfoTest, RunningFindsNothingForAnUnknownOrEmptyName) {
+  EXPECT_TRUE(Info::running("kes-nobody-here").empty());
+  EXPECT_TRUE(Info::running("").empty());
+}
+
+}  // namespace
+}  // namespace kes::proc
