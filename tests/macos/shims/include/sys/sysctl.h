@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+inline constexpr int CTL_KERN = 1;
+inline constexpr int KERN_PROC = 14;
+inline constexpr int KERN_PROC_ALL = 0;
+inline constexpr int MAXCOMLEN = 16;
+
+/// The fields that are read here, of the many that the platform's records have.
+struct extern_proc {
+  pid_t p_pid;
+  char p_comm[MAXCOMLEN + 1];
+};
+struct kinfo_proc {
+  extern_proc kp_proc;
+};
+
+extern "C" int sysctl(int* name, unsigned int length, void* old, std::size_t* oldSize, void* next,
+                      std::size_t nextSize);
