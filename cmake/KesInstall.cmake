@@ -1,9 +1,9 @@
 include(CMakePackageConfigHelpers)
 
-foreach(library kespal kesos)
+foreach(library kespal kesos pcaplib)
   install(DIRECTORY ${library}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endforeach()
-install(TARGETS kespal kesos EXPORT kes)
+install(TARGETS kespal kesos pcaplib EXPORT kes)
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/kes)
 install(EXPORT kes NAMESPACE kes:: DESTINATION ${packageDir})

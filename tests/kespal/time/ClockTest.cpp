@@ -6,51 +6,19 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <optional>
 #include <type_traits>
 
 #include "kespal/error/OsError.h"
 #include "support/ForkedChild.h"
-
-// Every reading of the platform library comes through here (linker option --wrap).
-namespace {
-std::optional<::timespec> scriptedTime;
-int scriptedErrno = 0;
-clockid_t lastClockRead = -1;
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-extern "C" int __real_clock_gettime(clockid_t id, ::timespec* now);
-extern "C" int __wrap_clock_gettime(clockid_t id, ::timespec* now) {
-  lastClockRead = id;
-  if (scriptedErrno != 0) {
-    errno = scriptedErrno;
-    return -1;
-  }
-  if (!scriptedTime) return __real_clock_gettime(id, now);
-  *now = *scriptedTime;
-  return 0;
-}
-// NOLINTEND(bugprone-reserved-identifier)
+#include "support/ScriptedClock.h"
 
 namespace kes::time {
 namespace {
 
 using test::inChild;
+using test::ScriptedClock;
 
 constexpr std::int32_t second = 1'000'000'000;
-
-/// Makes the clocks read one chosen time, or fail, until the object dies.
-class ScriptedClock {
- public:
-  ScriptedClock(time_t sec, long nsec) { set(sec, nsec); }
-  ~ScriptedClock() {
-    scriptedTime.reset();
-    scriptedErrno = 0;
-  }
-  void set(time_t sec, long nsec) { scriptedTime = ::timespec{.tv_sec = sec, .tv_nsec = nsec}; }
-  void fail(int errnum) { scriptedErrno = errnum; }
-};
 
 class ClockTest : public testing::Test {
  protected:
@@ -124,13 +92,13 @@ TEST_F(ClockTest, ARealtimeClockHoldsTheCalendarTimeOfItsMaking) {
 
 TEST_F(ClockTest, EachClockReadsItsOwnService) {
   RealtimeClock realtime;
-  EXPECT_EQ(lastClockRead, CLOCK_REALTIME);
+  EXPECT_EQ(ScriptedClock::lastRead(), CLOCK_REALTIME);
   MonotonicClock monotonic;
-  EXPECT_EQ(lastClockRead, CLOCK_MONOTONIC);
+  EXPECT_EQ(ScriptedClock::lastRead(), CLOCK_MONOTONIC);
   realtime.update();
-  EXPECT_EQ(lastClockRead, CLOCK_REALTIME);
+  EXPECT_EQ(ScriptedClock::lastRead(), CLOCK_REALTIME);
   InitClock init;
-  EXPECT_EQ(lastClockRead, CLOCK_MONOTONIC);
+  EXPECT_EQ(ScriptedClock::lastRead(), CLOCK_MONOTONIC);
 }
 
 TEST_F(ClockTest, AMonotonicClockIsNeverSetBack) {

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+
+/// What kind of packets a capture holds: an index into `cap_types`.
+using PCAP_TYPE = unsigned int;
+inline constexpr PCAP_TYPE PCAP_ETHERNET = 0;
+inline constexpr PCAP_TYPE PCAP_PPP = 1;
+inline constexpr PCAP_TYPE PCAP_IP = 2;
+
+/// One kind of capture and the file that it is written to.
+struct CaptureType {
+  std::uint32_t linkType;  ///< link-layer type in the file's header
+  char name[16];           ///< substituted into the file's name, NUL-padded
+  std::uint8_t opened;     ///< 1 once DumpOpen() has created the file
+  char path[1024];         ///< built by DumpOpen()
+};
+
+/// The process-wide table behind the two functions. There is no lock: one thread writes captures.
+extern CaptureType cap_types[3];
+
+/// Starts a capture: creates the file with mode 0666 less the umask, or empties it, and writes the file
+/// header. In `fileName`, "%s" and "%1$s" stand for the type's name and "%2$s" (and a second "%s") for
+/// `fileName` itself, with printf's flags, width and precision; "%%" is "%"; all else is taken as it
+/// stands. Null or empty means "/kes_dump_%s.pcap". False when the file cannot be opened, the name does
+/// not fit the table, or there is no such type.
+bool DumpOpen(const char* fileName, PCAP_TYPE type);
+
+/// Appends one packet of `length` bytes, stamped with the wall clock, in one write; the file is opened and
+/// closed around it, so that it is complete at every moment. A file that is empty gets its header first; a
+/// type that was not opened is opened under the default name. False when the file cannot be opened or
+/// there is no such type; a failed write (a full disk) loses the packet without a word and leaves the file
+/// readable. Raises kes::OsError when the clock cannot be read.
+bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type);

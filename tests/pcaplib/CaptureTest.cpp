@@ -1,0 +1,397 @@
+#include "pcaplib/capture.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+#include "kespal/error/OsError.h"
+#include "kespal/time/Clock.h"
+#include "support/ForkedChild.h"
+#include "support/PcapFile.h"
+#include "support/ScriptedClock.h"
+#include "support/TempDir.h"
+
+// Every file that the writer opens comes through here (linker option --wrap).
+namespace {
+int lastOpenFlags = 0;
+}
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+extern "C" int __real_open(const char* path, int flags, mode_t mode);
+extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
+  lastOpenFlags = flags;
+  return __real_open(path, flags, mode);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+using kes::test::inChild;
+using kes::test::PcapFile;
+using kes::test::readFile;
+using kes::test::ScriptedClock;
+using kes::test::TempDir;
+using kes::test::writeFile;
+
+bool dump(const std::string& packet, PCAP_TYPE type = PCAP_ETHERNET) {
+  return DumpPacket(reinterpret_cast<const unsigned char*>(packet.data()),
+                    static_cast<unsigned int>(packet.size()), type);
+}
+
+bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+class CaptureTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    kes::time::ClockBase::init();
+    std::memcpy(cap_types, pristine_, sizeof pristine_);
+  }
+
+  static void SetUpTestSuite() { std::memcpy(pristine_, cap_types, sizeof pristine_); }
+
+  TempDir dir_;
+  const std::string file_ = dir_ / "capture.pcap";
+
+ private:
+  static inline CaptureType pristine_[3];
+};
+
+TEST_F(CaptureTest, TheTableStartsWithThreeTypesNoneOpened) {
+  static_assert(std::is_unsigned_v<PCAP_TYPE>);
+  static_assert(sizeof cap_types == 3 * sizeof(CaptureType));
+  EXPECT_EQ(cap_types[0].linkType, 1U);
+  EXPECT_EQ(cap_types[1].linkType, 9U);
+  EXPECT_EQ(cap_types[2].linkType, 12U);
+  EXPECT_STREQ(cap_types[0].name, "eth");
+  EXPECT_STREQ(cap_types[1].name, "ppp");
+  EXPECT_STREQ(cap_types[2].name, "ip");
+  for (const CaptureType& entry : cap_types) {
+    EXPECT_EQ(entry.opened, 0);
+    EXPECT_STREQ(entry.path, "");
+    EXPECT_EQ(std::string(entry.name, sizeof entry.name).find_last_not_of('\0') + 1, std::strlen(entry.name));
+  }
+}
+
+TEST_F(CaptureTest, AnEntryHasItsFieldsInOrder) {
+  static_assert(offsetof(CaptureType, linkType) == 0);
+  static_assert(offsetof(CaptureType, name) == 4);
+  static_assert(offsetof(CaptureType, opened) == 20);
+  static_assert(offsetof(CaptureType, path) == 21);
+  static_assert(sizeof(CaptureType::name) == 16 && sizeof(CaptureType::path) >= 1024);
+}
+
+TEST_F(CaptureTest, ANewFileIsTheTwentyFourBytesOfTheHeader) {
+  const char golden[] =
+      "\xD4\xC3\xB2\xA1\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\xFF\xFF\x00\x00\x01\x00\x00\x00";
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  EXPECT_EQ(readFile(file_), std::string(golden, 24));
+  EXPECT_EQ(cap_types[0].opened, 1);
+  EXPECT_EQ(cap_types[0].path, file_);
+}
+
+TEST_F(CaptureTest, APacketIsItsHeaderAndItsBytes) {
+  const ScriptedClock script(0x01020304, 123'456'789);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("abcde"));
+  const char golden[] =
+      "\x04\x03\x02\x01\x40\xE2\x01\x00\x05\x00\x00\x00\x05\x00\x00\x00"
+      "abcde";
+  EXPECT_EQ(readFile(file_).substr(24), std::string(golden, 21));
+}
+
+TEST_F(CaptureTest, EachTypeWritesItsLinkTypeAndItsOwnFile) {
+  for (PCAP_TYPE type : {PCAP_ETHERNET, PCAP_PPP, PCAP_IP}) {
+    ASSERT_TRUE(DumpOpen((dir_ / "cap_%s.pcap").c_str(), type));
+    ASSERT_TRUE(dump("packet " + std::to_string(type), type));
+  }
+  PCAP_TYPE type = 0;
+  for (const char* name : {"cap_eth.pcap", "cap_ppp.pcap", "cap_ip.pcap"}) {
+    const PcapFile file = PcapFile::parse(readFile(dir_ / name));
+    EXPECT_EQ(file.linkType, cap_types[type].linkType);
+    EXPECT_EQ(file.packets(), std::vector{"packet " + std::to_string(type)});
+    ++type;
+  }
+}
+
+TEST_F(CaptureTest, ANameWithAConversionHoldsTheTypesName) {
+  ASSERT_TRUE(DumpOpen((dir_ / "x_%s").c_str(), 0));
+  EXPECT_TRUE(exists(dir_ / "x_eth"));
+}
+
+TEST_F(CaptureTest, ASecondConversionIsTheNameItself) {
+  const auto child = inChild([this] {
+    if (::chdir(dir_.path().c_str()) != 0) return 1;
+    return DumpOpen("x%s-%s", 1) ? 0 : 2;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_TRUE(exists(dir_ / "xppp-x%s-%s"));
+}
+
+TEST_F(CaptureTest, APlainNameIsUsedAsItStands) {
+  ASSERT_TRUE(DumpOpen((dir_ / "-trace").c_str(), 0));
+  EXPECT_TRUE(exists(dir_ / "-trace"));
+}
+
+TEST_F(CaptureTest, OtherConversionsInANameAreHarmless) {
+  ASSERT_TRUE(DumpOpen((dir_ / "%n%d%c%x%").c_str(), 0));
+  EXPECT_TRUE(exists(dir_ / "%n%d%c%x%"));
+}
+
+TEST_F(CaptureTest, AnEmptyNameIsTheDefaultInTheRootDirectory) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root: the root directory of the test is made by chroot";
+  for (const char* name : {static_cast<const char*>(nullptr), ""}) {
+    const auto child = inChild([this, name] {
+      if (::chroot(dir_.path().c_str()) != 0) return 1;
+      return DumpOpen(name, PCAP_ETHERNET) && DumpOpen(name, PCAP_IP) && dump("abc") ? 0 : 2;
+    });
+    ASSERT_EQ(child.exitCode(), 0);
+    EXPECT_EQ(readFile(dir_ / "kes_dump_eth.pcap").size(), 24U + 16 + 3);
+    EXPECT_EQ(readFile(dir_ / "kes_dump_ip.pcap").size(), 24U);
+  }
+}
+
+TEST_F(CaptureTest, APacketOfATypeThatWasNotOpenedOpensTheDefaultFile) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root: the root directory of the test is made by chroot";
+  const auto child = inChild([this] {
+    if (::chroot(dir_.path().c_str()) != 0) return 1;
+    return dump("one", PCAP_PPP) && dump("two", PCAP_PPP) && cap_types[1].opened == 1 ? 0 : 2;
+  });
+  ASSERT_EQ(child.exitCode(), 0);
+  const PcapFile file = PcapFile::parse(readFile(dir_ / "kes_dump_ppp.pcap"));
+  EXPECT_EQ(file.linkType, 9U);
+  EXPECT_EQ(file.packets(), (std::vector<std::string>{"one", "two"}));
+}
+
+TEST_F(CaptureTest, APacketWhoseDefaultFileCannotBeOpenedIsRefused) {
+  const auto child = kes::test::asNobody([] {
+    if (::access("/", W_OK) == 0) return 3;
+    return !dump("abc") && cap_types[0].opened == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+TEST_F(CaptureTest, AFileGrowsBySixteenAndTheLengthPerPacket) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  std::size_t size = 24;
+  for (std::size_t length :
+       {0U, 1U, 2U, 3U, 64U, 1500U, 4080U, 4095U, 4096U, 4097U, 65535U, 65536U, 200'000U}) {
+    ASSERT_TRUE(dump(std::string(length, 'x')));
+    size += 16 + length;
+    EXPECT_EQ(readFile(file_).size(), size);
+  }
+}
+
+TEST_F(CaptureTest, APacketLongerThanTheSnapshotLengthIsWrittenWhole) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump(std::string(70'000, 'y')));
+  const PcapFile file = PcapFile::parse(readFile(file_));
+  ASSERT_EQ(file.records.size(), 1U);
+  EXPECT_EQ(file.records[0].wireLength, 70'000U);
+  EXPECT_EQ(file.records[0].bytes, std::string(70'000, 'y'));
+}
+
+TEST_F(CaptureTest, AnEmptyPacketMayHaveNoData) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(DumpPacket(nullptr, 0, 0));
+  EXPECT_EQ(PcapFile::parse(readFile(file_)).packets(), std::vector<std::string>{""});
+}
+
+TEST_F(CaptureTest, UnreadableDataLeavesTheFileAsItWas) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("abc"));
+  DumpPacket(nullptr, 100, 0);
+  EXPECT_EQ(PcapFile::parse(readFile(file_)).packets(), std::vector<std::string>{"abc"});
+  EXPECT_EQ(readFile(file_).size(), 24U + 19);
+}
+
+TEST_F(CaptureTest, ASecondRunStartsTheFileAfresh) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("old"));
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  EXPECT_EQ(readFile(file_).size(), 24U);
+  ASSERT_TRUE(dump("new"));
+  EXPECT_EQ(PcapFile::parse(readFile(file_)).packets(), std::vector<std::string>{"new"});
+}
+
+TEST_F(CaptureTest, AFileEmptiedBetweenPacketsGetsANewHeader) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("lost"));
+  ASSERT_EQ(::truncate(file_.c_str(), 0), 0);
+  ASSERT_TRUE(dump("kept"));
+  const PcapFile file = PcapFile::parse(readFile(file_));
+  EXPECT_TRUE(file.hasHeader);
+  EXPECT_EQ(file.packets(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(CaptureTest, AFileRemovedBetweenPacketsIsMadeAgain) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_EQ(::unlink(file_.c_str()), 0);
+  ASSERT_TRUE(dump("kept"));
+  EXPECT_EQ(PcapFile::parse(readFile(file_)).packets(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(CaptureTest, TimestampsAreCutToMicroseconds) {
+  ScriptedClock script(1'700'000'000, 999'999'999);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("abc"));
+  script.set(4'294'967'295, 999);
+  ASSERT_TRUE(dump("abc"));
+  const PcapFile file = PcapFile::parse(readFile(file_));
+  EXPECT_EQ(file.records[0].seconds, 1'700'000'000U);
+  EXPECT_EQ(file.records[0].microseconds, 999'999U);
+  EXPECT_EQ(file.records[1].seconds, 4'294'967'295U);
+  EXPECT_EQ(file.records[1].microseconds, 0U);
+}
+
+TEST_F(CaptureTest, AFailedClockRaisesWritesNothingAndLeavesNoDescriptor) {
+  ScriptedClock script(1, 0);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  const int before = ::dup(0);
+  ::close(before);
+  script.fail(EPERM);
+  EXPECT_THROW(dump("abc"), kes::OsError);
+  const int after = ::dup(0);
+  ::close(after);
+  EXPECT_EQ(after, before);
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, AFileThatCannotBeMadeGivesFalseAndStaysNotOpened) {
+  EXPECT_FALSE(DumpOpen((dir_ / "no/such/folder").c_str(), 0));
+  EXPECT_FALSE(DumpOpen(dir_.path().c_str(), 0));
+  EXPECT_EQ(cap_types[0].opened, 0);
+}
+
+TEST_F(CaptureTest, APacketWhoseFileCannotBeOpenedGivesFalse) {
+  const std::string folder = dir_ / "folder";
+  ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+  ASSERT_TRUE(DumpOpen((folder + "/file").c_str(), 0));
+  ASSERT_EQ(::rename(folder.c_str(), (dir_ / "moved").c_str()), 0);
+  EXPECT_FALSE(dump("lost"));
+  ASSERT_EQ(::rename((dir_ / "moved").c_str(), folder.c_str()), 0);
+  EXPECT_TRUE(dump("kept"));
+  EXPECT_EQ(PcapFile::parse(readFile(folder + "/file")).packets(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(CaptureTest, ANameThatDoesNotFitIsAnOpenFailureAndNothingIsMade) {
+  std::string name = dir_.path();
+  while (name.size() < 900) name += "/.";
+  name += '/' + std::string(1023 - name.size() - 1, 'n');
+  ASSERT_EQ(name.size(), 1023U);
+  EXPECT_TRUE(DumpOpen(name.c_str(), 0));
+  EXPECT_FALSE(DumpOpen((name + 'n').c_str(), 0));
+  EXPECT_FALSE(exists(name + 'n'));
+  EXPECT_FALSE(dump("abc")) << "a packet went into a file that nobody chose";
+  EXPECT_EQ(readFile(name).size(), 24U);
+}
+
+TEST_F(CaptureTest, AnExpansionThatDoesNotFitIsAnOpenFailure) {
+  EXPECT_FALSE(DumpOpen((dir_ / "%99999s").c_str(), 0));
+  EXPECT_FALSE(DumpOpen(
+      (dir_ / "%s%s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s%2$s").c_str(), 0));
+  EXPECT_FALSE(DumpOpen("%.0s", 0)) << "an empty path";
+}
+
+TEST_F(CaptureTest, ATypeAboveTwoGivesFalse) {
+  for (PCAP_TYPE type : {3U, 4U, std::numeric_limits<PCAP_TYPE>::max()}) {
+    EXPECT_FALSE(DumpOpen(file_.c_str(), type));
+    EXPECT_FALSE(dump("abc", type));
+  }
+  EXPECT_FALSE(exists(file_));
+}
+
+TEST_F(CaptureTest, NewFilesHaveTheModeOfTheUmask) {
+  const auto child = inChild([this] {
+    ::umask(027);
+    return DumpOpen(file_.c_str(), 0) ? 0 : 1;
+  });
+  ASSERT_EQ(child.exitCode(), 0);
+  struct stat status;
+  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+TEST_F(CaptureTest, AnExistingFileKeepsItsMode) {
+  writeFile(file_, "old content");
+  ASSERT_EQ(::chmod(file_.c_str(), 0600), 0);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  struct stat status;
+  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, AFifoGetsOneHeaderAndThenTheRecords) {
+  ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+  const int reader = ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("one"));
+  ASSERT_TRUE(dump("two"));
+  std::string bytes(4096, '\0');
+  const ssize_t count = ::read(reader, bytes.data(), bytes.size());
+  ::close(reader);
+  ASSERT_EQ(count, 24 + 2 * 19);
+  bytes.resize(static_cast<std::size_t>(count));
+  EXPECT_EQ(PcapFile::parse(bytes).packets(), (std::vector<std::string>{"one", "two"}));
+}
+
+TEST_F(CaptureTest, DevicesAreWrittenToWithoutComplaint) {
+  ASSERT_TRUE(DumpOpen("/dev/null", 0));
+  EXPECT_TRUE(dump("abc"));
+  ASSERT_TRUE(DumpOpen("/dev/full", 0)) << "failed writes are not reported";
+  EXPECT_TRUE(dump("abc"));
+}
+
+TEST_F(CaptureTest, AWriteCutShortByASizeLimitIsTakenBack) {
+  const auto child = inChild([this] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{1000, 1000};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || !DumpOpen(file_.c_str(), 0)) return 1;
+    for (int i = 0; i < 100; ++i) {
+      if (!dump(std::string(50, 'p'))) return 2;
+      const PcapFile file = PcapFile::parse(readFile(file_));
+      if (!file.hasHeader || file.torn != 0) return 3;
+    }
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(readFile(file_).size(), 24U + 14 * 66);
+}
+
+TEST_F(CaptureTest, AHeaderCutShortIsTakenBackAndWrittenWithTheNextPacket) {
+  const auto child = inChild([this] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit tight{10, 5000}, wide{5000, 5000};
+    if (::setrlimit(RLIMIT_FSIZE, &tight) != 0) return 1;
+    if (!DumpOpen(file_.c_str(), 0) || !readFile(file_).empty()) return 2;
+    if (!dump("lost") || !readFile(file_).empty()) return 3;
+    if (::setrlimit(RLIMIT_FSIZE, &wide) != 0) return 4;
+    return dump("kept") ? 0 : 5;
+  });
+  ASSERT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(PcapFile::parse(readFile(file_)).packets(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(CaptureTest, APathInTheTableMayBeTheNameOfTheNextCapture) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("abc"));
+  ASSERT_TRUE(DumpOpen(cap_types[0].path, 0));
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, FilesAreCloseOnExec) {
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  EXPECT_NE(lastOpenFlags & O_CLOEXEC, 0);
+  ASSERT_TRUE(dump("abc"));
+  EXPECT_NE(lastOpenFlags & O_CLOEXEC, 0);
+}
+
+}  // namespace

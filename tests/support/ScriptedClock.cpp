@@ -1,0 +1,39 @@
+#include "support/ScriptedClock.h"
+
+#include <cerrno>
+#include <optional>
+
+namespace {
+std::optional<::timespec> scriptedTime;
+int scriptedErrno = 0;
+clockid_t lastId = -1;
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+extern "C" int __real_clock_gettime(clockid_t id, ::timespec* now);
+extern "C" int __wrap_clock_gettime(clockid_t id, ::timespec* now) {
+  lastId = id;
+  if (scriptedErrno != 0) {
+    errno = scriptedErrno;
+    return -1;
+  }
+  if (!scriptedTime) return __real_clock_gettime(id, now);
+  *now = *scriptedTime;
+  return 0;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace kes::test {
+
+ScriptedClock::ScriptedClock(time_t sec, long nsec) { set(sec, nsec); }
+
+ScriptedClock::~ScriptedClock() {
+  scriptedTime.reset();
+  scriptedErrno = 0;
+}
+
+void ScriptedClock::set(time_t sec, long nsec) { scriptedTime = ::timespec{.tv_sec = sec, .tv_nsec = nsec}; }
+void ScriptedClock::fail(int errnum) { scriptedErrno = errnum; }
+clockid_t ScriptedClock::lastRead() { return lastId; }
+
+}  // namespace kes::test
