@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdio>
+
+#include "kespal/NoCopy.h"
+
+namespace kes::fs {
+
+/// An advisory lock on a whole file, through a descriptor that somebody else owns and keeps open. It
+/// belongs to the open file description: duplicated descriptors share it, and closing the last of them
+/// releases it. It serialises processes, not the threads of one. Each operation raises OsError; waiting is
+/// ended by a signal handler (EINTR) and not resumed.
+class Lock {
+ public:
+  Lock() noexcept = default;
+  /// Takes the descriptor of a standard stream. UsageError when it has none.
+  explicit Lock(std::FILE* stream);
+
+  /// Takes a descriptor. UsageError for -1.
+  void set(int fd);
+
+  /// Takes the lock together with other readers; waits for a writer.
+  void readLock() const;
+  /// The same without waiting: false when a writer holds the lock.
+  bool tryReadLock() const;
+  /// Takes the lock alone; waits for all others.
+  void writeLock() const;
+  /// The same without waiting: false when anybody holds the lock.
+  bool tryWriteLock() const;
+  /// Gives the lock back; one that is not held is no error.
+  void unlock() const;
+
+ private:
+  int fd_ = -1;
+};
+
+/// Gives a lock, taken before by whoever makes this object, back at the end of a scope. A failure goes to
+/// standard error.
+class ScopedLock : NoCopy {
+ public:
+  explicit ScopedLock(const Lock& lock) noexcept : lock_(lock) {}
+  ~ScopedLock();
+
+ private:
+  Lock lock_;
+};
+
+}  // namespace kes::fs

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "kespal/fs/Path.h"
+
+namespace kes::fs {
+
+/// Where the platform keeps things: asked anew by every call, never created, existing or not. The answers
+/// depend on the environment, which other threads must not change meanwhile.
+class StandardPaths {
+ public:
+  /// The user's application data. macOS: ~/Library/Application Support. Linux: $XDG_DATA_HOME, else
+  /// ~/.local/share.
+  static Path userDataDir();
+  /// The user's documents. Linux: what user-dirs.dirs in $XDG_CONFIG_HOME or ~/.config says, else
+  /// ~/Documents.
+  static Path documentsDir();
+  /// $TMPDIR when it names something that exists, else /tmp.
+  static Path tempDir();
+  /// The user's own temporary directory. Linux: $XDG_RUNTIME_DIR when it is a directory that we own, else
+  /// tempDir().
+  static Path userTempDir();
+  /// The user's logs. macOS: ~/Library/Logs. Linux: "Logs" in $XDG_STATE_HOME, else in ~/.local/state.
+  static Path userLogDir();
+  /// The system's logs. macOS: /Library/Logs. Linux: /var/log.
+  static Path logDir();
+};
+
+}  // namespace kes::fs

@@ -1,0 +1,54 @@
+#include "kespal/fs/Lock.h"
+
+#include <sys/file.h>
+
+#include <cerrno>
+#include <iostream>
+
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
+#include "os/NoCancel.h"
+
+namespace kes::fs {
+
+Lock::Lock(std::FILE* stream) { set(stream != nullptr ? ::fileno(stream) : -1); }
+
+void Lock::set(int fd) {
+  if (fd == -1) raiseAt(KES_HERE, UsageError("assigned fs::Lock an invalid file"));
+  fd_ = fd;
+}
+
+void Lock::readLock() const {
+  if (::flock(fd_, LOCK_SH) != 0) raiseAt(KES_HERE, OsError(errno));
+}
+
+bool Lock::tryReadLock() const {
+  if (::flock(fd_, LOCK_SH | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) raiseAt(KES_HERE, OsError(errno));
+  return false;
+}
+
+void Lock::writeLock() const {
+  if (::flock(fd_, LOCK_EX) != 0) raiseAt(KES_HERE, OsError(errno));
+}
+
+bool Lock::tryWriteLock() const {
+  if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) raiseAt(KES_HERE, OsError(errno));
+  return false;
+}
+
+void Lock::unlock() const {
+  if (::flock(fd_, LOCK_UN) != 0) raiseAt(KES_HERE, OsError(errno));
+}
+
+ScopedLock::~ScopedLock() {
+  const os::NoCancel noCancel;
+  try {
+    lock_.unlock();
+  } catch (const Exception& error) {
+    std::cerr << "Exception caught while destroying file lock:\n" << error.exStack() << '\n';
+  }
+}
+
+}  // namespace kes::fs

@@ -1,0 +1,86 @@
+#include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kespal/Helper.h"
+#include "kespal/NoCopy.h"
+#include "kespal/error/StaticError.h"
+#include "kespal/fs/Ops.h"
+#include "kespal/fs/Path.h"
+#include "kespal/proc/Env.h"
+#include "os/HomeDir.h"
+
+namespace kes::fs {
+
+namespace {
+
+/// The simple rule: no supplementary groups, and root is a user like any other.
+bool isExecutable(const std::string& candidate) noexcept {
+  struct stat status {};
+  if (::stat(candidate.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  const auto mode = status.st_mode;
+  return (mode & S_IXOTH) != 0 || ((mode & S_IXUSR) != 0 && status.st_uid == ::geteuid()) ||
+         ((mode & S_IXGRP) != 0 && status.st_gid == ::getegid());
+}
+
+std::string foundAt(const std::string& program, bool dirOnly) {
+  if (!isExecutable(program)) return {};
+  return dirOnly ? Path(program.c_str()).assignDirname() : program;
+}
+
+/// The matches of a pattern, as the system allocates them.
+struct Matches : NoCopy {
+  glob_t list{};
+  ~Matches() { ::globfree(&list); }
+};
+
+std::string escaped(const std::string& text) {
+  std::string result;
+  for (char c : text) {
+    if (std::string_view("\\*?[]{},~").find(c) != std::string_view::npos) result += '\\';
+    result += c;
+  }
+  return result;
+}
+
+/// Without $HOME one C library looks "~" up in the user database; the other asks for the name that was
+/// used to log in, and leaves the character alone in a process without a terminal.
+std::string withHome(const std::string& pattern) {
+  std::string home;
+  const bool ownHome = pattern == "~" || pattern.starts_with("~/");
+  if (!ownHome || (proc::Env::get("HOME", home) && !home.empty())) return pattern;
+  home = os::databaseHome();
+  return home.empty() ? pattern : escaped(home) + pattern.substr(1);
+}
+
+}  // namespace
+
+std::string Ops::which(const char* program, bool dirOnly) {
+  const std::string name = program != nullptr ? program : "";
+  if (name.starts_with('/')) return foundAt(name, dirOnly);
+  std::string path;
+  if (!proc::Env::get("PATH", path)) return {};
+  std::vector<std::string> directories;
+  helper::split(path, ':', directories, /*strip=*/false, /*keepEmpty=*/false);
+  for (const std::string& directory : directories) {
+    const std::string candidate = directory + '/' + name;
+    if (isExecutable(candidate)) return dirOnly ? directory : candidate;
+  }
+  return {};
+}
+
+std::list<std::string> Ops::glob(const std::string& pattern) {
+  Matches matches;
+  const int result =
+      ::glob(withHome(pattern).c_str(), GLOB_TILDE | GLOB_BRACE | GLOB_NOSORT, nullptr, &matches.list);
+  if (result == GLOB_NOMATCH) return {};
+  if (result != 0) raiseAt(KES_HERE, RuntimeError("read error or out of memory"));
+  return {matches.list.gl_pathv, matches.list.gl_pathv + matches.list.gl_pathc};
+}
+
+}  // namespace kes::fs
