@@ -1,0 +1,53 @@
+#include "Journal.h"
+
+#include "Records.h"
+
+namespace kes::driver {
+
+std::string hexOf(iokit::Bytes bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * bytes.size());
+  for (const std::uint8_t byte : bytes) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 15];
+  }
+  return text;
+}
+
+void Journal::connected(const Session& session) {
+  if (verbose_) line(session, "connected");
+}
+
+void Journal::received(const Session& session, const iokit::Request& request) {
+  if (!verbose_) return;
+  std::string scalars;
+  for (std::size_t i = 0; i < request.header.scalarCount; ++i) {
+    scalars += (i == 0 ? "" : ",") + std::to_string(request.scalar(i));
+  }
+  line(session, std::string("request ") + nameOf(callOf(request)) +
+                    " sequence=" + std::to_string(request.header.sequence) +
+                    " selector=" + std::to_string(request.header.selector) + " scalars=" + scalars +
+                    " structure=" + hexOf(request.structure) +
+                    " scalar-capacity=" + std::to_string(request.header.scalarCapacity) +
+                    " structure-capacity=" + std::to_string(request.header.structureCapacity));
+}
+
+void Journal::malformed(const Session& session, iokit::Bytes datagram) {
+  if (verbose_) line(session, "malformed " + hexOf(datagram));
+}
+
+void Journal::sent(const Session& session, iokit::Bytes datagram) {
+  if (verbose_) line(session, "reply " + hexOf(datagram));
+}
+
+void Journal::closed(const Session& session, const char* why) {
+  if (verbose_) line(session, std::string("closed: ") + why);
+}
+
+void Journal::line(const Session& session, const std::string& text) {
+  std::fprintf(out_, "connection %u %s\n", session.number, text.c_str());
+  std::fflush(out_);
+}
+
+}  // namespace kes::driver

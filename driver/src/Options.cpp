@@ -1,0 +1,80 @@
+#include "Options.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <map>
+
+#include "wire/Unix.h"
+
+namespace kes::driver {
+
+const char kUsage[] =
+    "usage: kesdriver [--dir DIR] [--replay FILE.pcap[ng]]... [--live IFACE] [--rate PPS] [--loop]\n"
+    "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n";
+
+namespace {
+
+using Setter = std::function<void(Options&, const std::string& value)>;
+
+double parseRate(const std::string& value) {
+  char* end = nullptr;
+  const double rate = std::strtod(value.c_str(), &end);
+  const bool isWhole = end != value.c_str() && *end == '\0';
+  if (!isWhole || !std::isfinite(rate) || rate <= 0)
+    throw UsageError("--rate takes packets per second, not " + value);
+  return rate;
+}
+
+Oversize parseOversize(const std::string& value) {
+  if (value == "cut") return Oversize::Cut;
+  if (value == "refuse") return Oversize::Refuse;
+  throw UsageError("--oversize takes cut or refuse, not " + value);
+}
+
+const std::map<std::string, Setter> kWithValue{
+    {"--dir", [](Options& o, const std::string& value) { o.directory = value; }},
+    {"--replay", [](Options& o, const std::string& value) { o.replays.push_back(value); }},
+    {"--live", [](Options& o, const std::string& value) { o.live = value; }},
+    {"--rate", [](Options& o, const std::string& value) { o.rate = parseRate(value); }},
+    {"--trace", [](Options& o, const std::string& value) { o.trace = value; }},
+    {"--oversize", [](Options& o, const std::string& value) { o.oversize = parseOversize(value); }},
+    {"--script", [](Options& o, const std::string& value) { o.script = value; }},
+};
+
+const std::map<std::string, bool Options::*> kFlags{
+    {"--loop", &Options::loop},
+    {"--once", &Options::once},
+    {"--verbose", &Options::verbose},
+    {"--help", &Options::help},
+};
+
+void check(const Options& options) {
+  if (options.live && !options.replays.empty()) throw UsageError("--live and --replay exclude each other");
+  if (options.live && options.rate) throw UsageError("--rate is for --replay: live traffic has its own");
+  if (options.loop && options.replays.empty()) throw UsageError("--loop needs --replay");
+  if (options.rate && options.replays.empty()) throw UsageError("--rate needs --replay");
+}
+
+}  // namespace
+
+Options parseOptions(const std::vector<std::string>& words) {
+  Options options;
+  options.directory = iokit::registryDirectory();
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (const auto flag = kFlags.find(words[i]); flag != kFlags.end()) {
+      options.*(flag->second) = true;
+      continue;
+    }
+    const std::size_t equals = words[i].find('=');
+    const std::string name = words[i].substr(0, equals);
+    const auto option = kWithValue.find(name);
+    if (option == kWithValue.end()) throw UsageError("unknown option " + words[i]);
+    if (equals == std::string::npos && i + 1 == words.size()) throw UsageError(name + " needs a value");
+    option->second(options, equals == std::string::npos ? words[++i] : words[i].substr(equals + 1));
+  }
+  check(options);
+  return options;
+}
+
+}  // namespace kes::driver

@@ -1,0 +1,82 @@
+#include "Records.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace kes::driver {
+namespace {
+
+constexpr std::array<std::uint8_t, 8> kLevelsStart{0x0e, 0x00, 0x02, 0x00, 0x0a, 0x00, 0x00, 0x01};
+constexpr std::array<std::uint8_t, 4> kTraceStart{0x10, 0x00, 0x00, 0x01};
+
+bool startsWith(iokit::Bytes record, iokit::Bytes start) {
+  return record.size() >= start.size() && std::equal(start.begin(), start.end(), record.begin());
+}
+
+std::uint16_t load16(iokit::Bytes record, std::size_t offset) {
+  return static_cast<std::uint16_t>(record[offset] | record[offset + 1] << 8);
+}
+
+CallName controlCallOf(iokit::Bytes record) {
+  if (startsWith(record, kLevelsStart)) return CallName::Levels;
+  if (startsWith(record, kTraceStart)) return CallName::Trace;
+  return CallName::Other;
+}
+
+}  // namespace
+
+const char* nameOf(CallName call) {
+  switch (call) {
+    case CallName::Connect:
+      return "connect";
+    case CallName::Service:
+      return "service";
+    case CallName::Open:
+      return "open";
+    case CallName::Levels:
+      return "levels";
+    case CallName::Trace:
+      return "trace";
+    case CallName::Packet:
+      return "packet";
+    case CallName::Other:
+      break;
+  }
+  return "other";
+}
+
+CallName callOf(const iokit::Request& request) {
+  if (request.header.kind == static_cast<std::uint16_t>(iokit::Kind::Open)) return CallName::Service;
+  switch (request.header.selector) {
+    case kSelectorOpen:
+      return CallName::Open;
+    case kSelectorPacket:
+      return CallName::Packet;
+    case kSelectorControl:
+      return controlCallOf(request.structure);
+    default:
+      return CallName::Other;
+  }
+}
+
+std::optional<Levels> parseLevels(iokit::Bytes record) {
+  if (record.size() != kLevelsRecordSize || !startsWith(record, kLevelsStart)) return std::nullopt;
+  return Levels{load16(record, 8), load16(record, 10), load16(record, 12)};
+}
+
+bool isTraceRequest(iokit::Bytes record) {
+  return record.size() == kTraceRequestSize && startsWith(record, kTraceStart);
+}
+
+std::vector<std::uint8_t> makeTraceReply(std::string_view text) {
+  const std::size_t count = kTraceHeaderSize + text.size();
+  std::vector<std::uint8_t> reply;
+  reply.reserve(count);
+  reply.push_back(static_cast<std::uint8_t>(count));
+  reply.push_back(static_cast<std::uint8_t>(count >> 8));
+  reply.insert(reply.end(), text.begin(), text.end());
+  return reply;
+}
+
+}  // namespace kes::driver

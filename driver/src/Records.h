@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "wire/Wire.h"
+
+namespace kes::driver {
+
+/// The driver's own records, inside the datagrams: what the tool sends as structure input, byte for byte.
+/// docs/user-client.md draws them.
+
+constexpr char kServiceClass[] = "kes_vpn_driver_keslbmac";
+
+enum Selector : std::uint32_t {
+  kSelectorOpen = 0,     ///< one scalar: the connection type
+  kSelectorPacket = 2,   ///< structure out: one packet
+  kSelectorControl = 3,  ///< structure in: a set-debug-levels or a get-trace record
+};
+
+constexpr std::size_t kLevelsRecordSize = 32;
+constexpr std::size_t kTraceRequestSize = 16;
+constexpr std::size_t kTraceHeaderSize = 2;
+constexpr std::size_t kMaxTraceText = 2045;
+constexpr std::size_t kMaxPacket = iokit::kMaxStructure;
+
+/// The calls by their names in scripts and journals.
+enum class CallName { Connect, Service, Open, Levels, Trace, Packet, Other };
+const char* nameOf(CallName call);
+
+/// The call that a request makes. A control call is told by the first bytes of its record.
+CallName callOf(const iokit::Request& request);
+
+struct Levels {
+  std::uint16_t driver = 0;
+  std::uint16_t ppp = 0;
+  std::uint16_t oid = 0;
+};
+
+/// The levels in a set-debug-levels record, or nothing when it is not exactly one. Its last 18 bytes may be
+/// anything.
+std::optional<Levels> parseLevels(iokit::Bytes record);
+
+/// Whether these are the 16 bytes of a get-trace request. Its last 12 bytes may be anything.
+bool isTraceRequest(iokit::Bytes record);
+
+/// The structure of a get-trace reply: a header that holds the byte count, and the text without its NUL.
+std::vector<std::uint8_t> makeTraceReply(std::string_view text);
+
+}  // namespace kes::driver

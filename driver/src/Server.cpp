@@ -1,0 +1,156 @@
+#include "Server.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <system_error>
+
+namespace kes::driver {
+namespace {
+
+using namespace std::chrono_literals;
+using Fate = Play::Fate;
+
+bool repliesFirst(Fate fate) {
+  return fate == Fate::Reply || fate == Fate::Twice || fate == Fate::ReplyThenHangUp ||
+         fate == Fate::ReplyThenDie;
+}
+
+bool outOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+Server::Server(const Parts& parts, bool once) : parts_(parts), once_(once) { listen(); }
+
+void Server::listen() {
+  parts_.loop.watch(parts_.listener.fd(), [this] { acceptAll(); });
+}
+
+void Server::acceptAll() {
+  iokit::Descriptor socket;
+  while ((socket = parts_.listener.accept())) admit(std::move(socket));
+  if (!outOfDescriptors(errno)) return;
+  // The listener stays readable: look again in a while instead of at once.
+  parts_.loop.forget(parts_.listener.fd());
+  parts_.loop.at(EventLoop::Clock::now() + 100ms, [this] { listen(); });
+}
+
+void Server::admit(iokit::Descriptor socket) {
+  const unsigned number = ++lastNumber_;
+  const int fd = socket.get();
+  Client& client = clients_[number];
+  client.socket = std::move(socket);
+  client.session.number = number;
+  parts_.journal.connected(client.session);
+  parts_.loop.watch(fd, [this, number] { serve(number); });
+  const Play* scripted = parts_.script.next(CallName::Connect);
+  if (scripted == nullptr) return;
+  if (scripted->fate == Fate::Die) die();
+  if (scripted->fate == Fate::HangUp) hangUp(number, "as the script says");
+}
+
+void Server::serve(unsigned number) {
+  Client& client = clients_.at(number);
+  const ssize_t got =
+      iokit::retry([&] { return ::recv(client.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT); });
+  if (got > 0) return handle(client, {buffer_.data(), static_cast<std::size_t>(got)});
+  if (got == -1 && errno == EAGAIN) return;
+  hangUp(number, "by the client");
+}
+
+void Server::handle(Client& client, iokit::Bytes datagram) {
+  const auto request = iokit::parseRequest(datagram);
+  if (!request || !followsOn(client, *request)) return breakOff(client, datagram);
+  parts_.journal.received(client.session, *request);
+  const Play* scripted = parts_.script.next(callOf(*request));
+  if (scripted == nullptr) return perform(client, *request);
+  parts_.script.check(*scripted, *request);
+  const bool asUsual = scripted->leavesAnswer() && repliesFirst(scripted->fate);
+  const Answer answer = asUsual ? answerTo(client, *request) : Answer();
+  play(client.session.number, *scripted, scripted->datagram(request->header, answer));
+}
+
+// A sequence that jumps tells of two programs on one connection, or of a lost place in the conversation.
+bool Server::followsOn(Client& client, const iokit::Request& request) {
+  const std::uint32_t sequence = request.header.sequence;
+  if (client.hasSpoken && sequence != client.nextSequence) return false;
+  client.hasSpoken = true;
+  client.nextSequence = sequence + 1;
+  return true;
+}
+
+void Server::perform(Client& client, const iokit::Request& request) {
+  const Answer answer = answerTo(client, request);
+  iokit::ReplyHeader header = iokit::replyTo(request.header);
+  header.result = static_cast<std::uint32_t>(answer.result);
+  send(client.session.number, iokit::makeReply(header, {}, answer.structure));
+}
+
+Answer Server::answerTo(Client& client, const iokit::Request& request) {
+  const bool wasAttached = client.session.attached;
+  Answer answer = parts_.driver.answer(client.session, request);
+  if (!wasAttached && client.session.attached) ++attached_;
+  return answer;
+}
+
+void Server::play(unsigned number, const Play& play, std::vector<std::uint8_t> datagram) {
+  if (play.delay > 0ms) {
+    parts_.loop.at(
+        EventLoop::Clock::now() + play.delay,
+        [this, number, fate = play.fate, later = std::move(datagram)] { end(number, fate, later); });
+  } else {
+    end(number, play.fate, datagram);
+  }
+}
+
+void Server::end(unsigned number, Fate fate, iokit::Bytes datagram) {
+  if (repliesFirst(fate)) send(number, datagram);
+  switch (fate) {
+    case Fate::Twice:
+      return send(number, datagram);
+    case Fate::HangUp:
+    case Fate::ReplyThenHangUp:
+      return hangUp(number, "as the script says");
+    case Fate::Die:
+    case Fate::ReplyThenDie:
+      die();
+    case Fate::Reply:
+    case Fate::Silent:
+      return;
+  }
+}
+
+// A client waits for its reply and so has room for it; one that has not is not what it says.
+void Server::send(unsigned number, iokit::Bytes datagram) {
+  const auto client = clients_.find(number);
+  if (client == clients_.end()) return;  // it left while its reply was delayed
+  parts_.journal.sent(client->second.session, datagram);
+  const int fd = client->second.socket.get();
+  const ssize_t sent =
+      iokit::retry([&] { return ::send(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT); });
+  if (sent == -1) hangUp(number, std::system_category().message(errno).c_str());
+}
+
+void Server::breakOff(const Client& client, iokit::Bytes datagram) {
+  ++brokenProtocols_;
+  parts_.journal.malformed(client.session, datagram);
+  hangUp(client.session.number, "the protocol is broken");
+}
+
+void Server::hangUp(unsigned number, const char* why) {
+  const auto found = clients_.find(number);
+  if (found == clients_.end()) return;
+  Client& client = found->second;
+  parts_.loop.forget(client.socket.get());
+  parts_.journal.closed(client.session, why);
+  const bool wasAttached = client.session.attached;
+  parts_.driver.closed(client.session);
+  clients_.erase(found);
+  if (wasAttached && --attached_ == 0 && once_) parts_.loop.stop();
+}
+
+// As abrupt as a crash: no totals, and the socket's name is left behind.
+void Server::die() { std::_Exit(EXIT_FAILURE); }
+
+}  // namespace kes::driver

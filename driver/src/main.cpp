@@ -1,0 +1,127 @@
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
+
+#include "LiveCapture.h"
+#include "Options.h"
+#include "ReplayPump.h"
+#include "Server.h"
+#include "TraceSource.h"
+
+using namespace kes::driver;
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+Script readScript(const Options& options) {
+  if (!options.script) return {};
+  std::ifstream file(*options.script);
+  if (!file) throw std::runtime_error("cannot read " + *options.script);
+  return parseScript({std::istreambuf_iterator<char>(file), {}});
+}
+
+/// The signals that end the program, as something to read. They are blocked, and SIGPIPE is ignored: a reader
+/// of our output that goes away is no reason to leave the socket behind.
+kes::iokit::Descriptor watchSignals(EventLoop& loop) {
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, number);
+  ::sigprocmask(SIG_BLOCK, &ending, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  kes::iokit::Descriptor signals(::signalfd(-1, &ending, SFD_CLOEXEC));
+  if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
+  loop.watch(signals.get(), [&loop] { loop.stop(); });
+  return signals;
+}
+
+// One connection is one descriptor, and there may be many.
+void allowManyDescriptors() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Live traffic is for its own user alone; a replay is for everybody.
+mode_t socketMode(const Options& options) { return options.live ? 0600 : 0666; }
+
+/// Where the packets come from, if from anywhere.
+class Traffic {
+ public:
+  Traffic(const Options& options, EventLoop& loop, Driver& driver)
+      : replay_(options.replays, options.loop), pump_(loop, driver, replay_) {
+    if (options.live) live_.emplace(*options.live, loop, driver);
+    if (options.replays.empty()) return;
+    if (options.rate) {
+      pump_.atRate(*options.rate);
+    } else {
+      pump_.onDemand();
+    }
+  }
+
+  void printTotals(std::ostream& out) const {
+    if (live_) live_->printTotals(out);
+  }
+
+ private:
+  Replay replay_;
+  ReplayPump pump_;
+  std::optional<LiveCapture> live_;
+};
+
+void announce(const Listener& listener) {
+  std::cout << "kesdriver is a stand-in for the VPN kernel driver, for development and tests. It is not the "
+               "driver.\n"
+            << "serving " << kServiceClass << " at " << listener.path() << std::endl;
+}
+
+int run(const Options& options) {
+  Script script = readScript(options);
+  EventLoop loop;
+  Driver driver({.oversize = options.oversize, .ownEvents = !options.trace});
+  const Traffic traffic(options, loop, driver);
+  std::optional<TraceSource> trace;
+  if (options.trace) trace.emplace(*options.trace, loop, driver);
+  const kes::iokit::Descriptor signals = watchSignals(loop);
+  const Listener listener(options.directory, kServiceClass, socketMode(options));
+  Journal journal(stdout, options.verbose);
+  const Server server({loop, listener, driver, script, journal}, options.once);
+  announce(listener);
+  loop.run();
+  driver.printTotals(std::cout);
+  traffic.printTotals(std::cout);
+  if (server.brokenProtocols() > 0) std::cout << "broken protocols: " << server.brokenProtocols() << '\n';
+  if (options.script) {
+    std::cout << "script: " << script.unplayed() << " unplayed, " << script.failures()
+              << " not as expected\n";
+  }
+  std::cout.flush();
+  return script.failures() == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const Options options = parseOptions({argv + 1, argv + argc});
+    if (options.help) {
+      std::cout << kUsage;
+      return EXIT_SUCCESS;
+    }
+    allowManyDescriptors();
+    return run(options);
+  } catch (const UsageError& error) {
+    std::cerr << "kesdriver: " << error.what() << '\n' << kUsage;
+    return kExitUsage;
+  } catch (const std::exception& error) {
+    std::cerr << "kesdriver: " << error.what() << '\n';
+    return EXIT_FAILURE;
+  }
+}

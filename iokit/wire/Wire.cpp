@@ -1,0 +1,144 @@
+#include "wire/Wire.h"
+
+#include <algorithm>
+
+namespace kes::iokit {
+namespace {
+
+template <typename Number>
+std::uint8_t* store(Number value, std::uint8_t* out) {
+  for (std::size_t i = 0; i < sizeof value; ++i) *out++ = static_cast<std::uint8_t>(value >> (8 * i));
+  return out;
+}
+
+template <typename Number>
+const std::uint8_t* load(Number& value, const std::uint8_t* in) {
+  value = 0;
+  for (std::size_t i = 0; i < sizeof value; ++i) {
+    value = static_cast<Number>(value | static_cast<Number>(Number{*in++} << (8 * i)));
+  }
+  return in;
+}
+
+const std::uint8_t* decode(RequestHeader& header, const std::uint8_t* in) {
+  in = load(header.magic, in);
+  in = load(header.version, in);
+  in = load(header.kind, in);
+  in = load(header.sequence, in);
+  in = load(header.selector, in);
+  in = load(header.scalarCount, in);
+  in = load(header.structureSize, in);
+  in = load(header.scalarCapacity, in);
+  return load(header.structureCapacity, in);
+}
+
+const std::uint8_t* decode(ReplyHeader& header, const std::uint8_t* in) {
+  in = load(header.magic, in);
+  in = load(header.version, in);
+  in = load(header.kind, in);
+  in = load(header.sequence, in);
+  in = load(header.result, in);
+  in = load(header.scalarCount, in);
+  return load(header.structureSize, in);
+}
+
+template <typename Header>
+std::uint64_t lengthOf(const Header& header) {
+  return sizeof(Header) + std::uint64_t{8} * header.scalarCount + header.structureSize;
+}
+
+template <typename Header>
+bool speaksOurVersion(const Header& header) {
+  return header.magic == kMagic && header.version == kVersion;
+}
+
+bool isKnownKind(std::uint16_t kind) {
+  return kind == static_cast<std::uint16_t>(Kind::Open) || kind == static_cast<std::uint16_t>(Kind::Call);
+}
+
+template <typename Header>
+Message<Header> split(const Header& header, Bytes datagram) {
+  const std::size_t scalarBytes = std::size_t{8} * header.scalarCount;
+  return {header, datagram.subspan(sizeof(Header), scalarBytes),
+          datagram.subspan(sizeof(Header) + scalarBytes)};
+}
+
+}  // namespace
+
+template <typename Header>
+std::uint64_t Message<Header>::scalar(std::size_t index) const {
+  std::uint64_t value = 0;
+  load(value, scalars.data() + 8 * index);
+  return value;
+}
+template struct Message<RequestHeader>;
+template struct Message<ReplyHeader>;
+
+std::optional<Request> parseRequest(Bytes datagram) {
+  if (datagram.size() < kRequestHeaderSize) return std::nullopt;
+  RequestHeader header;
+  decode(header, datagram.data());
+  if (!speaksOurVersion(header) || !isKnownKind(header.kind)) return std::nullopt;
+  if (header.scalarCount > kMaxScalars || header.structureSize > kMaxStructure) return std::nullopt;
+  if (datagram.size() != lengthOf(header)) return std::nullopt;
+  return split(header, datagram);
+}
+
+Verdict judgeReply(Bytes received, std::size_t length, const Expectation& expected, Reply& reply) {
+  if (received.size() < kReplyHeaderSize) return Verdict::Foreign;
+  ReplyHeader header;
+  decode(header, received.data());
+  const auto kind = static_cast<std::uint16_t>(static_cast<std::uint16_t>(expected.kind) | kReplyBit);
+  if (!speaksOurVersion(header) || header.kind != kind) return Verdict::Foreign;
+  if (header.sequence != expected.sequence || length != lengthOf(header)) return Verdict::Foreign;
+  if (header.scalarCount > expected.scalarCapacity || header.structureSize > expected.structureCapacity) {
+    return Verdict::TooLarge;
+  }
+  if (received.size() != length) return Verdict::TooLarge;
+  reply = split(header, received);
+  return Verdict::Accepted;
+}
+
+std::uint8_t* encode(const RequestHeader& header, std::uint8_t* out) {
+  out = store(header.magic, out);
+  out = store(header.version, out);
+  out = store(header.kind, out);
+  out = store(header.sequence, out);
+  out = store(header.selector, out);
+  out = store(header.scalarCount, out);
+  out = store(header.structureSize, out);
+  out = store(header.scalarCapacity, out);
+  return store(header.structureCapacity, out);
+}
+
+std::uint8_t* encode(const ReplyHeader& header, std::uint8_t* out) {
+  out = store(header.magic, out);
+  out = store(header.version, out);
+  out = store(header.kind, out);
+  out = store(header.sequence, out);
+  out = store(header.result, out);
+  out = store(header.scalarCount, out);
+  return store(header.structureSize, out);
+}
+
+std::uint8_t* encode64(std::uint64_t value, std::uint8_t* out) { return store(value, out); }
+
+ReplyHeader replyTo(const RequestHeader& request) {
+  ReplyHeader reply;
+  reply.kind = static_cast<std::uint16_t>(request.kind | kReplyBit);
+  reply.sequence = request.sequence;
+  return reply;
+}
+
+std::vector<std::uint8_t> makeReply(ReplyHeader header, std::span<const std::uint64_t> scalars,
+                                    Bytes structure) {
+  header.scalarCount = static_cast<std::uint32_t>(scalars.size());
+  header.structureSize = static_cast<std::uint32_t>(structure.size());
+  std::vector<std::uint8_t> datagram(kReplyHeaderSize + 8 * scalars.size() + structure.size());
+  std::uint8_t* end = encode(header, datagram.data());
+  for (const std::uint64_t scalar : scalars) end = encode64(scalar, end);
+  std::copy(structure.begin(), structure.end(), end);
+  return datagram;
+}
+
+}  // namespace kes::iokit
