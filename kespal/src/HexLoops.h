@@ -19,7 +19,7 @@ inline constexpr auto meaning = [] {
     table['a' + digit - 10] = digit;
     table['A' + digit - 10] = digit;
   }
-  for (unsigned char c : {':', ' ', '\t', '\n'}) table[c] = Separator;
+  for (const char c : {':', ' ', '\t', '\n'}) table[static_cast<unsigned char>(c)] = Separator;
   return table;
 }();
 

@@ -10,7 +10,8 @@ namespace kes::signal {
 /// use can be added; a set that the system filled in, such as a thread's mask, may hold others too.
 class Set {
  public:
-  Set() noexcept { ::sigemptyset(&signals_); }
+  // Macros serve as sigemptyset and its kind on macOS, so nowhere is their scope named.
+  Set() noexcept { sigemptyset(&signals_); }
   Set(std::initializer_list<int> signals) noexcept;
   explicit Set(const ::sigset_t& signals) noexcept : signals_(signals) {}
 

@@ -8,7 +8,7 @@ constexpr int lastSignal = 32;
 
 Set startUpMask() noexcept {
   ::sigset_t mask;
-  ::sigemptyset(&mask);
+  sigemptyset(&mask);
   ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   return Set(mask);
 }
@@ -23,13 +23,13 @@ Set::Set(std::initializer_list<int> signals) noexcept : Set() {
 
 // Signals that the C library keeps to itself are refused by sigaddset; they stay out as well.
 void Set::add(int signal) noexcept {
-  if (signal >= 1 && signal <= lastSignal) ::sigaddset(&signals_, signal);
+  if (signal >= 1 && signal <= lastSignal) sigaddset(&signals_, signal);
 }
 
 void Set::remove(int signal) noexcept {
-  if (signal >= 1) ::sigdelset(&signals_, signal);
+  if (signal >= 1) sigdelset(&signals_, signal);
 }
 
-bool Set::contains(int signal) const noexcept { return signal >= 1 && ::sigismember(&signals_, signal) == 1; }
+bool Set::contains(int signal) const noexcept { return signal >= 1 && sigismember(&signals_, signal) == 1; }
 
 }  // namespace kes::signal

@@ -15,7 +15,7 @@ class Mask {
   /// The signals that the calling thread blocks.
   static Set get() {
     ::sigset_t mask;
-    ::sigemptyset(&mask);
+    sigemptyset(&mask);
     if (const int result = ::pthread_sigmask(SIG_SETMASK, nullptr, &mask); result != 0) {
       errno = result;  // the call returns its error; who looks at errno shall see the same
       raiseAt(KES_HERE, OsError(result));
