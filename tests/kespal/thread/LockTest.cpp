@@ -1,0 +1,194 @@
+#include "kespal/thread/Lock.h"
+
+#include <cerrno>
+#include <thread>
+
+#include "kespal/thread/ErrorAt.h"
+#include "kespal/thread/Faults.h"
+#include "support/ForkedChild.h"
+
+namespace kes::thread {
+
+// Not in the unnamed namespace: only exported functions have names in a backtrace.
+[[gnu::noinline]] void unlockWithoutLocking(const Lock& lock) { lock.unlock(); }
+
+namespace {
+
+using namespace test;
+
+constexpr const char* source = "src/os/posix/thread/Lock";
+constexpr const char* header = "include/os/posix/thread/Lock";
+
+TEST(LockTest, ANormalLockIsMadeWithoutAnAttributeObject) {
+  const int before = made(Call::MutexAttrInit);
+  const Lock lock(Normal);
+  EXPECT_EQ(made(Call::MutexAttrInit), before);
+  EXPECT_NO_THROW(lock.lock());
+  EXPECT_NO_THROW(lock.unlock());
+}
+
+TEST(LockTest, ARecursiveLockCanBeTakenAgainByItsOwner) {
+  const Lock lock(Recursive);
+  lock.lock();
+  EXPECT_NO_THROW(lock.lock());
+  lock.unlock();
+  // It takes as many unlocks before another thread can have it.
+  std::thread([&] {
+    EXPECT_EQ(raisedBy([&] { lock.unlock(); }), osError(EPERM, header, 49, "unlock"));
+  }).join();
+  lock.unlock();
+  std::thread([&] {
+    EXPECT_NO_THROW(lock.lock());
+    EXPECT_NO_THROW(lock.unlock());
+  }).join();
+}
+
+class ErrorCheckTest : public testing::TestWithParam<int> {};
+
+TEST_P(ErrorCheckTest, LockingAgainByTheOwnerFails) {
+  const Lock lock(static_cast<LockKind>(GetParam()));
+  lock.lock();
+  EXPECT_EQ(raisedBy([&] { lock.lock(); }), osError(EDEADLK, header, 21, "lock"));
+  lock.unlock();
+}
+
+TEST_P(ErrorCheckTest, UnlockingByAnotherThreadOrWithoutLockingFails) {
+  const Lock lock(static_cast<LockKind>(GetParam()));
+  EXPECT_EQ(raisedBy([&] { lock.unlock(); }), osError(EPERM, header, 49, "unlock"));
+  lock.lock();
+  std::thread([&] {
+    EXPECT_EQ(raisedBy([&] { lock.unlock(); }), osError(EPERM, header, 49, "unlock"));
+  }).join();
+  lock.unlock();
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryKindButTheFirstTwo, ErrorCheckTest, testing::Values(2, 3, 7, -1, 1 << 30));
+
+TEST(LockTest, EachFailingCallOfTheConstructorIsReportedWithItsCodeAndLine) {
+  const auto construct = [](LockKind kind) { return [kind] { Lock lock(kind); }; };
+  for (const LockKind kind : {Recursive, ErrorCheck}) {
+    {
+      const Fault fault(Call::MutexAttrInit, ENOMEM);
+      EXPECT_EQ(raisedBy(construct(kind)), osError(ENOMEM, source, 51, "LockBase"));
+    }
+    {
+      const Fault fault(Call::MutexAttrSettype, EINVAL);
+      EXPECT_EQ(raisedBy(construct(kind)), osError(EINVAL, source, 64, "LockBase"));
+    }
+  }
+  for (const LockKind kind : {Recursive, Normal, ErrorCheck}) {
+    const Fault fault(Call::MutexInit, EAGAIN);
+    EXPECT_EQ(raisedBy(construct(kind)), osError(EAGAIN, source, 77, "LockBase"));
+  }
+}
+
+TEST(LockTest, TheAttributeObjectIsDestroyedAfterTheMutexWasTriedAndNotBefore) {
+  int before = made(Call::MutexAttrDestroy);
+  { const Lock lock(Recursive); }
+  EXPECT_EQ(made(Call::MutexAttrDestroy), before + 1);
+
+  before = made(Call::MutexAttrDestroy);
+  {
+    const Fault fault(Call::MutexInit, EAGAIN);
+    EXPECT_THROW(Lock lock(Recursive), OsError);
+  }
+  EXPECT_EQ(made(Call::MutexAttrDestroy), before + 1);
+
+  before = made(Call::MutexAttrDestroy);
+  {
+    const Fault fault(Call::MutexAttrSettype, EINVAL);
+    EXPECT_THROW(Lock lock(Recursive), OsError);
+  }
+  EXPECT_EQ(made(Call::MutexAttrDestroy), before);
+}
+
+TEST(LockTest, FailingLockAndUnlockReportTheCodeThatWasReturnedNotErrno) {
+  const Lock lock(Normal);
+  errno = ENOENT;
+  Raised raised = raisedBy([&] {
+    const Fault fault(Call::MutexLock, EINVAL);
+    lock.lock();
+  });
+  EXPECT_EQ(raised, osError(EINVAL, header, 21, "lock"));
+  lock.lock();
+  raised = raisedBy([&] {
+    const Fault fault(Call::MutexUnlock, EPERM);
+    lock.unlock();
+  });
+  EXPECT_EQ(raised, osError(EPERM, header, 49, "unlock"));
+  lock.unlock();
+}
+
+class LockWarningTest : public testing::TestWithParam<LockKind> {};
+
+TEST_P(LockWarningTest, DestroyingALockedMutexPrintsTheWarningAndContinues) {
+  testing::internal::CaptureStderr();
+  {
+    const Lock lock(GetParam());
+    lock.lock();
+  }
+  OsError expected(EBUSY);
+  expected.setSite({source, 88, "~LockBase"});
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            std::string("WARNING: Destroying mutex failed:\n") + expected.what() + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryKind, LockWarningTest, testing::Values(Recursive, Normal, ErrorCheck));
+
+TEST(LockTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
+  Exception::m_gen_backtraces = true;
+  testing::internal::CaptureStderr();
+  {
+    const Lock lock(Normal);
+    lock.lock();
+  }
+  Exception::m_gen_backtraces = false;
+  const std::string printed = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(printed, testing::StartsWith("WARNING: Destroying mutex failed:\n"));
+  EXPECT_THAT(printed, testing::HasSubstr("kes::thread::LockBase::~LockBase()"));
+}
+
+TEST(LockTest, AWarningThatCannotBePrintedEndsTheProgram) {
+  const ChildResult child = inChild([] {
+    std::cerr.exceptions(std::ios::badbit | std::ios::failbit);
+    std::set_terminate([] { ::_exit(42); });
+    const Lock lock(Normal);
+    lock.lock();
+    std::cerr.setstate(std::ios::eofbit);
+    std::cerr.rdbuf(nullptr);
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 42) << child.err;
+}
+
+TEST(LockTest, ALockKeepsThreadsOutOfEachOthersWay) {
+  const Lock lock(Normal);
+  long shared = 0;
+  const auto work = [&] {
+    for (int i = 0; i < 20000; ++i) {
+      lock.lock();
+      ++shared;
+      lock.unlock();
+    }
+  };
+  std::thread first(work), second(work), third(work);
+  first.join(), second.join(), third.join();
+  EXPECT_EQ(shared, 60000);
+}
+
+TEST(LockTest, TheRaisedErrorKnowsTheStackOfTheCaller) {
+  Exception::m_gen_backtraces = true;
+  const Lock lock(ErrorCheck);
+  try {
+    unlockWithoutLocking(lock);
+    ADD_FAILURE() << "nothing raised";
+  } catch (const OsError& error) {
+    ASSERT_FALSE(error.backtrace().empty());
+    // The operation is inlined: the innermost frame is its caller's.
+    EXPECT_THAT(error.backtrace().back(), testing::HasSubstr("unlockWithoutLocking"));
+  }
+  Exception::m_gen_backtraces = false;
+}
+
+}  // namespace
+}  // namespace kes::thread
