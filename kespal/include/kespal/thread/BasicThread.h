@@ -1,0 +1,110 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+#include "kespal/NoCopy.h"
+
+namespace kes::thread {
+
+/// One thread of the system with an explicit life. The object is made buried, run() starts the thread, and
+/// join() buries it again, after which it can be started anew. Any thread may call any operation. A
+/// detached thread may outlive its object; of a joinable one, everything that its body uses must outlive
+/// the body. Misuse raises UsageError, a failing system call OsError.
+class BasicThread : NoCopy {
+ public:
+  enum State : int {
+    CREATED = 0,           ///< the native thread exists and is held before the body
+    STARTING = 1,          ///< it was told to go and has not picked that up yet
+    RUNNING = 2,           ///< the body runs in a joinable thread
+    FINISHED = 3,          ///< the body has ended, or was released without running
+    BURIED = 4,            ///< there is no native thread
+    RUNNING_DETACHED = 5,  ///< the body runs, or has ended, in a detached thread
+  };
+
+  /// Names a native thread. A plain value.
+  struct Id {
+    Id() = default;
+    Id(::pthread_t threadHandle, std::uint64_t number) : handle(threadHandle), nativeId(number) {}
+    /// Reads the friendly form: a decimal number, after blanks if there are any; what follows the digits
+    /// is ignored. Raises RuntimeError for everything else, signs included.
+    explicit Id(const std::string& friendly);
+
+    std::string friendly() const;  ///< nativeId in decimal
+
+    ::pthread_t handle{};        ///< the handle that pthread calls take
+    std::uint64_t nativeId = 0;  ///< the system-wide number; all ones when the system did not tell it
+  };
+
+  /// A thread that will call function(argument). The native thread gets as much of `name` as the system
+  /// takes (15 bytes on Linux). `stackSize` is in bytes, 0 for 512 KiB; the system's minimum is kept.
+  BasicThread(void (*function)(void*), const std::string& name, void* argument, bool detached,
+              unsigned long stackSize);
+  /// Buries a thread that has finished or never ran; one whose body runs is left to itself. Never throws.
+  virtual ~BasicThread();
+
+  /// Creates the native thread and lets it go. Raises what create() raises, and UsageError when another
+  /// thread buried the new one before it could go.
+  void run();
+  /// Creates the native thread, held before the body. Raises UsageError when the state is not BURIED or
+  /// there is no body, RuntimeError while a fork is pending, OsError (EAGAIN) when the system refuses.
+  void create();
+
+  /// Waits until the native thread has ended, and buries it; returns at once when it is BURIED. A held
+  /// thread leaves without running its body. Raises UsageError for a detached thread, OsError EDEADLK for
+  /// the thread itself.
+  void join();
+  /// Gets ready for joining: releases a held thread. False when there is nothing to join; raises
+  /// UsageError for a detached thread that runs.
+  bool prepareJoin();
+  /// Cancels the native thread and joins it. A last resort: the body ends at its next cancellation point,
+  /// and only on some systems are the destructors on its stack run. Raises OsError ESRCH when a detached
+  /// thread has ended, and what join() raises.
+  void kill();
+
+  /// Waits while the state is STARTING.
+  void waitStartOver() const;
+
+  const std::string& name() const noexcept;
+  State state() const;
+  /// Waits while the state is STARTING. Raises RuntimeError while there is no native thread, or it is held.
+  Id id() const;
+
+  /// Lets other threads have the processor. Raises OsError.
+  static void yield();
+  /// How many native threads of this library exist, from their first step to their last.
+  static std::int64_t activeThreads() noexcept;
+
+  /// Raises the RuntimeError of id().
+  [[noreturn]] void throwGetIdError() const;
+
+ protected:
+  /// What the object and its native thread share, so that neither depends on the other's life.
+  struct Control;
+
+  const std::shared_ptr<Control>& control() const noexcept { return control_; }
+  /// Whether the calling thread is this one; raises what id() raises. The control block is locked.
+  bool isCaller() const;
+  /// Takes back the go of a thread that has not picked it up, for an object that is about to die.
+  void revokeGo() noexcept;
+
+ private:
+  class LastStep;
+
+  static void* nativeEntry(void* control);
+
+  const std::shared_ptr<Control> control_;
+  ::pthread_attr_t attributes_;
+};
+
+/// Writes the friendly form.
+std::ostream& operator<<(std::ostream& stream, const BasicThread::Id& id);
+
+/// The calling thread's system-wide number. Raises OsError.
+std::uint64_t getNativeThreadId();
+
+}  // namespace kes::thread

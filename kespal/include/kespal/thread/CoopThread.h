@@ -1,0 +1,76 @@
+#pragma once
+
+#include <string>
+
+#include "kespal/thread/CppThread.h"
+#include "kespal/time/Clock.h"
+
+namespace kes::proc {
+class Shepherd;
+}
+
+namespace kes::thread {
+
+/// A thread that can be asked to pause, to run on and to return, and that answers at points of its own
+/// choosing: its body calls pause() or sleep() there, and returns when request() is Return. Requests may
+/// come from any thread, also before run(); burying the thread clears them. Misuse raises UsageError.
+class CoopThread : public CppThread, public CppThread::IThread {
+ public:
+  enum CoopState : int { Running = 0, Returned = 1, Paused = 2 };  ///< what the thread does
+  enum Request : int { Run = 0, Return = 1, Pause = 2 };           ///< what it was asked to do last
+
+  class ICoopThread {
+   public:
+    virtual void thread(CoopThread& self) = 0;
+
+   protected:
+    ~ICoopThread() = default;
+  };
+
+  /// A thread that will run `user`. Without a body run() raises UsageError.
+  explicit CoopThread(const std::string& name, ICoopThread* user = nullptr)
+      : CoopThread(name, user, nullptr) {}
+  ~CoopThread() override;
+
+  bool isCoopThread() const override { return true; }
+  /// Runs the body and notes that it has returned. Called by the native thread.
+  void thread(CppThread& self) override;
+
+  void requestRun();
+  void requestReturn();
+  /// Wakes nobody: a thread that sleeps sleeps on.
+  void requestPause();
+
+  /// Each waits until the thread does what the name says. For other threads only, and not for a buried
+  /// thread, where waitReturned() returns at once; the other two also raise UsageError when the body has
+  /// returned.
+  void waitRunning() const;
+  void waitPaused() const;
+  void waitReturned() const;
+
+  /// Stays paused while that is the request. For the thread itself only.
+  void pause();
+  /// Stays paused until the deadline, while the request is Run. True when another request ended the sleep,
+  /// false when the deadline passed or another request was there already. For the thread itself only.
+  bool sleep(const time::RealtimeClock& deadline);
+
+  Request request() const;
+  CoopState coopState() const;
+
+ protected:
+  /// For a derived object that is a body itself: `self` is run when there is no `user`.
+  CoopThread(const std::string& name, ICoopThread* user, ICoopThread* self);
+
+ private:
+  friend class proc::Shepherd;
+
+  /// Asks for a pause unless something else than Run is asked for: a thread that wants to pause for lack
+  /// of work must not overwrite the request to return. True when the request is Pause now.
+  bool requestPauseIfRun();
+  void ask(Request request);
+
+  ICoopThread* const user_;
+  ICoopThread* const self_;
+};
+
+}  // namespace kes::thread

@@ -1,0 +1,110 @@
+#include "thread/Control.h"
+
+#include <iostream>
+
+#include "kespal/error/StaticError.h"
+#include "os/posix/thread/NoCancel.h"
+
+namespace kes::thread {
+
+constinit std::atomic<std::int64_t> BasicThread::Control::m_active_threads{0};
+
+/// The thread's way through its life, from being held to its last step but one; finish() is the last.
+void BasicThread::Control::entry() {
+  m_active_threads.fetch_add(1);
+  if (!pickUpGo()) return;
+  cond.signalAll();
+  try {
+    function(argument);
+  } catch (os::ForcedUnwind&) {
+    throw;
+  } catch (const Exception& error) {
+    report(" died with KES exception:\n" + error.exStack() + '\n');
+  } catch (const std::exception& error) {
+    report(" died with std::exception: " + std::string(error.what()) + '\n');
+  } catch (...) {
+    report(" died with an unknown exception\n");
+  }
+}
+
+/// False when the thread is to leave without running its body.
+bool BasicThread::Control::pickUpGo() {
+  const LockGuardT<Condition> guard(cond);
+  while (state == CREATED) cond.wait();
+  if (state != STARTING) return false;
+  state = detached ? RUNNING_DETACHED : RUNNING;
+  return true;
+}
+
+/// One write, so that the reports of several threads do not mix.
+void BasicThread::Control::report(const std::string& death) const {
+  const os::NoCancel untilWritten;
+  std::cerr << "Thread " + name + " (" + std::to_string(nativeId) + ')' + death << std::flush;
+}
+
+/// What is left to do for a native thread that ends, however it came to that. A waiter of any kind is
+/// woken: a cancelled thread would never get to what they wait for. The state of a detached thread whose
+/// body ran stays as it is.
+void BasicThread::Control::finish() noexcept {
+  std::shared_ptr<Control> own;  // may be the last owner: outlives the lock and the signal
+  m_active_threads.fetch_sub(1);
+  {
+    const LockGuardT<Condition> guard(cond);
+    own = std::move(nativeShare);
+    alive = false;
+    if (state != RUNNING_DETACHED) state = FINISHED;
+    coopState = CoopThread::Returned;
+  }
+  cond.signalAll();
+}
+
+bool BasicThread::Control::prepareJoin() {
+  switch (state) {
+    case RUNNING_DETACHED:
+      raiseAt({"src/thread/Thread", 199, "prepareJoin"}, UsageError("Tried to join a detached thread"));
+    case BURIED:
+      return false;
+    case CREATED:
+      state = FINISHED;
+      cond.signalAll();
+      return true;
+    default:
+      return true;
+  }
+}
+
+/// Waits while another thread joins. False when that one has buried the thread.
+bool BasicThread::Control::claimJoin() {
+  const std::uint64_t before = burials;
+  while (joining && burials == before) cond.wait();
+  if (burials != before) return false;
+  joining = true;
+  return true;
+}
+
+/// Ends what claimJoin() began. What was asked of the thread dies with it: a request that is made from now
+/// on is meant for the next run.
+void BasicThread::Control::endJoin(bool buried) {
+  {
+    const LockGuardT<Condition> guard(cond);
+    joining = false;
+    if (buried) {
+      ++burials;
+      state = BURIED;
+      handle = {};
+      coopState = CoopThread::Running;
+      request = CoopThread::Run;
+    }
+  }
+  cond.signalAll();
+}
+
+/// Waits while the thread is in a state that passes. False when its body has returned, in this run or in
+/// one that is buried by now.
+bool BasicThread::Control::outlast(CoopThread::CoopState passing) const {
+  const std::uint64_t run = burials;
+  while (coopState == passing && burials == run) cond.wait();
+  return coopState != CoopThread::Returned && burials == run;
+}
+
+}  // namespace kes::thread
