@@ -1,0 +1,22 @@
+#pragma once
+
+#include <termios.h>
+
+/// What the tool knows process-wide; all zero at the start. One thread; the signal handler writes _exitflg.
+
+/// Debug levels of the driver's three parts, as given on the command line.
+struct DebugLevels {
+  unsigned short driver;
+  unsigned short ppp;
+  unsigned short oid;
+};
+
+extern DebugLevels dbgLvl;
+extern unsigned char cmdTrace;       ///< 1 with "-trace"
+extern unsigned char cmdPacketDump;  ///< 1 with "-dump"
+extern char _dumpFilename[1024];     ///< the name behind "-dump"
+/// The name to write to: _dumpFilename, or the argument itself when it does not fit there. Such a name
+/// cannot be opened either, and whoever typed it shall see all of it in the message.
+extern const char* captureName;
+extern volatile unsigned char _exitflg;  ///< 1 once a signal has asked the loops to stop
+extern termios orig_termios;             ///< standard input's attributes before the tool changed them
