@@ -1,11 +1,91 @@
 #include "kespal/fs/Path.h"
 
 #include <list>
+#include <map>
+#include <random>
+#include <sstream>
+#include <type_traits>
+#include <unordered_set>
 
 namespace kes::fs {
 namespace {
 
-TEST(PathTest, AnEmptyPathIsNotAbsoluteAndHasNoRootAndNoBasename) {
+using Strings = std::vector<std::string>;
+
+Strings componentsOf(const Path& path) {
+  Strings parts{"left over"};
+  path.components(parts);
+  return parts;
+}
+
+Strings extensionsOf(const Path& path) {
+  Strings parts{"left over"};
+  path.extensions(parts);
+  return parts;
+}
+
+/// A path with exactly this text, trailing slashes included.
+Path exactly(const std::string& text) {
+  Path path;
+  path.assign(text);
+  return path;
+}
+
+std::string dirname(Path path) { return path.assignDirname(); }
+std::string stripped(Path path, std::size_t n) { return path.strip(n); }
+
+TEST(PathTest, TrailingSlashesAreRemovedAtConstructionAndNothingElseIs) {
+  EXPECT_EQ(Path("a/b///"), "a/b");
+  EXPECT_EQ(Path("//"), "/");
+  EXPECT_EQ(Path("///"), "/");
+  EXPECT_EQ(Path("/"), "/");
+  EXPECT_EQ(Path(""), "");
+  EXPECT_EQ(Path("a//./..//b/"), "a//./..//b");
+  EXPECT_EQ(Path("//a"), "//a");
+  EXPECT_EQ(Path("./"), ".");
+}
+
+TEST(PathTest, EveryConstructorCleansesTheSameWay) {
+  const std::string text = "/x//y//";
+  EXPECT_EQ(Path(text.c_str()), "/x//y");
+  EXPECT_EQ(Path(text), "/x//y");
+  EXPECT_EQ(Path(std::string(text)), "/x//y");
+  EXPECT_EQ(Path(text, Path::CANONICAL), "/x//y");
+  EXPECT_EQ(Path("../no/such/./file/", Path::CANONICAL), "../no/such/./file");
+  EXPECT_EQ(Path(), "");
+}
+
+TEST(PathTest, ANullPointerIsTheEmptyPath) {
+  const char* nothing = nullptr;
+  EXPECT_EQ(Path(nothing), "");
+  EXPECT_EQ(Path("a") + nothing, "a/");
+}
+
+TEST(PathTest, CleanseWorksOnTextThatCameInByAStringOperation) {
+  Path path = exactly("a/b///");
+  EXPECT_EQ(path, "a/b///");
+  path.cleanse();
+  EXPECT_EQ(path, "a/b");
+}
+
+TEST(PathTest, OnlyALeadingSlashMakesAPathAbsolute) {
+  EXPECT_TRUE(Path("/").isAbsolute());
+  EXPECT_TRUE(Path("//a").isAbsolute());
+  EXPECT_FALSE(Path("").isAbsolute());
+  EXPECT_FALSE(Path("a/").isAbsolute());
+  EXPECT_FALSE(Path("./a").isAbsolute());
+  EXPECT_FALSE(Path("~/a").isAbsolute());
+  EXPECT_FALSE(Path("C:\\a").isAbsolute());
+}
+
+TEST(PathTest, TheRootIsASlashForAnAbsolutePathAndEmptyForAnother) {
+  EXPECT_EQ(Path("/a/b").root(), "/");
+  EXPECT_EQ(Path("//").root(), "/");
+  EXPECT_EQ(Path("a").root(), "");
+  EXPECT_EQ(Path("").root(), "");
+}
+
+TEST(PathTest, AnEmptyPathIsNotAbsoluteAndHasNoRootAndNoBasenameAndDirnameDot) {
   Path path("");
   EXPECT_TRUE(path.empty());
   EXPECT_FALSE(path.isAbsolute());
@@ -13,6 +93,427 @@ TEST(PathTest, AnEmptyPathIsNotAbsoluteAndHasNoRootAndNoBasename) {
   EXPECT_EQ(path.basename(), "");
   EXPECT_EQ(path.assignDirname(), ".");
 }
+
+TEST(PathTest, TheSlashAloneHasRootSlashAndNoBasenameAndIsItsOwnDirname) {
+  Path path("///");
+  EXPECT_EQ(path, "/");
+  EXPECT_EQ(path.root(), "/");
+  EXPECT_EQ(path.basename(), "");
+  EXPECT_EQ(path.assignDirname(), "/");
+}
+
+TEST(PathTest, ComponentsAreTheNonEmptyPiecesAndReplaceWhatTheVectorHeld) {
+  EXPECT_EQ(componentsOf(exactly("/a//b/")), (Strings{"a", "b"}));
+  EXPECT_EQ(componentsOf("/"), Strings{});
+  EXPECT_EQ(componentsOf(""), Strings{});
+  EXPECT_EQ(componentsOf("./../a b/ c"), (Strings{".", "..", "a b", " c"}));
+}
+
+TEST(PathTest, JoinPutsOneSlashBetweenTwoElements) {
+  Path path("old");
+  EXPECT_EQ(path.join({"a", "b", "c"}, false), "a/b/c");
+  EXPECT_EQ(path.join({"a", "b"}, true), "/a/b");
+  EXPECT_EQ(path.join({"a"}, true), "/a");
+  EXPECT_EQ(&path.join({"a"}, false), &path);
+}
+
+TEST(PathTest, JoinOfNothingIsTheRootOrEmpty) {
+  EXPECT_EQ(Path("old").join({}, true), "/");
+  EXPECT_EQ(Path("old").join({}, false), "");
+}
+
+TEST(PathTest, AnEmptyElementStillReceivesItsSeparators) {
+  Path path;
+  EXPECT_EQ(path.join({"a", "", "b"}, false), "a//b");
+  EXPECT_EQ(path.join({"", "a"}, false), "/a");
+  EXPECT_EQ(path.join({"", "a"}, true), "//a");
+  EXPECT_EQ(path.join({"a", ""}, false), "a/");
+  EXPECT_EQ(path.join({""}, true), "/");
+  EXPECT_EQ(path.join({"", ""}, false), "/");
+}
+
+TEST(PathTest, JoinTakesElementsAsTheyAre) {
+  Path path;
+  EXPECT_EQ(path.join({"/a/", "b"}, true), "//a//b");
+}
+
+TEST(PathTest, AdditionAlwaysInsertsOneSlashAndCleansesNothing) {
+  EXPECT_EQ(Path("a") + "b", "a/b");
+  EXPECT_EQ(exactly("a/") + "/b/", "a///b/");
+  EXPECT_EQ(Path("/") + "x", "//x");
+  EXPECT_EQ(Path("") + "", "/");
+}
+
+TEST(PathTest, AllSixFormsOfAdditionJoinAndNoneConcatenates) {
+  const Path path("a");
+  const std::string text("b");
+  const Path other("b");
+  EXPECT_EQ(path + text, "a/b");
+  EXPECT_EQ(path + std::string("b"), "a/b");
+  EXPECT_EQ(path + "b", "a/b");
+  EXPECT_EQ(path + 'b', "a/b");
+  EXPECT_EQ(path + other, "a/b");
+  EXPECT_EQ(path + Path("b"), "a/b");
+}
+
+TEST(PathTest, AdditionToATemporaryOrAVariableJoinsAsWell) {
+  Path variable("a");
+  std::string text("b");
+  Path other("b");
+  EXPECT_EQ(variable + text, "a/b");
+  EXPECT_EQ(variable + other, "a/b");
+  EXPECT_EQ(variable + std::move(text), "a/b");
+  EXPECT_EQ(Path("a") + "b", "a/b");
+  EXPECT_EQ(Path("a") + 'b', "a/b");
+  EXPECT_EQ(Path("a") + std::string("b"), "a/b");
+  EXPECT_EQ(Path("a") + Path("b"), "a/b");
+  EXPECT_EQ(Path("a") + std::as_const(other), "a/b");
+  EXPECT_EQ(Path("a") + "b" + "c" + 'd', "a/b/c/d");
+}
+
+TEST(PathTest, AdditionGivesAPathAndLeavesItsOperandsAlone) {
+  const Path path("a");
+  const std::string text("b");
+  static_assert(std::is_same_v<decltype(path + text), Path>);
+  static_assert(std::is_same_v<decltype(path + "b"), Path>);
+  static_assert(std::is_same_v<decltype(path + 'b'), Path>);
+  static_assert(std::is_same_v<decltype(path + path), Path>);
+  EXPECT_EQ((path + text).basename(), "b");
+  EXPECT_EQ(path, "a");
+  EXPECT_EQ(text, "b");
+}
+
+TEST(PathTest, AdditionToAPlainStringStaysConcatenation) {
+  EXPECT_EQ(std::string("a") + Path("b"), "ab");
+  EXPECT_EQ("a" + Path("b"), "ab");
+}
+
+TEST(PathTest, AdditionKeepsZeroBytesOfStrings) {
+  const std::string zero("x\0y", 3);
+  EXPECT_EQ(Path("a") + zero, std::string("a/x\0y", 5));
+  EXPECT_EQ(Path("a") + '\0', std::string("a/\0", 3));
+}
+
+TEST(PathTest, TheBasenameIsWhatFollowsTheLastSlash) {
+  EXPECT_EQ(Path("/a/b.c").basename(), "b.c");
+  EXPECT_EQ(Path("a").basename(), "a");
+  EXPECT_EQ(Path("/").basename(), "");
+  EXPECT_EQ(exactly("a/b/").basename(), "");
+  EXPECT_EQ(Path("a//b").basename(), "b");
+}
+
+TEST(PathTest, AssignBasenameDoesTheSameInPlace) {
+  Path path("/a/b");
+  EXPECT_EQ(&path.assignBasename(), &path);
+  EXPECT_EQ(path, "b");
+  EXPECT_EQ(Path("/").assignBasename(), "");
+  EXPECT_EQ(exactly("a/").assignBasename(), "");
+}
+
+TEST(PathTest, TheDirnameIsCutAtTheLastSlash) {
+  EXPECT_EQ(dirname("a/b"), "a");
+  EXPECT_EQ(dirname("/a/b"), "/a");
+  EXPECT_EQ(dirname("a"), ".");
+  EXPECT_EQ(dirname(""), ".");
+  EXPECT_EQ(dirname("/"), "/");
+  EXPECT_EQ(dirname("a//b"), "a/");
+  EXPECT_EQ(dirname(exactly("a/b/")), "a/b");
+  EXPECT_EQ(dirname(exactly("//")), "/");
+}
+
+TEST(PathTest, TheDirnameOfATopLevelEntryIsEmptyAndNotTheRoot) {
+  EXPECT_EQ(dirname("/etc"), "");
+  EXPECT_EQ(dirname("/a"), "");
+}
+
+TEST(PathTest, StripCutsComponentsFromTheEnd) {
+  EXPECT_EQ(stripped("/a/b", 1), "/a");
+  EXPECT_EQ(stripped("/a", 1), "");
+  EXPECT_EQ(stripped("a", 1), "");
+  EXPECT_EQ(stripped("a/b", 2), "");
+  EXPECT_EQ(stripped("a/b", 5), "");
+  EXPECT_EQ(stripped("/a/b", 2), "");
+  EXPECT_EQ(stripped("a/b/c/d", 2), "a/b");
+  EXPECT_EQ(stripped("a//b", 1), "a/");
+  EXPECT_EQ(stripped("/", 1), "");
+  EXPECT_EQ(stripped("", 1), "");
+  EXPECT_EQ(stripped("a/b/c", std::string::npos), "");
+}
+
+TEST(PathTest, StripOfNothingIsANoOp) {
+  EXPECT_EQ(stripped("a/b", 0), "a/b");
+  EXPECT_EQ(stripped(exactly("a/"), 0), "a/");
+}
+
+TEST(PathTest, TheExtensionFollowsTheLastOrTheFirstDotOfTheBasename) {
+  EXPECT_EQ(Path("x.tar.gz").extension(false), "gz");
+  EXPECT_EQ(Path("x.tar.gz").extension(true), "tar.gz");
+  EXPECT_EQ(Path(".profile").extension(false), "profile");
+  EXPECT_EQ(Path(".profile").extension(true), "profile");
+  EXPECT_EQ(Path("x").extension(false), "");
+  EXPECT_EQ(Path("x.").extension(true), "");
+  EXPECT_EQ(Path("x..y").extension(true), ".y");
+  EXPECT_EQ(Path("").extension(false), "");
+}
+
+TEST(PathTest, OnlyTheBasenameIsSearchedForAnExtension) {
+  EXPECT_EQ(Path("dir.d/file").extension(false), "");
+  EXPECT_EQ(Path("dir.d/file").extension(true), "");
+  EXPECT_EQ(exactly("a.b/").extension(false), "");
+}
+
+TEST(PathTest, ExtensionsAreTheStemAndThenWhatFollows) {
+  EXPECT_EQ(extensionsOf("x.tar.gz"), (Strings{"x", "tar", "gz"}));
+  EXPECT_EQ(extensionsOf("a.b/x"), Strings{"x"});
+  EXPECT_EQ(extensionsOf(".profile"), Strings{"profile"});
+  EXPECT_EQ(extensionsOf("x..y."), (Strings{"x", "y"}));
+  EXPECT_EQ(extensionsOf("..."), Strings{});
+  EXPECT_EQ(extensionsOf(""), Strings{});
+  EXPECT_EQ(extensionsOf("/"), Strings{});
+}
+
+TEST(PathTest, TheStrippedBasenameIsTheStem) {
+  EXPECT_EQ(Path("/d/x.tar.gz").strippedBasename(), "x");
+  EXPECT_EQ(Path(".profile").strippedBasename(), "profile");
+  EXPECT_EQ(Path("x").strippedBasename(), "x");
+}
+
+TEST(PathTest, ABasenameWithoutAnyPieceHasAnEmptyStem) {
+  for (const char* text : {"", "/", ".", "..", "...", "a/..."}) EXPECT_EQ(Path(text).strippedBasename(), "");
+}
+
+TEST(PathTest, TheIntersectionIsTheLongestCommonRunOfLeadingComponents) {
+  EXPECT_EQ(Path("/a/b/c").intersection("/a//b/d"), "/a/b");
+  EXPECT_EQ(Path("/x").intersection("/y"), "/");
+  EXPECT_EQ(Path("a").intersection("/a"), "");
+  EXPECT_EQ(Path("/a").intersection("a"), "");
+  EXPECT_EQ(Path("a/b").intersection("a/b/c"), "a/b");
+  EXPECT_EQ(Path("a/b/c").intersection("a/b"), "a/b");
+  EXPECT_EQ(Path("a/bc").intersection("a/b"), "a");
+  EXPECT_EQ(Path("x/b").intersection("y/b"), "");
+  EXPECT_EQ(Path("a/X").intersection("a/x"), "a");
+  EXPECT_EQ(Path("a/b/c").intersection("a/x/c"), "a");
+  EXPECT_EQ(Path("").intersection("a"), "");
+  EXPECT_EQ(Path("/").intersection("/"), "/");
+}
+
+TEST(PathTest, TheIntersectionOfAPathWithItselfIsItsComponentForm) {
+  const Path path("/a//b");
+  EXPECT_EQ(path.intersection(path), "/a/b");
+  EXPECT_EQ(Path("./a//..").intersection("./a//.."), "./a/..");
+}
+
+// --- a path is a string
+
+std::size_t lengthOf(const std::string& text) { return text.size(); }
+std::string copyOf(std::string text) { return text; }
+std::size_t depthOf(const Path& path) { return componentsOf(path).size(); }
+
+TEST(PathTest, APathGoesWhereverAStringGoes) {
+  const Path path("/a/b");
+  EXPECT_EQ(lengthOf(path), 4u);
+  EXPECT_EQ(copyOf(path), "/a/b");
+  EXPECT_EQ(std::string_view(path), "/a/b");
+  EXPECT_STREQ(path.c_str(), "/a/b");
+  EXPECT_EQ(path.substr(1, 1), "a");
+  EXPECT_EQ(path.find("/b"), 2u);
+  const std::string text = path;
+  EXPECT_EQ(text, path);
+  EXPECT_LT(path, std::string("/b"));
+  EXPECT_EQ((std::map<std::string, int>{{path, 7}}.at("/a/b")), 7);
+  std::ostringstream stream;
+  stream << path;
+  EXPECT_EQ(stream.str(), "/a/b");
+}
+
+TEST(PathTest, AStringGoesWhereverAPathGoes) {
+  EXPECT_EQ(depthOf("/a/b"), 2u);
+  EXPECT_EQ(depthOf(std::string("a/b/c")), 3u);
+  Path path;
+  path = "x/";
+  EXPECT_EQ(path, "x");
+  path = std::string("y/");
+  EXPECT_EQ(path, "y");
+}
+
+TEST(PathTest, StringOperationsApplyToAPath) {
+  Path path("a");
+  path += "/b";
+  path.append("/c").push_back('/');
+  EXPECT_EQ(path, "a/b/c/");
+  EXPECT_EQ(std::unordered_set<Path>({"a", "b", "a/"}).size(), 2u);
+  std::istringstream("word rest") >> path;
+  EXPECT_EQ(path, "word");
+}
+
+// --- against a plain model: every rule as a loop over single characters
+
+namespace model {
+
+std::size_t lastSlash(const std::string& text) {
+  for (std::size_t at = text.size(); at-- > 0;) {
+    if (text[at] == '/') return at;
+  }
+  return std::string::npos;
+}
+
+std::string cleansed(std::string text) {
+  while (text.size() >= 2 && text[text.size() - 1] == '/') text.erase(text.size() - 1);
+  return text;
+}
+
+Strings pieces(const std::string& text, char delimiter) {
+  Strings all;
+  std::string piece;
+  for (char c : text + delimiter) {
+    if (c != delimiter) {
+      piece += c;
+    } else if (!piece.empty()) {
+      all.push_back(piece);
+      piece.clear();
+    }
+  }
+  return all;
+}
+
+std::string basename(const std::string& text) {
+  std::string base;
+  for (char c : text) {
+    if (c == '/') {
+      base.clear();
+    } else {
+      base += c;
+    }
+  }
+  return base;
+}
+
+std::string dirname(const std::string& text) {
+  if (text == "/") return "/";
+  const std::size_t slash = lastSlash(text);
+  return slash == std::string::npos ? "." : text.substr(0, slash);
+}
+
+std::string strip(std::string text, std::size_t n) {
+  for (std::size_t done = 0; done < n; ++done) {
+    const std::size_t slash = lastSlash(text);
+    if (slash == std::string::npos) return "";
+    text = text.substr(0, slash);
+  }
+  return text;
+}
+
+std::string extension(const std::string& text, bool first) {
+  const std::string base = basename(text);
+  std::string result;
+  bool seen = false;
+  for (char c : base) {
+    if (c == '.' && !(first && seen)) {
+      result.clear();
+      seen = true;
+    } else if (seen) {
+      result += c;
+    }
+  }
+  return result;
+}
+
+std::string join(const Strings& parts, bool absolute) {
+  std::string text = absolute ? "/" : "";
+  for (std::size_t at = 0; at < parts.size(); ++at) text += (at == 0 ? "" : "/") + parts[at];
+  return text;
+}
+
+std::string intersection(const std::string& left, const std::string& right) {
+  const bool absolute = !left.empty() && left[0] == '/';
+  if (absolute != (!right.empty() && right[0] == '/')) return "";
+  const Strings a = pieces(left, '/'), b = pieces(right, '/');
+  Strings common;
+  for (std::size_t at = 0; at < a.size() && at < b.size() && a[at] == b[at]; ++at) common.push_back(a[at]);
+  return join(common, absolute);
+}
+
+}  // namespace model
+
+/// Random texts that are mostly slashes and dots; every byte value occurs.
+class Texts {
+ public:
+  explicit Texts(unsigned seed) : random_(seed) {}
+
+  std::string next() {
+    std::string text;
+    for (std::size_t left = random_() % 24; left > 0; --left) text += character();
+    return text;
+  }
+
+ private:
+  char character() {
+    constexpr std::string_view usual = "///...aab";
+    const auto pick = random_() % 10;
+    return pick < usual.size() ? usual[pick] : static_cast<char>(random_() % 256);
+  }
+
+  std::mt19937 random_;
+};
+
+class PathModelTest : public testing::TestWithParam<unsigned> {
+ protected:
+  static constexpr int rounds = 5000;
+  Texts texts_{GetParam()};
+};
+
+TEST_P(PathModelTest, ConstructionAgrees) {
+  for (int round = 0; round < rounds; ++round) {
+    const std::string text = texts_.next();
+    ASSERT_EQ(Path(text), model::cleansed(text));
+    ASSERT_EQ(Path(text, Path::CANONICAL), model::cleansed(text));
+    ASSERT_EQ(Path(text.c_str()), model::cleansed(text.c_str()));
+  }
+}
+
+TEST_P(PathModelTest, EveryOperationOnOnePathAgrees) {
+  for (int round = 0; round < rounds; ++round) {
+    const std::string text = texts_.next();
+    const Path path = exactly(text);
+    ASSERT_EQ(path.isAbsolute(), text.substr(0, 1) == "/") << text;
+    ASSERT_EQ(path.root(), text.substr(0, 1) == "/" ? "/" : "") << text;
+    ASSERT_EQ(componentsOf(path), model::pieces(text, '/')) << text;
+    ASSERT_EQ(path.basename(), model::basename(text)) << text;
+    ASSERT_EQ(Path(path).assignBasename(), model::basename(text)) << text;
+    ASSERT_EQ(Path(path).assignDirname(), model::dirname(text)) << text;
+    ASSERT_EQ(path.extension(false), model::extension(text, false)) << text;
+    ASSERT_EQ(path.extension(true), model::extension(text, true)) << text;
+    const Strings pieces = model::pieces(model::basename(text), '.');
+    ASSERT_EQ(extensionsOf(path), pieces) << text;
+    ASSERT_EQ(path.strippedBasename(), pieces.empty() ? "" : pieces.front()) << text;
+    for (std::size_t n = 0; n < 6; ++n)
+      ASSERT_EQ(stripped(path, n), model::strip(text, n)) << text << ' ' << n;
+  }
+}
+
+TEST_P(PathModelTest, EveryOperationOnTwoPathsAgrees) {
+  for (int round = 0; round < rounds; ++round) {
+    const std::string left = texts_.next(), right = texts_.next();
+    const Path path = exactly(left), other = exactly(right);
+    ASSERT_EQ(path + right, left + '/' + right);
+    ASSERT_EQ(path + other, left + '/' + right);
+    ASSERT_EQ(path + right.c_str(), left + '/' + right.c_str());
+    ASSERT_EQ(path.intersection(other), model::intersection(left, right)) << left << ' ' << right;
+    ASSERT_EQ(path.intersection(path), model::join(componentsOf(path), path.isAbsolute())) << left;
+  }
+}
+
+TEST_P(PathModelTest, JoinAgreesAlsoWithEmptyElements) {
+  std::mt19937 random(GetParam());
+  for (int round = 0; round < rounds; ++round) {
+    Strings parts(random() % 5);
+    for (std::string& part : parts) part = random() % 3 == 0 ? "" : texts_.next();
+    for (bool absolute : {false, true})
+      ASSERT_EQ(Path("x").join(parts, absolute), model::join(parts, absolute));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, PathModelTest, testing::Values(1U, 20201U, 4242424242U));
 
 }  // namespace
 }  // namespace kes::fs

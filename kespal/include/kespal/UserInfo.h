@@ -1,0 +1,39 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+namespace kes {
+
+/// A user account, as the password database has it. A plain record; an id with all bits set is unknown.
+/// Any thread may look up; m_login_name is written at start-up.
+struct UserInfo {
+  unsigned uid = 0xFFFFFFFF;
+  unsigned gid = 0xFFFFFFFF;  ///< of the primary group
+  std::string name;           ///< login name
+  std::string group;          ///< name of the primary group
+  std::string home;
+  std::string shell;
+
+  UserInfo() = default;
+  /// The account of a user id, and its primary group. Errors of resolve().
+  explicit UserInfo(unsigned uid);
+  /// The account of a login name, and its primary group. Errors of resolve().
+  explicit UserInfo(const std::string& name);
+
+  /// Fills the record from the account with this name, or else with this user id. The group id stays
+  /// unless `withGroup`; the group's name is that of the id in either case. OsError; RuntimeError
+  /// "No such user"; errors of GroupInfo.
+  void resolve(bool byName, bool withGroup);
+
+  /// The login name of the controlling terminal's user; empty when unknown.
+  static std::string m_login_name;
+  static void setLoginName();
+  /// Finds out who is logged in. Called once, before threads are started.
+  static void init() { setLoginName(); }
+};
+
+/// Four lines: "User: name (uid)", "Group: group (gid)", "Home: home", "Shell: shell".
+std::ostream& operator<<(std::ostream& stream, const UserInfo& user);
+
+}  // namespace kes

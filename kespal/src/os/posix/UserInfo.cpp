@@ -1,0 +1,56 @@
+#include "kespal/UserInfo.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <ostream>
+
+#include "kespal/GroupInfo.h"
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
+
+namespace kes {
+
+namespace {
+/// Not every source of accounts fills in all texts.
+const char* textOf(const char* field) { return field != nullptr ? field : ""; }
+}  // namespace
+
+std::string UserInfo::m_login_name;
+
+UserInfo::UserInfo(unsigned id) : uid(id) { resolve(/*byName=*/false, /*withGroup=*/true); }
+
+UserInfo::UserInfo(const std::string& login) : name(login) { resolve(/*byName=*/true, /*withGroup=*/true); }
+
+void UserInfo::setLoginName() {
+  char buffer[32];
+  m_login_name = ::getlogin_r(buffer, sizeof buffer) == 0 ? buffer : "";
+}
+
+void UserInfo::resolve(bool byName, bool withGroup) {
+  passwd entry;
+  passwd* found = nullptr;
+  char buffer[2048];
+  const int code = byName ? ::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found)
+                          : ::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found);
+  if (code != 0) raiseAt(KES_HERE, OsError(code));
+  if (found == nullptr) raiseAt(KES_HERE, RuntimeError("No such user"));
+
+  if (byName) {
+    uid = entry.pw_uid;
+  } else {
+    name = textOf(entry.pw_name);
+  }
+  if (withGroup) gid = entry.pw_gid;
+  home = textOf(entry.pw_dir);
+  shell = textOf(entry.pw_shell);
+  group = GroupInfo(gid).name();
+}
+
+std::ostream& operator<<(std::ostream& stream, const UserInfo& user) {
+  return stream << "User: " << user.name << " (" << std::to_string(user.uid) << ")\nGroup: " << user.group
+                << " (" << std::to_string(user.gid) << ")\nHome: " << user.home << "\nShell: " << user.shell
+                << '\n';
+}
+
+}  // namespace kes

@@ -1,0 +1,130 @@
+#include "kespal/proc/Privilege.h"
+
+#include <grp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
+#include "os/SavedIds.h"
+
+namespace kes::proc {
+
+namespace {
+
+/// Calls setgroups(), whose count has another type on each system.
+template <typename Count>
+int setGroups(int (*call)(Count, const gid_t*), const std::vector<gid_t>& groups) {
+  return call(static_cast<Count>(groups.size()), groups.data());
+}
+
+UserInfo resolved(unsigned uid, unsigned gid) {
+  UserInfo user;
+  user.uid = uid;
+  user.gid = gid;
+  user.resolve(/*byName=*/false, /*withGroup=*/false);
+  return user;
+}
+
+bool changeGroupIds(unsigned gid) { return ::setegid(gid) == 0 && ::setgid(gid) == 0; }
+
+/// Sets the effective user id without touching errno: the way out of a change that went wrong.
+void retreatTo(unsigned uid) {
+  const int code = errno;
+  (void)!::seteuid(uid);
+  errno = code;
+}
+
+/// Gives up all user ids. Who is root only by its real or saved id may set nothing but the effective one
+/// (EPERM): root is taken back for the one call that changes all three.
+bool changeAllUserIds(unsigned uid) {
+  if (::setuid(uid) == 0) return true;
+  if (errno != EPERM || (::getuid() != 0 && os::savedUserId() != 0)) return false;
+  if (::seteuid(0) != 0) return false;
+  const bool changed = ::setuid(uid) == 0;
+  if (!changed || ::getuid() != uid || os::savedUserId() != uid) retreatTo(uid);
+  return changed;
+}
+
+bool changeUserIds(unsigned uid, bool permanent) {
+  return ::seteuid(uid) == 0 && (!permanent || changeAllUserIds(uid));
+}
+
+/// Tries to become root again; a success is undone.
+bool canComeBack(const UserInfo& user) {
+  if (::seteuid(0) == 0) {
+    retreatTo(user.uid);
+    return true;
+  }
+  if (::setegid(0) == 0) {
+    (void)!::setegid(user.gid);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+UserInfo Privilege::realProcUser() const { return resolved(::getuid(), ::getgid()); }
+
+UserInfo Privilege::effectiveProcUser() const { return resolved(::geteuid(), ::getegid()); }
+
+void Privilege::resolveUser(UserInfo& user) const { user.resolve(/*byName=*/false, /*withGroup=*/false); }
+
+std::set<unsigned> Privilege::supplementaryGroups() const {
+  std::vector<gid_t> groups;
+  int count = ::getgroups(0, nullptr);
+  if (count > 0) {
+    groups.resize(static_cast<std::size_t>(count));
+    count = ::getgroups(count, groups.data());
+  }
+  if (count < 0) raiseAt(KES_HERE, OsError(errno));
+  return {groups.begin(), groups.begin() + count};
+}
+
+void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
+  if (setGroups(::setgroups, {groups.begin(), groups.end()}) != 0) raiseAt(KES_HERE, OsError(errno));
+}
+
+void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
+  const UserInfo before = effectiveProcUser();
+  if (changeGroups) {
+    const std::set<unsigned> groups = supplementaryGroups();
+    setSupplementaryGroups({});
+    groupsSaved_ = !permanent;
+    if (!permanent) previousGroups_ = groups;
+  }
+  changePrivilegeIds(user, permanent);
+  saved_ = !permanent;
+  if (!permanent) previousUser_ = before;
+}
+
+void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
+  const bool changed = (!permanent || changeGroupIds(user.gid)) && changeUserIds(user.uid, permanent);
+  if (!changed) raiseAt(KES_HERE, OsError(errno));
+  if (::getegid() != user.gid || ::geteuid() != user.uid) {
+    raiseAt(KES_HERE, RuntimeError("Privilege change silently failed?!"));
+  }
+  if (permanent && canComeBack(user)) {
+    raiseAt(KES_HERE, RuntimeError("Permanent privilege change isn't permanent?!"));
+  }
+}
+
+void Privilege::restorePrivilege() {
+  if (!saved_) raiseAt(KES_HERE, UsageError("No previous privilege information stored"));
+  changePrivilegeIds(previousUser_, /*permanent=*/false);
+  saved_ = false;
+  if (!groupsSaved_) return;
+  setSupplementaryGroups(previousGroups_);
+  previousGroups_.clear();
+  groupsSaved_ = false;
+}
+
+bool Privilege::haveRootPrivilege() {
+  if (::geteuid() == 0 || ::getegid() == 0) return true;
+  return ::seteuid(0) == 0 || ::setegid(0) == 0;
+}
+
+}  // namespace kes::proc
