@@ -31,10 +31,11 @@ static_assert(is_same_v<decltype(_NSGetExecutablePath), int(char*, std::uint32_t
 
 static_assert(is_same_v<decltype(strerror_r), int(int, char*, std::size_t)>);
 
-static_assert(CTL_KERN == 1 && KERN_PROC == 14 && KERN_PROC_ALL == 0 && MAXCOMLEN == 16);
+static_assert(CTL_KERN == 1 && KERN_PROC == 14 && KERN_PROC_ALL == 0 && KERN_PROC_PID == 1 && MAXCOMLEN == 16);
 static_assert(is_same_v<decltype(extern_proc::p_pid), int>);
 static_assert(is_same_v<decltype(extern_proc::p_comm), char[MAXCOMLEN + 1]>);
 static_assert(is_same_v<decltype(kinfo_proc::kp_proc), extern_proc>);
+static_assert(is_same_v<decltype(kinfo_proc{}.kp_eproc.e_pcred.p_svuid), uid_t>);
 static_assert(is_same_v<decltype(sysctl), int(int*, unsigned int, void*, std::size_t*, void*, std::size_t)>);
 
 static_assert(is_same_v<decltype(pthread_threadid_np(nullptr, std::declval<std::uint64_t*>())), int>);

@@ -3,6 +3,7 @@
 #include <sys/sysctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -42,13 +43,11 @@ std::vector<kinfo_proc> processes() {
 
 }  // namespace
 
-// Knows one question, the list of all processes. Asked without a buffer it estimates with room to spare,
-// as the kernel does, and into a short buffer it writes as many records as fit and fails.
-int sysctl(int* name, unsigned int length, void* old, std::size_t* oldSize, void*, std::size_t) {
-  if (length != 3 || name[0] != CTL_KERN || name[1] != KERN_PROC || name[2] != KERN_PROC_ALL) {
-    errno = ENOENT;
-    return -1;
-  }
+namespace {
+
+/// The list of all processes. Asked without a buffer it estimates with room to spare, as the kernel does,
+/// and into a short buffer it writes as many records as fit and fails.
+int giveAll(void* old, std::size_t* oldSize) {
   const std::vector<kinfo_proc> list = processes();
   if (old == nullptr) {
     *oldSize = (list.size() + 5) * sizeof(kinfo_proc);
@@ -59,5 +58,28 @@ int sysctl(int* name, unsigned int length, void* old, std::size_t* oldSize, void
   *oldSize = fitting * sizeof(kinfo_proc);
   if (fitting == list.size()) return 0;
   errno = ENOMEM;
+  return -1;
+}
+
+/// The asking process.
+int giveSelf(void* old, std::size_t* oldSize) {
+  kinfo_proc self{};
+  uid_t real = 0, effective = 0;
+  ::getresuid(&real, &effective, &self.kp_eproc.e_pcred.p_svuid);
+  self.kp_proc.p_pid = ::getpid();
+  *oldSize = std::min(*oldSize, sizeof self);
+  std::memcpy(old, &self, *oldSize);
+  return 0;
+}
+
+}  // namespace
+
+// Knows two questions.
+int sysctl(int* name, unsigned int length, void* old, std::size_t* oldSize, void*, std::size_t) {
+  const bool ofProcesses = length >= 3 && name[0] == CTL_KERN && name[1] == KERN_PROC;
+  if (ofProcesses && length == 3 && name[2] == KERN_PROC_ALL) return giveAll(old, oldSize);
+  if (ofProcesses && length == 4 && name[2] == KERN_PROC_PID && name[3] == ::getpid())
+    return giveSelf(old, oldSize);
+  errno = ENOENT;
   return -1;
 }
