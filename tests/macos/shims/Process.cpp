@@ -32,7 +32,7 @@ std::vector<kinfo_proc> processes() {
     const std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     std::string command;
-    std::getline(std::ifstream(entry.path() / "comm"), command);
+    if (!std::getline(std::ifstream(entry.path() / "comm"), command)) continue;  // it has just ended
     kinfo_proc process{};
     process.kp_proc.p_pid = std::stoi(name);
     command.copy(process.kp_proc.p_comm, MAXCOMLEN);
