@@ -19,6 +19,9 @@ class File : NoCopy {
   /// How the descriptor is opened. Any other value opens read only.
   enum Mode : int { READ = 0, WRITE = 1, READ_WRITE = 2 };
 
+  // Newer compilers warn that fs::NO_FOLLOW exists as well, even where this name is always qualified.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
   /// A set of open flags; other bits mean nothing.
   enum Flag : unsigned {
     CREATE = 0x1,     ///< create a missing file
@@ -26,6 +29,7 @@ class File : NoCopy {
     TRUNCATE = 0x4,   ///< empty the file
     NO_FOLLOW = 0x8,  ///< fail if the last component is a symbolic link
   };
+#pragma GCC diagnostic pop
 
   /// Selects the temporary-file form of open().
   struct TempType {};

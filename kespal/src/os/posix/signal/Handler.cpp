@@ -81,7 +81,7 @@ void Handler::add(const int& signal, INotify& notifier) {
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     action.sa_flags = SA_SIGINFO;
-    ::sigemptyset(&action.sa_mask);
+    sigemptyset(&action.sa_mask);
     if (::sigaction(signal, &action, nullptr) != 0) raiseAt(KES_HERE, OsError(errno));
     notifiers_[signal].insert(&notifier);
     waitSet_.add(signal);
