@@ -1,6 +1,4 @@
 #include <glob.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <list>
 #include <string>
@@ -14,22 +12,14 @@
 #include "kespal/fs/Path.h"
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
+#include "os/posix/fs/Executable.h"
 
 namespace kes::fs {
 
 namespace {
 
-/// The simple rule: no supplementary groups, and root is a user like any other.
-bool isExecutable(const std::string& candidate) noexcept {
-  struct stat status {};
-  if (::stat(candidate.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  const auto mode = status.st_mode;
-  return (mode & S_IXOTH) != 0 || ((mode & S_IXUSR) != 0 && status.st_uid == ::geteuid()) ||
-         ((mode & S_IXGRP) != 0 && status.st_gid == ::getegid());
-}
-
 std::string foundAt(const std::string& program, bool dirOnly) {
-  if (!isExecutable(program)) return {};
+  if (!isExecutable(program.c_str())) return {};
   return dirOnly ? Path(program.c_str()).assignDirname() : program;
 }
 
@@ -69,7 +59,7 @@ std::string Ops::which(const char* program, bool dirOnly) {
   helper::split(path, ':', directories, /*strip=*/false, /*keepEmpty=*/false);
   for (const std::string& directory : directories) {
     const std::string candidate = directory + '/' + name;
-    if (isExecutable(candidate)) return dirOnly ? directory : candidate;
+    if (isExecutable(candidate.c_str())) return dirOnly ? directory : candidate;
   }
   return {};
 }

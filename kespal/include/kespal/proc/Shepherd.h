@@ -1,0 +1,106 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <set>
+
+#include "kespal/NoCopy.h"
+#include "kespal/thread/Condition.h"
+#include "kespal/thread/LockGuard.h"
+#include "kespal/thread/Thread.h"
+#include "kespal/time/Milliseconds.h"
+
+namespace kes::proc {
+
+class Child;
+
+/// The process collector: the one place that reaps children. Its thread waits for any child of this process
+/// while children are registered; one that nobody registered is reaped and reported. Any thread may call.
+/// Lock order: the collector's lock, then its thread's own, never the other way round.
+class Shepherd : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
+ public:
+  using Guard = ::kes::thread::LockGuardT<::kes::thread::Condition>;
+
+  Shepherd();
+  /// Stop it first. Waits for those who are still inside.
+  ~Shepherd();
+
+  void start();
+  /// Ends the thread within moments, even while children run, and sends whoever waits away with a
+  /// RuntimeError. An error is reported on standard error and goes no further.
+  void stop();
+
+  /// The condition whose lock has to be held from before the fork until the child is registered, so that
+  /// the child cannot be reaped unknown.
+  const ::kes::thread::Condition& condition() const noexcept { return cond_; }
+  /// Registers a child that was just forked, with the lock held; `child`, when not null, is told its end.
+  void addNoLock(const int& pid, Child* child);
+  /// Whether a registered child has not been reaped yet, with the lock held.
+  bool isRegisteredNoLock(const int& pid) const { return registered_.contains(pid); }
+  /// Whether children that are registered will be reaped, with the lock held.
+  bool isServingNoLock() const { return !stopping_ && !ended_; }
+
+  /// Waits for a child's end, without limit when `timeout` is null. True: `status` is its wait status,
+  /// which is forgotten here. False: the time has passed. RuntimeError on the collector's own thread when
+  /// the status is not there, when the collector was never started, and when it ends meanwhile.
+  bool wait(const int& pid, int& status, const time::Milliseconds* timeout = nullptr);
+
+  /// Calls the notification of a child that was reaped, if it has one, after the lock was released through
+  /// `guard`. A kes::Exception from it is reported on standard error.
+  void checkCB(const int& pid, Guard& guard);
+
+  /// Nobody will ask about this child any more: its object is being destroyed. Waits while its notification
+  /// runs on another thread.
+  void forget(const Child& child, int pid);
+
+  /// Whether the calling thread is the collector's. RuntimeError when that thread does not exist.
+  bool isCaller() const;
+  /// The same; false when that thread does not exist.
+  bool runsHere() const noexcept;
+
+  /// Keeps the object from being destroyed until leave().
+  void enter() noexcept { ++visitors_; }
+  void leave();
+
+  /// The collector's body.
+  void thread(::kes::thread::CoopThread& self) override;
+
+ private:
+  struct Waiter;
+
+  bool awaitWork(::kes::thread::CoopThread& self);
+  void reapOne();
+  void waitFailed(int error);
+  void file(pid_t pid, int status);
+  bool fetch(const int& pid, int& status);
+  void wakeWaiters(int pid) const;
+  void endWait();
+  void reapSentinel();
+  void finish();
+
+  ::kes::thread::Lock lock_;
+  ::kes::thread::Condition cond_;
+
+  // Guarded by the lock.
+  std::set<int> registered_;
+  std::map<int, int> results_;
+  std::map<int, Child*> callbacks_;
+  std::multimap<int, const Waiter*> waiters_;
+  std::set<int> abandoned_;           ///< registered, but nobody will ask for the result
+  const Child* notifying_ = nullptr;  ///< whose notification runs
+  pid_t sentinel_ = -1;               ///< a child whose only purpose is to end the collector's wait
+  std::uint64_t registrations_ = 0;   ///< how many there were
+  std::uint64_t waitedFor_ = 0;       ///< how many there were when the collector began to wait
+  bool childless_ = false;            ///< the system knows no child although some are registered
+  bool stopping_ = false;
+  bool ended_ = false;  ///< the body is left: nothing will be reaped any more
+
+  std::atomic<unsigned> visitors_{0};
+
+  ::kes::thread::CoopThread thread_;
+};
+
+}  // namespace kes::proc

@@ -1,0 +1,258 @@
+#include "kespal/proc/Shepherd.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
+#include "kespal/proc/Child.h"
+#include "os/NoCancel.h"
+
+namespace kes::proc {
+
+using ::kes::thread::Condition;
+using ::kes::thread::CoopThread;
+
+namespace {
+
+/// One write, so that the reports of several threads do not mix.
+void report(const std::string& text) {
+  const os::NoCancel untilWritten;
+  std::cerr << text << std::flush;
+}
+
+/// Calls a function when the scope is left, however that happens.
+template <typename Function>
+class AtEnd {
+ public:
+  explicit AtEnd(Function function) : function_(function) {}
+  ~AtEnd() { function_(); }
+  AtEnd(const AtEnd&) = delete;
+  AtEnd& operator=(const AtEnd&) = delete;
+
+ private:
+  Function function_;
+};
+
+}  // namespace
+
+/// Somebody who waits for one child. Each is woken for its own: waking all for every result would cost the
+/// square of their number.
+struct Shepherd::Waiter {
+  explicit Waiter(::kes::thread::Lock& lock) : arrived(lock) {}
+
+  Condition arrived;
+};
+
+Shepherd::Shepherd() : lock_(::kes::thread::Normal), cond_(lock_), thread_("process collector", this) {}
+
+Shepherd::~Shepherd() {
+  if (thread_.state() != CoopThread::BURIED) stop();
+  const Guard guard(cond_);
+  while (visitors_ != 0) cond_.wait();
+}
+
+void Shepherd::leave() {
+  const Guard guard(cond_);
+  if (--visitors_ == 0) cond_.signalAll();
+}
+
+void Shepherd::start() { thread_.run(); }
+
+void Shepherd::stop() {
+  try {
+    {
+      const Guard guard(cond_);
+      stopping_ = true;
+      thread_.requestReturn();
+      endWait();
+      cond_.signalAll();
+    }
+    thread_.join();
+  } catch (const Exception& error) {
+    report("Error joining " + thread_.name() + " thread:\n" + error.exStack());
+  }
+  reapSentinel();
+}
+
+/// The collector may sit in wait() until the next child ends: one that ends at once is made for it. Should
+/// the fork be refused, the next real child has to do.
+void Shepherd::endWait() {
+  if (registered_.empty() || sentinel_ != -1) return;
+  sentinel_ = ::fork();
+  if (sentinel_ == 0) ::_exit(0);
+}
+
+/// The collector may have left for another child's sake.
+void Shepherd::reapSentinel() {
+  const Guard guard(cond_);
+  if (sentinel_ == -1) return;
+  while (::waitpid(sentinel_, nullptr, 0) == -1 && errno == EINTR) {
+  }
+  sentinel_ = -1;
+}
+
+void Shepherd::addNoLock(const int& pid, Child* child) {
+  // A process with this id exists now: what is still known of an earlier one is stale.
+  results_.erase(pid);
+  abandoned_.erase(pid);
+  registered_.insert(pid);
+  if (child != nullptr) callbacks_.insert({pid, child});
+  ++registrations_;
+  childless_ = false;
+  cond_.signalAll();
+  thread_.requestRun();
+}
+
+bool Shepherd::isCaller() const { return ::pthread_equal(::pthread_self(), thread_.id().handle) != 0; }
+
+bool Shepherd::runsHere() const noexcept {
+  try {
+    return isCaller();
+  } catch (const RuntimeError&) {
+    return false;
+  }
+}
+
+bool Shepherd::fetch(const int& pid, int& status) {
+  const auto result = results_.find(pid);
+  if (result == results_.end()) return false;
+  status = result->second;
+  results_.erase(result);
+  return true;
+}
+
+bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeout) {
+  const bool isCollector = isCaller();
+  enter();
+  const AtEnd leaving([this] { leave(); });
+  const Guard guard(cond_);
+  std::optional<time::RealtimeClock> deadline;
+  if (timeout != nullptr) deadline.emplace() += *timeout;
+
+  const Waiter waiter(lock_);
+  const auto entry = waiters_.insert({pid, &waiter});
+  const AtEnd unlisting([this, entry] { waiters_.erase(entry); });
+  while (!fetch(pid, status)) {
+    if (isCollector) {
+      raiseAt({"src/proc/Shepherd", 124, "wait"}, RuntimeError("need no lock but my result's not there?!"));
+    }
+    if (ended_) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
+    if (!deadline) {
+      waiter.arrived.wait();
+    } else if (!waiter.arrived.waitTimed(*deadline)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void Shepherd::wakeWaiters(int pid) const {
+  const auto [first, last] = waiters_.equal_range(pid);
+  for (auto waiter = first; waiter != last; ++waiter) waiter->second->arrived.signal();
+}
+
+void Shepherd::thread(CoopThread& self) {
+  const AtEnd finishing([this] { finish(); });
+  while (awaitWork(self)) reapOne();
+}
+
+/// Pauses until there is a child to wait for. False when the thread is to end.
+bool Shepherd::awaitWork(CoopThread& self) {
+  while (self.request() == CoopThread::Run) {
+    Guard guard(cond_);
+    while (childless_ && !stopping_) cond_.wait();
+    if (stopping_) return false;
+    if (!registered_.empty()) {
+      waitedFor_ = registrations_;
+      return true;
+    }
+    self.requestPauseIfRun();
+    guard.unlock();
+    self.pause();
+  }
+  return false;
+}
+
+void Shepherd::reapOne() {
+  int status = 0;
+  const pid_t pid = ::wait(&status);
+  if (pid == -1) {
+    waitFailed(errno);
+  } else {
+    file(pid, status);
+  }
+}
+
+/// Without any child left (somebody else collected ours) the next wait would fail again, and again: the
+/// thread then waits for the next registration instead.
+void Shepherd::waitFailed(int error) {
+  {
+    const Guard guard(cond_);
+    if (stopping_) return;
+    childless_ = error == ECHILD && waitedFor_ == registrations_;
+  }
+  report(thread_.name() + ": Error waiting for childs ...\n");
+}
+
+void Shepherd::file(pid_t pid, int status) {
+  {
+    Guard guard(cond_);
+    if (pid == sentinel_) {
+      sentinel_ = -1;
+      return;
+    }
+    if (registered_.erase(pid) == 0) {
+      guard.unlock();
+      report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
+      return;
+    }
+    if (abandoned_.erase(pid) == 0) results_.insert({pid, status});
+    checkCB(pid, guard);
+  }
+  const Guard guard(cond_);
+  wakeWaiters(pid);
+}
+
+void Shepherd::checkCB(const int& pid, Guard& guard) {
+  const auto entry = callbacks_.find(pid);
+  if (entry == callbacks_.end()) return;
+  Child* const child = entry->second;
+  callbacks_.erase(entry);
+  notifying_ = child;
+  guard.unlock();
+  const AtEnd done([this] {
+    const Guard again(cond_);
+    notifying_ = nullptr;
+    cond_.signalAll();
+  });
+  try {
+    child->exited();
+  } catch (const Exception& error) {
+    report("checkCB: callback has thrown an exception:\n" + error.exStack());
+  }
+}
+
+void Shepherd::forget(const Child& child, int pid) {
+  const bool isCollector = runsHere();
+  const Guard guard(cond_);
+  std::erase_if(callbacks_, [&child](const auto& entry) { return entry.second == &child; });
+  if (pid != -1 && results_.erase(pid) == 0 && registered_.contains(pid)) abandoned_.insert(pid);
+  // The collector destroys the object from within its notification.
+  while (!isCollector && notifying_ == &child) cond_.wait();
+}
+
+/// However the body is left: whoever waits would wait for ever.
+void Shepherd::finish() {
+  const Guard guard(cond_);
+  ended_ = true;
+  for (const auto& [pid, waiter] : waiters_) waiter->arrived.signal();
+  cond_.signalAll();
+}
+
+}  // namespace kes::proc
