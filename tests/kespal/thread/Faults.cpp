@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 
 namespace kes::test {
@@ -17,9 +18,11 @@ struct Record {
   std::atomic<int> error{0};
   std::atomic<bool> always{false};
   std::atomic<bool> struck{false};
+  std::atomic<const std::function<void()>*> interlude{nullptr};
 };
 
 constinit std::array<Record, static_cast<std::size_t>(Call::Last)> records{};
+constinit std::atomic<pid_t> pretendedThreadId{0};
 
 Record& record(Call call) { return records[static_cast<std::size_t>(call)]; }
 
@@ -32,6 +35,11 @@ int strike(Call call) {
   if (!entry.always && !entry.error.compare_exchange_strong(error, 0)) return 0;
   entry.struck = true;
   return error;
+}
+
+int played(Call call, int result) {
+  if (const auto* play = record(call).interlude.exchange(nullptr)) (*play)();
+  return result;
 }
 
 }  // namespace
@@ -48,6 +56,14 @@ Fault::~Fault() { record(call_).error = 0; }
 
 bool Fault::struck() const { return record(call_).struck; }
 
+Interlude::Interlude(Call call, std::function<void()> play) : call_(call), play_(std::move(play)) {
+  record(call_).interlude = &play_;
+}
+
+Interlude::~Interlude() { record(call_).interlude = nullptr; }
+
+void pretendThreadId(pid_t id) { pretendedThreadId = id; }
+
 }  // namespace kes::test
 
 // NOLINTBEGIN(bugprone-reserved-identifier, bugprone-macro-parentheses): the linker's names
@@ -55,16 +71,16 @@ bool Fault::struck() const { return record(call_).struck; }
   extern "C" int __real_##name parameters;                                        \
   extern "C" int __wrap_##name parameters {                                       \
     if (const int error = kes::test::strike(kes::test::Call::call)) return error; \
-    return __real_##name(__VA_ARGS__);                                            \
+    return kes::test::played(kes::test::Call::call, __real_##name(__VA_ARGS__));  \
   }
-#define FAULTY_ERRNO(call, name, parameters, ...)                     \
-  extern "C" int __real_##name parameters;                            \
-  extern "C" int __wrap_##name parameters {                           \
-    if (const int error = kes::test::strike(kes::test::Call::call)) { \
-      errno = error;                                                  \
-      return -1;                                                      \
-    }                                                                 \
-    return __real_##name(__VA_ARGS__);                                \
+#define FAULTY_ERRNO(call, name, parameters, ...)                                \
+  extern "C" int __real_##name parameters;                                       \
+  extern "C" int __wrap_##name parameters {                                      \
+    if (const int error = kes::test::strike(kes::test::Call::call)) {            \
+      errno = error;                                                             \
+      return -1;                                                                 \
+    }                                                                            \
+    return kes::test::played(kes::test::Call::call, __real_##name(__VA_ARGS__)); \
   }
 
 FAULTY_CODE(MutexAttrInit, pthread_mutexattr_init, (pthread_mutexattr_t * a), a)
@@ -96,9 +112,18 @@ FAULTY_CODE(ThreadKill, pthread_kill, (pthread_t t, int signal), t, signal)
 FAULTY_CODE(ThreadSetname, pthread_setname_np, (pthread_t t, const char* name), t, name)
 FAULTY_CODE(Sigmask, pthread_sigmask, (int how, const sigset_t* set, sigset_t* old), how, set, old)
 FAULTY_CODE(Sigwait, sigwait, (const sigset_t* set, int* signal), set, signal)
-FAULTY_ERRNO(ThreadGettid, gettid, (), )
 FAULTY_ERRNO(SchedYield, sched_yield, (), )
 FAULTY_ERRNO(Sigaction, sigaction, (int signal, const struct sigaction* action, struct sigaction* old),
              signal, action, old)
 FAULTY_ERRNO(Kill, kill, (pid_t pid, int signal), pid, signal)
+
+extern "C" pid_t __real_gettid();
+extern "C" pid_t __wrap_gettid() {
+  if (const int error = kes::test::strike(kes::test::Call::ThreadGettid)) {
+    errno = error;
+    return -1;
+  }
+  const pid_t pretended = kes::test::pretendedThreadId;
+  return pretended != 0 ? pretended : __real_gettid();
+}
 // NOLINTEND(bugprone-reserved-identifier, bugprone-macro-parentheses)

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <atomic>
+#include <sys/types.h>
+
+#include <functional>
 
 namespace kes::test {
 
@@ -57,5 +59,21 @@ class Fault {
  private:
   const Call call_;
 };
+
+/// Runs something once, in the thread that makes the next call of a kind, right after that call.
+class Interlude {
+ public:
+  Interlude(Call call, std::function<void()> play);
+  ~Interlude();
+  Interlude(const Interlude&) = delete;
+  Interlude& operator=(const Interlude&) = delete;
+
+ private:
+  const Call call_;
+  const std::function<void()> play_;
+};
+
+/// What gettid() gives from now on; 0 for the truth.
+void pretendThreadId(pid_t id);
 
 }  // namespace kes::test

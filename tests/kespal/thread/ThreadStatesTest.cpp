@@ -1,0 +1,292 @@
+// Every life state against every operation: what it raises, whether it has to wait for the thread, and the
+// state that it leaves behind.
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "kespal/thread/ErrorAt.h"
+#include "kespal/thread/Faults.h"
+#include "kespal/thread/Thread.h"
+#include "support/Eventually.h"
+#include "support/Gate.h"
+#include "support/Sanitizer.h"
+
+namespace kes::thread {
+namespace {
+
+using namespace test;
+
+constexpr const char* source = "src/thread/Thread";
+constexpr const char* osSource = "src/os/posix/thread/Thread";
+
+/// The states of the table; a detached thread that is held, and one that has ended, are rows of their own.
+enum class Life {
+  Buried,
+  Created,
+  Starting,
+  Running,
+  Finished,
+  HeldDetached,
+  RunningDetached,
+  EndedDetached
+};
+
+std::size_t nativeThreads() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+/// A thread that is brought to a state and kept there until its gates are opened.
+class Subject {
+ public:
+  explicit Subject(Life life) : life_(life), thread_(makeThread()) { bring(); }
+  ~Subject() { end(); }
+
+  BasicThread& thread() { return *thread_; }
+  int ran() const { return ran_; }
+  void start() { start_.open(); }
+  /// Lets the thread go, destroys its object, and waits until nothing is left of it.
+  void end() {
+    start_.open();
+    body_.open();
+    thread_.reset();
+    EXPECT_TRUE(eventually([&] { return nativeThreads() == before_; }));
+  }
+  void destroy() { thread_.reset(); }
+  void openAll() {
+    start_.open();
+    body_.open();
+  }
+
+ private:
+  std::unique_ptr<BasicThread> makeThread() {
+    return std::make_unique<BasicThread>(&body, "subject", this, life_ >= Life::HeldDetached, 0);
+  }
+
+  static void body(void* argument) {
+    auto& subject = *static_cast<Subject*>(argument);
+    ++subject.ran_;
+    subject.body_.pass();
+    ::pthread_testcancel();
+  }
+
+  void bring() {
+    switch (life_) {
+      case Life::Buried:
+        return;
+      case Life::Created:
+      case Life::HeldDetached:
+        return thread_->create();
+      case Life::Starting:
+        // The native thread is stopped before it looks for the go.
+        hold_ = std::make_unique<Interlude>(Call::ThreadSetname, [this] { start_.pass(); });
+        return thread_->run();
+      case Life::Running:
+      case Life::RunningDetached:
+        thread_->run();
+        ASSERT_TRUE(eventually([&] { return ran() == 1; }));
+        return;
+      case Life::Finished:
+      case Life::EndedDetached:
+        openAll();
+        thread_->run();
+        ASSERT_TRUE(eventually([&] { return ran() == 1 && BasicThread::activeThreads() == 0; }));
+        // The count is taken down just before the last step is over.
+        thread_->waitStartOver();
+        ASSERT_TRUE(eventually(
+            [&] { return life_ == Life::EndedDetached || thread_->state() == BasicThread::FINISHED; }));
+        return;
+    }
+  }
+
+  const Life life_;
+  const std::size_t before_ = nativeThreads();
+  Gate start_;
+  Gate body_;
+  std::atomic<int> ran_{0};
+  std::unique_ptr<Interlude> hold_;
+  std::unique_ptr<BasicThread> thread_;
+};
+
+constexpr BasicThread::State states[] = {BasicThread::BURIED,           BasicThread::CREATED,
+                                         BasicThread::STARTING,         BasicThread::RUNNING,
+                                         BasicThread::FINISHED,         BasicThread::CREATED,
+                                         BasicThread::RUNNING_DETACHED, BasicThread::RUNNING_DETACHED};
+
+enum class Operation { Run, Create, Join, PrepareJoin, Kill, Id, WaitStartOver };
+
+constexpr const char* lifeNames[] = {"Buried",   "Created",      "Starting",        "Running",
+                                     "Finished", "HeldDetached", "RunningDetached", "EndedDetached"};
+constexpr const char* operationNames[] = {"Run",  "Create", "Join",         "PrepareJoin",
+                                          "Kill", "Id",     "WaitStartOver"};
+
+enum Waiting { AtOnce, ForTheThread };
+
+struct Row {
+  Life life;
+  Operation operation;
+  Raised raises;
+  Waiting waiting;
+  BasicThread::State after;
+  int ran;  ///< how often the body has begun in the end
+};
+
+void PrintTo(const Row& row, std::ostream* os) {
+  *os << operationNames[static_cast<int>(row.operation)] << " of " << lifeNames[static_cast<int>(row.life)];
+}
+
+const Raised nothing;
+const Raised notBuried = usageError("Tried to start a thread that is not BURIED", osSource, 154, "create");
+const Raised isDetached = usageError("Tried to join a detached thread", source, 199, "prepareJoin");
+const Raised noId = runtimeError("Can't get ID for non-existing thread", source, 145, "throwGetIdError");
+const Raised cannotJoin = osError(EINVAL, osSource, 190, "join");
+const Raised isGone = osError(ESRCH, osSource, 225, "kill");
+
+using enum Operation;
+using T = BasicThread;
+
+const Row table[] = {
+    {Life::Buried, Run, nothing, AtOnce, T::RUNNING, 1},
+    {Life::Buried, Create, nothing, AtOnce, T::CREATED, 0},
+    {Life::Buried, Join, nothing, AtOnce, T::BURIED, 0},
+    {Life::Buried, PrepareJoin, nothing, AtOnce, T::BURIED, 0},
+    {Life::Buried, Kill, nothing, AtOnce, T::BURIED, 0},
+    {Life::Buried, Operation::Id, noId, AtOnce, T::BURIED, 0},
+    {Life::Buried, WaitStartOver, nothing, AtOnce, T::BURIED, 0},
+
+    {Life::Created, Run, notBuried, AtOnce, T::CREATED, 0},
+    {Life::Created, Create, notBuried, AtOnce, T::CREATED, 0},
+    {Life::Created, Join, nothing, AtOnce, T::BURIED, 0},
+    {Life::Created, PrepareJoin, nothing, AtOnce, T::FINISHED, 0},
+    {Life::Created, Kill, nothing, AtOnce, T::BURIED, 0},
+    {Life::Created, Operation::Id, noId, AtOnce, T::CREATED, 0},
+    {Life::Created, WaitStartOver, nothing, AtOnce, T::CREATED, 0},
+
+    {Life::Starting, Run, notBuried, AtOnce, T::STARTING, 1},
+    {Life::Starting, Create, notBuried, AtOnce, T::STARTING, 1},
+    {Life::Starting, Join, nothing, ForTheThread, T::BURIED, 1},
+    {Life::Starting, PrepareJoin, nothing, AtOnce, T::STARTING, 1},
+    {Life::Starting, Kill, nothing, ForTheThread, T::BURIED, 1},
+    {Life::Starting, Operation::Id, nothing, ForTheThread, T::RUNNING, 1},
+    {Life::Starting, WaitStartOver, nothing, ForTheThread, T::RUNNING, 1},
+
+    {Life::Running, Run, notBuried, AtOnce, T::RUNNING, 1},
+    {Life::Running, Create, notBuried, AtOnce, T::RUNNING, 1},
+    {Life::Running, Join, nothing, ForTheThread, T::BURIED, 1},
+    {Life::Running, PrepareJoin, nothing, AtOnce, T::RUNNING, 1},
+    {Life::Running, Kill, nothing, ForTheThread, T::BURIED, 1},
+    {Life::Running, Operation::Id, nothing, AtOnce, T::RUNNING, 1},
+    {Life::Running, WaitStartOver, nothing, AtOnce, T::RUNNING, 1},
+
+    {Life::Finished, Run, notBuried, AtOnce, T::FINISHED, 1},
+    {Life::Finished, Create, notBuried, AtOnce, T::FINISHED, 1},
+    {Life::Finished, Join, nothing, AtOnce, T::BURIED, 1},
+    {Life::Finished, PrepareJoin, nothing, AtOnce, T::FINISHED, 1},
+    {Life::Finished, Kill, nothing, AtOnce, T::BURIED, 1},
+    {Life::Finished, Operation::Id, nothing, AtOnce, T::FINISHED, 1},
+    {Life::Finished, WaitStartOver, nothing, AtOnce, T::FINISHED, 1},
+
+    {Life::HeldDetached, Run, notBuried, AtOnce, T::CREATED, 0},
+    {Life::HeldDetached, Create, notBuried, AtOnce, T::CREATED, 0},
+    {Life::HeldDetached, Join, cannotJoin, AtOnce, T::FINISHED, 0},
+    {Life::HeldDetached, PrepareJoin, nothing, AtOnce, T::FINISHED, 0},
+    {Life::HeldDetached, Kill, cannotJoin, AtOnce, T::FINISHED, 0},
+    {Life::HeldDetached, Operation::Id, noId, AtOnce, T::CREATED, 0},
+    {Life::HeldDetached, WaitStartOver, nothing, AtOnce, T::CREATED, 0},
+
+    {Life::RunningDetached, Run, notBuried, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, Create, notBuried, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, Join, isDetached, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, PrepareJoin, isDetached, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, Kill, isDetached, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, Operation::Id, nothing, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::RunningDetached, WaitStartOver, nothing, AtOnce, T::RUNNING_DETACHED, 1},
+
+    {Life::EndedDetached, Run, notBuried, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, Create, notBuried, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, Join, isDetached, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, PrepareJoin, isDetached, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, Kill, isGone, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, Operation::Id, nothing, AtOnce, T::RUNNING_DETACHED, 1},
+    {Life::EndedDetached, WaitStartOver, nothing, AtOnce, T::RUNNING_DETACHED, 1},
+};
+
+void perform(BasicThread& thread, Life life, Operation operation) {
+  switch (operation) {
+    case Run:
+      return thread.run();
+    case Create:
+      return thread.create();
+    case Join:
+      return thread.join();
+    case PrepareJoin:
+      EXPECT_EQ(thread.prepareJoin(), life != Life::Buried);
+      return;
+    case Kill:
+      return thread.kill();
+    case Operation::Id:
+      EXPECT_GT(thread.id().nativeId, 0u);
+      return;
+    case WaitStartOver:
+      return thread.waitStartOver();
+  }
+}
+
+class ThreadStatesTest : public testing::TestWithParam<Row> {};
+
+TEST_P(ThreadStatesTest, AnOperationDoesWhatTheTableSays) {
+  const Row& row = GetParam();
+  if (row.operation == Kill) {
+    KES_SKIP_UNDER_THREAD_SANITIZER();
+  }
+  Subject subject(row.life);
+  ASSERT_EQ(subject.thread().state(), states[static_cast<int>(row.life)]);
+
+  std::future<Raised> result = std::async(std::launch::async, [&] {
+    return raisedBy([&] { perform(subject.thread(), row.life, row.operation); });
+  });
+  if (row.waiting == ForTheThread) {
+    // No proof that it would wait for ever, but an operation that does not wait is caught.
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    row.after == T::BURIED ? subject.openAll() : subject.start();
+  }
+  EXPECT_EQ(result.get(), row.raises);
+  EXPECT_TRUE(eventually([&] { return subject.thread().state() == row.after; }))
+      << "state " << subject.thread().state() << " instead of " << row.after;
+  subject.end();
+  EXPECT_EQ(subject.ran(), row.ran);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryStateAndOperation, ThreadStatesTest, testing::ValuesIn(table),
+                         [](const auto& test) {
+                           return std::string(operationNames[static_cast<int>(test.param.operation)]) + "Of" +
+                                  lifeNames[static_cast<int>(test.param.life)];
+                         });
+
+class ThreadDestructionTest : public testing::TestWithParam<Life> {};
+
+TEST_P(ThreadDestructionTest, AThreadObjectCanBeDestroyedInEveryState) {
+  Subject subject(GetParam());
+  const bool willRun =
+      GetParam() != Life::Buried && GetParam() != Life::Created && GetParam() != Life::HeldDetached;
+  subject.destroy();  // does not wait for a body
+  subject.end();
+  EXPECT_EQ(subject.ran(), willRun ? 1 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryState, ThreadDestructionTest,
+                         testing::Values(Life::Buried, Life::Created, Life::Starting, Life::Running,
+                                         Life::Finished, Life::HeldDetached, Life::RunningDetached,
+                                         Life::EndedDetached),
+                         [](const auto& test) { return lifeNames[static_cast<int>(test.param)]; });
+
+}  // namespace
+}  // namespace kes::thread

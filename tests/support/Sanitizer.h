@@ -1,0 +1,25 @@
+#pragma once
+
+namespace kes::test {
+
+#ifdef __has_feature
+#define KES_TEST_HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define KES_TEST_HAS_FEATURE(feature) 0
+#endif
+
+/// Whether the program is built with the thread sanitizer, which reports races that are not there when a
+/// thread is cancelled.
+#if defined(__SANITIZE_THREAD__) || KES_TEST_HAS_FEATURE(thread_sanitizer)
+inline constexpr bool threadSanitizer = true;
+#else
+inline constexpr bool threadSanitizer = false;
+#endif
+
+#undef KES_TEST_HAS_FEATURE
+
+}  // namespace kes::test
+
+/// For tests that cancel threads.
+#define KES_SKIP_UNDER_THREAD_SANITIZER() \
+  if (::kes::test::threadSanitizer) GTEST_SKIP() << "the thread sanitizer does not follow cancelled threads"
