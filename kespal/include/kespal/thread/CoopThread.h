@@ -61,12 +61,13 @@ class CoopThread : public CppThread, public CppThread::IThread {
   /// For a derived object that is a body itself: `self` is run when there is no `user`.
   CoopThread(const std::string& name, ICoopThread* user, ICoopThread* self);
 
- private:
-  friend class proc::Shepherd;
-
   /// Asks for a pause unless something else than Run is asked for: a thread that wants to pause for lack
   /// of work must not overwrite the request to return. True when the request is Pause now.
   bool requestPauseIfRun();
+
+ private:
+  friend class proc::Shepherd;
+
   void ask(Request request);
 
   ICoopThread* const user_;
