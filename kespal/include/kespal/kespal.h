@@ -1,0 +1,142 @@
+#pragma once
+
+#include <signal.h>
+
+#include <atomic>
+#include <memory>
+#include <set>
+
+#include "kespal/Locale.h"
+#include "kespal/NoCopy.h"
+#include "kespal/signal/Handler.h"
+#include "kespal/thread/Lock.h"
+
+namespace kes {
+
+class KesPalInit;
+
+/// What the program itself is; the runtime object keeps a pointer to it and no more.
+class AppBase {
+ public:
+  virtual ~AppBase() = default;
+};
+
+/// Is told that the process was asked to quit.
+class IQuitHandler {
+ public:
+  virtual ~IQuitHandler() = default;
+  /// Called with the runtime object's lock held: it must not add or delete quit handlers, nor call quit()
+  /// or destroy the runtime object. A kes::Exception keeps the handlers behind it from being called.
+  virtual void handleQuit() = 0;
+};
+
+/// Is told that the fork which was pending is done, so that threads may be started.
+class IForkHandler {
+ public:
+  virtual ~IForkHandler() = default;
+  virtual void afterFork() = 0;
+};
+
+/// Turns a signal into an orderly quit of the runtime object.
+class QuitSignal : public signal::Handler::INotify {
+ public:
+  explicit QuitSignal(KesPalInit& runtime) noexcept : runtime_(runtime) {}
+
+  void notify(const int& signal, const siginfo_t& info) override;
+  /// Whether the calling thread is in notify() now.
+  static bool notifying() noexcept;
+
+ private:
+  KesPalInit& runtime_;
+};
+
+/// What the runtime object does with signals, and with a fork that is to come.
+class KesPalInit : NoCopy {
+ public:
+  virtual void quit() = 0;
+
+  /// Whether the received signal, which requested the quit, ends the process in the end.
+  void setQuitStatus(bool quitStatus) noexcept { quitStatus_ = quitStatus; }
+
+  bool forkPending() const noexcept { return forkPending_; }
+  /// The fork was made, and this is the process that goes on: starts the signal thread when quit handling
+  /// is on, and calls the fork handlers, once. Errors of the thread's start and of the handlers are raised.
+  void forkDone();
+  /// Registers a handler, not owned; ignored when no fork is pending. For the one thread there is then.
+  void addForkHandler(IForkHandler& handler);
+
+  /// Blocks, in the calling thread, the signals that the library takes care of: SIGPIPE, SIGUSR1 and
+  /// SIGUSR2, with `quitHandling` also SIGINT and SIGTERM. OsError.
+  void setSigmask(bool quitHandling);
+  /// Has SIGINT and SIGTERM turned into quit() by the signal thread, where there is one.
+  void setupQuitHandling();
+  /// Installs the terminate handler, unless KESPAL_NO_TERMINATE_HANDLER is in the environment.
+  void setupTerminateHandling();
+
+  /// When a signal requested the quit and the quit status is set, ends the process by that signal, as far
+  /// as the mask that it started with allows; true when that was tried. Stops the signal thread first.
+  bool checkSignalQuit();
+  /// Ends the process at once, by the signal as checkSignalQuit() does, else with `status`: no destructors,
+  /// no buffered output. True when the signal was sent and did not end the process.
+  bool explicitQuit(int status);
+
+ protected:
+  KesPalInit(bool quitHandling, bool forkPending) noexcept;
+  /// Ends the process by the received signal when that was asked for.
+  ~KesPalInit();
+
+  void init();
+  void stopSignalThread();
+  /// Undoes what init() did; for a runtime object that could not be completed.
+  void undo() noexcept;
+
+ private:
+  friend class QuitSignal;
+
+  void startSignalThread();
+  void restoreMask() const;
+  bool quitsBySignal() const noexcept { return quitStatus_ && receivedSignal_ != 0; }
+
+  const bool quitHandling_;
+  std::unique_ptr<QuitSignal> quitSignal_;
+  std::unique_ptr<signal::Handler> signalHandler_;
+  std::atomic<bool> forkPending_;
+  std::atomic<int> receivedSignal_{0};
+  std::atomic<bool> quitStatus_{false};
+};
+
+/// The one object that a program of this library makes first and destroys last: it initialises every
+/// module, blocks the signals that the library takes care of, turns SIGINT and SIGTERM into an orderly quit
+/// if wanted, and reports uncaught exceptions. Construct and destroy it on the main thread, one at a time;
+/// errors of the construction are raised, those of the destruction end the process.
+class KesPal : public KesPalInit {
+ public:
+  /// `quitHandling`: SIGINT and SIGTERM become quit(). `forkPending`: the process is about to fork, and no
+  /// thread is started until forkDone(). `app`, not owned, may be null.
+  KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app = nullptr);
+  ~KesPal();
+
+  /// Calls the quit handlers, on the calling thread; the signal thread calls it for a signal. An error of a
+  /// handler is reported on standard error and ends the walk.
+  void quit() override;
+  /// Handlers are not owned. Any thread may call these, but no quit handler.
+  void addQuitHandler(IQuitHandler& handler);
+  void delQuitHandler(IQuitHandler& handler);
+
+  const AppBase* app() const noexcept { return app_; }
+
+  static KesPal* m_instance;  ///< the one that lives; null when none does
+
+ private:
+  std::set<IQuitHandler*> quitHandlers_;
+  thread::Lock lock_;
+  const AppBase* app_;
+};
+
+/// Whether an exception is being thrown or handled by the calling thread.
+bool exceptionActive() noexcept;
+
+/// The terminate handler: reports the uncaught exception, if there is one, and aborts.
+[[noreturn]] void kespal_terminate();
+
+}  // namespace kes
