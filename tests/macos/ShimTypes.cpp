@@ -31,7 +31,8 @@ static_assert(is_same_v<decltype(_NSGetExecutablePath), int(char*, std::uint32_t
 
 static_assert(is_same_v<decltype(strerror_r), int(int, char*, std::size_t)>);
 
-static_assert(CTL_KERN == 1 && KERN_PROC == 14 && KERN_PROC_ALL == 0 && KERN_PROC_PID == 1 && MAXCOMLEN == 16);
+static_assert(CTL_KERN == 1 && KERN_PROC == 14 && KERN_PROC_ALL == 0 && KERN_PROC_PID == 1 &&
+              MAXCOMLEN == 16);
 static_assert(is_same_v<decltype(extern_proc::p_pid), int>);
 static_assert(is_same_v<decltype(extern_proc::p_comm), char[MAXCOMLEN + 1]>);
 static_assert(is_same_v<decltype(kinfo_proc::kp_proc), extern_proc>);

@@ -47,7 +47,8 @@ TEST_F(TerminalTest, OnlyCanonicalInputIsSwitchedOff) {
 }
 
 TEST_F(TerminalTest, QEndsEitherModeWithoutReturnAndIsEchoed) {
-  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"-trace"}, {"-dump", dir_ / "capture"}}) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"-trace"}, {"-dump", dir_ / "capture"}}) {
     play("");
     Process tool = start(arguments);
     ASSERT_TRUE(tool.waitForOut("'Q'\n"));

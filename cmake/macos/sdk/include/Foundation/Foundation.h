@@ -13,8 +13,8 @@
 @end
 
 @interface NSString : NSObject
-+ (instancetype)stringWithUTF8String:(const char *)text;
-@property(readonly) const char *UTF8String;
++ (instancetype)stringWithUTF8String:(const char*)text;
+@property(readonly) const char* UTF8String;
 @end
 
 @interface NSArray<ObjectType> : NSObject
@@ -27,21 +27,21 @@
 + (instancetype)dictionaryWithObject:(ObjectType)object forKey:(KeyType)key;
 @end
 
-typedef NSString *NSExceptionName;
+typedef NSString* NSExceptionName;
 
 /* Without the attribute the compiler would emit a type record of its own instead of importing
    the framework's, and no handler would match. */
 __attribute__((objc_exception))
 @interface NSException : NSObject
-+ (NSException *)exceptionWithName:(NSExceptionName)name
-                            reason:(NSString *)reason
-                          userInfo:(NSDictionary *)userInfo;
++ (NSException*)exceptionWithName:(NSExceptionName)name
+                           reason:(NSString*)reason
+                         userInfo:(NSDictionary*)userInfo;
 - (void)raise;
 @property(readonly, copy) NSExceptionName name;
-@property(readonly, copy) NSString *reason;
-@property(readonly, copy) NSDictionary *userInfo;
-@property(readonly, copy) NSArray<NSNumber *> *callStackReturnAddresses;
-@property(readonly, copy) NSArray<NSString *> *callStackSymbols;
+@property(readonly, copy) NSString* reason;
+@property(readonly, copy) NSDictionary* userInfo;
+@property(readonly, copy) NSArray<NSNumber*>* callStackReturnAddresses;
+@property(readonly, copy) NSArray<NSString*>* callStackSymbols;
 @end
 
 @interface NSAutoreleasePool : NSObject
@@ -62,10 +62,10 @@ typedef enum NSSearchPathDomainMask : NSUInteger {
 extern "C" {
 #endif
 
-NSArray<NSString *> *NSSearchPathForDirectoriesInDomains(NSSearchPathDirectory directory,
-                                                         NSSearchPathDomainMask domains, BOOL expandTilde);
-NSString *NSTemporaryDirectory(void);
-void NSLog(NSString *format, ...) __attribute__((format(__NSString__, 1, 2)));
+NSArray<NSString*>* NSSearchPathForDirectoriesInDomains(NSSearchPathDirectory directory,
+                                                        NSSearchPathDomainMask domains, BOOL expandTilde);
+NSString* NSTemporaryDirectory(void);
+void NSLog(NSString* format, ...) __attribute__((format(__NSString__, 1, 2)));
 
 #ifdef __cplusplus
 }
