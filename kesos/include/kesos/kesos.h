@@ -5,5 +5,11 @@
  * through out-pointers. Times are in milliseconds. */
 
 #include "kesos/console.h"
+#include "kesos/events.h"
+#include "kesos/files.h"
+#include "kesos/ipc.h"
+#include "kesos/mappings.h"
+#include "kesos/mutexes.h"
 #include "kesos/strings.h"
+#include "kesos/threads.h"
 #include "kesos/time.h"

@@ -1,0 +1,17 @@
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** What new semaphores and shared-memory segments get: the permission bits (0666 at first) and, unless both
+ * are 0xFFFFFFFF (as at first), the owner and group; 0xFFFFFFFF or 0xFFFFFFFE then stands for the caller's
+ * own. Call before threads are started. */
+void KesOsSetIpcPerms(int mode, unsigned int uid, unsigned int gid);
+
+/** The value of a System V semaphore; -1 with errno when it cannot be read. */
+int KesOsSemaphoreVal(int semid);
+
+#ifdef __cplusplus
+}
+#endif

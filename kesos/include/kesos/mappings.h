@@ -1,0 +1,41 @@
+#pragma once
+
+#include <stddef.h>
+#include <sys/ipc.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Memory that processes share: a mapped file, or a System V shared-memory segment. Filled by
+ * KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. */
+typedef struct KesOsMmf {
+  int fd;            /**< the mapped file; -1 for a segment */
+  int shmid;         /**< the segment; -1 for a file */
+  unsigned int size; /**< length in bytes */
+  void* address;     /**< where it starts */
+  int created;       /**< 1 when this call created the file or segment */
+  int error;         /**< errno of the last failure */
+} KesOsMmf;
+
+/** Creates or opens a mapping of at least `size` bytes. With a file name, the file is created (mode 0600)
+ * when it is missing, grown with zero bytes when it is shorter, and mapped whole. Without (null or empty),
+ * a segment with this key and size is created, or the existing one attached as it is: `error` is then
+ * EEXIST. 1, or 0 with the reason in `error`. */
+int KesOsMmfCreate(KesOsMmf* mapping, unsigned int size, const char* fileName, key_t key);
+
+/** Attaches the existing segment with this key; `reserved` is ignored. When a segment cannot be attached it
+ * is removed, as far as the caller may do that. 1, or 0 with the reason in `error`. */
+int KesOsMmfOpen(KesOsMmf* mapping, unsigned long reserved, key_t key);
+
+/** Unmaps a file; detaches a segment, which is removed with its last attachment. A closed mapping gives 1. */
+int KesOsMmfClose(KesOsMmf* mapping);
+
+/** Writes the pages that hold `length` bytes from `address` back to the file, and waits for that. The first
+ * argument is ignored. */
+int KesOsMmfFlush(KesOsMmf* mapping, void* address, size_t length);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,125 @@
+#include "kesos/events.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <system_error>
+
+#include "handles.h"
+#include "kespal/os/thread/Native.h"
+#include "mutex_guard.h"
+#include "semaphores.h"
+#include "state.h"
+
+using namespace kes::kesos;
+
+struct KesOsEvent {
+  Kind kind;
+  union {
+    int semid;
+    pthread_mutex_t mutex;
+  };
+  pthread_cond_t condition;
+  std::int32_t signalled;
+  std::uint32_t generation;  ///< number of settings; tells a waiter's wake-up from a spurious one
+};
+
+namespace {
+
+bool init(KesOsEvent& event, unsigned int key) {
+  event.kind = key != 0 ? Kind::keyed : Kind::local;
+  if (key != 0) return KesOsCreate(&event.semid, static_cast<key_t>(key), 0, 'E') != 0;
+  if (::pthread_mutex_init(&event.mutex, nullptr) != 0) return false;
+  if (::pthread_cond_init(&event.condition, nullptr) == 0) return true;
+  ::pthread_mutex_destroy(&event.mutex);
+  return false;
+}
+
+void setLocal(KesOsEvent& event) {
+  const MutexGuard guard(event.mutex);
+  if (event.signalled != 0) return;
+  event.signalled = 1;
+  ++event.generation;
+  ::pthread_cond_broadcast(&event.condition);
+}
+
+/// Waits for the next setting, which is everyone's: the flag may be cleared again by another waiter.
+/// @return 0, ETIMEDOUT or an error number
+int awaitSetting(KesOsEvent& event, unsigned int timeoutMs) {
+  const std::uint32_t generation = event.generation;
+  timespec deadline{};
+  if (timeoutMs != infinite) setTimespec(&deadline, timeoutMs);
+  int error = 0;
+  while (error == 0 && event.generation == generation) {
+    error = timeoutMs == infinite ? kes::os::waitOn(event.condition, event.mutex)
+                                  : kes::os::waitUntil(event.condition, event.mutex, deadline);
+  }
+  return error;
+}
+
+int waitLocal(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
+  waitResult(state, failed, 0);
+  const MutexGuard guard(event.mutex);
+  const int error = event.signalled != 0 ? 0 : awaitSetting(event, timeoutMs);
+  if (error != 0) return waitResult(state, error == ETIMEDOUT ? timedOut : failed, 0);
+  event.signalled = 0;
+  return waitResult(state, signalled, 1);
+}
+
+void reportFailedSet(const KesOsEvent* event, int error) {
+  std::uint64_t thread = 0;
+  kes::os::nativeThreadId(thread);
+  std::fprintf(stderr, "FATAL KesOsEventSet(%p): semctl failed (%d=%s pid=%u tid=%llu)\n",
+               static_cast<const void*>(event), error, std::generic_category().message(error).c_str(),
+               static_cast<unsigned int>(::getpid()), static_cast<unsigned long long>(thread));
+}
+
+}  // namespace
+
+int KesOsEventCreate(KesOsEvent** out, unsigned int key) {
+  return makeHandle(out, [key](KesOsEvent& event) { return init(event, key); });
+}
+
+int KesOsEventOpen(KesOsEvent** out, unsigned int key) {
+  return makeHandle(out, [key](KesOsEvent& event) {
+    event.kind = Kind::keyed;
+    return KesOsOpen(&event.semid, static_cast<key_t>(key), 'E') != 0;
+  });
+}
+
+int KesOsEventClose(KesOsEvent* event) {
+  if (!isHandle(event)) return 0;
+  const std::unique_ptr<KesOsEvent> owned(event);
+  if (event->kind == Kind::keyed) return KesOsClose(event->semid);
+  const bool condition = destroyWhenFree([event] { return ::pthread_cond_destroy(&event->condition); });
+  const bool mutex = destroyWhenFree([event] { return ::pthread_mutex_destroy(&event->mutex); });
+  return condition && mutex ? 1 : 0;
+}
+
+int KesOsEventSet(KesOsEvent* event) {
+  if (!isHandle(event)) return 0;
+  if (event->kind == Kind::local) {
+    setLocal(*event);
+  } else if (!setValue(event->semid, 1)) {
+    reportFailedSet(event, errno);
+  }
+  return 1;
+}
+
+int KesOsEventReset(KesOsEvent* event) {
+  if (!isHandle(event)) return 0;
+  if (event->kind == Kind::keyed) return addOne(event->semid) ? 1 : 0;
+  const MutexGuard guard(event->mutex);
+  event->signalled = 0;
+  return 1;
+}
+
+int KesOsEventWait(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state) {
+  if (!isHandle(event)) return waitResult(state, failed, 0);
+  if (event->kind == Kind::keyed) return KesOsWait(event->semid, timeoutMs, state);
+  return waitLocal(*event, timeoutMs, state);
+}

@@ -1,0 +1,91 @@
+#include "kesos/files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "names.h"
+
+using kes::kesos::failWith;
+using kes::kesos::pathSize;
+using kes::kesos::withNames;
+
+namespace {
+
+bool lookAt(const char* name, struct stat& state) {
+  return withNames([&state](const char* path) { return ::stat(path, &state); }, name) != 0;
+}
+
+bool isSeparator(char c) { return c == '/' || c == '\\'; }
+
+/// Makes sure that one directory of a path is there; false ends the walk. `result` is what this test found.
+bool checkOrCreate(const char* prefix, int& result) {
+  if (::access(prefix, X_OK) == 0) {
+    result = ::access(prefix, W_OK) == 0 ? 1 : 0;
+  } else if (::access(prefix, W_OK) != 0) {
+    result = ::mkdir(prefix, 0700) == 0 ? 1 : 0;
+    return result != 0;
+  }
+  return true;
+}
+
+}  // namespace
+
+int KesOsFileExists(const char* name) {
+  return withNames([](const char* path) { return ::access(path, F_OK); }, name);
+}
+
+int KesOsIsDir(const char* name) {
+  struct stat state {};
+  return lookAt(name, state) && S_ISDIR(state.st_mode) ? 1 : 0;
+}
+
+int KesOsChkAndCreateDir(const char* path) {
+  if (KesOsFileExists(path) != 0) return 1;
+  if (path == nullptr) return 0;
+  const std::string_view whole(path);
+  if (whole.size() >= pathSize) return failWith(ENAMETOOLONG);
+  std::array<char, pathSize> prefix{};
+  int result = 0;
+  for (std::size_t length = 1; length <= whole.size(); ++length) {
+    prefix[length - 1] = whole[length - 1];
+    // A part ends before a separator and at the end of the path; the root needs no test.
+    const bool ends = length == whole.size() || isSeparator(whole[length]);
+    if (!ends || isSeparator(whole[length - 1])) continue;
+    if (!checkOrCreate(prefix.data(), result)) break;
+  }
+  return result;
+}
+
+int KesOsGetFileSize(const char* name, unsigned int* size) {
+  struct stat state {};
+  const bool known = lookAt(name, state);
+  if (size != nullptr) *size = static_cast<unsigned int>(state.st_size);
+  return known ? 1 : 0;
+}
+
+int KesOsGetFileTime(const char* name, time_t* accessTime, time_t* modifyTime) {
+  struct stat state {};
+  if (!lookAt(name, state)) return 0;
+  if (accessTime != nullptr) *accessTime = state.st_atime;
+  if (modifyTime != nullptr) *modifyTime = state.st_mtime;
+  return 1;
+}
+
+int KesOsSetFileTime(const char* name, time_t t) {
+  const utimbuf times{t, t};
+  return withNames([&times](const char* path) { return ::utime(path, &times); }, name);
+}
+
+int KesOsDeleteFile(const char* name) { return withNames(::unlink, name); }
+
+int KesOsDeleteDir(const char* name) { return withNames(::rmdir, name); }
+
+int KesOsRenameFile(const char* from, const char* to) { return withNames(::rename, from, to); }
+
+int KesOsGetDiskDescriptor(void) { return 0; }

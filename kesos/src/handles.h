@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "kesos/time.h"
+
+namespace kes::kesos {
+
+/// What stands behind the handle of a mutex or event: a POSIX object of this process or a semaphore.
+enum class Kind : std::int32_t { local = 0, keyed = 1 };
+
+/// Whether the handle is one, and neither null nor the pointer with all bits set.
+template <typename Handle>
+bool isHandle(const Handle* handle) {
+  return handle != nullptr && reinterpret_cast<std::uintptr_t>(handle) != UINTPTR_MAX;
+}
+
+/// Stores a new handle for what `init` made of it; 1, or 0 and a null handle.
+template <typename Handle, typename Init>
+int makeHandle(Handle** out, Init init) {
+  if (out == nullptr) return 0;
+  *out = nullptr;
+  std::unique_ptr<Handle> handle(new (std::nothrow) Handle{});
+  if (handle == nullptr || !init(*handle)) return 0;
+  *out = handle.release();
+  return 1;
+}
+
+/// Repeats the destruction of a POSIX object for as long as it is in use.
+template <typename Destroy>
+bool destroyWhenFree(Destroy destroy) {
+  int error = destroy();
+  for (; error == EBUSY; error = destroy()) KesOsSleep(1);
+  return error == 0;
+}
+
+}  // namespace kes::kesos

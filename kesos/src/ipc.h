@@ -1,0 +1,20 @@
+#pragma once
+
+#include <sys/ipc.h>
+
+extern "C" {
+
+extern int ipc_default_mode;          ///< permission bits of new semaphores and segments
+extern unsigned int ipc_default_uid;  ///< owner they get; both 0xFFFFFFFF: whom the system gives them
+extern unsigned int ipc_default_gid;
+}
+
+namespace kes::kesos {
+
+/// Whether new objects get another owner than the system's choice.
+bool ownerWanted() noexcept;
+
+/// The owner and the permission bits that new objects get.
+void setOwner(ipc_perm& permissions) noexcept;
+
+}  // namespace kes::kesos

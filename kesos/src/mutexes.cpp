@@ -1,0 +1,79 @@
+#include "kesos/mutexes.h"
+
+#include <pthread.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include "handles.h"
+#include "semaphores.h"
+
+using namespace kes::kesos;
+
+struct KesOsMutex {
+  Kind kind;
+  union {
+    int semid;
+    pthread_mutex_t mutex;
+  };
+};
+
+namespace {
+
+bool initRecursive(pthread_mutex_t& mutex) {
+  pthread_mutexattr_t attributes;
+  if (::pthread_mutexattr_init(&attributes) != 0) return false;
+  const bool made = ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0 &&
+                    ::pthread_mutex_init(&mutex, &attributes) == 0;
+  ::pthread_mutexattr_destroy(&attributes);
+  return made;
+}
+
+bool init(KesOsMutex& mutex, unsigned int key) {
+  mutex.kind = key != 0 ? Kind::keyed : Kind::local;
+  if (key == 0) return initRecursive(mutex.mutex);
+  return KesOsCreate(&mutex.semid, static_cast<key_t>(key), 1, 'M') != 0;
+}
+
+[[noreturn]] void refuseTimeout() {
+  std::fputs("KesOsMutexWait - invalid timeout, only infinite supported for local pthread based mutexes.\n",
+             stderr);
+  std::exit(1);
+}
+
+}  // namespace
+
+int KesOsMutexCreate(KesOsMutex** out, unsigned int key) {
+  return makeHandle(out, [key](KesOsMutex& mutex) { return init(mutex, key); });
+}
+
+int KesOsMutexOpen(KesOsMutex** out, unsigned int key) {
+  return makeHandle(out, [key](KesOsMutex& mutex) {
+    mutex.kind = Kind::keyed;
+    return KesOsOpen(&mutex.semid, static_cast<key_t>(key), 'M') != 0;
+  });
+}
+
+int KesOsMutexClose(KesOsMutex* mutex) {
+  if (!isHandle(mutex)) return 0;
+  const std::unique_ptr<KesOsMutex> owned(mutex);
+  if (mutex->kind == Kind::keyed) return KesOsClose(mutex->semid);
+  return destroyWhenFree([mutex] { return ::pthread_mutex_destroy(&mutex->mutex); }) ? 1 : 0;
+}
+
+int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state) {
+  if (!isHandle(mutex)) return waitResult(state, failed, 0);
+  if (mutex->kind == Kind::keyed) return KesOsWait(mutex->semid, timeoutMs, state);
+  if (timeoutMs != infinite) refuseTimeout();
+  return ::pthread_mutex_lock(&mutex->mutex) == 0 ? waitResult(state, signalled, 1)
+                                                  : waitResult(state, failed, 0);
+}
+
+int KesOsMutexRelease(KesOsMutex* mutex) {
+  if (!isHandle(mutex)) return 0;
+  const bool released =
+      mutex->kind == Kind::keyed ? addOneIfZero(mutex->semid) : ::pthread_mutex_unlock(&mutex->mutex) == 0;
+  return released ? 1 : 0;
+}

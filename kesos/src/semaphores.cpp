@@ -1,0 +1,130 @@
+#include "semaphores.h"
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "ipc.h"
+#include "kesos/ipc.h"
+#include "kesos/time.h"
+#include "kespal/os/thread/Native.h"
+#include "mutex_guard.h"
+#include "state.h"
+#include "usage_table.h"
+
+namespace {
+
+using kes::kesos::SemaphoreArgument;
+using kes::kesos::Use;
+
+bool removeSemaphore(int semid) { return ::semctl(semid, 0, IPC_RMID) == 0; }
+
+bool giveAway(int semid) {
+  if (!kes::kesos::ownerWanted()) return true;
+  semid_ds state{};
+  kes::kesos::setOwner(state.sem_perm);
+  SemaphoreArgument argument{};
+  argument.state = &state;
+  return ::semctl(semid, 0, IPC_SET, argument) == 0;
+}
+
+bool countUse(int semid, bool keyed) {
+  const kes::kesos::MutexGuard guard(kes::kesos::usageMutex());
+  if (!kes::kesos::joinUsage()) return false;
+  kes::kesos::addUse(semid, keyed);
+  return true;
+}
+
+void reportMissingTable(int semid, char tag) {
+  std::uint64_t thread = 0;
+  kes::os::nativeThreadId(thread);
+  std::fprintf(stderr, "FATAL KesOsOpen%c(%d): pstLog is not created (pid=%d tid=%llu)\n", tag, semid,
+               static_cast<int>(::getpid()), static_cast<unsigned long long>(thread));
+}
+
+[[noreturn]] void refuseTimeout(unsigned int timeoutMs) {
+  std::printf("Timeout in Events not supported for Darwin (your timeout=%d)\n", static_cast<int>(timeoutMs));
+  std::exit(0);
+}
+
+/// Takes one from the semaphore; across signals, unless the process is shutting down.
+bool lower(int semid, bool wait) {
+  sembuf operation{0, -1, static_cast<short>(wait ? 0 : IPC_NOWAIT)};
+  while (::semop(semid, &operation, 1) != 0) {
+    if (errno != EINTR || kes::kesos::shuttingDown()) return false;
+    KesOsSleep(50);
+  }
+  return true;
+}
+
+}  // namespace
+
+int KesOsCreate(int* semid, key_t key, int initialValue, char tag) {
+  const bool keyed = key != IPC_PRIVATE;
+  *semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
+  if (*semid < 0) return errno == EEXIST ? KesOsOpen(semid, key, tag) : 0;
+  if (giveAway(*semid) && kes::kesos::setValue(*semid, initialValue) && countUse(*semid, keyed)) return 1;
+  const int reason = errno;
+  removeSemaphore(*semid);
+  errno = reason;
+  return 0;
+}
+
+int KesOsOpen(int* semid, key_t key, char tag) {
+  if (key == IPC_PRIVATE) return 0;
+  *semid = ::semget(key, 0, 0);
+  if (*semid < 0) return 0;
+  if (countUse(*semid, true)) return 1;
+  reportMissingTable(*semid, tag);
+  return 0;
+}
+
+int KesOsClose(int semid) {
+  if (semid == -1) return 1;
+  const kes::kesos::MutexGuard guard(kes::kesos::usageMutex());
+  const Use use = kes::kesos::dropReference(semid);
+  if (use != Use::shared && !removeSemaphore(semid) && use == Use::untracked) return 0;
+  kes::kesos::dropHandle();
+  kes::kesos::leaveUsage();
+  return 1;
+}
+
+int KesOsWait(int semid, unsigned int timeoutMs, unsigned int* state) {
+  using namespace kes::kesos;
+  if (timeoutMs != 0 && timeoutMs != infinite) refuseTimeout(timeoutMs);
+  if (lower(semid, timeoutMs == infinite)) return waitResult(state, signalled, 1);
+  if (timeoutMs == 0 || errno == EAGAIN) return waitResult(state, timedOut, 1);
+  return waitResult(state, failed, 0);
+}
+
+int KesOsSemaphoreVal(int semid) { return ::semctl(semid, 0, GETVAL); }
+
+namespace kes::kesos {
+
+int waitResult(unsigned int* state, WaitState outcome, int result) noexcept {
+  if (state != nullptr) __atomic_store_n(state, outcome, __ATOMIC_RELEASE);
+  return result;
+}
+
+bool addOne(int semid) {
+  sembuf operation{0, 1, 0};
+  return ::semop(semid, &operation, 1) == 0;
+}
+
+bool addOneIfZero(int semid) {
+  std::array<sembuf, 2> operations{{{0, 0, IPC_NOWAIT}, {0, 1, 0}}};
+  return ::semop(semid, operations.data(), operations.size()) == 0 || errno == EAGAIN;
+}
+
+bool setValue(int semid, int value) {
+  SemaphoreArgument argument{};
+  argument.value = value;
+  return ::semctl(semid, 0, SETVAL, argument) == 0;
+}
+
+}  // namespace kes::kesos

@@ -1,0 +1,350 @@
+#include "kesos/mutexes.h"
+
+#include <signal.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "kesos/Ipc.h"
+#include "kesos/IpcFaults.h"
+#include "kesos/ipc.h"
+#include "kesos/time.h"
+#include "support/ForkedChild.h"
+
+namespace {
+
+using namespace kes::test;
+
+constexpr unsigned int infinite = 0xFFFFFFFF;
+
+class MutexTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { enterPrivateIpc(); }
+};
+
+KesOsMutex* created(unsigned int key) {
+  KesOsMutex* mutex = nullptr;
+  if (KesOsMutexCreate(&mutex, key) != 1 || mutex == nullptr) throw std::runtime_error("no mutex");
+  return mutex;
+}
+
+/// Whether the mutex can be had at once.
+bool tryLock(KesOsMutex* mutex) {
+  unsigned int state = 7;
+  return KesOsMutexWait(mutex, 0, &state) == 1 && state == 1;
+}
+
+TEST_F(MutexTest, ALocalMutexIsRecursive) {
+  KesOsMutex* mutex = created(0);
+  unsigned int state = 7;
+  EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 1);
+  EXPECT_EQ(state, 1U);
+  EXPECT_EQ(KesOsMutexWait(mutex, infinite, nullptr), 1);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 0) << "it is not ours any more";
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_FALSE(tableExists()) << "a local mutex needs no table";
+}
+
+TEST_F(MutexTest, ALocalMutexKeepsOthersOut) {
+  KesOsMutex* mutex = created(0);
+  int shared = 0;
+  const auto work = [&] {
+    for (int round = 0; round < 10000; ++round) {
+      KesOsMutexWait(mutex, infinite, nullptr);
+      ++shared;
+      KesOsMutexRelease(mutex);
+    }
+  };
+  std::thread one(work), two(work);
+  one.join();
+  two.join();
+  EXPECT_EQ(shared, 20000);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+}
+
+TEST_F(MutexTest, ClosingALocalMutexWaitsUntilNobodyHoldsIt) {
+  KesOsMutex* mutex = created(0);
+  std::atomic<bool> held = false, release = false, closed = false;
+  std::thread holder([&] {
+    KesOsMutexWait(mutex, infinite, nullptr);
+    held = true;
+    while (!release) KesOsSleep(1);
+    EXPECT_FALSE(closed);
+    KesOsMutexRelease(mutex);
+  });
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
+  std::thread closer([&] {
+    EXPECT_EQ(KesOsMutexClose(mutex), 1);
+    closed = true;
+  });
+  KesOsSleep(20);
+  release = true;
+  holder.join();
+  closer.join();
+}
+
+TEST_F(MutexTest, AFiniteTimeoutOnALocalMutexEndsTheProcess) {
+  for (const unsigned int timeout : {0U, 1U, 5000U, 0xFFFFFFFEU}) {
+    const ChildResult result = inChild([timeout] {
+      KesOsMutexWait(created(0), timeout, nullptr);
+      return 42;
+    });
+    EXPECT_EQ(result.exitCode(), 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "KesOsMutexWait - invalid timeout, only infinite supported for local pthread based mutexes.\n");
+  }
+}
+
+TEST_F(MutexTest, AFiniteTimeoutOnAKeyedMutexEndsTheProcessWithStatusZero) {
+  const std::pair<unsigned int, const char*> cases[] = {
+      {5000U, "5000"}, {1U, "1"}, {0xFFFFFFFEU, "-2"}, {0x80000000U, "-2147483648"}};
+  for (const auto& [timeout, text] : cases) {
+    const unsigned int key = freshKey();
+    KesOsMutex* mutex = created(key);
+    const ChildResult result = inChild([mutex, timeout = timeout] {
+      KesOsMutexWait(mutex, timeout, nullptr);
+      return 42;
+    });
+    EXPECT_EQ(result.exitCode(), 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out,
+              "Timeout in Events not supported for Darwin (your timeout=" + std::string(text) + ")\n");
+    EXPECT_EQ(valueOf(key), 1) << "nothing was taken";
+    EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  }
+}
+
+TEST_F(MutexTest, AKeyedMutexIsASemaphoreThatOtherProgramsSee) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = created(key);
+  EXPECT_EQ(valueOf(key), 1);
+  const int semid = semaphoreOf(key);
+  EXPECT_EQ(KesOsSemaphoreVal(semid), 1);
+  unsigned int state = 7;
+  EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 1);
+  EXPECT_EQ(state, 1U);
+  EXPECT_EQ(valueOf(key), 0);
+  EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1);
+  EXPECT_EQ(state, 999U) << "not recursive";
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(valueOf(key), 1);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_EQ(semaphoreOf(key), -1);
+  EXPECT_EQ(KesOsSemaphoreVal(semid), -1);
+}
+
+TEST_F(MutexTest, ReleasingAKeyedMutexTwiceLeavesItsValueAtOne) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = created(key);
+  KesOsMutexWait(mutex, infinite, nullptr);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(valueOf(key), 1);
+  EXPECT_TRUE(tryLock(mutex));
+  EXPECT_FALSE(tryLock(mutex));
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, TwoReleasesAtOnceAddOnlyOne) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = created(key);
+  for (int round = 0; round < 300; ++round) {
+    ASSERT_TRUE(tryLock(mutex));
+    std::thread other([&] { EXPECT_EQ(KesOsMutexRelease(mutex), 1); });
+    EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+    other.join();
+    ASSERT_EQ(KesOsSemaphoreVal(semaphoreOf(key)), 1);
+  }
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, AnotherProgramReleasesWhatWeWaitFor) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = created(key);
+  ASSERT_TRUE(tryLock(mutex));
+  unsigned int state = 7;
+  std::thread waiter([&] { EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 1); });
+  perl("my $id = semget(" + std::to_string(key) +
+       ", 0, 0);"
+       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
+       std::to_string(GETNCNT) +
+       ", 0) > 0;"
+       "semop($id, pack(\"s3\", 0, 1, 0)) or die;");
+  waiter.join();
+  EXPECT_EQ(state, 1U);
+  EXPECT_EQ(valueOf(key), 0);
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, OpeningNeedsAKeyAndASemaphore) {
+  KesOsMutex* mutex = created(0);
+  KesOsMutex* opened = mutex;
+  EXPECT_EQ(KesOsMutexOpen(&opened, 0), 0);
+  EXPECT_EQ(opened, nullptr);
+  opened = mutex;
+  EXPECT_EQ(KesOsMutexOpen(&opened, freshKey()), 0);
+  EXPECT_EQ(opened, nullptr);
+  EXPECT_FALSE(tableExists());
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, AnotherProcessOpensTheMutexByItsKey) {
+  const unsigned int key = freshKey();
+  const pid_t holder = startProcess([key] {
+    KesOsMutex* mutex = created(key);
+    if (!tryLock(mutex)) return 1;
+    if (!eventually([key] { return slotCount(semaphoreOf(key)) == 2; })) return 2;
+    KesOsMutexRelease(mutex);
+    return KesOsMutexClose(mutex) == 1 ? 0 : 3;
+  });
+  ASSERT_TRUE(eventually([key] { return semaphoreOf(key) >= 0 && valueOf(key) == 0; }));
+  KesOsMutex* mutex = nullptr;
+  ASSERT_EQ(KesOsMutexOpen(&mutex, key), 1);
+  EXPECT_EQ(usage().processes, 2U);
+  EXPECT_EQ(KesOsMutexWait(mutex, infinite, nullptr), 1);
+  EXPECT_EQ(waitForProcess(holder), 0);
+  EXPECT_EQ(slotCount(semaphoreOf(key)), 1U);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_EQ(semaphoreOf(key), -1);
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(MutexTest, AHolderThatIsKilledLeavesTheMutexLockedAndAnyoneMayReleaseIt) {
+  const unsigned int key = freshKey();
+  const pid_t holder = startProcess([key] {
+    KesOsMutexWait(created(key), infinite, nullptr);
+    for (;;) ::pause();
+    return 0;
+  });
+  ASSERT_TRUE(eventually([key] { return semaphoreOf(key) >= 0 && valueOf(key) == 0 && tableExists(); }));
+  KesOsMutex* mutex = created(key);
+  ::kill(holder, SIGKILL);
+  EXPECT_EQ(waitForProcess(holder), 128 + SIGKILL);
+  EXPECT_FALSE(tryLock(mutex));
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_TRUE(tryLock(mutex));
+  EXPECT_EQ(slotCount(semaphoreOf(key)), 2U) << "the dead process's reference stays";
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  // Its reference keeps the semaphore; a program that knows better removes it.
+  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  EXPECT_FALSE(tableExists()) << "the last process that is alive removes the table";
+}
+
+TEST_F(MutexTest, ASemaphoreThatIsRemovedMakesWaitsFail) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = created(key);
+  ASSERT_TRUE(tryLock(mutex));
+  unsigned int state = 7;
+  std::thread waiter([&] { EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 0); });
+  perl("my $id = semget(" + std::to_string(key) +
+       ", 0, 0);"
+       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
+       std::to_string(GETNCNT) +
+       ", 0) > 0;"
+       "semctl($id, 0, " +
+       std::to_string(IPC_RMID) + ", 0) or die;");
+  waiter.join();
+  EXPECT_EQ(state, 0U);
+  EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1) << "trying once never fails";
+  EXPECT_EQ(state, 999U);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 0);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_FALSE(tableExists());
+}
+
+void ignoreSignal(int /*signal*/) {}
+
+TEST_F(MutexTest, AKeyedWaitGoesOnAfterASignalAndEndsWhenTheProcessShutsDown) {
+  const unsigned int key = freshKey();
+  const ChildResult result = inChild([key] {
+    struct sigaction action {};
+    action.sa_handler = ignoreSignal;
+    ::sigaction(SIGUSR1, &action, nullptr);
+    KesOsMutex* mutex = created(key);
+    if (!tryLock(mutex)) return 1;
+    unsigned int state = 7;
+    int waited = 7;
+    std::atomic<bool> ended = false;
+    std::thread waiter([&] {
+      waited = KesOsMutexWait(mutex, infinite, &state);
+      ended = true;
+    });
+    const auto attempts = [before = countOf(IpcCall::semop)](int count) {
+      return eventually([=] { return countOf(IpcCall::semop) >= before + count; });
+    };
+    const auto waits = [id = semaphoreOf(key)] { return ::semctl(id, 0, GETNCNT) > 0; };
+    if (!eventually(waits)) return 2;
+    ::pthread_kill(waiter.native_handle(), SIGUSR1);
+    if (!attempts(1) || !eventually(waits) || ended) return 3;
+    KesOsSetShutdown();
+    ::pthread_kill(waiter.native_handle(), SIGUSR1);
+    waiter.join();
+    if (waited != 0 || state != 0) return 4;
+    return KesOsMutexClose(mutex) == 1 ? 0 : 5;
+  });
+  EXPECT_EQ(result.exitCode(), 0) << result.err;
+}
+
+TEST_F(MutexTest, ARoundOfAKeyedMutexIsTwoSystemCalls) {
+  KesOsMutex* mutex = created(freshKey());
+  const int semops = countOf(IpcCall::semop), semctls = countOf(IpcCall::semctl);
+  KesOsMutexWait(mutex, infinite, nullptr);
+  KesOsMutexRelease(mutex);
+  EXPECT_EQ(countOf(IpcCall::semop), semops + 2);
+  EXPECT_EQ(countOf(IpcCall::semctl), semctls);
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, NullHandlesGiveZero) {
+  unsigned int state = 7;
+  EXPECT_EQ(KesOsMutexCreate(nullptr, 0), 0);
+  EXPECT_EQ(KesOsMutexCreate(nullptr, 5), 0);
+  EXPECT_EQ(KesOsMutexOpen(nullptr, 5), 0);
+  EXPECT_EQ(KesOsMutexWait(nullptr, infinite, &state), 0);
+  EXPECT_EQ(state, 0U);
+  EXPECT_EQ(KesOsMutexWait(nullptr, 5, nullptr), 0);
+  EXPECT_EQ(KesOsMutexRelease(nullptr), 0);
+  EXPECT_EQ(KesOsMutexClose(nullptr), 0);
+}
+
+/// Every process takes the lock that many times around an increment that is not atomic.
+void excludeEachOther(int processes, int rounds) {
+  struct Race {
+    std::atomic<bool> ready;
+    volatile long counter;
+  };
+  const unsigned int key = freshKey();
+  const Shared<Race> race;
+  std::vector<pid_t> pids;
+  for (int index = 0; index < processes; ++index) {
+    pids.push_back(startProcess([&] {
+      KesOsMutex* mutex = nullptr;
+      if (!eventually([&] { return race->ready.load(); }) || KesOsMutexOpen(&mutex, key) != 1) return 1;
+      for (int round = 0; round < rounds; ++round) {
+        unsigned int state = 0;
+        if (KesOsMutexWait(mutex, infinite, &state) != 1 || state != 1) return 2;
+        race->counter = race->counter + 1;
+        if (KesOsMutexRelease(mutex) != 1) return 3;
+      }
+      return KesOsMutexClose(mutex) == 1 ? 0 : 4;
+    }));
+  }
+  KesOsMutex* mutex = created(key);
+  race->ready = true;
+  for (const pid_t pid : pids) EXPECT_EQ(waitForProcess(pid), 0);
+  EXPECT_EQ(race->counter, static_cast<long>(processes) * rounds);
+  EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_EQ(semaphoreOf(key), -1);
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(MutexTest, TwoProcessesExcludeEachOtherTenThousandTimes) { excludeEachOther(2, 10000); }
+
+TEST_F(MutexTest, SixteenProcessesExcludeEachOtherTenThousandTimes) { excludeEachOther(16, 10000); }
+
+}  // namespace
