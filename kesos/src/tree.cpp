@@ -3,10 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,8 +16,6 @@
 
 namespace {
 
-using kes::kesos::pathSize;
-
 struct CloseDir {
   void operator()(DIR* dir) const { ::closedir(dir); }
 };
@@ -25,61 +23,80 @@ using DirStream = std::unique_ptr<DIR, CloseDir>;
 
 enum class Type { file, directory, unreachable };
 
-struct Entry {
-  std::string name;
-  unsigned char kind;  ///< as the directory gave it
-};
+/// What an entry leads to. The directory's own word is taken where there is no link to follow.
+Type typeOf(int dir, const dirent& entry) {
+  if (entry.d_type == DT_DIR) return Type::directory;
+  if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) return Type::file;
+  struct stat state {};
+  if (::fstatat(dir, entry.d_name, &state, 0) != 0) return Type::unreachable;
+  return S_ISDIR(state.st_mode) ? Type::directory : Type::file;
+}
 
-/// Deletes what is in directories, links followed. The path being worked on is kept in one text.
+/// Deletes what is in a directory, links followed. All is looked at before anything is deleted: a link must
+/// not lose its file half-way, and some file systems skip entries of a directory that changes. One path is
+/// kept, and one directory open, at any time.
 class TreeDeletion {
  public:
   explicit TreeDeletion(const char* path) : path_(path) {}
 
-  /// Deletes the content of the directory at the path.
-  /// @return false when a name did not fit, so that something must stay
-  bool empty();
+  /// Finds out what there is; false when a path does not fit, and then nothing may be deleted.
+  bool plan() { return look(content_); }
+  void execute() { remove(content_); }
 
  private:
-  static std::vector<Entry> list(DIR* dir);
-  static Type typeOf(int dir, const Entry& entry);
-  bool fits(const std::string& name) const { return path_.size() + 1 + name.size() < pathSize; }
-  bool removeFiles(DIR* dir, std::vector<std::string>& directories) const;
-  bool removeDirectory(const std::string& name);
+  struct Directory {
+    std::string name;
+    std::vector<std::string> files;
+    std::vector<Directory> directories;
+  };
+
+  bool look(Directory& directory);
+  bool list(Directory& directory);
+  void remove(const Directory& directory);
+  template <typename Action>
+  auto below(const std::string& name, Action action);
+  bool fits(std::size_t nameLength) const { return path_.size() + 1 + nameLength < kes::kesos::pathSize; }
 
   std::string path_;
-  // The directories above, themselves included: a link that leads back to one of them needs no second visit.
-  std::vector<std::pair<dev_t, ino_t>> open_;
+  Directory content_;
+  std::set<std::pair<dev_t, ino_t>> seen_;  ///< a second link to a directory leads to nothing new
 };
 
-// Collected before anything is deleted: some file systems skip entries of a directory that changes.
-std::vector<Entry> TreeDeletion::list(DIR* dir) {
-  std::vector<Entry> entries;
-  while (const dirent* entry = ::readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") entries.push_back({std::move(name), entry->d_type});
+/// Does something while the path is that of an entry.
+template <typename Action>
+auto TreeDeletion::below(const std::string& name, Action action) {
+  const std::size_t length = path_.size();
+  path_.append("/").append(name);
+  const auto result = action();
+  path_.resize(length);
+  return result;
+}
+
+bool TreeDeletion::look(Directory& directory) {
+  if (!list(directory)) return false;
+  for (Directory& each : directory.directories) {
+    if (!below(each.name, [&] { return look(each); })) return false;
   }
-  return entries;
+  return true;
 }
 
-Type TreeDeletion::typeOf(int dir, const Entry& entry) {
-  if (entry.kind == DT_DIR) return Type::directory;
-  if (entry.kind != DT_LNK && entry.kind != DT_UNKNOWN) return Type::file;
+/// Names the entries, up to the first that cannot be looked at: there a search ends.
+bool TreeDeletion::list(Directory& directory) {
+  if (!fits(sizeof "*.*" - 1)) return false;  // the search for everything
+  const DirStream dir(::opendir(path_.c_str()));
   struct stat state {};
-  if (::fstatat(dir, entry.name.c_str(), &state, 0) != 0) return Type::unreachable;
-  return S_ISDIR(state.st_mode) ? Type::directory : Type::file;
-}
-
-/// Deletes the files and names the directories, in the directory's order, up to the first entry that cannot
-/// be looked at: there a search ends.
-bool TreeDeletion::removeFiles(DIR* dir, std::vector<std::string>& directories) const {
-  for (Entry& entry : list(dir)) {
-    if (!fits(entry.name)) return false;
-    switch (typeOf(::dirfd(dir), entry)) {
+  if (dir == nullptr || ::fstat(::dirfd(dir.get()), &state) != 0) return true;
+  if (!seen_.emplace(state.st_dev, state.st_ino).second) return true;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    if (!fits(name.size())) return false;
+    switch (typeOf(::dirfd(dir.get()), *entry)) {
       case Type::file:
-        ::unlinkat(::dirfd(dir), entry.name.c_str(), 0);
+        directory.files.push_back(std::move(name));
         break;
       case Type::directory:
-        directories.push_back(std::move(entry.name));
+        directory.directories.push_back({std::move(name), {}, {}});
         break;
       case Type::unreachable:
         return true;
@@ -88,34 +105,16 @@ bool TreeDeletion::removeFiles(DIR* dir, std::vector<std::string>& directories) 
   return true;
 }
 
-bool TreeDeletion::removeDirectory(const std::string& name) {
-  const std::size_t length = path_.size();
-  path_.append("/").append(name);
-  const bool emptied = empty();
-  ::rmdir(path_.c_str());
-  path_.resize(length);
-  return emptied;
-}
-
-bool TreeDeletion::empty() {
-  if (!fits("*.*")) return false;  // the search for everything
-  std::vector<std::string> directories;
-  {
-    const DirStream dir(::opendir(path_.c_str()));
-    struct stat state {};
-    if (dir == nullptr || ::fstat(::dirfd(dir.get()), &state) != 0) return true;
-    const std::pair self(state.st_dev, state.st_ino);
-    if (std::find(open_.begin(), open_.end(), self) != open_.end()) return true;
-    open_.push_back(self);
-    if (!removeFiles(dir.get(), directories)) {
-      open_.pop_back();
-      return false;
-    }
-  }  // closed before the descent: its depth costs no descriptors
-  bool emptied = true;
-  for (const std::string& name : directories) emptied &= removeDirectory(name);
-  open_.pop_back();
-  return emptied;
+void TreeDeletion::remove(const Directory& directory) {
+  for (const std::string& name : directory.files) {
+    below(name, [this] { return ::unlink(path_.c_str()); });
+  }
+  for (const Directory& each : directory.directories) {
+    below(each.name, [&] {
+      remove(each);
+      return ::rmdir(path_.c_str());
+    });
+  }
 }
 
 }  // namespace
@@ -124,7 +123,9 @@ int KesOsDeleteDirTree(const char* path) {
   if (path == nullptr) return kes::kesos::failWith(EFAULT);
   if (*path == '\0') return kes::kesos::failWith(ENOENT);
   try {
-    if (!TreeDeletion(path).empty()) return kes::kesos::failWith(ENAMETOOLONG);
+    TreeDeletion deletion(path);
+    if (!deletion.plan()) return kes::kesos::failWith(ENAMETOOLONG);
+    deletion.execute();
   } catch (const std::bad_alloc&) {
     return kes::kesos::failWith(ENOMEM);
   }

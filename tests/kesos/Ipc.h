@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/Eventually.h"
+
 namespace kes::test {
 
 /// Gives this process and its children System V objects of their own, once. Where that is not permitted it
@@ -73,8 +75,5 @@ template <typename T>
 Shared<T>::~Shared() {
   unmapShared(object_, sizeof(T));
 }
-
-/// Waits until a condition holds; false after a generous limit.
-bool eventually(const std::function<bool()>& condition);
 
 }  // namespace kes::test
