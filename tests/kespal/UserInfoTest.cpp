@@ -13,12 +13,14 @@
 #include "kespal/error/StaticError.h"
 #include "support/FakeAccounts.h"
 #include "support/ForkedChild.h"
+#include "support/RaisedAs.h"
 
 namespace kes {
 namespace {
 
 using test::accounts;
 using test::FakeAccounts;
+using test::raisedAs;
 
 std::string outputOf(const std::string& command) {
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
@@ -107,23 +109,12 @@ TEST(UserInfoTest, AnUnsetRecordIsNobodyInParticular) {
   EXPECT_TRUE(user.name.empty() && user.group.empty() && user.home.empty() && user.shell.empty());
 }
 
-template <typename Error, typename Call>
-Error raisedBy(Call call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    EXPECT_EQ(typeid(error), typeid(Error));
-    return error;
-  }
-  throw std::runtime_error("not raised");
-}
-
 TEST(UserInfoTest, AMissingUserIsARuntimeErrorFromResolve) {
-  const auto byName = raisedBy<RuntimeError>([] { UserInfo(std::string("no-such-user-here")); });
+  const auto byName = raisedAs<RuntimeError>([] { UserInfo(std::string("no-such-user-here")); });
   EXPECT_EQ(byName.text(), "No such user");
   EXPECT_STREQ(byName.file(), "src/os/posix/UserInfo");
   EXPECT_STREQ(byName.function(), "resolve");
-  EXPECT_EQ(raisedBy<RuntimeError>([] { UserInfo(4000000001U); }).text(), "No such user");
+  EXPECT_EQ(raisedAs<RuntimeError>([] { UserInfo(4000000001U); }).text(), "No such user");
 }
 
 TEST(UserInfoTest, AnUnresolvedRecordStaysAsItWas) {
@@ -140,11 +131,11 @@ TEST(UserInfoTest, AFailingDatabaseIsAnOsErrorWithTheCodeThatWasReturned) {
   for (const int code : {EIO, EMFILE, ENOENT, EINTR, ERANGE}) {
     accounts().passwordCodes = {code, code};
     errno = EDOM;
-    const auto error = raisedBy<OsError>([] { UserInfo(0U); });
+    const auto error = raisedAs<OsError>([] { UserInfo(0U); });
     EXPECT_EQ(error.errnum(), code);
     EXPECT_STREQ(error.file(), "src/os/posix/UserInfo");
     EXPECT_STREQ(error.function(), "resolve");
-    EXPECT_EQ(raisedBy<OsError>([] { UserInfo(std::string("root")); }).errnum(), code);
+    EXPECT_EQ(raisedAs<OsError>([] { UserInfo(std::string("root")); }).errnum(), code);
   }
 }
 
@@ -160,7 +151,7 @@ TEST(UserInfoTest, AnAccountWithoutHomeAndShellHasEmptyOnes) {
 TEST(UserInfoTest, AnAccountWhoseGroupIsMissingIsTheErrorOfTheGroup) {
   const FakeAccounts fake;
   accounts().password = {.name = "ghost", .uid = 77, .gid = 4000000002U, .home = "/", .shell = "/bin/sh"};
-  EXPECT_EQ(raisedBy<RuntimeError>([] { UserInfo(77U); }).text(), "no matching group");
+  EXPECT_EQ(raisedAs<RuntimeError>([] { UserInfo(77U); }).text(), "no matching group");
 }
 
 TEST(UserInfoTest, PrintingWritesFourLines) {

@@ -23,6 +23,11 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(top_, ignored);
 }
 
+std::string inMemory() {
+  const std::string memory = "/dev/shm";
+  return std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path().string();
+}
+
 std::string readFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + path);

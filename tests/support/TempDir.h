@@ -23,6 +23,9 @@ class TempDir {
   std::string path_;
 };
 
+/// Where a directory of many entries is quick to fill: in memory, if there is such a place.
+std::string inMemory();
+
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 

@@ -70,7 +70,7 @@ class ModeText {
     mode_ = 0;
     for (; isOctal(peek()); ++at_) {
       mode_ = mode_ * 8 + static_cast<unsigned>(peek() - '0');
-      if (mode_ > 07777) refuse("octal number above 7777,");
+      if (mode_ > 07777) refuse("octal number above 7777 with");
     }
   }
 

@@ -11,6 +11,7 @@
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
 #include "support/ForkedChild.h"
+#include "support/RaisedAs.h"
 #include "support/TempDir.h"
 
 // What a Path asks the system. Tests that change the working directory do so in a forked child.
@@ -19,19 +20,8 @@ namespace kes::fs {
 namespace {
 
 using test::inChild;
+using test::raisedAs;
 using test::TempDir;
-
-/// The error that a call raises as exactly this class, by value.
-template <typename Error, typename Call>
-Error raisedBy(Call call) {
-  try {
-    call();
-  } catch (const Exception& error) {
-    EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
-    if (const auto* exact = dynamic_cast<const Error*>(&error)) return *exact;
-  }
-  throw std::runtime_error("not raised");
-}
 
 /// The absolute forms of paths, a line each, asked for in a child that works in `directory`.
 std::string absoluteIn(const std::string& directory, const std::vector<std::string>& paths) {
@@ -106,7 +96,7 @@ TEST(PathSystemTest, WithoutAWorkingDirectoryOnlyPathsThatNeedOneFail) {
     }
     for (const char* unknown : {"a", "./a", "..", ".", "/.", "/./a", "/..", "/../a"}) {
       Path path(unknown);
-      const auto error = raisedBy<RuntimeError>([&] { path.assignAbsolute(); });
+      const auto error = raisedAs<RuntimeError>([&] { path.assignAbsolute(); });
       std::cout << path << ": " << error.text() << ' ' << error.file() << ' ' << error.function() << '\n';
     }
     return 0;
@@ -133,7 +123,7 @@ TEST(PathSystemTest, TheWorkingDirectoryIsTheOneThatWasSet) {
 
 TEST(PathSystemTest, ARemovedWorkingDirectoryIsAnOsErrorWithEnoent) {
   const auto child = inRemovedDirectory([] {
-    const auto error = raisedBy<OsError>([] { Ops::cwd(); });
+    const auto error = raisedAs<OsError>([] { Ops::cwd(); });
     std::cout << error.file() << ' ' << error.function() << ' ' << error.errnum();
     return 0;
   });
@@ -166,8 +156,8 @@ TEST(PathSystemTest, AWorkingDirectoryBeyondThePathMaximumIsAnErrorAndNeverAShor
   const auto child = inChild([&] {
     Ops::setCWD(dir.path().c_str());
     descendBeyond(PATH_MAX + 300);
-    std::cout << raisedBy<OsError>([] { Ops::cwd(); }).errnum() << ' ';
-    std::cout << raisedBy<RuntimeError>([] { Path("f").assignAbsolute(); }).text();
+    std::cout << raisedAs<OsError>([] { Ops::cwd(); }).errnum() << ' ';
+    std::cout << raisedAs<RuntimeError>([] { Path("f").assignAbsolute(); }).text();
     return 0;
   });
   EXPECT_EQ(child.out, std::to_string(ENAMETOOLONG) + " can't expand path, because CWD doesn't exist")
@@ -177,12 +167,12 @@ TEST(PathSystemTest, AWorkingDirectoryBeyondThePathMaximumIsAnErrorAndNeverAShor
 TEST(PathSystemTest, AChangeToADirectoryThatCannotBeIsAnFsErrorWithThePath) {
   TempDir dir;
   test::writeFile(dir / "file", "");
-  const auto missing = raisedBy<FsError>([&] { Ops::setCWD((dir / "none").c_str()); });
+  const auto missing = raisedAs<FsError>([&] { Ops::setCWD((dir / "none").c_str()); });
   EXPECT_EQ(missing.osError().errnum(), ENOENT);
   EXPECT_EQ(missing.path(), dir / "none");
   EXPECT_STREQ(missing.function(), "setCWD");
-  EXPECT_EQ(raisedBy<FsError>([&] { Ops::setCWD((dir / "file").c_str()); }).osError().errnum(), ENOTDIR);
-  EXPECT_EQ(raisedBy<FsError>([&] { Ops::setCWD(nullptr); }).osError().errnum(), EFAULT);
+  EXPECT_EQ(raisedAs<FsError>([&] { Ops::setCWD((dir / "file").c_str()); }).osError().errnum(), ENOTDIR);
+  EXPECT_EQ(raisedAs<FsError>([&] { Ops::setCWD(nullptr); }).osError().errnum(), EFAULT);
 }
 
 // --- exists
@@ -205,14 +195,14 @@ TEST(PathSystemTest, OnlyEnoentMeansThatAFileDoesNotExist) {
   TempDir dir;
   test::writeFile(dir / "file", "");
   std::filesystem::create_symlink("loop", dir / "loop");
-  const auto beneathFile = raisedBy<FsError>([&] { (void)Path(dir / "file/x").exists(); });
+  const auto beneathFile = raisedAs<FsError>([&] { (void)Path(dir / "file/x").exists(); });
   EXPECT_EQ(beneathFile.osError().errnum(), ENOTDIR);
   EXPECT_EQ(beneathFile.path(), dir / "file/x");
   EXPECT_STREQ(beneathFile.function(), "exists");
-  EXPECT_EQ(raisedBy<FsError>([&] { (void)Path(dir / "loop").exists(); }).osError().errnum(), ELOOP);
-  EXPECT_EQ(raisedBy<FsError>([&] { (void)Path(dir / std::string(300, 'x')).exists(); }).osError().errnum(),
+  EXPECT_EQ(raisedAs<FsError>([&] { (void)Path(dir / "loop").exists(); }).osError().errnum(), ELOOP);
+  EXPECT_EQ(raisedAs<FsError>([&] { (void)Path(dir / std::string(300, 'x')).exists(); }).osError().errnum(),
             ENAMETOOLONG);
-  EXPECT_EQ(raisedBy<FsError>([&] { Ops::exists(nullptr, true); }).osError().errnum(), EFAULT);
+  EXPECT_EQ(raisedAs<FsError>([&] { Ops::exists(nullptr, true); }).osError().errnum(), EFAULT);
 }
 
 TEST(PathSystemTest, ExistsIsRefusedInADirectoryThatCannotBeSearched) {
@@ -221,7 +211,7 @@ TEST(PathSystemTest, ExistsIsRefusedInADirectoryThatCannotBeSearched) {
   test::writeFile(dir / "closed/file", "");
   std::filesystem::permissions(dir / "closed", std::filesystem::perms::none);
   const auto child = test::asNobody([&] {
-    return raisedBy<FsError>([&] { (void)Path(dir / "closed/file").exists(); }).osError().errnum() == EACCES
+    return raisedAs<FsError>([&] { (void)Path(dir / "closed/file").exists(); }).osError().errnum() == EACCES
                ? 0
                : 1;
   });
@@ -275,15 +265,15 @@ TEST(PathSystemTest, EveryOtherFailureToResolvePropagatesAndThePathStays) {
   TempDir dir;
   test::writeFile(dir / "file", "");
   Path missing(dir / "none");
-  const auto error = raisedBy<NoSuchFileError>([&] { missing.assignResolved(); });
+  const auto error = raisedAs<NoSuchFileError>([&] { missing.assignResolved(); });
   EXPECT_EQ(error.osError().errnum(), ENOENT);
   EXPECT_EQ(error.path(), dir / "none");
   EXPECT_STREQ(error.function(), "readlink");
   EXPECT_EQ(missing, dir / "none");
-  EXPECT_EQ(raisedBy<NoSuchFileError>([&] { Path(dir / "file/x").assignResolved(); }).osError().errnum(),
+  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { Path(dir / "file/x").assignResolved(); }).osError().errnum(),
             ENOTDIR);
-  EXPECT_EQ(raisedBy<NoSuchFileError>([&] { Path("").assignResolved(); }).osError().errnum(), ENOENT);
-  EXPECT_EQ(raisedBy<FsError>([&] { Path(std::string(5000, 'x')).assignResolved(); }).osError().errnum(),
+  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { Path("").assignResolved(); }).osError().errnum(), ENOENT);
+  EXPECT_EQ(raisedAs<FsError>([&] { Path(std::string(5000, 'x')).assignResolved(); }).osError().errnum(),
             ENAMETOOLONG);
 }
 
@@ -291,11 +281,11 @@ TEST(PathSystemTest, ReadlinkTellsWhatIsNoLinkByItsOwnClass) {
   TempDir dir;
   test::writeFile(dir / "file", "");
   std::string target = "old";
-  const auto error = raisedBy<NotASymlinkError>([&] { Ops::readlink((dir / "file").c_str(), target); });
+  const auto error = raisedAs<NotASymlinkError>([&] { Ops::readlink((dir / "file").c_str(), target); });
   EXPECT_EQ(error.osError().errnum(), EINVAL);
   EXPECT_EQ(error.path(), dir / "file");
   EXPECT_EQ(target, "old");
-  EXPECT_EQ(raisedBy<FsError>([&] { Ops::readlink(nullptr, target); }).osError().errnum(), EFAULT);
+  EXPECT_EQ(raisedAs<FsError>([&] { Ops::readlink(nullptr, target); }).osError().errnum(), EFAULT);
 }
 
 TEST(PathSystemTest, ATargetOfTheGreatestLengthIsReadWhole) {
@@ -330,7 +320,7 @@ TEST(PathSystemTest, TheCanonicalPathHasNoLinksDotsOrDoubledSlashes) {
 TEST(PathSystemTest, AFailureToCanonicaliseCarriesThePathAsGivenAndItsOwnSourceLocation) {
   TempDir dir;
   Path path(dir / "none/./x");
-  const auto error = raisedBy<FsError>([&] { path.assignCanonical(); });
+  const auto error = raisedAs<FsError>([&] { path.assignCanonical(); });
   EXPECT_EQ(error.osError().errnum(), ENOENT);
   EXPECT_EQ(error.path(), dir / "none/./x");
   EXPECT_STREQ(error.file(), "os/posix/fs/Path");
@@ -343,7 +333,7 @@ TEST(PathSystemTest, EveryReasonNotToCanonicaliseIsReportedWithItsErrno) {
   test::writeFile(dir / "file", "");
   std::filesystem::create_symlink("loop", dir / "loop");
   const auto errnumOf = [](const std::string& text) {
-    return raisedBy<FsError>([&] { Path(text).assignCanonical(); }).osError().errnum();
+    return raisedAs<FsError>([&] { Path(text).assignCanonical(); }).osError().errnum();
   };
   EXPECT_EQ(errnumOf(""), ENOENT);
   EXPECT_EQ(errnumOf(dir / "file/x"), ENOTDIR);
@@ -365,7 +355,7 @@ TEST(PathSystemTest, CanonicalisingIsRefusedInADirectoryThatCannotBeSearched) {
   std::filesystem::create_directories(dir / "closed/sub");
   std::filesystem::permissions(dir / "closed", std::filesystem::perms::none);
   const auto child = test::asNobody([&] {
-    return raisedBy<FsError>([&] { Path(dir / "closed/sub").assignCanonical(); }).osError().errnum() == EACCES
+    return raisedAs<FsError>([&] { Path(dir / "closed/sub").assignCanonical(); }).osError().errnum() == EACCES
                ? 0
                : 1;
   });

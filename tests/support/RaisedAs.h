@@ -1,0 +1,24 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <typeinfo>
+
+#include "kespal/error/Exception.h"
+
+namespace kes::test {
+
+/// The error that a call raises, which has to be of exactly this class.
+template <typename Error, typename Call>
+Error raisedAs(Call call) {
+  try {
+    call();
+  } catch (const Exception& error) {
+    EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
+    if (const auto* exact = dynamic_cast<const Error*>(&error)) return *exact;
+  }
+  throw std::runtime_error("not raised");
+}
+
+}  // namespace kes::test
