@@ -37,6 +37,7 @@ std::map<std::string, std::function<void()>>& actions() {
 }
 
 std::size_t mostWritten = static_cast<std::size_t>(-1);
+bool typesAreKnown = true;
 std::vector<std::string>* trace = nullptr;
 
 /// Whether this call of `name` is to fail, with errno set.
@@ -68,6 +69,9 @@ Failing::~Failing() { failures().clear(); }
 
 ShortWrites::ShortWrites(std::size_t most) { mostWritten = most; }
 ShortWrites::~ShortWrites() { mostWritten = static_cast<std::size_t>(-1); }
+
+UnknownTypes::UnknownTypes() { typesAreKnown = false; }
+UnknownTypes::~UnknownTypes() { typesAreKnown = true; }
 
 Before::Before(const std::string& call, void (*action)(const std::string&), const std::string& argument) {
   actions()[call] = [action, argument] { action(argument); };
@@ -134,7 +138,13 @@ WRAPPED(int, fstatat, (int folder, const char* path, struct stat* status, int fl
         (folder, path, status, flags), -1)
 WRAPPED(DIR*, opendir, (const char* path), (path), nullptr)
 WRAPPED(DIR*, fdopendir, (int fd), (fd), nullptr)
-WRAPPED(dirent*, readdir, (DIR * folder), (folder), nullptr)
+dirent* __real_readdir(DIR* folder);
+dirent* __wrap_readdir(DIR* folder) {
+  if (kes::test::fails("readdir")) return nullptr;
+  dirent* const entry = __real_readdir(folder);
+  if (entry != nullptr && !kes::test::typesAreKnown) entry->d_type = DT_UNKNOWN;
+  return entry;
+}
 WRAPPED(int, closedir, (DIR * folder), (folder), (__real_closedir(folder), -1))
 int __real_glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* list);
 int __wrap_glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* list) {

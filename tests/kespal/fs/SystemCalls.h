@@ -24,6 +24,15 @@ class ShortWrites {
   ShortWrites& operator=(const ShortWrites&) = delete;
 };
 
+/// Lets readdir() keep the types of entries to itself, as some file systems do.
+class UnknownTypes {
+ public:
+  UnknownTypes();
+  ~UnknownTypes();
+  UnknownTypes(const UnknownTypes&) = delete;
+  UnknownTypes& operator=(const UnknownTypes&) = delete;
+};
+
 /// Runs a function just before the next call of a name is made, once.
 class Before {
  public:

@@ -1,0 +1,433 @@
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+
+#include "kespal/error/FsError.h"
+#include "kespal/fs/Access.h"
+#include "kespal/fs/Ops.h"
+#include "kespal/fs/SystemCalls.h"
+#include "support/Descriptors.h"
+#include "support/ForkedChild.h"
+#include "support/Raised.h"
+#include "support/TempDir.h"
+
+namespace kes::fs {
+namespace {
+
+using test::asNobody;
+using test::Failing;
+using test::inChild;
+using test::openDescriptors;
+using test::Raised;
+using test::raisedBy;
+using test::TempDir;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Not;
+
+namespace stdfs = std::filesystem;
+
+constexpr const char* opsSite = "src/os/posix/fs/Ops";
+constexpr const char* treeSite = "src/os/posix/fs/OpsTree";
+constexpr const char* infoSite = "src/os/posix/fs/Info";
+constexpr const char* dirSite = "src/os/posix/fs/Dir";
+
+class OpsTreeTest : public ::testing::Test {
+ protected:
+  ~OpsTreeTest() override { EXPECT_EQ(openDescriptors(), descriptors_) << "a descriptor was left behind"; }
+
+  std::string at(const std::string& name) const { return folder_ / name; }
+  void file(const std::string& name) const { test::writeFile(at(name), "content"); }
+  void directory(const std::string& name) const { stdfs::create_directories(at(name)); }
+  void link(const std::string& name, const std::string& target) const {
+    stdfs::create_symlink(target, at(name));
+  }
+  bool isThere(const std::string& name) const { return stdfs::exists(stdfs::symlink_status(at(name))); }
+  Raised removing(const std::string& name) const {
+    return raisedBy([&] { Ops::removeTree(at(name).c_str()); });
+  }
+
+  const std::vector<std::string> descriptors_ = openDescriptors();
+  const TempDir folder_;
+};
+
+// --- removing a tree
+
+TEST_F(OpsTreeTest, AWholeTreeIsRemoved) {
+  directory("tree/a/b/c");
+  directory("tree/empty");
+  for (const char* name :
+       {"tree/1", "tree/a/2", "tree/a/b/3", "tree/a/b/c/4", "tree/.hidden", "tree/a/..dots"})
+    file(name);
+  Ops::makeFifo(at("tree/fifo"), Access(0600));
+  link("tree/a/link", "../1");
+  EXPECT_EQ(removing("tree"), Raised{});
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, ALinkToAFileIsRemovedWithoutItsTarget) {
+  directory("tree");
+  file("outside");
+  link("tree/link", "../outside");
+  EXPECT_EQ(removing("tree"), Raised{});
+  EXPECT_TRUE(isThere("outside"));
+}
+
+TEST_F(OpsTreeTest, ALinkToADirectoryIsFollowedAndThenCannotBeRemoved) {
+  directory("tree");
+  directory("outside/deeper");
+  file("outside/file");
+  file("outside/deeper/file");
+  link("tree/link", "../outside");
+  EXPECT_EQ(removing("tree"), (Raised{"kes::FsError", ENOTDIR, at("tree/link"), opsSite, "removeDir"}));
+  EXPECT_TRUE(isThere("outside"));
+  EXPECT_TRUE(stdfs::is_empty(at("outside")));
+  EXPECT_TRUE(isThere("tree/link"));
+}
+
+TEST_F(OpsTreeTest, ALinkToTheTreeItselfEndsInALoop) {
+  directory("tree");
+  link("tree/loop", ".");
+  const Raised raised = removing("tree");
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, ELOOP);
+  EXPECT_EQ(raised.function, "get");
+  EXPECT_TRUE(isThere("tree/loop"));
+}
+
+TEST_F(OpsTreeTest, ADanglingLinkIsANoSuchFileError) {
+  directory("tree");
+  link("tree/dangling", "absent");
+  EXPECT_EQ(removing("tree"), (Raised{"kes::NoSuchFileError", ENOENT, at("tree/dangling"), infoSite, "get"}));
+  EXPECT_TRUE(isThere("tree/dangling"));
+}
+
+TEST_F(OpsTreeTest, ALinkToADirectoryAsTheTreeIsEmptiedAndStays) {
+  directory("real");
+  file("real/file");
+  link("tree", "real");
+  EXPECT_EQ(removing("tree"), (Raised{"kes::FsError", ENOTDIR, at("tree"), opsSite, "removeDir"}));
+  EXPECT_TRUE(stdfs::is_empty(at("real")));
+}
+
+TEST_F(OpsTreeTest, WhatIsNoDirectoryCannotBeOpened) {
+  file("file");
+  EXPECT_EQ(removing("file"), (Raised{"kes::FsError", ENOTDIR, at("file"), dirSite, "open"}));
+  EXPECT_EQ(removing("absent"), (Raised{"kes::NoSuchFileError", ENOENT, at("absent"), dirSite, "open"}));
+  EXPECT_EQ(raisedBy([] { Ops::removeTree(nullptr); }),
+            (Raised{"kes::FsError", EFAULT, "", treeSite, "removeTree"}));
+  EXPECT_TRUE(isThere("file"));
+}
+
+TEST_F(OpsTreeTest, TheFirstErrorEndsTheWalkAndWhatIsGoneIsGone) {
+  directory("tree");
+  for (int i = 0; i < 5; ++i) file("tree/" + std::to_string(i));
+  {
+    // The third removal is refused, by type and then by path.
+    const Failing byType("unlinkat", EPERM, /*skip=*/2), byPath("unlink", EPERM);
+    const Raised raised = removing("tree");
+    EXPECT_TRUE(stdfs::exists(raised.text));
+    EXPECT_EQ(raised, (Raised{"kes::FileAccessError", EPERM, raised.text, opsSite, "removeFile"}));
+  }
+  EXPECT_EQ(std::distance(stdfs::directory_iterator(at("tree")), {}), 3);
+}
+
+TEST_F(OpsTreeTest, ARefusedRemovalByTypeIsRepeatedByPath) {
+  directory("tree");
+  file("tree/file");
+  const Failing failing("unlinkat", EPERM);
+  EXPECT_EQ(removing("tree"), Raised{}) << "the removal by path succeeds";
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, AnEntryThatBecameADirectoryIsRemovedAsOne) {
+  directory("tree");
+  file("tree/entry");
+  const test::Before before(
+      "unlinkat",
+      [](const std::string& path) {
+        stdfs::remove(path);
+        stdfs::create_directories(path + "/below");
+      },
+      at("tree/entry"));
+  EXPECT_EQ(removing("tree"), Raised{});
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, AnEntryThatVanishedIsANoSuchFileErrorOfTheLook) {
+  directory("tree");
+  file("tree/file");
+  const test::Before before(
+      "unlinkat", [](const std::string& path) { stdfs::remove(path); }, at("tree/file"));
+  EXPECT_EQ(removing("tree"), (Raised{"kes::NoSuchFileError", ENOENT, at("tree/file"), infoSite, "get"}));
+}
+
+TEST_F(OpsTreeTest, AReadErrorIsAnOsError) {
+  directory("tree");
+  const Failing failing("readdir", EIO);
+  EXPECT_EQ(removing("tree"), (Raised{"kes::OsError", EIO, "", dirSite, "nextEntry"}));
+  EXPECT_TRUE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, ADirectoryThatCannotBeRemovedIsNamed) {
+  directory("tree/below");
+  const Failing failing("rmdir", EBUSY);
+  EXPECT_EQ(removing("tree"), (Raised{"kes::FsError", EBUSY, at("tree/below"), opsSite, "removeDir"}));
+}
+
+TEST_F(OpsTreeTest, NobodyIsRefusedWithTheErrorsOfAWalkByPaths) {
+  directory("tree/closed");
+  file("tree/closed/file");
+  ASSERT_EQ(::chmod(at("tree").c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0), 0);
+  const auto unreadable = asNobody([&] {
+    std::cout << removing("tree");
+    return 0;
+  });
+  EXPECT_EQ(unreadable.out, "kes::FsError 13 \"" + at("tree/closed") + "\" at " + dirSite + " (open)");
+  // Readable, but not searchable: the look at the entry fails before any removal is tried.
+  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0744), 0);
+  const auto unsearchable = asNobody([&] {
+    std::cout << removing("tree");
+    return 0;
+  });
+  EXPECT_EQ(unsearchable.out, "kes::FsError 13 \"" + at("tree/closed/file") + "\" at " + infoSite + " (get)");
+  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0755), 0);
+  const auto unwritable = asNobody([&] {
+    std::cout << removing("tree");
+    return 0;
+  });
+  EXPECT_EQ(unwritable.out,
+            "kes::FileAccessError 13 \"" + at("tree/closed/file") + "\" at " + opsSite + " (removeFile)");
+}
+
+TEST_F(OpsTreeTest, ADeepTreeNeedsNoMoreDescriptorsThanThereAre) {
+  std::string deep = "tree";
+  for (int level = 0; level < 100; ++level) deep += "/d";
+  directory(deep);
+  for (std::string name = deep; name != "tree"; name.resize(name.size() - 2)) file(name + "/file");
+  const auto child = inChild([&] {
+    const rlimit few{20, 20};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    std::cout << removing("tree");
+    return 0;
+  });
+  EXPECT_EQ(child.out, "nothing raised");
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, WithoutASingleDescriptorTheOpeningFails) {
+  directory("tree");
+  const Failing failing("opendir", EMFILE);
+  EXPECT_EQ(removing("tree"), (Raised{"kes::FsError", EMFILE, at("tree"), dirSite, "open"}));
+}
+
+TEST_F(OpsTreeTest, AnEntryOfUnknownTypeIsLookedAt) {
+  directory("tree/below");
+  file("tree/below/file");
+  file("outside");
+  link("tree/link", "../outside");
+  const test::UnknownTypes unknown;
+  const test::Trace trace;
+  EXPECT_EQ(removing("tree"), Raised{});
+  const auto calls = trace.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "stat"), 3);
+  EXPECT_FALSE(isThere("tree"));
+  EXPECT_TRUE(isThere("outside"));
+}
+
+TEST_F(OpsTreeTest, WhereNothingCanBeRemovedTheFirstEntryIsNamed) {
+  const Raised raised = raisedBy([] { Ops::removeTree("/proc/self/fdinfo"); });
+  EXPECT_EQ(raised, (Raised{"kes::FileAccessError", EPERM, raised.text, opsSite, "removeFile"}));
+  EXPECT_THAT(raised.text, ::testing::StartsWith("/proc/self/fdinfo/"));
+}
+
+TEST_F(OpsTreeTest, ManyEntriesAreAllRemoved) {
+  directory("tree");
+  for (int i = 0; i < 5000; ++i) file("tree/entry-with-a-longer-name-" + std::to_string(i));
+  EXPECT_EQ(removing("tree"), Raised{});
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, AFileCostsOneCallAndADirectoryItsOwn) {
+  directory("tree/below");
+  file("tree/file");
+  file("tree/below/1");
+  file("tree/below/2");
+  const test::Trace trace;
+  Ops::removeTree(at("tree").c_str());
+  const auto calls = trace.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "unlinkat"), 3);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "opendir"), 2);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "rmdir"), 2);
+  EXPECT_THAT(calls, Not(Contains("stat")));
+  EXPECT_THAT(calls, Not(Contains("unlink")));
+}
+
+TEST_F(OpsTreeTest, ALinkCostsALook) {
+  directory("tree");
+  file("file");
+  link("tree/link", "../file");
+  const test::Trace trace;
+  Ops::removeTree(at("tree").c_str());
+  const auto calls = trace.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "stat"), 1);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "unlink"), 1);
+}
+
+// --- making directories
+
+class MakedirsTest : public OpsTreeTest {
+ protected:
+  Raised making(const std::string& name, const Access* access = nullptr) const {
+    return raisedBy([&] { Ops::makedirs(at(name).c_str(), access); });
+  }
+};
+
+TEST_F(MakedirsTest, EveryMissingLevelIsCreatedFromTheTop) {
+  const test::Trace trace;
+  EXPECT_EQ(making("a/b/c"), Raised{});
+  EXPECT_THAT(trace.calls(), ElementsAre("mkdir", "mkdir", "mkdir", "mkdir", "mkdir"));
+  EXPECT_TRUE(stdfs::is_directory(at("a/b/c")));
+}
+
+TEST_F(MakedirsTest, EachNumberOfMissingLevelsWorks) {
+  const std::string whole = "1/2/3/4";
+  for (std::size_t existing = 0; existing < whole.size(); existing += 2) {
+    stdfs::remove_all(at("1"));
+    if (existing != 0) directory(whole.substr(0, existing - 1));
+    EXPECT_EQ(making(whole), Raised{}) << existing;
+    EXPECT_TRUE(stdfs::is_directory(at(whole)));
+  }
+}
+
+TEST_F(MakedirsTest, AnExistingDirectoryIsAFileExistsError) {
+  directory("a/b");
+  EXPECT_EQ(making("a/b"), (Raised{"kes::FileExistsError", EEXIST, at("a/b"), opsSite, "mkdir"}));
+  EXPECT_EQ(raisedBy([] { Ops::makedirs("/"); }),
+            (Raised{"kes::FileExistsError", EEXIST, "/", opsSite, "mkdir"}));
+}
+
+TEST_F(MakedirsTest, TryingIsFalseOnlyForAnExistingDirectory) {
+  directory("dir");
+  file("file");
+  link("link", "dir");
+  link("dangling", "absent");
+  EXPECT_TRUE(Ops::tryMakedirs(at("new/below").c_str()));
+  EXPECT_FALSE(Ops::tryMakedirs(at("new/below").c_str()));
+  EXPECT_FALSE(Ops::tryMakedirs(at("dir").c_str()));
+  EXPECT_FALSE(Ops::tryMakedirs(at("link").c_str())) << "links are followed";
+  for (const char* name : {"file", "dangling"}) {
+    EXPECT_EQ(raisedBy([&] { Ops::tryMakedirs(at(name).c_str()); }),
+              (Raised{"kes::FileExistsError", EEXIST, at(name), opsSite, "mkdir"}));
+  }
+  EXPECT_EQ(raisedBy([&] { Ops::tryMakedirs(at("file/below").c_str()); }),
+            (Raised{"kes::FsError", ENOTDIR, at("file/below"), opsSite, "mkdir"}));
+}
+
+TEST_F(MakedirsTest, SlashesAtTheEndAndInARowDoNotMatter) {
+  EXPECT_EQ(making("a/b/"), Raised{});
+  EXPECT_EQ(making("c//d///e////"), Raised{});
+  EXPECT_TRUE(stdfs::is_directory(at("a/b")));
+  EXPECT_TRUE(stdfs::is_directory(at("c/d/e")));
+}
+
+TEST_F(MakedirsTest, DotsAreOrdinaryLevels) {
+  EXPECT_EQ(making("a/./b"), (Raised{"kes::FileExistsError", EEXIST, at("a/."), opsSite, "mkdir"}));
+  EXPECT_TRUE(isThere("a")) << "what was created stays";
+}
+
+TEST_F(MakedirsTest, AFileOnTheWayIsAnFsErrorOfTheWholePath) {
+  file("file");
+  EXPECT_EQ(making("file/a"), (Raised{"kes::FsError", ENOTDIR, at("file/a"), opsSite, "mkdir"}));
+  EXPECT_EQ(making("file/a/b"), (Raised{"kes::FsError", ENOTDIR, at("file/a/b"), opsSite, "mkdir"}));
+}
+
+TEST_F(MakedirsTest, WithoutALevelLeftTheErrorIsAPlainFsErrorWithTheWholePath) {
+  EXPECT_EQ(raisedBy([] { Ops::makedirs(""); }), (Raised{"kes::FsError", ENOENT, "", treeSite, "makedirs"}));
+  EXPECT_EQ(raisedBy([] { Ops::makedirs(nullptr); }),
+            (Raised{"kes::FsError", ENOENT, "", treeSite, "makedirs"}));
+  const Failing failing("mkdir", ENOENT);
+  EXPECT_EQ(raisedBy([] { Ops::makedirs("a/b/c"); }),
+            (Raised{"kes::FsError", ENOENT, "a/b/c", treeSite, "makedirs"}));
+  EXPECT_EQ(raisedBy([] { Ops::makedirs("/a/b"); }),
+            (Raised{"kes::FsError", ENOENT, "/a/b", treeSite, "makedirs"}));
+}
+
+TEST_F(MakedirsTest, ARemovedWorkingDirectoryLeavesNoLevel) {
+  directory("gone");
+  const auto child = inChild([&] {
+    Ops::setCWD(at("gone").c_str());
+    Ops::removeDir(at("gone").c_str());
+    std::cout << raisedBy([] { Ops::makedirs("a/b"); });
+    return 0;
+  });
+  EXPECT_EQ(child.out, std::string("kes::FsError 2 \"a/b\" at ") + treeSite + " (makedirs)");
+}
+
+TEST_F(MakedirsTest, EveryLevelGetsTheSameRights) {
+  const mode_t before = ::umask(0);
+  const Access given(0751);
+  EXPECT_EQ(making("a/b/c", &given), Raised{});
+  EXPECT_EQ(making("plain/below"), Raised{});
+  ::umask(before);
+  for (const char* name : {"a", "a/b", "a/b/c"})
+    EXPECT_EQ(stdfs::status(at(name)).permissions(), stdfs::perms(0751));
+  for (const char* name : {"plain", "plain/below"})
+    EXPECT_EQ(stdfs::status(at(name)).permissions(), stdfs::perms(0700));
+}
+
+TEST_F(MakedirsTest, AFailureOnTheWayDownLeavesWhatWasMade) {
+  const Failing failing("mkdir", ENOSPC, /*skip=*/4);
+  EXPECT_EQ(making("a/b/c"), (Raised{"kes::FsError", ENOSPC, at("a/b/c"), opsSite, "mkdir"}));
+  EXPECT_TRUE(isThere("a/b"));
+  EXPECT_FALSE(isThere("a/b/c"));
+}
+
+TEST_F(MakedirsTest, ALevelThatAnotherMakesMeanwhileIsAFileExistsError) {
+  // The third try creates "a"; before the fourth, on the way down, somebody else makes "a/b".
+  const auto creator = [](const std::string& path) {
+    if (stdfs::exists(stdfs::path(path).parent_path())) stdfs::create_directories(path);
+  };
+  directory("a");
+  const test::Before before("mkdir", creator, at("a/b"));
+  EXPECT_EQ(making("a/b"), (Raised{"kes::FileExistsError", EEXIST, at("a/b"), opsSite, "mkdir"}));
+  EXPECT_FALSE(Ops::tryMakedirs(at("a/b").c_str()));
+}
+
+TEST_F(MakedirsTest, RacingCreatorsEndWithTheDirectoryThere) {
+  for (int round = 0; round < 20; ++round) {
+    const std::string name = "race" + std::to_string(round) + "/a/b/c";
+    const auto create = [&] {
+      // A loser may lose half way, at a level that another one made: then it tries again.
+      for (;;) {
+        try {
+          Ops::tryMakedirs(at(name).c_str());
+          return 0;
+        } catch (const FileExistsError&) {
+        }
+      }
+    };
+    std::vector<pid_t> creators;
+    for (int i = 0; i < 4; ++i) {
+      const pid_t pid = ::fork();
+      if (pid == 0) ::_exit(create());
+      creators.push_back(pid);
+    }
+    for (const pid_t pid : creators) {
+      int status = -1;
+      ::waitpid(pid, &status, 0);
+      EXPECT_EQ(status, 0);
+    }
+    EXPECT_TRUE(stdfs::is_directory(at(name)));
+  }
+}
+
+}  // namespace
+}  // namespace kes::fs
