@@ -1,0 +1,534 @@
+#include "kespal/fs/Copier.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "kespal/fs/SystemCalls.h"
+#include "support/Descriptors.h"
+#include "support/ForkedChild.h"
+#include "support/Raised.h"
+#include "support/TempDir.h"
+
+namespace kes::fs {
+namespace {
+
+using test::asNobody;
+using test::Failing;
+using test::inChild;
+using test::openDescriptors;
+using test::Raised;
+using test::raisedBy;
+using test::TempDir;
+using ::testing::ElementsAre;
+
+namespace stdfs = std::filesystem;
+
+constexpr const char* copierSite = "src/fs/Copier";
+constexpr const char* fileSite = "src/os/posix/fs/File";
+constexpr const char* streamSite = "src/os/posix/fs/StreamFile";
+
+struct stat statusOf(const std::string& path) {
+  struct stat status {};
+  ::stat(path.c_str(), &status);
+  return status;
+}
+mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
+
+/// Bytes that differ at every place where pieces could be mixed up.
+std::string bytes(std::size_t size) {
+  std::string text(size, 0);
+  std::uint32_t state = 1;
+  for (char& c : text) c = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  return text;
+}
+
+class CopierTest : public ::testing::Test {
+ protected:
+  CopierTest() {
+    test::writeFile(from_, "content");
+    ::chmod(from_.c_str(), 0640);
+  }
+  ~CopierTest() override { EXPECT_EQ(openDescriptors(), descriptors_) << "a descriptor was left behind"; }
+
+  Raised copying(const EnumBitset<Flags>& flags = {}, const Access* given = nullptr) const {
+    return raisedBy([&] { Copier(nullptr, 0, flags, given).copy(from_.c_str(), to_.c_str()); });
+  }
+
+  const std::vector<std::string> descriptors_ = openDescriptors();
+  const TempDir folder_;
+  const std::string from_ = folder_ / "from";
+  const std::string to_ = folder_ / "to";
+};
+
+// --- buffers
+
+TEST_F(CopierTest, ABufferNeedsBothItsHalves) {
+  char buffer[8];
+  const Raised bad{"kes::UsageError", 0, "bad buffer passed to Copier instance", copierSite, "Copier"};
+  EXPECT_EQ(raisedBy([&] { const Copier copier(buffer, 0); }), bad);
+  EXPECT_EQ(raisedBy([&] { const Copier copier(nullptr, 8); }), bad);
+  EXPECT_EQ(raisedBy([&] { const Copier copier(buffer, 8); }), Raised{});
+  EXPECT_EQ(raisedBy([&] { const Copier copier(nullptr, 0); }), Raised{});
+}
+
+TEST_F(CopierTest, WithoutABufferThereIsNoPointerToIt) {
+  const Copier copier;
+  EXPECT_FALSE(copier.haveBuffer());
+  EXPECT_EQ(
+      raisedBy([&] { copier.getBufferPointer(); }),
+      (Raised{"kes::UsageError", 0, "bad buffer passed to Copier instance", copierSite, "getBufferPointer"}));
+}
+
+TEST_F(CopierTest, TheCallersBufferComesFirst) {
+  char buffer[8];
+  Copier copier(buffer, sizeof buffer);
+  EXPECT_TRUE(copier.haveBuffer());
+  EXPECT_EQ(copier.getBufferPointer(), buffer);
+  copier.allocateBuffer(100);
+  EXPECT_EQ(copier.getBufferPointer(), buffer);
+}
+
+TEST_F(CopierTest, AnOwnBufferIsAllocatedOnce) {
+  Copier copier;
+  copier.allocateBuffer(3);
+  ASSERT_TRUE(copier.haveBuffer());
+  const char* const first = copier.getBufferPointer();
+  copier.allocateBuffer(100);
+  EXPECT_EQ(copier.getBufferPointer(), first);
+  const test::Trace trace;
+  copier.copy(from_.c_str(), to_.c_str());
+  const auto calls = trace.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "read"), 4) << "three, three, one, none";
+  EXPECT_EQ(test::readFile(to_), "content");
+}
+
+TEST_F(CopierTest, AnOwnBufferOfNoBytesIsRefused) {
+  EXPECT_EQ(
+      raisedBy([] { Copier().allocateBuffer(0); }),
+      (Raised{"kes::UsageError", 0, "bad buffer passed to Copier instance", copierSite, "allocateBuffer"}));
+}
+
+TEST_F(CopierTest, EverySizeOfBufferCopiesEverySizeOfFile) {
+  for (const std::size_t bufferSize : {1, 2, 7, 1024, 4096}) {
+    for (const std::size_t size : {0, 1, 6, 7, 8, 1023, 1024, 1025, 5000}) {
+      const std::string content = bytes(size);
+      test::writeFile(from_, content);
+      std::vector<char> buffer(bufferSize);
+      Copier(buffer.data(), buffer.size(), Flags::OVERWRITE).copy(from_.c_str(), to_.c_str());
+      EXPECT_EQ(test::readFile(to_), content) << bufferSize << ' ' << size;
+    }
+  }
+}
+
+TEST_F(CopierTest, ABufferOfOneByteReadsByteByByte) {
+  char buffer = 0;
+  const test::Trace trace;
+  Copier(&buffer, 1).copy(from_.c_str(), to_.c_str());
+  const auto calls = trace.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "read"), 8);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "write"), 7);
+  EXPECT_EQ(test::readFile(to_), "content");
+}
+
+TEST_F(CopierTest, TheOwnBufferHas1024Bytes) {
+  test::writeFile(from_, std::string(2049, 'x'));
+  const test::Trace trace;
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_THAT(trace.calls(), ElementsAre("open", "fstat", "open", "read", "write", "read", "write", "read",
+                                         "write", "read", "close", "close"));
+}
+
+TEST_F(CopierTest, OneCopierCopiesManyFiles) {
+  Copier copier(nullptr, 0, Flags::OVERWRITE);
+  for (const char* content : {"one", "", "three and more"}) {
+    test::writeFile(from_, content);
+    copier.copy(from_.c_str(), to_.c_str());
+    EXPECT_EQ(test::readFile(to_), content);
+  }
+}
+
+// --- by name
+
+TEST_F(CopierTest, AnEmptyFileBecomesAnEmptyFileWithItsPermissionBits) {
+  test::writeFile(from_, "");
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(test::readFile(to_), "");
+  EXPECT_EQ(modeOf(to_), 0640u);
+}
+
+TEST_F(CopierTest, WithoutOverwriteAnExistingTargetKeepsItsContent) {
+  test::writeFile(to_, "old");
+  EXPECT_EQ(copying(), (Raised{"kes::FsError", EEXIST, to_, fileSite, "open"}));
+  EXPECT_EQ(test::readFile(to_), "old");
+}
+
+TEST_F(CopierTest, WithOverwriteAnExistingTargetIsRewritten) {
+  test::writeFile(to_, "a longer old content");
+  const mode_t before = modeOf(to_);
+  EXPECT_EQ(copying(Flags::OVERWRITE), Raised{});
+  EXPECT_EQ(test::readFile(to_), "content");
+  EXPECT_EQ(modeOf(to_), before) << "its rights are its own unless they are copied, too";
+  stdfs::remove(to_);
+  EXPECT_EQ(copying(Flags::OVERWRITE), Raised{}) << "a missing one is created";
+  EXPECT_EQ(modeOf(to_), 0640u);
+}
+
+TEST_F(CopierTest, ALinkAsSourceIsFollowedUnlessThatIsRefused) {
+  const std::string link = folder_ / "link";
+  stdfs::create_symlink("from", link);
+  EXPECT_EQ(raisedBy([&] { Copier(nullptr, 0, Flags::NO_FOLLOW).copy(link.c_str(), to_.c_str()); }),
+            (Raised{"kes::IsASymlinkError", ELOOP, link, fileSite, "open"}));
+  EXPECT_FALSE(stdfs::exists(to_));
+  Copier().copy(link.c_str(), to_.c_str());
+  EXPECT_EQ(test::readFile(to_), "content");
+}
+
+TEST_F(CopierTest, ALinkAsTargetIsWrittenThroughOnlyWithOverwrite) {
+  stdfs::create_symlink("real", to_);
+  EXPECT_EQ(copying().errnum, EEXIST);
+  EXPECT_EQ(copying(Flags::OVERWRITE), Raised{});
+  EXPECT_TRUE(stdfs::is_symlink(to_));
+  EXPECT_EQ(test::readFile(folder_ / "real"), "content");
+}
+
+TEST_F(CopierTest, AMissingSourceCreatesNoTarget) {
+  stdfs::remove(from_);
+  EXPECT_EQ(copying(), (Raised{"kes::NoSuchFileError", ENOENT, from_, fileSite, "open"}));
+  EXPECT_FALSE(stdfs::exists(to_));
+}
+
+TEST_F(CopierTest, ADirectoryAsSourceIsTheReadError) {
+  EXPECT_EQ(raisedBy([&] { Copier().copy(folder_.path().c_str(), to_.c_str()); }),
+            (Raised{"kes::OsError", EISDIR, "", streamSite, "read"}));
+}
+
+TEST_F(CopierTest, NullNamesCountAsEmptyOnes) {
+  EXPECT_EQ(raisedBy([&] { Copier().copy(static_cast<const char*>(nullptr), to_.c_str()); }),
+            (Raised{"kes::FsError", EFAULT, "", fileSite, "open"}));
+  for (const auto& flags : {EnumBitset<Flags>(), EnumBitset<Flags>(Flags::OVERWRITE)}) {
+    EXPECT_EQ(
+        raisedBy([&] { Copier(nullptr, 0, flags).copy(from_.c_str(), static_cast<const char*>(nullptr)); }),
+        (Raised{"kes::FsError", EFAULT, "", fileSite, "open"}));
+  }
+}
+
+TEST_F(CopierTest, AFileIsNotCopiedOntoItself) {
+  stdfs::create_hard_link(from_, folder_ / "same");
+  for (const std::string& to : {from_, folder_ / "same"}) {
+    EXPECT_EQ(raisedBy([&] { Copier(nullptr, 0, Flags::OVERWRITE).copy(from_.c_str(), to.c_str()); }),
+              (Raised{"kes::FsError", EINVAL, to, copierSite, "openTarget"}));
+  }
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  out.open(from_.c_str(), File::READ_WRITE);
+  EXPECT_EQ(raisedBy([&] { Copier().copy(in, out); }),
+            (Raised{"kes::OsError", EINVAL, "", copierSite, "borrowTarget"}));
+  EXPECT_EQ(raisedBy([&] { Copier().copy(out, out); }).errnum, EINVAL);
+  EXPECT_EQ(test::readFile(from_), "content");
+}
+
+TEST_F(CopierTest, ADeviceMayBeBothSourceAndTarget) {
+  EXPECT_EQ(raisedBy([] { Copier(nullptr, 0, Flags::OVERWRITE).copy("/dev/null", "/dev/null"); }), Raised{});
+}
+
+// --- streams
+
+TEST_F(CopierTest, BorrowedStreamsStayOpenAndAreCopiedFromTheirStart) {
+  test::writeFile(to_, "a longer old content");
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  out.open(to_.c_str(), File::WRITE);
+  in.seek(3);
+  out.seek(5);
+  const int inFd = in.fd(), outFd = out.fd();
+  {
+    Copier copier;
+    copier.copy(in, out);
+  }
+  EXPECT_EQ(in.fd(), inFd);
+  EXPECT_EQ(out.fd(), outFd);
+  EXPECT_EQ(test::readFile(to_), "content");
+  EXPECT_EQ(in.seek(0, StreamFile::FROM_CURRENT), 7u);
+  EXPECT_EQ(out.write("!", 1), 1u);
+  EXPECT_EQ(test::readFile(to_), "content!");
+}
+
+TEST_F(CopierTest, TheMixedFormsBorrowOneSide) {
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  Copier().copy(in, to_.c_str());
+  EXPECT_EQ(test::readFile(to_), "content");
+  EXPECT_EQ(modeOf(to_), 0640u);
+  EXPECT_EQ(in.seek(0), 0u);
+  test::writeFile(from_, "changed");
+  out.open(to_.c_str(), File::WRITE);
+  Copier().copy(from_.c_str(), out);
+  EXPECT_EQ(test::readFile(to_), "changed");
+  EXPECT_EQ(out.seek(0), 0u);
+}
+
+TEST_F(CopierTest, AStreamAsSourceRespectsAnExistingTarget) {
+  test::writeFile(to_, "old");
+  StreamFile in;
+  in.open(from_.c_str(), File::READ);
+  EXPECT_EQ(raisedBy([&] { Copier().copy(in, to_.c_str()); }),
+            (Raised{"kes::FsError", EEXIST, to_, fileSite, "open"}));
+  EXPECT_EQ(test::readFile(to_), "old");
+}
+
+TEST_F(CopierTest, EveryFormMakesItsCalls) {
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  out.open(to_.c_str(), File::READ_WRITE, File::CREATE);
+  const auto calls = [](const std::function<void()>& run) {
+    const test::Trace trace;
+    run();
+    return trace.calls();
+  };
+  EXPECT_THAT(calls([&] { Copier().copy(in, out); }),
+              ElementsAre("lseek", "fstat", "lseek", "fstat", "ftruncate", "read", "write", "read"));
+  EXPECT_THAT(calls([&] { Copier().copy(from_.c_str(), out); }),
+              ElementsAre("open", "fstat", "lseek", "fstat", "ftruncate", "read", "write", "read", "close"));
+  EXPECT_THAT(calls([&] { Copier(nullptr, 0, Flags::OVERWRITE).copy(in, to_.c_str()); }),
+              ElementsAre("lseek", "fstat", "stat", "open", "read", "write", "read", "close"));
+}
+
+TEST_F(CopierTest, BorrowedStreamsStayOpenWhateverFails) {
+  test::writeFile(to_, "old");
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  out.open(to_.c_str(), File::READ_WRITE);
+  const std::vector<std::pair<const char*, const char*>> table = {
+      {"lseek", "seek"},           {"fstat", "get"}, {"ftruncate", "truncate"},
+      {"fchmod", "setAccessPriv"}, {"read", "read"}, {"write", "write"}};
+  for (const auto& [call, operation] : table) {
+    Raised raised;
+    {
+      const Failing failing(call, EIO);
+      Copier copier(nullptr, 0, Flags::COPY_ACCESS);
+      raised = raisedBy([&] { copier.copy(in, out); });
+    }
+    EXPECT_EQ(raised.type, "kes::OsError");
+    EXPECT_EQ(raised.errnum, EIO);
+    EXPECT_EQ(raised.function, operation);
+    EXPECT_EQ(in.seek(0), 0u) << call;
+    EXPECT_EQ(out.seek(0), 0u) << call;
+  }
+}
+
+TEST_F(CopierTest, WhatWasOpenedByNameIsClosedWhateverFails) {
+  const auto before = openDescriptors();
+  for (const char* call : {"open", "fstat", "fchmod", "fchown", "read", "write", "close"}) {
+    for (int skip = 0; skip < 3; ++skip) {
+      Copier copier(nullptr, 0, {Flags::OVERWRITE, Flags::COPY_ACCESS});
+      {
+        const Failing failing(call, EIO, skip, /*times=*/1);
+        raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); });
+      }
+      EXPECT_EQ(openDescriptors(), before) << call << " after " << skip;
+      EXPECT_EQ(raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); }), Raised{})
+          << "it can be used again";
+    }
+  }
+}
+
+TEST_F(CopierTest, AFailingCloseIsAnOsErrorAndBothAreClosed) {
+  for (const int skip : {0, 1}) {
+    const Failing failing("close", EIO, skip, /*times=*/1);
+    EXPECT_EQ(copying(Flags::OVERWRITE), (Raised{"kes::OsError", EIO, "", fileSite, "close"}));
+  }
+}
+
+TEST_F(CopierTest, AStreamThatIsNotOpenIsTheSystemsError) {
+  StreamFile closed, open;
+  open.open(from_.c_str(), File::READ);
+  EXPECT_EQ(raisedBy([&] { Copier().copy(closed, to_.c_str()); }),
+            (Raised{"kes::OsError", EBADF, "", streamSite, "seek"}));
+  EXPECT_EQ(raisedBy([&] { Copier().copy(open, closed); }),
+            (Raised{"kes::OsError", EBADF, "", streamSite, "seek"}));
+}
+
+TEST_F(CopierTest, APipeCannotBeBorrowed) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  Pipe pipe{ends[0], ends[1]};
+  StreamFile in, out;
+  in.open(pipe, true);
+  out.open(pipe, false);
+  EXPECT_EQ(raisedBy([&] { Copier().copy(in, to_.c_str()); }),
+            (Raised{"kes::OsError", ESPIPE, "", streamSite, "seek"}));
+  EXPECT_EQ(raisedBy([&] { Copier().copy(from_.c_str(), out); }).errnum, ESPIPE);
+}
+
+// --- rights
+
+TEST_F(CopierTest, ATargetIsCreatedWithTheSourcesBitsLessTheMask) {
+  const mode_t before = ::umask(027);
+  ::chmod(from_.c_str(), 0666);
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(modeOf(to_), 0640u);
+  EXPECT_EQ(copying({Flags::OVERWRITE, Flags::COPY_ACCESS}), Raised{});
+  ::umask(before);
+  EXPECT_EQ(modeOf(to_), 0666u) << "rights that are copied are not masked";
+}
+
+TEST_F(CopierTest, GivenRightsReplaceTheSourcesAndNeedNoFlag) {
+  const Access given(0604);
+  EXPECT_EQ(copying({}, &given), Raised{});
+  EXPECT_EQ(modeOf(to_), 0604u);
+  EXPECT_EQ(statusOf(to_).st_uid, ::geteuid());
+}
+
+TEST_F(CopierTest, RightsAreAppliedToExistingTargetsAndBorrowedStreams) {
+  test::writeFile(to_, "");
+  EXPECT_EQ(copying({Flags::OVERWRITE, Flags::COPY_ACCESS}), Raised{});
+  EXPECT_EQ(modeOf(to_), 0640u);
+  StreamFile out;
+  out.open(to_.c_str(), File::WRITE);
+  const Access given(0711);
+  Copier(nullptr, 0, {}, &given).copy(from_.c_str(), out);
+  EXPECT_EQ(modeOf(to_), 0711u);
+}
+
+TEST_F(CopierTest, RootCopiesOwnerGroupAndSetIdBits) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+  ASSERT_EQ(::chown(from_.c_str(), 12, 34), 0);
+  ASSERT_EQ(::chmod(from_.c_str(), 06755), 0);
+  EXPECT_EQ(copying(Flags::COPY_ACCESS), Raised{});
+  EXPECT_EQ(statusOf(to_).st_uid, 12u);
+  EXPECT_EQ(statusOf(to_).st_gid, 34u);
+  EXPECT_EQ(modeOf(to_), 06755u);
+  stdfs::remove(to_);
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(statusOf(to_).st_uid, 0u) << "not without the flag";
+}
+
+TEST_F(CopierTest, NobodyCopiesRightsOfOwnFilesOnly) {
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
+  ASSERT_EQ(::chmod(from_.c_str(), 0644), 0);
+  const auto child = asNobody([&] {
+    const std::string own = folder_ / "own", copy = folder_ / "copy";
+    test::writeFile(own, "own");
+    ::chmod(own.c_str(), 0600);
+    Copier(nullptr, 0, Flags::COPY_ACCESS).copy(own.c_str(), copy.c_str());
+    std::cout << std::oct << modeOf(copy) << std::dec << '\n' << copying() << '\n';
+    std::cout << copying({Flags::COPY_ACCESS, Flags::OVERWRITE});
+    return 0;
+  });
+  EXPECT_EQ(child.out, "600\nnothing raised\nkes::FsError 1 \"\" at src/os/posix/fs/Access (setOwnership)")
+      << child.err;
+}
+
+TEST_F(CopierTest, WithoutTheRightToReadThereIsNoCopy) {
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
+  const auto child = asNobody([&] {
+    std::cout << copying();
+    return 0;
+  });
+  EXPECT_EQ(child.out, "kes::FileAccessError 13 \"" + from_ + "\" at " + fileSite + " (open)");
+  EXPECT_FALSE(stdfs::exists(to_));
+}
+
+// --- contents
+
+TEST_F(CopierTest, ShortWritesAreCompleted) {
+  const std::string content = bytes(10000);
+  test::writeFile(from_, content);
+  const test::ShortWrites few(7);
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(test::readFile(to_), content);
+}
+
+TEST_F(CopierTest, ATargetThatTakesNothingIsAnError) {
+  const test::ShortWrites none(0);
+  EXPECT_EQ(copying(), (Raised{"kes::OsError", EIO, "", copierSite, "copyData"}));
+}
+
+TEST_F(CopierTest, ALargeSparseFileArrivesWhole) {
+  const std::size_t hole = std::size_t{64} << 20;
+  {
+    StreamFile sparse;
+    sparse.open(from_.c_str(), File::WRITE);
+    sparse.truncate(hole);
+    sparse.seek(hole / 2);
+    sparse.write("middle", 6);
+    sparse.seek(hole);
+    sparse.write("end", 3);
+  }
+  std::vector<char> buffer(std::size_t{1} << 20);
+  Copier(buffer.data(), buffer.size()).copy(from_.c_str(), to_.c_str());
+  EXPECT_EQ(stdfs::file_size(to_), hole + 3);
+  EXPECT_EQ(std::system(("cmp '" + from_ + "' '" + to_ + "'").c_str()), 0);
+}
+
+TEST_F(CopierTest, AFileBelowProcHasContentThoughItsSizeIsZero) {
+  Copier().copy("/proc/self/cmdline", to_.c_str());
+  EXPECT_EQ(test::readFile(to_), test::readFile("/proc/self/cmdline"));
+}
+
+TEST_F(CopierTest, ASourceThatGrowsMeanwhileIsCopiedToItsNewEnd) {
+  const test::Before before(
+      "write", [](const std::string& path) { std::ofstream(path, std::ios::app) << " and more"; }, from_);
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(test::readFile(to_), "content and more");
+}
+
+TEST_F(CopierTest, ASourceThatShrinksMeanwhileEndsWhereItEnds) {
+  test::writeFile(from_, std::string(5000, 'x'));
+  const test::Before before(
+      "write", [](const std::string& path) { stdfs::resize_file(path, 1500); }, from_);
+  EXPECT_EQ(copying(), Raised{});
+  EXPECT_EQ(test::readFile(to_), std::string(1500, 'x'));
+}
+
+TEST_F(CopierTest, AFullTargetIsTheWriteErrorAndWhatArrivedStays) {
+  const auto child = inChild([&] {
+    const std::string full = folder_ / "full";
+    stdfs::create_directory(full);
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
+      return 77;
+    }
+    test::writeFile(from_, std::string(200000, 'x'));
+    const std::string to = full + "/to";
+    std::cout << raisedBy([&] { Copier().copy(from_.c_str(), to.c_str()); }) << '\n' << stdfs::file_size(to);
+    return 0;
+  });
+  if (child.exitCode() == 77) GTEST_SKIP() << "a private file system cannot be mounted here";
+  EXPECT_EQ(child.out, "kes::OsError 28 \"\" at src/os/posix/fs/StreamFile (write)\n65536") << child.err;
+}
+
+TEST_F(CopierTest, ATargetAtItsSizeLimitIsTheWriteError) {
+  const auto child = inChild([&] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    test::writeFile(from_, std::string(5000, 'x'));
+    const rlimit few{2500, 2500};
+    ::setrlimit(RLIMIT_FSIZE, &few);
+    std::cout << copying() << '\n' << stdfs::file_size(to_);
+    return 0;
+  });
+  EXPECT_EQ(child.out, "kes::OsError 27 \"\" at src/os/posix/fs/StreamFile (write)\n2500") << child.err;
+}
+
+TEST_F(CopierTest, AFullDeviceIsTheWriteError) {
+  StreamFile out;
+  out.open("/dev/full", File::WRITE);
+  // A device cannot be cut to length 0: that is the error of a stream, while a name is simply written to.
+  EXPECT_EQ(raisedBy([&] { Copier().copy(from_.c_str(), out); }),
+            (Raised{"kes::OsError", EINVAL, "", fileSite, "truncate"}));
+  EXPECT_EQ(raisedBy([&] { Copier(nullptr, 0, Flags::OVERWRITE).copy(from_.c_str(), "/dev/full"); }),
+            (Raised{"kes::OsError", ENOSPC, "", streamSite, "write"}));
+}
+
+}  // namespace
+}  // namespace kes::fs

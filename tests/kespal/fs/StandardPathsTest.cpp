@@ -1,0 +1,157 @@
+#include "kespal/fs/StandardPaths.h"
+
+#include <pwd.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include "kespal/fs/SystemCalls.h"
+#include "support/ForkedChild.h"
+#include "support/TempDir.h"
+
+namespace kes::fs {
+namespace {
+
+using test::inChild;
+using test::TempDir;
+
+namespace stdfs = std::filesystem;
+
+/// The answers depend on the environment: each question is asked in a child with exactly the variables given.
+class StandardPathsTest : public ::testing::Test {
+ protected:
+  using Variables = std::map<std::string, std::string>;
+
+  static std::string asked(Path (*question)(), const Variables& variables) {
+    const auto child = inChild([&] {
+      ::clearenv();
+      for (const auto& [name, value] : variables) ::setenv(name.c_str(), value.c_str(), 1);
+      std::cout << question();
+      return 0;
+    });
+    return child.exitCode() == 0 ? child.out : "failed: " + child.err;
+  }
+  static std::string databaseHome() { return ::getpwuid(::getuid())->pw_dir; }
+
+  const TempDir folder_;
+  const std::string home_ = folder_.path();
+};
+
+TEST_F(StandardPathsTest, UserDataFollowsItsVariableElseTheHome) {
+  EXPECT_EQ(asked(StandardPaths::userDataDir, {{"HOME", "/h"}, {"XDG_DATA_HOME", "/data/"}}), "/data");
+  EXPECT_EQ(asked(StandardPaths::userDataDir, {{"HOME", "/h"}}), "/h/.local/share");
+  EXPECT_EQ(asked(StandardPaths::userDataDir, {{"HOME", "/h"}, {"XDG_DATA_HOME", ""}}), "/h/.local/share");
+}
+
+TEST_F(StandardPathsTest, RelativeValuesAreIgnored) {
+  const Variables relative = {{"HOME", "/h"},
+                              {"XDG_DATA_HOME", "data"},
+                              {"XDG_STATE_HOME", "./state"},
+                              {"XDG_CONFIG_HOME", "config"},
+                              {"XDG_RUNTIME_DIR", "."}};
+  EXPECT_EQ(asked(StandardPaths::userDataDir, relative), "/h/.local/share");
+  EXPECT_EQ(asked(StandardPaths::userLogDir, relative), "/h/.local/state/Logs");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, relative), "/h/Documents");
+  EXPECT_EQ(asked(StandardPaths::userTempDir, relative), "/tmp");
+}
+
+TEST_F(StandardPathsTest, WithoutHomeTheUserDatabaseIsAsked) {
+  EXPECT_EQ(asked(StandardPaths::userDataDir, {}), databaseHome() + "/.local/share");
+  EXPECT_EQ(asked(StandardPaths::userDataDir, {{"HOME", ""}}), databaseHome() + "/.local/share");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", "not/absolute"}}), databaseHome() + "/Documents");
+}
+
+TEST_F(StandardPathsTest, UserLogsFollowTheStateVariableElseTheHome) {
+  EXPECT_EQ(asked(StandardPaths::userLogDir, {{"HOME", "/h"}, {"XDG_STATE_HOME", "/state"}}), "/state/Logs");
+  EXPECT_EQ(asked(StandardPaths::userLogDir, {{"HOME", "/h"}}), "/h/.local/state/Logs");
+}
+
+TEST_F(StandardPathsTest, SystemLogsAreInOnePlace) {
+  EXPECT_EQ(asked(StandardPaths::logDir, {}), "/var/log");
+}
+
+class DocumentsTest : public StandardPathsTest,
+                      public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(DocumentsTest, AreWhereTheConfigurationSays) {
+  const auto& [configuration, answer] = GetParam();
+  stdfs::create_directory(home_ + "/.config");
+  test::writeFile(home_ + "/.config/user-dirs.dirs", configuration);
+  std::string expected = answer;
+  if (const auto at = expected.find('~'); at != std::string::npos) expected.replace(at, 1, home_);
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", home_}}), expected) << configuration;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryForm, DocumentsTest,
+    ::testing::Values(std::pair("XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n", "~/Papers"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"/srv/papers\"\n", "/srv/papers"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/no newline\"", "~/no newline"),
+                      std::pair("  XDG_DOCUMENTS_DIR = \"/srv/papers/\" # mine\n", "/srv/papers"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/a\\\"b\\\\c\"\n", "~/a\"b\\c"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME\"\n", "~"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/\"\n", "~"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"/2\"\n", "/2"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"relative\"\n", "/1"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"papers\"\n", "~/Documents"),
+                      std::pair("XDG_DOCUMENTS_DIR=/unquoted\n", "~/Documents"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"$HOMER/x\"\n", "~/Documents"),
+                      std::pair("#XDG_DOCUMENTS_DIR=\"/commented\"\n", "~/Documents"),
+                      std::pair("XDG_DOWNLOAD_DIR=\"/downloads\"\n", "~/Documents"),
+                      std::pair("XDG_DOCUMENTS_DIRS=\"/others\"\n", "~/Documents"),
+                      std::pair("", "~/Documents")));
+
+TEST_F(StandardPathsTest, TheConfigurationIsReadWhereItsVariableSays) {
+  test::writeFile(home_ + "/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", "/h"}, {"XDG_CONFIG_HOME", home_}}), "/h/Papers");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", "/h"}}), "/h/Documents");
+}
+
+TEST_F(StandardPathsTest, TheTemporaryDirectoryFollowsItsVariableIfThatExists) {
+  EXPECT_EQ(asked(StandardPaths::tempDir, {}), "/tmp");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + '/'}}), home_);
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + "/absent"}}), "/tmp");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", ""}}), "/tmp");
+}
+
+TEST_F(StandardPathsTest, TheTemporaryDirectoryFollowsLinksAndMayBeAnythingThatExists) {
+  stdfs::create_symlink(home_, home_ + "/link");
+  stdfs::create_symlink("absent", home_ + "/dangling");
+  test::writeFile(home_ + "/file", "");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + "/link"}}), home_ + "/link");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + "/dangling"}}), "/tmp");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + "/file"}}), home_ + "/file");
+}
+
+TEST_F(StandardPathsTest, ATemporaryDirectoryThatCannotBeExaminedDoesNotExist) {
+  test::writeFile(home_ + "/file", "");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", home_ + "/file/below"}}), "/tmp");
+  EXPECT_EQ(asked(StandardPaths::tempDir, {{"TMPDIR", "/" + std::string(5000, 'x')}}), "/tmp");
+}
+
+TEST_F(StandardPathsTest, TheUsersTemporaryDirectoryMustBeADirectoryOfOurs) {
+  const auto runtime = [&](const std::string& value) {
+    return asked(StandardPaths::userTempDir, {{"XDG_RUNTIME_DIR", value}, {"TMPDIR", "/var/tmp"}});
+  };
+  stdfs::create_directory(home_ + "/own");
+  test::writeFile(home_ + "/file", "");
+  EXPECT_EQ(runtime(home_ + "/own"), home_ + "/own");
+  EXPECT_EQ(runtime(home_ + "/file"), "/var/tmp");
+  EXPECT_EQ(runtime(home_ + "/absent"), "/var/tmp");
+  EXPECT_EQ(asked(StandardPaths::userTempDir, {}), "/tmp");
+  if (::geteuid() != 0) GTEST_SKIP() << "only root makes a directory of another owner";
+  ASSERT_EQ(::chown((home_ + "/own").c_str(), 4711, 4711), 0);
+  EXPECT_EQ(runtime(home_ + "/own"), "/var/tmp");
+}
+
+TEST_F(StandardPathsTest, NothingIsCreated) {
+  const std::string data = asked(StandardPaths::userDataDir, {{"HOME", home_}});
+  const std::string logs = asked(StandardPaths::userLogDir, {{"HOME", home_}});
+  EXPECT_TRUE(stdfs::is_empty(home_)) << data << logs;
+}
+
+}  // namespace
+}  // namespace kes::fs
