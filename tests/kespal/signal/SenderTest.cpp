@@ -1,0 +1,90 @@
+#include "kespal/signal/Sender.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kespal/signal/Mask.h"
+#include "kespal/thread/ErrorAt.h"
+#include "kespal/thread/Faults.h"
+#include "support/ForkedChild.h"
+
+namespace kes::signal {
+namespace {
+
+using namespace test;
+
+constexpr const char* source = "src/os/posix/signal/Sender";
+
+Raised withoutLine(Raised raised) {
+  EXPECT_GT(raised.line, 0);
+  raised.line = 0;
+  return raised;
+}
+
+pid_t endedChild() {
+  const pid_t pid = ::fork();
+  if (pid == 0) ::_exit(0);
+  ::waitpid(pid, nullptr, 0);
+  return pid;
+}
+
+TEST(SenderTest, ASignalReachesTheProcess) {
+  const ChildResult child = inChild([] {
+    Sender::signalProc(SIGTERM, ::getpid());
+    return 0;
+  });
+  EXPECT_EQ(child.signal(), SIGTERM);
+}
+
+TEST(SenderTest, AProcessThatIsGoneRaisesAnErrorOfItsOwn) {
+  const pid_t gone = endedChild();
+  EXPECT_EQ(withoutLine(raisedBy([&] { Sender::signalProc(SIGTERM, gone); })),
+            (Raised{"NoSuchProcessError", std::to_string(ESRCH), source, 0, "signalProc"}));
+  EXPECT_THROW(Sender::signalProc(SIGTERM, gone), NoSuchProcessError);
+  EXPECT_THROW(Sender::signalProc(SIGTERM, gone), OsError);
+}
+
+TEST(SenderTest, EveryOtherFailureIsRaisedWithErrno) {
+  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(4711, ::getpid()); })),
+            osError(EINVAL, source, 0, "signalProc"));
+  const Fault fault(Call::Kill, EPERM);
+  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(SIGTERM, ::getpid()); })),
+            osError(EPERM, source, 0, "signalProc"));
+}
+
+TEST(SenderTest, AProcessOfAnotherUserCannotBeSignalled) {
+  const pid_t parent = ::getpid();
+  const ChildResult child = asNobody([parent] {
+    if (::getuid() == 0) return 77;
+    const Raised raised = raisedBy([&] { Sender::signalProc(0, parent); });
+    return raised.type == "OsError" && raised.what == std::to_string(EPERM) ? 0 : 1;
+  });
+  if (child.exitCode() == 77 || ::getuid() != 0) GTEST_SKIP() << "there is only one user here";
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+TEST(SenderTest, ASignalReachesTheThread) {
+  const Set before = Mask::get();
+  Mask::call({SIGUSR2}, SIG_BLOCK);
+  Sender::signalThread(SIGUSR2, ::pthread_self());
+  int signal = 0;
+  ::sigwait(&Set{SIGUSR2}.native(), &signal);
+  EXPECT_EQ(signal, SIGUSR2);
+  Mask::call(before, SIG_SETMASK);
+}
+
+TEST(SenderTest, AThreadThatCannotBeSignalledRaisesTheResultCode) {
+  errno = ENOENT;
+  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(4711, ::pthread_self()); })),
+            osError(EINVAL, source, 0, "signalThread"));
+  const Fault fault(Call::ThreadKill, ESRCH);
+  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(SIGTERM, ::pthread_self()); })),
+            osError(ESRCH, source, 0, "signalThread"));
+}
+
+}  // namespace
+}  // namespace kes::signal
