@@ -24,8 +24,9 @@ std::size_t replace_chars(std::string& text, const std::string& chars, const std
 /// number of replacements; an empty pattern occurs nowhere. Linear in the length of the text.
 std::size_t replace(std::string& text, const std::string& pattern, const std::string& replacement);
 
-/// Cuts `text` at each delimiter into `parts`, whose earlier content is dropped. Without `keepEmpty` empty
-/// pieces are not stored; with `strip` white space is taken from both ends of every piece.
+/// Cuts `text` at each delimiter into `parts`, whose earlier content is dropped, while its memory is used
+/// again. Without `keepEmpty` empty pieces are not stored; with `strip` white space is taken from both ends
+/// of every piece first.
 void split(const std::string& text, char delimiter, std::vector<std::string>& parts, bool strip,
            bool keepEmpty);
 

@@ -1,0 +1,338 @@
+#include "kespal/Helper.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <clocale>
+#include <random>
+
+#include "support/ForkedChild.h"
+
+namespace kes::helper {
+namespace {
+
+using Parts = std::vector<std::string>;
+
+Parts splitOf(const std::string& text, char delimiter, bool strip, bool keepEmpty) {
+  Parts parts{"earlier", "content"};
+  split(text, delimiter, parts, strip, keepEmpty);
+  return parts;
+}
+
+// --- plain models: the wording of each operation, without regard to speed
+
+Parts plainSplit(const std::string& text, char delimiter, bool strip, bool keepEmpty) {
+  Parts parts(1);
+  for (char c : text) {
+    if (c == delimiter) {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  }
+  if (strip) {
+    for (std::string& part : parts) makeStripped(part, 0);
+  }
+  if (!keepEmpty) std::erase(parts, "");
+  return parts;
+}
+
+std::size_t plainReplace(std::string& text, const std::string& pattern, const std::string& replacement) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; (at = text.find(pattern, at)) != text.npos; at += replacement.size(), ++count) {
+    text.replace(at, pattern.size(), replacement);
+  }
+  return count;
+}
+
+std::size_t plainReplaceChars(std::string& text, const std::string& chars, const std::string& replacement) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; (at = text.find_first_of(chars, at)) != text.npos;
+       at += replacement.size(), ++count) {
+    text.replace(at, 1, replacement);
+  }
+  return count;
+}
+
+std::string randomText(std::mt19937& random, std::size_t longest, const std::string& alphabet) {
+  std::string text(random() % (longest + 1), 0);
+  for (char& c : text) c = alphabet[random() % alphabet.size()];
+  return text;
+}
+
+// --- split
+
+TEST(SplitTest, WithoutKeepEmptyOnlyPiecesWithContentAreStored) {
+  EXPECT_EQ(splitOf(",a,,b,", ',', false, false), (Parts{"a", "b"}));
+}
+
+TEST(SplitTest, WithKeepEmptyEveryPieceIsStored) {
+  EXPECT_EQ(splitOf(",a,,b,", ',', false, true), (Parts{"", "a", "", "b", ""}));
+}
+
+TEST(SplitTest, ATextWithoutDelimiterIsOnePiece) {
+  EXPECT_EQ(splitOf("abc", ',', false, false), Parts{"abc"});
+  EXPECT_EQ(splitOf("abc", ',', false, true), Parts{"abc"});
+}
+
+TEST(SplitTest, AnEmptyTextIsNoPieceOrOneEmptyPiece) {
+  EXPECT_EQ(splitOf("", ',', false, false), Parts{});
+  EXPECT_EQ(splitOf("", ',', false, true), Parts{""});
+}
+
+TEST(SplitTest, DelimitersAloneAreNoPieces) {
+  EXPECT_EQ(splitOf(",,,", ',', false, false), Parts{});
+  EXPECT_EQ(splitOf(",,,", ',', false, true), (Parts{"", "", "", ""}));
+}
+
+TEST(SplitTest, StripTakesWhiteSpaceFromBothEndsOfEveryPiece) {
+  EXPECT_EQ(splitOf(" a b ,\tc\n, ", ',', true, true), (Parts{"a b", "c", ""}));
+}
+
+TEST(SplitTest, APieceThatStripEmptiesIsStoredOnlyWithKeepEmpty) {
+  EXPECT_EQ(splitOf("a, ,b", ',', true, false), (Parts{"a", "b"}));
+  EXPECT_EQ(splitOf("a, ,b", ',', true, true), (Parts{"a", "", "b"}));
+  EXPECT_EQ(splitOf("a, ,b", ',', false, false), (Parts{"a", " ", "b"}));
+}
+
+TEST(SplitTest, ANullCharacterDelimitsAndIsTextLikeAnyOther) {
+  const std::string text("a\0b,c", 5);
+  EXPECT_EQ(splitOf(text, '\0', false, false), (Parts{"a", "b,c"}));
+  EXPECT_EQ(splitOf(text, ',', false, false), (Parts{std::string("a\0b", 3), "c"}));
+}
+
+TEST(SplitTest, ATextThatIsOneOfThePartsIsSplitAllTheSame) {
+  Parts parts{"first", "a,b,c", "last"};
+  split(parts[1], ',', parts, false, false);
+  EXPECT_EQ(parts, (Parts{"a", "b", "c"}));
+}
+
+TEST(SplitTest, RandomTextsAgreeWithThePlainModel) {
+  std::mt19937 random(1);
+  Parts parts;
+  for (int round = 0; round < 20000; ++round) {
+    const std::string text = randomText(random, 40, "ab ,,;\t");
+    const bool strip = random() % 2 != 0, keepEmpty = random() % 2 != 0;
+    split(text, ',', parts, strip, keepEmpty);
+    ASSERT_EQ(parts, plainSplit(text, ',', strip, keepEmpty)) << '"' << text << '"' << strip << keepEmpty;
+  }
+}
+
+// --- replace
+
+TEST(ReplaceTest, ADoubledLetterIsNotReplacedAgain) {
+  std::string text = "aaa";
+  EXPECT_EQ(replace(text, "a", "aa"), 3U);
+  EXPECT_EQ(text, "aaaaaa");
+}
+
+TEST(ReplaceTest, OccurrencesAreTakenFromTheLeftWithoutOverlap) {
+  std::string text = "aaaaa";
+  EXPECT_EQ(replace(text, "aa", "b"), 2U);
+  EXPECT_EQ(text, "bba");
+}
+
+TEST(ReplaceTest, AnEmptyReplacementDeletes) {
+  std::string text = "one, two, three";
+  EXPECT_EQ(replace(text, ", ", ""), 2U);
+  EXPECT_EQ(text, "onetwothree");
+}
+
+TEST(ReplaceTest, WhatADeletionBringsTogetherIsNotReplaced) {
+  std::string text = "aabb";
+  EXPECT_EQ(replace(text, "ab", ""), 1U);
+  EXPECT_EQ(text, "ab");
+}
+
+TEST(ReplaceTest, APatternThatDoesNotOccurChangesNothing) {
+  std::string text = "text";
+  EXPECT_EQ(replace(text, "x ", "y"), 0U);
+  EXPECT_EQ(replace(text, "longer than the text", "y"), 0U);
+  EXPECT_EQ(text, "text");
+  std::string empty;
+  EXPECT_EQ(replace(empty, "x", "y"), 0U);
+}
+
+TEST(ReplaceTest, AnEmptyPatternOccursNowhere) {
+  std::string text = "text";
+  EXPECT_EQ(replace(text, "", "y"), 0U);
+  EXPECT_EQ(text, "text");
+}
+
+TEST(ReplaceTest, TheTextMayBeItsOwnPatternOrReplacement) {
+  std::string text = "abab";
+  EXPECT_EQ(replace(text, text, "x"), 1U);
+  EXPECT_EQ(text, "x");
+  EXPECT_EQ(replace(text, "x", text), 1U);
+  EXPECT_EQ(text, "x");
+}
+
+TEST(ReplaceTest, RandomTextsAgreeWithThePlainModel) {
+  std::mt19937 random(2);
+  for (int round = 0; round < 20000; ++round) {
+    const std::string original = randomText(random, 60, "aab");
+    const std::string pattern = 'a' + randomText(random, 2, "ab"), with = randomText(random, 4, "abc");
+    std::string text = original, model = original;
+    ASSERT_EQ(replace(text, pattern, with), plainReplace(model, pattern, with)) << original << ' ' << pattern;
+    ASSERT_EQ(text, model) << original << ' ' << pattern << ' ' << with;
+  }
+}
+
+// --- replace_chars
+
+TEST(ReplaceCharsTest, EveryCharacterOfTheSetIsReplaced) {
+  std::string text = "a:b c:d";
+  EXPECT_EQ(replace_chars(text, ": ", "--"), 3U);
+  EXPECT_EQ(text, "a--b--c--d");
+}
+
+TEST(ReplaceCharsTest, AReplacementFromTheSetIsNotReplacedAgain) {
+  std::string text = "a:b";
+  EXPECT_EQ(replace_chars(text, ":", "::"), 1U);
+  EXPECT_EQ(text, "a::b");
+}
+
+TEST(ReplaceCharsTest, AnEmptyReplacementDeletes) {
+  std::string text = ":a: b\t\n:";
+  EXPECT_EQ(replace_chars(text, ": \t\n", ""), 6U);
+  EXPECT_EQ(text, "ab");
+}
+
+TEST(ReplaceCharsTest, AnEmptyTextOrSetChangesNothing) {
+  std::string text;
+  EXPECT_EQ(replace_chars(text, "a", "b"), 0U);
+  text = "aaa";
+  EXPECT_EQ(replace_chars(text, "", "b"), 0U);
+  EXPECT_EQ(text, "aaa");
+}
+
+TEST(ReplaceCharsTest, CharactersAboveAsciiAndTheNullCharacterAreCharactersLikeAnyOther) {
+  std::string text("\xff\0a\x80", 4);
+  EXPECT_EQ(replace_chars(text, std::string("\0\xff", 2), "."), 2U);
+  EXPECT_EQ(text, "..a\x80");
+}
+
+TEST(ReplaceCharsTest, TheTextMayBeItsOwnSetOrReplacement) {
+  std::string text = "abc";
+  EXPECT_EQ(replace_chars(text, text, ""), 3U);
+  EXPECT_EQ(text, "");
+  text = "ab";
+  EXPECT_EQ(replace_chars(text, "a", text), 1U);
+  EXPECT_EQ(text, "abb");
+}
+
+TEST(ReplaceCharsTest, RandomTextsAgreeWithThePlainModel) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 20000; ++round) {
+    const std::string original = randomText(random, 60, "abcd:\t\xff");
+    const std::string chars = 'a' + randomText(random, 3, "b:\xff"), with = randomText(random, 3, "a:x");
+    std::string text = original, model = original;
+    ASSERT_EQ(replace_chars(text, chars, with), plainReplaceChars(model, chars, with)) << original;
+    ASSERT_EQ(text, model) << original << ' ' << chars << ' ' << with;
+  }
+}
+
+// --- makeStripped
+
+std::string stripped(std::string text, char c) {
+  makeStripped(text, c);
+  return text;
+}
+
+TEST(MakeStrippedTest, AnAllBlankTextBecomesEmpty) { EXPECT_EQ(stripped(" \t\n\v\f\r ", 0), ""); }
+
+TEST(MakeStrippedTest, WhiteSpaceGoesFromBothEndsOnly) { EXPECT_EQ(stripped("\n a b\t", 0), "a b"); }
+
+TEST(MakeStrippedTest, AGivenCharacterGoesInsteadOfWhiteSpace) {
+  EXPECT_EQ(stripped("\"a\" b\"\"", '"'), "a\" b");
+  EXPECT_EQ(stripped(" xax ", 'x'), " xax ");
+  EXPECT_EQ(stripped("xxx", 'x'), "");
+}
+
+TEST(MakeStrippedTest, AnEmptyTextStaysEmpty) {
+  EXPECT_EQ(stripped("", 0), "");
+  EXPECT_EQ(stripped("", 'x'), "");
+}
+
+TEST(MakeStrippedTest, CharactersAboveAsciiAreNoWhiteSpaceInThePlainLocale) {
+  EXPECT_EQ(stripped("\xa0x\xff", 0), "\xa0x\xff");
+}
+
+TEST(MakeStrippedTest, WhatIsWhiteSpaceIsUpToTheCurrentLocale) {
+  // Each locale is asked by the C library itself, so whatever this machine has installed is right.
+  const test::ChildResult result = test::inChild([] {
+    for (const char* name : {"C", "C.UTF-8", "en_US.ISO-8859-1", "de_DE.ISO-8859-1", "tr_TR.ISO-8859-9"}) {
+      if (std::setlocale(LC_ALL, name) == nullptr) continue;
+      for (int c = 1; c < 256; ++c) {
+        const bool gone = stripped(std::string(1, static_cast<char>(c)), 0).empty();
+        if (gone != (std::isspace(c) != 0)) return 1;
+      }
+    }
+    return 0;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+// --- time grows with the length, not with its square
+
+/// The shortest of some runs, in seconds.
+template <typename Work>
+double shortestTime(const Work& work) {
+  double best = 1e9;
+  for (int run = 0; run < 3; ++run) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  }
+  return best;
+}
+
+/// Sixteen times the text may cost twenty times the time. The short one is worked on sixteen times, so that
+/// both measurements last equally long and suffer alike from what else the machine does.
+template <typename Work>
+void expectLinear(const std::string& unit, const Work& work) {
+  std::string small;
+  while (small.size() < 64 * 1024) small += unit;
+  std::string large;
+  for (int copy = 0; copy < 16; ++copy) large += small;
+  double ratio = 0;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const double sixteen = shortestTime([&] {
+      for (int copy = 0; copy < 16; ++copy) work(small);
+    });
+    ratio = 16 * shortestTime([&] { work(large); }) / sixteen;
+    if (ratio <= 20) return;
+  }
+  ADD_FAILURE() << "1 MiB costs " << ratio << " times as much as 64 KiB";
+}
+
+TEST(LinearTimeTest, SplitIntoAFreshVectorAndIntoAUsedOne) {
+  expectLinear("some,,text,", [](const std::string& text) { return splitOf(text, ',', true, false).size(); });
+  Parts parts;
+  expectLinear("some,,text,", [&](const std::string& text) { split(text, ',', parts, false, true); });
+}
+
+TEST(LinearTimeTest, ReplaceByALongerTextByAShorterOneAndByNone) {
+  for (const char* with : {"longer", "x", ""}) {
+    expectLinear("pat.", [with](std::string text) { return replace(text, "pat", with); });
+  }
+}
+
+TEST(LinearTimeTest, ReplaceCharsByALongerTextByOneAndByNone) {
+  for (const char* with : {"longer", "x", ""}) {
+    expectLinear("ab:cd ", [with](std::string text) { return replace_chars(text, ": ", with); });
+  }
+}
+
+TEST(LinearTimeTest, MakeStrippedOfNothingButWhiteSpace) {
+  expectLinear(" \t", [](std::string text) { makeStripped(text, 0); });
+}
+
+TEST(LinearTimeTest, HexAndBack) {
+  expectLinear("ab", [](const std::string& text) { return hex(text.data(), text.size(), ':', true).size(); });
+  expectLinear("ab:", [](const std::string& text) { return from_hex(text).size(); });
+  expectLinear("a b : ", [](const std::string& text) { return from_hex(text).size(); });
+}
+
+}  // namespace
+}  // namespace kes::helper
