@@ -3,16 +3,60 @@
 #include <cxxabi.h>
 #include <execinfo.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <ostream>
+#include <shared_mutex>
+#include <span>
+#include <unordered_map>
+
+#include "os/Unloads.h"
 
 namespace kes {
 
 namespace {
 
+using Frames = std::span<void* const>;
+
 struct Free {
   void operator()(void* memory) const noexcept { std::free(memory); }
+};
+
+/// The lines of frames met before, by return address. To name a frame costs ten times as much as to find it
+/// on the stack. Nobody waits here: who finds the cache busy names the frames himself, so a child that was
+/// forked while another thread held the lock can still report its errors.
+class Lines {
+ public:
+  /// False when one of the frames is unknown.
+  bool find(Frames frames, std::uint64_t unloads, Backtrace& trace) const {
+    const std::shared_lock lock(mutex_, std::try_to_lock);
+    if (!lock || unloads != unloads_) return false;
+    for (void* frame : frames) {
+      const auto known = lines_.find(frame);
+      if (known == lines_.end()) return false;
+      trace.push_back(known->second);
+    }
+    return true;
+  }
+
+  /// `unloads` was read before the frames were named. They are on the caller's stack, hence not unloaded.
+  void store(Frames frames, std::uint64_t unloads, const Backtrace& trace) {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || unloads < unloads_) return;
+    if (unloads > unloads_ || lines_.size() > most) lines_.clear();
+    unloads_ = unloads;
+    for (std::size_t at = 0; at < frames.size(); ++at) lines_.emplace(frames[at], trace[at]);
+  }
+
+ private:
+  static constexpr std::size_t most = 4096;
+
+  mutable std::shared_mutex mutex_;
+  std::uint64_t unloads_ = 0;
+  std::unordered_map<void*, std::string> lines_;
 };
 
 // A line without these two characters, as macOS writes it, gives everything before its end as "symbol";
@@ -27,17 +71,30 @@ std::string readable(const std::string& line) {
   return line.substr(0, begin) + symbol + line.substr(end);
 }
 
+void name(Frames frames, Backtrace& trace) {
+  const std::unique_ptr<char*, Free> lines(
+      ::backtrace_symbols(frames.data(), static_cast<int>(frames.size())));
+  if (!lines) return;
+  for (std::size_t at = 0; at < frames.size(); ++at) trace.push_back(readable(lines.get()[at]));
+}
+
 }  // namespace
 
 Backtrace Backtrace::get() {
-  constexpr int most = 128;
-  void* frames[most];
-  const int count = ::backtrace(frames, most);
+  static Lines& lines = *new Lines;  // never destroyed: errors are raised to the very end
+  std::array<void*, 128> stack;
+  const int count = ::backtrace(stack.data(), static_cast<int>(stack.size()));
   Backtrace trace;
   if (count <= 1) return trace;
-  const std::unique_ptr<char*, Free> lines(::backtrace_symbols(frames, count));
-  if (!lines) return trace;
-  for (int frame = count - 1; frame >= 1; --frame) trace.push_back(readable(lines.get()[frame]));
+  const Frames frames(stack.data() + 1, static_cast<std::size_t>(count - 1));
+  std::reverse(stack.begin() + 1, stack.begin() + count);
+  trace.reserve(frames.size());
+  const std::uint64_t unloads = os::unloads();
+  if (!lines.find(frames, unloads, trace)) {
+    trace.clear();
+    name(frames, trace);
+    if (!trace.empty()) lines.store(frames, unloads, trace);
+  }
   return trace;
 }
 

@@ -2,20 +2,27 @@
 
 namespace kes {
 
-DynError::DynError(const DynError& other) : Raisable(other), text_(other.detail()), name_(other.name_) {}
+DynError::DynError(const DynError& other)
+    : Raisable(other),
+      text_(other.stream_ ? other.stream_->str() : other.text_),
+      compose_(other.stream_ ? nullptr : other.compose_),
+      name_(other.name_) {}
 
 DynError::~DynError() = default;
 
 std::stringstream& DynError::stream() {
   if (!stream_) {
-    stream_ = std::make_unique<std::stringstream>();
-    *stream_ << text_;
-    text_.clear();
+    auto stream = std::make_unique<std::stringstream>();
+    *stream << detail();
+    stream_ = std::move(stream);
   }
   return *stream_;
 }
 
-std::string DynError::detail() const { return stream_ ? stream_->str() : text_; }
+std::string DynError::detail() const {
+  if (stream_) return stream_->str();
+  return compose_ != nullptr ? compose_(*this) : text_;
+}
 
 std::string DynError::text() const { return detail(); }
 

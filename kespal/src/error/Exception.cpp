@@ -34,24 +34,37 @@ void Exception::setSite(const Site& site) noexcept {
   function_ = site.function;
 }
 
-const char* Exception::what() const noexcept { return buildWhat().c_str(); }
+void Exception::setBacktrace(Backtrace&& backtrace) {
+  backtrace_ = std::make_shared<const Backtrace>(std::move(backtrace));
+}
 
-std::string Exception::text() const { return buildWhat(); }
+const Backtrace& Exception::backtrace() const noexcept {
+  static const Backtrace& none = *new Backtrace;  // never destroyed: errors are read to the very end
+  return backtrace_ ? *backtrace_ : none;
+}
 
-void Exception::moreWhat() const {}
+const char* Exception::what() const noexcept {
+  if (whatText_.empty()) {
+    whatText_ = whereText();
+    moreWhat();
+  }
+  return whatText_.c_str();
+}
 
-const std::string& Exception::buildWhat() const {
-  if (!whatText_.empty()) return whatText_;
+std::string Exception::whereText() const {
   std::ostringstream where;
   if (file_ != nullptr) {
-    where << "Exception occured at \"" << file_ << ':' << line_ << " (" << (function_ ? function_ : "")
-          << ")\"\n\n";
+    // The line as a string: a stream would group its digits where the locale wants that.
+    where << "Exception occured at \"" << file_ << ':' << std::to_string(line_) << " ("
+          << (function_ != nullptr ? function_ : "") << ")\"\n\n";
   }
-  if (!backtrace_.empty()) where << "Function call backtrace:\n\n" << backtrace_ << "\n\n";
-  whatText_ = where.str();
-  moreWhat();
-  return whatText_;
+  if (!backtrace().empty()) where << "Function call backtrace:\n\n" << backtrace() << "\n\n";
+  return where.str();
 }
+
+std::string Exception::text() const { return what(); }
+
+void Exception::moreWhat() const {}
 
 std::vector<std::string> Exception::allTexts() const {
   std::vector<std::string> texts;
@@ -72,7 +85,7 @@ std::string Exception::exStack() const {
   int number = 0;
   for (const Exception* error = this; error != nullptr; error = error->next()) {
     stack += "\n#" + std::to_string(++number) + ")\n";
-    helper::split(error->buildWhat(), '\n', lines, /*strip=*/false, /*keepEmpty=*/true);
+    helper::split(error->what(), '\n', lines, /*strip=*/false, /*keepEmpty=*/true);
     for (const std::string& line : lines) stack += '\t' + line + '\n';
   }
   return stack;

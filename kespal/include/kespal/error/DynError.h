@@ -23,14 +23,19 @@ class DynError : public Raisable<DynError, Exception> {
   void moreWhat() const override;
 
  protected:
+  /// Writes the text of a derived error from its own fields, as soon as somebody wants to read it.
+  using Compose = std::string (*)(const DynError& error);
+  DynError(Compose compose, const char* name) noexcept : compose_(compose), name_(name) {}
+
   /// The text given at construction and all that was streamed since.
   std::string detail() const;
 
  private:
-  // A stream costs more than the throw itself, and most errors never need theirs: the text is kept as a
-  // string until someone asks for the stream.
-  std::string text_;
+  // A stream costs more than the throw itself and most errors never need theirs, so it is made when someone
+  // asks for it; from then on it holds the text.
   std::unique_ptr<std::stringstream> stream_;
+  std::string text_;
+  Compose compose_ = nullptr;
   const char* name_;
 };
 

@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "kespal/Backtrace.h"
@@ -48,7 +49,7 @@ class Exception : public std::exception {
   const char* file() const noexcept { return file_; }  ///< null when raised without a site
   int line() const noexcept { return line_; }
   const char* function() const noexcept { return function_; }  ///< null when raised without a site
-  const Backtrace& backtrace() const noexcept { return backtrace_; }
+  const Backtrace& backtrace() const noexcept;
 
   /// Whether errors collect a backtrace at their throw site.
   static bool m_gen_backtraces;
@@ -57,7 +58,7 @@ class Exception : public std::exception {
   static void init();
 
   void setSite(const Site& site) noexcept;
-  void setBacktrace(Backtrace&& backtrace) noexcept { backtrace_ = std::move(backtrace); }
+  void setBacktrace(Backtrace&& backtrace);
 
  protected:
   Exception() = default;
@@ -67,14 +68,14 @@ class Exception : public std::exception {
   void appendWhat(const std::string& more) const { whatText_ += more; }
 
  private:
-  const std::string& buildWhat() const;
+  std::string whereText() const;
 
   std::unique_ptr<Exception> next_;
   const char* file_ = nullptr;
   int line_ = 0;
   const char* function_ = nullptr;
   mutable std::string whatText_;
-  Backtrace backtrace_;
+  std::shared_ptr<const Backtrace> backtrace_;  // never changed, so copies of the error share it
 };
 
 /// Gives an error class its raise() and clone(): `class E : public Raisable<E, Base>`. Constructors of
@@ -84,7 +85,7 @@ class Raisable : public Base {
  public:
   using Base::Base;
 
-  [[noreturn]] void raise() const override { throw static_cast<const Derived&>(*this); }
+  [[noreturn, gnu::always_inline]] void raise() const override { throw static_cast<const Derived&>(*this); }
   Exception* clone() const override { return new Derived(static_cast<const Derived&>(*this)); }
 };
 
@@ -101,8 +102,15 @@ class Raisable : public Base {
   error.raise();
   std::terminate();  // never reached: GCC forgets [[noreturn]] when it knows which override is called
 }
-[[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Exception&& error) {
-  raiseAt(site, error);
+
+/// The same for an error made on the spot. Its type is known, so raise() becomes a part of the throw site:
+/// every frame that an exception passes is paid for.
+template <typename Error>
+requires std::is_base_of_v<Exception, Error>
+[[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Error&& error) {
+  locateAt(site, error);
+  error.Error::raise();
+  std::terminate();  // never reached, as above
 }
 
 }  // namespace kes
