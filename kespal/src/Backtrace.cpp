@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <shared_mutex>
 #include <span>
@@ -26,7 +27,7 @@ struct Free {
 };
 
 /// The lines of frames met before, by return address. To name a frame costs ten times as much as to find it
-/// on the stack. Nobody waits here: who finds the cache busy names the frames himself, so a child that was
+/// on the stack. Nobody waits here: who finds the lines busy names the frames himself, so a child that was
 /// forked while another thread held the lock can still report its errors.
 class Lines {
  public:
@@ -89,12 +90,11 @@ Backtrace Backtrace::get() {
   const Frames frames(stack.data() + 1, static_cast<std::size_t>(count - 1));
   std::reverse(stack.begin() + 1, stack.begin() + count);
   trace.reserve(frames.size());
-  const std::uint64_t unloads = os::unloads();
-  if (!lines.find(frames, unloads, trace)) {
-    trace.clear();
-    name(frames, trace);
-    if (!trace.empty()) lines.store(frames, unloads, trace);
-  }
+  const std::optional<std::uint64_t> unloads = os::unloads();
+  if (unloads && lines.find(frames, *unloads, trace)) return trace;
+  trace.clear();
+  name(frames, trace);
+  if (unloads && !trace.empty()) lines.store(frames, *unloads, trace);
   return trace;
 }
 

@@ -14,10 +14,10 @@ void countRemoval(const mach_header*, std::intptr_t) { counter.fetch_add(1); }
 
 }  // namespace
 
-// The loader counts for nobody, but tells of every removal after the first call.
-std::uint64_t unloads() noexcept {
+// The loader counts for nobody, but after the first call here it tells of every removal.
+std::optional<std::uint64_t> unloads() noexcept {
   static const bool listening = (::_dyld_register_func_for_remove_image(countRemoval), true);
-  return listening ? counter.load() : 0;
+  return listening ? std::optional(counter.load()) : std::nullopt;
 }
 
 }  // namespace kes::os
