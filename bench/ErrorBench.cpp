@@ -49,7 +49,8 @@ void throwRuntimeError(benchmark::State& state) {
 }
 void throwFilesystemError(benchmark::State& state) {
   throwAndCatch(state, [] {
-    throw std::filesystem::filesystem_error("open", "a/b/c", std::error_code(ENOENT, std::generic_category()));
+    throw std::filesystem::filesystem_error("open", "a/b/c",
+                                            std::error_code(ENOENT, std::generic_category()));
   });
 }
 void raiseOsError(benchmark::State& state) {

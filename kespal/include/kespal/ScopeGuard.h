@@ -30,7 +30,8 @@ class ScopeGuardBase : NoCopy {
 template <typename Obj, typename MemFn>
 class ObjScopeGuard0 : public ScopeGuardBase {
  public:
-  ObjScopeGuard0(Obj& object, MemFn function) noexcept : object_(&object), function_(function) {}
+  ObjScopeGuard0(Obj& object, MemFn function) noexcept : ObjScopeGuard0(&object, function) {}
+  ObjScopeGuard0(Obj* object, MemFn function) noexcept : object_(object), function_(function) {}
   ~ObjScopeGuard0() noexcept(false) { shoot(); }
 
   /// Does now what would be done at the end of the scope, once.

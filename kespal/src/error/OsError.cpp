@@ -1,17 +1,12 @@
 #include "kespal/error/OsError.h"
 
 #include <iostream>
-#include <sstream>
 
 #include "os/ErrorText.h"
 
 namespace kes {
 
-std::string OsError::errnumLabel() const {
-  std::ostringstream label;
-  label << errnum_;
-  return label.str();
-}
+std::string OsError::errnumLabel() const { return std::to_string(errnum_); }
 
 std::string OsError::text() const {
   char buffer[128] = "";

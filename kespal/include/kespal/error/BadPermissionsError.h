@@ -14,6 +14,9 @@ class Access;
 class BadPermissionsError : public Raisable<BadPermissionsError, FsError> {
  public:
   BadPermissionsError(const std::string& path, const fs::Access& access, const std::string& reason);
+  /// A null path counts as the empty one.
+  BadPermissionsError(const char* path, const fs::Access& access, const std::string& reason)
+      : BadPermissionsError(std::string(path != nullptr ? path : ""), access, reason) {}
 
   const std::string& reason() const noexcept { return reason_; }
 

@@ -1,0 +1,340 @@
+#include "kespal/Backtrace.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <thread>
+
+#include "kespal/error/StaticError.h"
+#include "support/ForkedChild.h"
+
+// The linker sends the library's calls here; tests say what comes back.
+namespace {
+int (*fakeBacktrace)(void** frames, int size) = nullptr;
+char** (*fakeSymbols)(void* const* frames, int count) = nullptr;
+std::atomic<int> symbolCalls{0};
+}  // namespace
+
+extern "C" int __real_backtrace(void** frames, int size);                   // NOLINT
+extern "C" char** __real_backtrace_symbols(void* const* frames, int size);  // NOLINT
+// The additional frame of this function is taken out again.
+extern "C" [[gnu::noinline]] int __wrap_backtrace(void** frames, int size) {  // NOLINT
+  if (fakeBacktrace != nullptr) return fakeBacktrace(frames, size);
+  std::array<void*, 200> all;
+  const int count = __real_backtrace(all.data(), std::min(size + 1, 200)) - 1;
+  std::copy_n(all.begin() + 1, count, frames);
+  return count;
+}
+extern "C" char** __wrap_backtrace_symbols(void* const* frames, int size) {  // NOLINT
+  ++symbolCalls;
+  return fakeSymbols != nullptr ? fakeSymbols(frames, size) : __real_backtrace_symbols(frames, size);
+}
+
+namespace kes::test {
+
+// Not in an unnamed namespace: a frame has a name only where the program exports it.
+
+[[gnu::noinline]] void raiseAnError(int depth) {
+  if (depth > 0) {
+    raiseAnError(depth - 1);
+  } else {
+    raiseAt(KES_HERE, UsageError("deep inside"));
+  }
+  asm volatile("");  // no tail call, or the frame is gone
+}
+
+[[gnu::noinline]] Backtrace captureBelow(int depth) {
+  Backtrace trace = depth > 0 ? captureBelow(depth - 1) : Backtrace::get();
+  asm volatile("" : : "r"(&trace));
+  return trace;
+}
+
+}  // namespace kes::test
+
+namespace kes {
+namespace {
+
+using test::captureBelow;
+using test::inChild;
+using testing::HasSubstr;
+
+class BacktraceTest : public testing::Test {
+ protected:
+  ~BacktraceTest() override {
+    fakeBacktrace = nullptr;
+    fakeSymbols = nullptr;
+    Exception::m_gen_backtraces = false;
+  }
+};
+
+TEST_F(BacktraceTest, ItIsStoredOutermostFirstAndPrintedInnermostFirst) {
+  const Backtrace trace{"main", "middle", "inner"};
+  std::ostringstream stream;
+  stream << trace;
+  EXPECT_EQ(stream.str(), "inner\nmiddle\nmain\n");
+}
+
+TEST_F(BacktraceTest, AnEmptyOnePrintsNothing) {
+  std::ostringstream stream;
+  stream << Backtrace();
+  EXPECT_EQ(stream.str(), "");
+}
+
+TEST_F(BacktraceTest, TheInnermostFrameIsTheCallersAndTheCaptureItselfIsNotStored) {
+  const Backtrace trace = captureBelow(2);
+  ASSERT_GE(trace.size(), 4U);
+  for (std::size_t fromEnd = 1; fromEnd <= 3; ++fromEnd) {
+    EXPECT_THAT(trace[trace.size() - fromEnd], HasSubstr("(kes::test::captureBelow(int)+0x"));
+  }
+  EXPECT_THAT(trace[trace.size() - 4], testing::Not(HasSubstr("captureBelow")));
+  for (const std::string& line : trace) EXPECT_THAT(line, testing::Not(HasSubstr("Backtrace::get")));
+}
+
+TEST_F(BacktraceTest, AtMost127FramesAreStored) {
+  const Backtrace trace = captureBelow(500);
+  EXPECT_EQ(trace.size(), 127U);
+  EXPECT_THAT(trace.back(), HasSubstr("captureBelow"));
+  EXPECT_THAT(trace.front(), HasSubstr("captureBelow"));
+}
+
+TEST_F(BacktraceTest, AnErrorCarriesTheStackOfItsThrowSiteWithReadableNames) {
+  Exception::m_gen_backtraces = true;
+  try {
+    test::raiseAnError(1);
+  } catch (const UsageError& error) {
+    const Backtrace& trace = error.backtrace();
+    ASSERT_GE(trace.size(), 3U);
+    EXPECT_THAT(trace.back(), HasSubstr("(kes::test::raiseAnError(int)+0x"));
+    EXPECT_THAT(trace[trace.size() - 2], HasSubstr("(kes::test::raiseAnError(int)+0x"));
+    EXPECT_THAT(trace[trace.size() - 3], testing::Not(HasSubstr("raise")));
+    EXPECT_THAT(error.what(), HasSubstr("(raiseAnError)\"\n\nFunction call backtrace:\n\n" + trace.back()));
+  }
+}
+
+// --- names
+
+std::string demangled(std::string name) {
+  demangle(name);
+  return name;
+}
+
+TEST(DemangleTest, AMangledNameBecomesReadable) {
+  EXPECT_EQ(demangled("_ZN3kes8demangleERi"), "kes::demangle(int&)");
+  EXPECT_EQ(demangled("_Z1fv"), "f()");
+}
+
+TEST(DemangleTest, AnyOtherTextStaysAsItIs) {
+  for (const char* name : {"", "main", "_Z", "_ZN3kes", "not a name", "_ZN3kes8demangleERi+0x1"}) {
+    EXPECT_EQ(demangled(name), name);
+  }
+}
+
+// --- lines as the platform writes them
+
+constexpr std::array platformLines = {
+    "./prog(_ZN3kes8demangleERi+0x1d) [0x401101]",
+    "./prog(main+0x1d) [0x401102]",
+    "./prog(+0x1103) [0x401103]",
+    "./prog() [0x401104]",
+    "[0x401105]",
+    "/opt/c++/prog() [0x401106]",
+    "/opt/a(b)/prog(_ZN3kes8demangleERi+0x1d) [0x401107]",
+    "./prog(_ZN3kes3addEN1AplE+0x1+0x2) [0x401108]",
+    "2   prog    0x0000000000401109 _ZN3kes8demangleERi + 29",
+    "",
+};
+
+/// As many frames as there are lines, after that of the capture; elsewhere than any other test's.
+int framesForTheLines(void** frames, int) {
+  for (std::size_t at = 0; at <= platformLines.size(); ++at) {
+    frames[at] = reinterpret_cast<void*>(0x1000 + at);
+  }
+  return static_cast<int>(platformLines.size()) + 1;
+}
+
+/// The platform's array: one block of memory that its caller frees.
+char** symbolsFromTheLines(void* const* frames, int count) {
+  auto** lines = static_cast<char**>(std::malloc(static_cast<std::size_t>(count) * (sizeof(char*) + 80)));
+  char* text = reinterpret_cast<char*>(lines + count);
+  for (int at = 0; at < count; ++at, text += 80) {
+    const std::size_t number = reinterpret_cast<std::uintptr_t>(frames[at]) - 0x1001;
+    lines[at] = std::strcpy(text, platformLines[number]);
+  }
+  return lines;
+}
+
+TEST_F(BacktraceTest, OnlyTheSymbolBetweenParenthesisAndPlusIsMadeReadable) {
+  fakeBacktrace = framesForTheLines;
+  fakeSymbols = symbolsFromTheLines;
+  Backtrace trace = Backtrace::get();
+  std::reverse(trace.begin(), trace.end());
+  EXPECT_EQ(trace, (Backtrace{"./prog(kes::demangle(int&)+0x1d) [0x401101]", platformLines[1],
+                              platformLines[2], platformLines[3], platformLines[4], platformLines[5],
+                              platformLines[6], platformLines[7], platformLines[8], ""}));
+}
+
+TEST_F(BacktraceTest, TheSecondCaptureOfAStackIsTheSameWithoutAskingForNames) {
+  fakeBacktrace = framesForTheLines;
+  fakeSymbols = symbolsFromTheLines;
+  const Backtrace first = Backtrace::get();
+  const int calls = symbolCalls;
+  EXPECT_EQ(Backtrace::get(), first);
+  EXPECT_EQ(symbolCalls, calls);
+}
+
+TEST_F(BacktraceTest, AtMost128AddressesAreAskedForAndASingleOneIsNoStack) {
+  static int size = 0;
+  fakeBacktrace = [](void** frames, int room) {
+    size = room;
+    frames[0] = reinterpret_cast<void*>(0x1000);
+    return 1;
+  };
+  EXPECT_TRUE(Backtrace::get().empty());
+  EXPECT_EQ(size, 128);
+}
+
+TEST_F(BacktraceTest, AStackThatCannotBeNamedIsEmptyAndNamedLaterAllTheSame) {
+  fakeSymbols = [](void* const*, int) -> char** { return nullptr; };
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const Backtrace trace = captureBelow(0);
+    if (attempt == 0) {
+      EXPECT_TRUE(trace.empty());
+    } else {
+      EXPECT_THAT(trace.back(), HasSubstr("captureBelow"));
+    }
+    fakeSymbols = nullptr;
+  }
+}
+
+TEST_F(BacktraceTest, MoreStacksThanAreRememberedAreNamedAllTheSame) {
+  static std::uintptr_t next = 0;
+  fakeBacktrace = [](void** frames, int) {
+    for (std::uintptr_t at = 0; at < 3; ++at) frames[at] = reinterpret_cast<void*>(0x1000000 + next + at);
+    return 3;
+  };
+  fakeSymbols = [](void* const* frames, int count) {
+    auto** lines = static_cast<char**>(std::malloc(static_cast<std::size_t>(count) * (sizeof(char*) + 32)));
+    char* text = reinterpret_cast<char*>(lines + count);
+    for (int at = 0; at < count; ++at, text += 32) {
+      lines[at] = text;
+      std::snprintf(text, 32, "[0x%zx]", reinterpret_cast<std::uintptr_t>(frames[at]));
+    }
+    return lines;
+  };
+  for (next = 0; next < 40000; next += 2) {
+    std::ostringstream outer;
+    outer << "[0x" << std::hex << 0x1000000 + next + 2 << ']';
+    ASSERT_EQ(Backtrace::get().front(), outer.str());
+  }
+}
+
+// --- libraries that come and go
+
+/// A library whose one function calls back; two of them differ in nothing but its name.
+class Plugin {
+ public:
+  using Function = void (*)(void (*)(void*), void*);
+
+  Plugin(const char* path, const char* name) : handle_(::dlopen(path, RTLD_NOW)) {
+    if (handle_ != nullptr) function_ = reinterpret_cast<Function>(::dlsym(handle_, name));
+  }
+  ~Plugin() {
+    if (handle_ != nullptr) ::dlclose(handle_);
+  }
+  Plugin(const Plugin&) = delete;
+  Plugin& operator=(const Plugin&) = delete;
+
+  Function function() const { return function_; }
+
+  Backtrace capture() const {
+    Backtrace trace;
+    function_([](void* to) { *static_cast<Backtrace*>(to) = Backtrace::get(); }, &trace);
+    return trace;
+  }
+
+ private:
+  void* handle_;
+  Function function_ = nullptr;
+};
+
+TEST_F(BacktraceTest, ALibraryInThePlaceOfAnUnloadedOneIsSeenUnderItsOwnName) {
+  Plugin::Function place = nullptr;
+  {
+    const Plugin alpha(KES_PLUGIN_ALPHA, "kes_plugin_alpha");
+    place = alpha.function();
+    ASSERT_NE(place, nullptr);
+    EXPECT_THAT(alpha.capture(), testing::Contains(HasSubstr("kes_plugin_alpha")));
+    EXPECT_THAT(alpha.capture(), testing::Contains(HasSubstr("kes_plugin_alpha")));
+  }
+  const Plugin bravo(KES_PLUGIN_BRAVO, "kes_plugin_bravo");
+  ASSERT_NE(bravo.function(), nullptr);
+  const Backtrace trace = bravo.capture();
+  EXPECT_THAT(trace, testing::Contains(HasSubstr("kes_plugin_bravo")));
+  EXPECT_THAT(trace, testing::Not(testing::Contains(HasSubstr("kes_plugin_alpha"))));
+  if (bravo.function() != place) GTEST_SKIP() << "the loader put the second library elsewhere";
+}
+
+// --- threads and forked children
+
+/// Captures stacks in several threads as long as it lives.
+class Capturers {
+ public:
+  Capturers() {
+    for (std::thread& thread : threads_) {
+      thread = std::thread([this] {
+        for (int depth = 0; !stop_; depth = (depth + 1) % 40) {
+          const Backtrace trace = captureBelow(depth);
+          const auto own = std::count_if(trace.begin(), trace.end(), [](const std::string& line) {
+            return line.find("captureBelow(int)") != line.npos;
+          });
+          if (own != depth + 1) wrong_ = true;
+          ++captured_;
+        }
+      });
+    }
+  }
+  ~Capturers() {
+    stop_ = true;
+    for (std::thread& thread : threads_) thread.join();
+  }
+  Capturers(const Capturers&) = delete;
+  Capturers& operator=(const Capturers&) = delete;
+
+  bool wrong() const { return wrong_; }
+  int captured() const { return captured_; }
+
+ private:
+  std::atomic<bool> stop_{false}, wrong_{false};
+  std::atomic<int> captured_{0};
+  std::array<std::thread, 3> threads_;
+};
+
+TEST_F(BacktraceTest, ThreadsCaptureTheirStacksWhileLibrariesComeAndGo) {
+  const Capturers capturers;
+  for (int round = 0; round < 50 || capturers.captured() < 1000; ++round) {
+    const Plugin alpha(KES_PLUGIN_ALPHA, "kes_plugin_alpha");
+    ASSERT_THAT(alpha.capture(), testing::Contains(HasSubstr("kes_plugin_alpha")));
+  }
+  EXPECT_FALSE(capturers.wrong());
+}
+
+TEST_F(BacktraceTest, AChildForkedWhileOtherThreadsCaptureCanCaptureToo) {
+  const Capturers capturers;
+  for (int round = 0; round < 100; ++round) {
+    const test::ChildResult result = inChild([round] {
+      ::alarm(60);
+      return captureBelow(round % 40).empty() ? 1 : 0;
+    });
+    ASSERT_EQ(result.signal(), 0);
+    ASSERT_EQ(result.exitCode(), 0);
+  }
+}
+
+}  // namespace
+}  // namespace kes

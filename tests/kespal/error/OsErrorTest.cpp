@@ -1,0 +1,82 @@
+#include "kespal/error/OsError.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "support/ForkedChild.h"
+
+// The linker sends the library's calls of strerror_r here. Refusing is switched on by a test.
+namespace {
+bool refuse = false;
+int askedFor = 0;
+std::size_t room = 0;
+}  // namespace
+
+extern "C" int __real___xpg_strerror_r(int number, char* buffer, std::size_t size);   // NOLINT
+extern "C" int __wrap___xpg_strerror_r(int number, char* buffer, std::size_t size) {  // NOLINT
+  askedFor = number;
+  room = size;
+  if (!refuse) return __real___xpg_strerror_r(number, buffer, size);
+  std::strcpy(buffer, "not to be shown");
+  return EINVAL;
+}
+
+namespace kes {
+namespace {
+
+TEST(OsErrorTest, TheTextIsTheSystemsFollowedByTheNumberInParentheses) {
+  for (int number : {EPERM, ENOENT, EACCES, EEXIST, EINVAL, EAGAIN, ETIMEDOUT}) {
+    EXPECT_EQ(OsError(number).text(),
+              std::strerror(number) + std::string(" (") + std::to_string(number) + ")");
+  }
+}
+
+TEST(OsErrorTest, TheSystemIsAskedWithABufferOf128Bytes) {
+  EXPECT_EQ(OsError(ENOENT).text(), "No such file or directory (2)");
+  EXPECT_EQ(askedFor, ENOENT);
+  EXPECT_EQ(room, 128U);
+}
+
+TEST(OsErrorTest, ItExplainsItselfAsASystemOrLibraryCall) {
+  EXPECT_STREQ(OsError(ENOENT).what(), "System/Library call error: No such file or directory (2)");
+}
+
+TEST(OsErrorTest, TheLabelIsTheNumberInDecimal) {
+  EXPECT_EQ(OsError(0).errnumLabel(), "0");
+  EXPECT_EQ(OsError(-1).errnumLabel(), "-1");
+  EXPECT_EQ(OsError(2147483647).errnumLabel(), "2147483647");
+}
+
+TEST(OsErrorTest, ItKeepsItsNumber) {
+  EXPECT_EQ(OsError(EAGAIN).errnum(), EAGAIN);
+  EXPECT_EQ(NoSuchProcessError(ESRCH).errnum(), ESRCH);
+  EXPECT_EQ(NoSuchProcessError(ESRCH).text(), OsError(ESRCH).text());
+}
+
+TEST(OsErrorTest, WhenTheSystemRefusesALineGoesToStandardErrorAndTheTextIsUnknown) {
+  const test::ChildResult result = test::inChild([] {
+    refuse = true;
+    const OsError error(ENOENT);
+    if (error.text() != "<unknown-error> (2)") return 1;
+    if (std::string(error.what()) != "System/Library call error: <unknown-error> (2)") return 2;
+    return 0;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  const std::string line = "text: error getting error text from strerror_r!\n";
+  EXPECT_EQ(result.err, line + line);
+  EXPECT_EQ(result.out, "");
+}
+
+TEST(OsErrorTest, ANumberThatTheSystemDoesNotKnowIsOneThatItRefuses) {
+  char buffer[128];
+  if (__real___xpg_strerror_r(99999, buffer, sizeof buffer) == 0)
+    GTEST_SKIP() << "it knows every number here";
+  const test::ChildResult result =
+      test::inChild([] { return OsError(99999).text() == "<unknown-error> (99999)" ? 0 : 1; });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.err, "text: error getting error text from strerror_r!\n");
+}
+
+}  // namespace
+}  // namespace kes

@@ -1,0 +1,39 @@
+#include "kespal/error/Site.h"
+
+#include <string_view>
+
+namespace kes {
+namespace {
+
+template <detail::SitePath Path>
+constexpr std::string_view pathOf = detail::sitePath<Path>;
+
+TEST(SiteTest, APathBelowALibrarysSourcesBeginsWithSrcAndHasNoExtension) {
+  EXPECT_EQ(pathOf<"/home/x/kes/kespal/src/fs/Path.cpp">, "src/fs/Path");
+  EXPECT_EQ(pathOf<"kespal/src/os/posix/thread/Lock.cpp">, "src/os/posix/thread/Lock");
+  EXPECT_EQ(pathOf<"kespal/src/os/darwin/fs/StandardPaths.mm">, "src/os/darwin/fs/StandardPaths");
+}
+
+TEST(SiteTest, APublicHeaderLosesTheLibrarysFolder) {
+  EXPECT_EQ(pathOf<"kespal/include/kespal/fs/Path.h">, "include/fs/Path");
+  EXPECT_EQ(pathOf<"/usr/include/kespal/os/posix/thread/Lock.h">, "include/os/posix/thread/Lock");
+}
+
+TEST(SiteTest, AFileOfAnotherProgramKeepsItsFolders) {
+  EXPECT_EQ(pathOf<"app/main.cpp">, "app/main");
+  EXPECT_EQ(pathOf<"main.mm">, "main");
+  EXPECT_EQ(pathOf<"some.folder/file">, "some.folder/file");
+  EXPECT_EQ(pathOf<"a.b.cpp">, "a.b");
+}
+
+Site here() { return KES_HERE; }
+
+TEST(SiteTest, HereIsThePlaceWhereItStands) {
+  const Site site = here();
+  EXPECT_STREQ(site.file, "tests/kespal/error/SiteTest");
+  EXPECT_EQ(site.line, __LINE__ - 5);
+  EXPECT_STREQ(site.function, "here");
+}
+
+}  // namespace
+}  // namespace kes
