@@ -10,9 +10,9 @@ namespace kes::thread {
 constinit std::atomic<std::int64_t> BasicThread::Control::m_active_threads{0};
 
 /// The thread's way through its life, from being held to its last step but one; finish() is the last.
-void BasicThread::Control::entry() {
+void BasicThread::Control::entry(std::uint64_t ownId) {
   m_active_threads.fetch_add(1);
-  if (!pickUpGo()) return;
+  if (!pickUpGo(ownId)) return;
   cond.signalAll();
   try {
     function(argument);
@@ -28,8 +28,9 @@ void BasicThread::Control::entry() {
 }
 
 /// False when the thread is to leave without running its body.
-bool BasicThread::Control::pickUpGo() {
+bool BasicThread::Control::pickUpGo(std::uint64_t ownId) {
   const LockGuardT<Condition> guard(cond);
+  nativeId = ownId;
   while (state == CREATED) cond.wait();
   if (state != STARTING) return false;
   state = detached ? RUNNING_DETACHED : RUNNING;

@@ -25,19 +25,20 @@ struct BasicThread::Control {
   Condition cond;
   State state = BURIED;
   ::pthread_t handle{};
-  std::uint64_t nativeId = 0;
-  bool alive = false;         ///< the native thread has not done its last step: its handle may be used
-  bool joining = false;       ///< somebody waits in pthread_join, which only one thread may do
-  bool abandoned = false;     ///< the object is gone and nobody will join
-  std::uint64_t burials = 0;  ///< tells the waiters of an earlier run that it is over
+  std::uint64_t nativeId = 0;  ///< unknownId until the native thread has looked
+  bool alive = false;          ///< the native thread has not done its last step: its handle may be used
+  bool joining = false;        ///< somebody waits in pthread_join, which only one thread may do
+  bool abandoned = false;      ///< the object is gone and nobody will join
+  std::uint64_t burials = 0;   ///< tells the waiters of an earlier run that it is over
   std::shared_ptr<Control> nativeShare;  ///< the native thread's ownership of this block
   CoopThread::CoopState coopState = CoopThread::Running;
   CoopThread::Request request = CoopThread::Run;
 
   static constinit std::atomic<std::int64_t> m_active_threads;
+  static constexpr std::uint64_t unknownId = ~std::uint64_t{0};
 
   // --- the native thread's own steps
-  void entry();
+  void entry(std::uint64_t ownId);
   void finish() noexcept;
 
   // --- the rest is called with the lock held
@@ -57,7 +58,7 @@ struct BasicThread::Control {
   void endJoin(bool buried);
 
  private:
-  bool pickUpGo();
+  bool pickUpGo(std::uint64_t ownId);
   void report(const std::string& death) const;
 };
 

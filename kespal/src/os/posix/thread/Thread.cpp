@@ -21,7 +21,6 @@ namespace kes::thread {
 namespace {
 
 constexpr std::size_t defaultStackSize = 524288;
-constexpr std::uint64_t unknownId = std::numeric_limits<std::uint64_t>::max();
 
 /// What the system accepts: whole pages, and not fewer than its minimum.
 std::size_t acceptableStackSize(std::size_t wanted) {
@@ -114,6 +113,7 @@ void BasicThread::create() {
             RuntimeError("Tried to create a thread before forking!"));
   }
   if (shared.function == nullptr) raiseAt(KES_HERE, UsageError("Tried to start a thread that has no body"));
+  shared.nativeId = Control::unknownId;
   shared.nativeShare = control_;
   if (const int result = ::pthread_create(&shared.handle, &attributes_, &nativeEntry, &shared); result != 0) {
     shared.nativeShare.reset();
@@ -128,14 +128,14 @@ void* BasicThread::nativeEntry(void* control) {
   auto& shared = *static_cast<Control*>(control);
   const bool willFinish = LastStep::willBeTaken(shared);
   os::nameThread(shared.name.c_str());
+  std::uint64_t ownId = Control::unknownId;
   try {
-    shared.nativeId = getNativeThreadId();
+    ownId = getNativeThreadId();
   } catch (const OsError&) {
     const os::NoCancel untilWritten;
     std::cerr << "Failed to get native thread ID\n" << std::flush;
-    shared.nativeId = unknownId;
   }
-  shared.entry();
+  shared.entry(ownId);
   if (!willFinish) shared.finish();
   return nullptr;
 }

@@ -1,0 +1,232 @@
+// Ends that must neither hang nor crash.
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "kespal/thread/ErrorAt.h"
+#include "kespal/thread/Faults.h"
+#include "kespal/thread/Thread.h"
+#include "support/Eventually.h"
+#include "support/ForkedChild.h"
+#include "support/Gate.h"
+
+namespace kes::thread {
+namespace {
+
+using namespace test;
+
+using Body = std::function<void()>;
+
+class TestThread : public BasicThread {
+ public:
+  explicit TestThread(Body& body, bool detached = false)
+      : BasicThread([](void* argument) { (*static_cast<Body*>(argument))(); }, "ends", &body, detached, 0) {}
+};
+
+bool nobodyIsLeft() {
+  return eventually([] { return BasicThread::activeThreads() == 0; });
+}
+
+TEST(ThreadEndsTest, SeveralThreadsMayJoinOneThreadAtOnce) {
+  for (int i = 0; i < 100; ++i) {
+    Gate gate;
+    Body body = [&] { gate.pass(); };
+    TestThread thread(body);
+    thread.run();
+    std::vector<std::thread> joiners;
+    for (int j = 0; j < 4; ++j) joiners.emplace_back([&] { thread.join(); });
+    gate.open();
+    for (std::thread& joiner : joiners) joiner.join();
+    EXPECT_EQ(thread.state(), BasicThread::BURIED);
+  }
+}
+
+TEST(ThreadEndsTest, OnlyOneOfSeveralJoinersAsksTheSystem) {
+  Gate gate;
+  Body body = [&] { gate.pass(); };
+  TestThread thread(body);
+  thread.run();
+  const int before = made(Call::ThreadJoin);
+  std::vector<std::thread> joiners;
+  for (int j = 0; j < 4; ++j) joiners.emplace_back([&] { thread.join(); });
+  EXPECT_TRUE(eventually([&] { return made(Call::ThreadJoin) == before + 1; }));
+  gate.open();
+  for (std::thread& joiner : joiners) joiner.join();
+  EXPECT_EQ(made(Call::ThreadJoin), before + 1);
+}
+
+TEST(ThreadEndsTest, AJoinerWhoseSystemCallFailsHandsOverToTheNext) {
+  Gate gate;
+  Body body = [&] { gate.pass(); };
+  TestThread thread(body);
+  thread.run();
+  std::atomic<int> failed{0};
+  const Fault fault(Call::ThreadJoin, EINVAL);
+  std::vector<std::thread> joiners;
+  for (int j = 0; j < 3; ++j) {
+    joiners.emplace_back([&] {
+      try {
+        thread.join();
+      } catch (const OsError&) {
+        ++failed;
+      }
+    });
+  }
+  EXPECT_TRUE(eventually([&] { return failed == 1; }));
+  gate.open();
+  for (std::thread& joiner : joiners) joiner.join();
+  EXPECT_EQ(failed, 1);
+  EXPECT_EQ(thread.state(), BasicThread::BURIED);
+}
+
+TEST(ThreadEndsTest, AJoinerOfARunThatWasBuriedMeanwhileIsNotLeftToTheNextRun) {
+  for (int i = 0; i < 200; ++i) {
+    Body body = [] {};
+    TestThread thread(body);
+    thread.run();
+    std::vector<std::thread> joiners;
+    for (int j = 0; j < 3; ++j) joiners.emplace_back([&] { thread.join(); });
+    thread.join();
+    try {
+      thread.run();
+    } catch (const UsageError&) {
+      // One of the late joiners buried it between its creation and the go.
+    }
+    for (std::thread& joiner : joiners) joiner.join();
+    thread.join();
+  }
+}
+
+TEST(ThreadEndsTest, ADetachedThreadOutlivesItsObject) {
+  Gate gate;
+  std::atomic<int> ran{0};
+  Body body = [&] {
+    gate.pass();
+    ++ran;
+  };
+  for (int i = 0; i < 20; ++i) TestThread(body, /*detached=*/true).run();
+  EXPECT_EQ(ran, 0);
+  gate.open();
+  EXPECT_TRUE(nobodyIsLeft());
+  EXPECT_TRUE(eventually([&] { return ran == 20; }));
+}
+
+TEST(ThreadEndsTest, ADetachedThreadThatDiesReportsWithoutItsObject) {
+  testing::internal::CaptureStderr();
+  Gate gate;
+  Body body = [&] {
+    gate.pass();
+    throw 7;
+  };
+  pretendThreadId(42);
+  const int created = made(Call::ThreadGettid);
+  TestThread(body, /*detached=*/true).run();
+  ASSERT_TRUE(
+      eventually([&] { return made(Call::ThreadGettid) > created && BasicThread::activeThreads() == 1; }));
+  gate.open();
+  EXPECT_TRUE(nobodyIsLeft());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Thread ends (42) died with an unknown exception\n");
+}
+
+TEST(ThreadEndsTest, DestroyingAHeldDetachedThreadWaitsUntilItIsGone) {
+  for (int i = 0; i < 200; ++i) {
+    std::atomic<int> ran{0};
+    Body body = [&] { ++ran; };
+    {
+      TestThread thread(body, /*detached=*/true);
+      thread.create();
+    }
+    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(BasicThread::activeThreads(), 0);
+  }
+}
+
+TEST(ThreadEndsTest, DestroyingAHeldThreadBuriesItWithoutRunningItsBody) {
+  for (int i = 0; i < 200; ++i) {
+    std::atomic<int> ran{0};
+    Body body = [&] { ++ran; };
+    {
+      TestThread thread(body);
+      thread.create();
+    }
+    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(BasicThread::activeThreads(), 0);
+  }
+}
+
+TEST(ThreadEndsTest, AnObjectMayBeDestroyedByItsOwnBody) {
+  for (int i = 0; i < 100; ++i) {
+    auto thread = std::unique_ptr<TestThread>();
+    Gate made;
+    Body body = [&] {
+      made.pass();
+      thread.reset();
+    };
+    thread = std::make_unique<TestThread>(body);
+    thread->run();
+    made.open();
+    ASSERT_TRUE(nobodyIsLeft());
+  }
+}
+
+TEST(ThreadEndsTest, ThreadsAreCreatedAndEndedFromManyThreadsAtOnce) {
+  std::atomic<int> ran{0};
+  const auto work = [&] {
+    Body body = [&] { ++ran; };
+    for (int i = 0; i < 100; ++i) {
+      TestThread thread(body);
+      thread.run();
+      thread.join();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back(work);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(ran, 400);
+  EXPECT_EQ(BasicThread::activeThreads(), 0);
+}
+
+TEST(ThreadEndsTest, AFailureToLockInTheDestructorEndsTheProgram) {
+  const ChildResult child = inChild([] {
+    std::set_terminate([] { ::_exit(42); });
+    Body body = [] {};
+    auto thread = std::make_unique<TestThread>(body);
+    const Fault fault(Call::MutexLock, EINVAL);
+    thread.reset();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 42);
+}
+
+TEST(ThreadEndsTest, AProcessMayEndWhileThreadsRun) {
+  const ChildResult child = inChild([]() -> int {
+    static Gate never;
+    static Body body = [] { never.pass(); };
+    static TestThread thread(body), detached(body, /*detached=*/true);
+    thread.run();
+    detached.run();
+    std::exit(3);
+  });
+  EXPECT_EQ(child.exitCode(), 3) << child.signal() << child.err;
+}
+
+TEST(ThreadEndsTest, AForkedChildMayDestroyAThreadThatStayedWithItsParent) {
+  Gate gate;
+  Body body = [&] { gate.pass(); };
+  auto thread = std::make_unique<TestThread>(body);
+  thread->run();
+  thread->id();
+  const ChildResult child = inChild([&] {
+    thread.reset();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << child.signal() << child.err;
+  gate.open();
+  thread->join();
+}
+
+}  // namespace
+}  // namespace kes::thread
