@@ -21,6 +21,7 @@ class ToolTest : public testing::Test {
   DriverProcess& play(const std::string& script, std::vector<std::string> options = {}) {
     writeFile(dir_ / "script", script);
     options.insert(options.end(), {"--verbose", "--script", dir_ / "script"});
+    driver_.reset();  // first: the environment names one driver
     driver_ = std::make_unique<DriverProcess>(options);
     return *driver_;
   }

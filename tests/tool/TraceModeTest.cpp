@@ -188,12 +188,12 @@ TEST_F(TraceModeTest, ARefusedOpenCallExitsWithOne) {
 }
 
 TEST_F(TraceModeTest, RefusedLevelsAreSaidAndTracingGoesOn) {
-  play("levels return 0xe00002bc\ntrace text \"on\"\n");
+  play("levels return 0xe00002bc\ntrace text \"more\"\n");
   Process tool = start();
-  ASSERT_TRUE(tool.waitForOut("on"));
+  ASSERT_TRUE(tool.waitForOut("more"));
   press("Q");
   EXPECT_EQ(tool.wait(), 0);
-  EXPECT_EQ(tool.out(), std::string(deviceFound) + "connection open, type =1\nquit tracing with 'Q'\non");
+  EXPECT_EQ(tool.out(), std::string(deviceFound) + "connection open, type =1\nquit tracing with 'Q'\nmore");
   EXPECT_EQ(tool.err(), "GetTrace failed ret=0xe00002bc.\n\n");
 }
 

@@ -20,7 +20,7 @@ bool operator==(const termios& a, const termios& b) {
 bool isKeyByKey(const termios& attributes) { return (attributes.c_lflag & ICANON) == 0; }
 
 /// The tool with a terminal as its standard input; what it prints is collected through pipes.
-class TerminalTest : public ToolTest {
+class TerminalModeTest : public ToolTest {
  protected:
   Process start(const std::vector<std::string>& arguments, std::vector<std::string> environment = {}) {
     return Process(kestrace(arguments),
@@ -33,7 +33,7 @@ class TerminalTest : public ToolTest {
   const termios before_ = pty_.attributes();
 };
 
-TEST_F(TerminalTest, OnlyCanonicalInputIsSwitchedOff) {
+TEST_F(TerminalModeTest, OnlyCanonicalInputIsSwitchedOff) {
   play("");
   Process tool = start({"-trace"});
   ASSERT_TRUE(tool.waitForOut("quit tracing"));
@@ -46,7 +46,7 @@ TEST_F(TerminalTest, OnlyCanonicalInputIsSwitchedOff) {
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, QEndsEitherModeWithoutReturnAndIsEchoed) {
+TEST_F(TerminalModeTest, QEndsEitherModeWithoutReturnAndIsEchoed) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"-trace"}, {"-dump", dir_ / "capture"}}) {
     play("");
@@ -59,7 +59,7 @@ TEST_F(TerminalTest, QEndsEitherModeWithoutReturnAndIsEchoed) {
   }
 }
 
-TEST_F(TerminalTest, AKeyTypedAheadIsSeen) {
+TEST_F(TerminalModeTest, AKeyTypedAheadIsSeen) {
   play("");
   pty_.type("Q\n");
   Process tool = start({"-trace"});
@@ -67,7 +67,7 @@ TEST_F(TerminalTest, AKeyTypedAheadIsSeen) {
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, IsRestoredAfterTheUsageText) {
+TEST_F(TerminalModeTest, IsRestoredAfterTheUsageText) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{}, {"-x"}, {"-d"}, {"-trace", "x"}}) {
     Process tool = start(arguments);
@@ -76,13 +76,13 @@ TEST_F(TerminalTest, IsRestoredAfterTheUsageText) {
   }
 }
 
-TEST_F(TerminalTest, IsRestoredWhenThereIsNothingToDo) {
+TEST_F(TerminalModeTest, IsRestoredWhenThereIsNothingToDo) {
   Process tool = start({"-d", "3", "-p", "2", "-o", "1"});
   EXPECT_EQ(tool.wait(), 0);
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, IsRestoredWithoutADriver) {
+TEST_F(TerminalModeTest, IsRestoredWithoutADriver) {
   for (const char* mode : {"-trace", "-dump"}) {
     Process tool = start({mode}, {"KES_IOREGISTRY=" + dir_.path()});
     EXPECT_EQ(tool.wait(), 1);
@@ -90,7 +90,7 @@ TEST_F(TerminalTest, IsRestoredWithoutADriver) {
   }
 }
 
-TEST_F(TerminalTest, IsRestoredAfterARefusedConnection) {
+TEST_F(TerminalModeTest, IsRestoredAfterARefusedConnection) {
   play("open return 0xe00002c5 forever\n");
   for (const char* mode : {"-trace", "-dump"}) {
     Process tool = start({mode});
@@ -99,14 +99,14 @@ TEST_F(TerminalTest, IsRestoredAfterARefusedConnection) {
   }
 }
 
-TEST_F(TerminalTest, IsRestoredAfterAFailedCaptureFile) {
+TEST_F(TerminalModeTest, IsRestoredAfterAFailedCaptureFile) {
   play("");
   Process tool = start({"-dump", dir_ / "no/such/folder"});
   EXPECT_EQ(tool.wait(), 0);
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, IsRestoredAfterASignalInTraceMode) {
+TEST_F(TerminalModeTest, IsRestoredAfterASignalInTraceMode) {
   for (int number : {SIGTERM, SIGINT}) {
     play("");
     Process tool = start({"-trace"});
@@ -118,7 +118,7 @@ TEST_F(TerminalTest, IsRestoredAfterASignalInTraceMode) {
   }
 }
 
-TEST_F(TerminalTest, ControlCEndsTheTraceModeInGoodOrder) {
+TEST_F(TerminalModeTest, ControlCEndsTheTraceModeInGoodOrder) {
   play("");
   Process tool = start({"-trace"});
   ASSERT_TRUE(waitForRequests("trace", 1));
@@ -127,7 +127,7 @@ TEST_F(TerminalTest, ControlCEndsTheTraceModeInGoodOrder) {
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, ControlCKillsTheDumpModeAndLeavesTheTerminalToTheShell) {
+TEST_F(TerminalModeTest, ControlCKillsTheDumpModeAndLeavesTheTerminalToTheShell) {
   play("");
   Process tool = start({"-dump", dir_ / "capture"});
   ASSERT_TRUE(waitForRequests("packet", 1));
@@ -136,14 +136,14 @@ TEST_F(TerminalTest, ControlCKillsTheDumpModeAndLeavesTheTerminalToTheShell) {
   EXPECT_TRUE(isKeyByKey(pty_.attributes()));
 }
 
-TEST_F(TerminalTest, IsRestoredWhenAnErrorEndsTheTool) {
+TEST_F(TerminalModeTest, IsRestoredWhenAnErrorEndsTheTool) {
   play("packet bytes 010203\n");
   Process tool = start({"-dump", dir_ / "capture"}, {std::string("LD_PRELOAD=") + FAILING_CLOCK});
   EXPECT_EQ(tool.wait(), -SIGABRT) << tool.err();
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, AHungUpTerminalIsNoKeyboard) {
+TEST_F(TerminalModeTest, AHungUpTerminalIsNoKeyboard) {
   play("");
   Process tool = start({"-trace"});
   ASSERT_TRUE(waitForRequests("trace", 1));
@@ -152,7 +152,7 @@ TEST_F(TerminalTest, AHungUpTerminalIsNoKeyboard) {
   EXPECT_EQ(tool.wait(), -SIGHUP);
 }
 
-TEST_F(TerminalTest, AnExitFromAnywhereRestoresIt) {
+TEST_F(TerminalModeTest, AnExitFromAnywhereRestoresIt) {
   const auto child = inChild([this] {
     ::dup2(pty_.terminal(), 0);
     const TerminalMode keyByKey;
@@ -163,7 +163,7 @@ TEST_F(TerminalTest, AnExitFromAnywhereRestoresIt) {
   EXPECT_TRUE(isRestored());
 }
 
-TEST_F(TerminalTest, TheSavedAttributesAreThoseOfTheStart) {
+TEST_F(TerminalModeTest, TheSavedAttributesAreThoseOfTheStart) {
   const auto child = inChild([this] {
     ::dup2(pty_.terminal(), 0);
     {
