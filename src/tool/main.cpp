@@ -4,8 +4,8 @@
 #include "Console.h"
 #include "DriverCalls.h"
 #include "Loops.h"
-#include "StartUp.h"
 #include "State.h"
+#include "kespal/kespal.h"
 
 namespace {
 
@@ -39,7 +39,8 @@ int run(int argc, char** argv, CONNECTION_INFO& trace, CONNECTION_INFO& dump) {
 }
 
 int runTool(int argc, char** argv) {
-  const StartUp runtime;
+  const kes::KesPal runtime(/*quitHandling=*/false, /*forkPending=*/false, kes::Locale::System,
+                            /*app=*/nullptr);
   CONNECTION_INFO trace{}, dump{};
   std::setvbuf(stdin, nullptr, _IONBF, 0);
   const int exitCode = run(argc, argv, trace, dump);
