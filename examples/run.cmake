@@ -1,0 +1,10 @@
+# Runs an example as a test: it must end with status 0, and what it prints must fit PASS.
+separate_arguments(arguments UNIX_COMMAND "${ARGUMENTS}")
+execute_process(COMMAND ${PROGRAM} ${arguments} RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
+message("${output}")
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "it ended with ${status}")
+endif()
+if(NOT output MATCHES "${PASS}")
+  message(FATAL_ERROR "its output does not fit: ${PASS}")
+endif()
