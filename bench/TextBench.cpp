@@ -88,23 +88,24 @@ BENCHMARK(fromHexSeparated);
 
 const kes::Hexdump hexdump{reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), 16, " "};
 
+// Into a stream that has its memory already.
 void dump(benchmark::State& state) {
-  run(state, [] {
-    std::ostringstream stream;
+  std::ostringstream stream;
+  for (auto _ : state) {
+    stream.seekp(0);
     stream << hexdump;
-    return stream;
-  });
+  }
 }
 void naiveDump(benchmark::State& state) {
-  run(state, [] {
-    std::ostringstream stream;
-    stream << std::setfill('0') << std::hex;
+  std::ostringstream stream;
+  stream << std::setfill('0') << std::hex;
+  for (auto _ : state) {
+    stream.seekp(0);
     for (std::size_t at = 0; at < hexdump.size; ++at) {
       if (at != 0) stream << (at % 16 == 0 ? "\n" : " ");
       stream << std::setw(2) << static_cast<unsigned>(hexdump.data[at]);
     }
-    return stream;
-  });
+  }
 }
 BENCHMARK(dump);
 BENCHMARK(naiveDump);

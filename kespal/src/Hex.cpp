@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cstdlib>
 
 #include "HexLoops.h"
@@ -11,29 +10,15 @@ namespace {
 using Bytes = std::basic_string<unsigned char>;
 using hexloops::Decoding;
 
-// A growing string fills its new characters with zeros. It grows by this much at a time, so that the zeros
-// are still in the nearest cache when the real characters replace them.
-constexpr std::size_t step = 4096;
-
 std::string hexBare(const unsigned char* bytes, std::size_t size, bool upper) {
-  std::string text;
-  text.reserve(2 * size);
-  for (std::size_t at = 0; at < size; at += step) {
-    const std::size_t count = std::min(step, size - at);
-    text.resize(2 * (at + count));
-    hexloops::vector::encode(bytes + at, count, upper, text.data() + 2 * at);
-  }
+  std::string text(2 * size, 0);
+  hexloops::vector::encode(bytes, size, upper, text.data());
   return text;
 }
 
 std::string hexSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper) {
-  std::string text;
-  text.reserve(3 * size);
-  for (std::size_t at = 0; at < size; at += step) {
-    const std::size_t count = std::min(step, size - at);
-    text.resize(3 * (at + count));
-    hexloops::plain::encodeSeparated(bytes + at, count, separator, upper, text.data() + 3 * at);
-  }
+  std::string text(3 * size, 0);
+  hexloops::vector::encodeSeparated(bytes, size, separator, upper, text.data());
   text.pop_back();
   return text;
 }

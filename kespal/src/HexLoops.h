@@ -23,8 +23,8 @@ inline constexpr auto meaning = [] {
   return table;
 }();
 
-inline unsigned char meaningOf(char c) noexcept { return meaning[static_cast<unsigned char>(c)]; }
-inline bool isDigit(unsigned char value) noexcept { return value < 16; }
+inline unsigned meaningOf(char c) noexcept { return meaning[static_cast<unsigned char>(c)]; }
+constexpr bool isDigit(unsigned value) noexcept { return value < 16; }
 
 /// A text that is being read and the bytes it becomes; there is room for half as many as characters remain.
 struct Decoding {
@@ -37,7 +37,7 @@ namespace plain {
 
 /// Writes two digits for each byte.
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
-/// The same with the separator behind each byte. Touches one character more, with any value.
+/// The same with the separator behind each byte.
 void encodeSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper,
                      char* to) noexcept;
 
@@ -51,6 +51,8 @@ void decodeSeparated(Decoding& decoding) noexcept;
 namespace vector {
 
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
+void encodeSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper,
+                     char* to) noexcept;
 void decode(Decoding& decoding) noexcept;
 
 }  // namespace vector

@@ -1,6 +1,8 @@
 // Every x86-64 processor has these instructions.
 #include <emmintrin.h>
 
+#include <cstring>
+
 #include "HexLoops.h"
 
 namespace kes::hexloops::vector {
@@ -15,11 +17,63 @@ __m128i atMost(__m128i bytes, char most) noexcept {
   return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(most)), bytes);
 }
 
-/// The digits of sixteen values from 0 to 15; `gap` lies between '9' and the first letter.
-__m128i digitsOf(__m128i values, __m128i gap) noexcept {
-  const __m128i letters = _mm_cmpgt_epi8(values, _mm_set1_epi8(9));
-  return _mm_add_epi8(_mm_add_epi8(values, _mm_set1_epi8('0')), _mm_and_si128(letters, gap));
-}
+/// Sixteen bytes as digits, in memory order.
+struct Digits {
+  __m128i first, second;
+};
+
+class Encoder {
+ public:
+  explicit Encoder(bool upper) noexcept
+      : gap_(_mm_set1_epi8(static_cast<char>((upper ? 'A' : 'a') - '9' - 1))) {}
+
+  Digits digitsOf(__m128i bytes) const noexcept {
+    const __m128i nibble = _mm_set1_epi8(0x0F);
+    const __m128i high = digitsOfNibbles(_mm_and_si128(_mm_srli_epi16(bytes, 4), nibble));
+    const __m128i low = digitsOfNibbles(_mm_and_si128(bytes, nibble));
+    return {_mm_unpacklo_epi8(high, low), _mm_unpackhi_epi8(high, low)};
+  }
+
+ private:
+  __m128i digitsOfNibbles(__m128i values) const noexcept {
+    const __m128i letters = _mm_cmpgt_epi8(values, _mm_set1_epi8(9));
+    return _mm_add_epi8(_mm_add_epi8(values, _mm_set1_epi8('0')), _mm_and_si128(letters, gap_));
+  }
+
+  __m128i gap_;  // between '9' and the first letter
+};
+
+/// Puts a separator behind each pair of digits. A 64-bit lane of four pairs "00112233" becomes the eight
+/// characters "00:11:22" and the four characters ":33:".
+class Spreader {
+ public:
+  explicit Spreader(char separator) noexcept {
+    const long long each = static_cast<unsigned char>(separator);
+    inEight_ = _mm_set1_epi64x(each << 16 | each << 40);
+    inFour_ = _mm_set1_epi64x(each | each << 24);
+  }
+
+  void store(char* to, __m128i digits) const noexcept {
+    const __m128i first = _mm_and_si128(digits, _mm_set1_epi64x(0xFFFF));
+    const __m128i second = _mm_and_si128(digits, _mm_set1_epi64x(0xFFFF0000));
+    const __m128i third = _mm_and_si128(digits, _mm_set1_epi64x(0xFFFF00000000));
+    const __m128i three =
+        _mm_or_si128(_mm_or_si128(first, _mm_slli_epi64(second, 8)), _mm_slli_epi64(third, 16));
+    const __m128i eight = _mm_or_si128(three, inEight_);
+    const __m128i four = _mm_or_si128(_mm_slli_epi64(_mm_srli_epi64(digits, 48), 8), inFour_);
+    storeLanes(to, eight, four);
+    storeLanes(to + 12, _mm_unpackhi_epi64(eight, eight), _mm_unpackhi_epi64(four, four));
+  }
+
+ private:
+  static void storeLanes(char* to, __m128i eight, __m128i four) noexcept {
+    const int last = _mm_cvtsi128_si32(four);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(to), eight);
+    std::memcpy(to + 8, &last, sizeof last);
+  }
+
+  __m128i inEight_, inFour_;
+};
 
 /// The values of sixteen digits; false when one of them is none.
 bool valuesOf(__m128i digits, __m128i& values) noexcept {
@@ -41,16 +95,25 @@ __m128i joined(__m128i values) noexcept {
 }  // namespace
 
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept {
-  const __m128i gap = _mm_set1_epi8(static_cast<char>((upper ? 'A' : 'a') - '9' - 1));
-  const __m128i nibble = _mm_set1_epi8(0x0F);
+  const Encoder encoder(upper);
   for (; size >= 16; size -= 16, bytes += 16, to += 32) {
-    const __m128i block = load(bytes);
-    const __m128i high = digitsOf(_mm_and_si128(_mm_srli_epi16(block, 4), nibble), gap);
-    const __m128i low = digitsOf(_mm_and_si128(block, nibble), gap);
-    store(to, _mm_unpacklo_epi8(high, low));
-    store(to + 16, _mm_unpackhi_epi8(high, low));
+    const Digits digits = encoder.digitsOf(load(bytes));
+    store(to, digits.first);
+    store(to + 16, digits.second);
   }
   plain::encode(bytes, size, upper, to);
+}
+
+void encodeSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper,
+                     char* to) noexcept {
+  const Encoder encoder(upper);
+  const Spreader spreader(separator);
+  for (; size >= 16; size -= 16, bytes += 16, to += 48) {
+    const Digits digits = encoder.digitsOf(load(bytes));
+    spreader.store(to, digits.first);
+    spreader.store(to + 24, digits.second);
+  }
+  plain::encodeSeparated(bytes, size, separator, upper, to);
 }
 
 void decode(Decoding& decoding) noexcept {

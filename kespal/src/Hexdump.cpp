@@ -49,60 +49,84 @@ void writeEach(std::ostream& stream, const Hexdump& dump) {
 /// knows how its flags and locale write a value, so it is asked, once per value.
 class Units {
  public:
-  static constexpr std::size_t longest = 16;
-  struct Unit {
-    char text[longest];
-    std::size_t size;
-  };
+  static constexpr std::size_t widest = 16;
 
   Units(const std::ostream& stream, const std::string& separator) {
     std::ostringstream formatter;
     formatter.imbue(stream.getloc());
     formatter.flags(stream.flags());
     formatter.fill(stream.fill());
-    for (unsigned value = 0; value < units_.size(); ++value) {
+    for (unsigned value = 0; value < text_.size(); ++value) {
       formatter.str("");
       writeByte(formatter, static_cast<unsigned char>(value));
-      set(units_[value], formatter.str() + separator);
+      const std::string unit = formatter.str() + separator;
+      unit.copy(text_[value], widest);
+      size_[value] = static_cast<unsigned char>(std::min<std::size_t>(unit.size(), 255));
+      longest_ = std::max(longest_, unit.size());
     }
   }
 
-  /// False when a text is too long for its unit.
-  bool fit() const { return fit_; }
-  const Unit& of(unsigned char byte) const { return units_[byte]; }
+  /// The size of the longest one. Only units up to the widest can be written.
+  std::size_t longest() const { return longest_; }
+
+  /// Writes the unit of a byte and, to move a known number of characters, whatever lies behind it.
+  template <std::size_t Width>
+  char* write(char* to, unsigned char byte) const {
+    std::memcpy(to, text_[byte], Width);
+    return to + size_[byte];
+  }
 
  private:
-  void set(Unit& unit, const std::string& text) {
-    unit = {};
-    unit.size = text.size();
-    if (text.size() > longest) fit_ = false;
-    std::memcpy(unit.text, text.data(), std::min(text.size(), longest));
-  }
-
-  std::array<Unit, 256> units_;
-  bool fit_ = true;
+  std::array<char[widest], 256> text_{};
+  std::array<unsigned char, 256> size_;
+  std::size_t longest_ = 0;
 };
 
-void writeUnits(std::ostream& stream, const Hexdump& dump, const Units& units) {
-  const std::size_t perLine = lineLength(dump);
-  std::array<char, 8192> text;
-  std::size_t end = 0;
-  for (std::size_t index = 0; index < dump.size;) {
-    const std::size_t next = index + std::min(perLine, dump.size - index);
-    for (; index < next; ++index) {
-      if (end > text.size() - Units::longest) {
-        stream.write(text.data(), static_cast<std::streamsize>(end));
-        end = 0;
-      }
-      // A whole unit is copied, whatever its size: one move of a known length.
-      const Units::Unit& unit = units.of(dump.data[index]);
-      std::memcpy(text.data() + end, unit.text, sizeof unit.text);
-      end += unit.size;
+/// Text on its way to the stream, which gets it in large pieces.
+class Pieces {
+ public:
+  explicit Pieces(std::ostream& stream) : stream_(stream) {}
+
+  template <std::size_t Width>
+  void append(const unsigned char* bytes, std::size_t count, const Units& units) {
+    while (count != 0) {
+      if (room() < Units::widest) flush();
+      const std::size_t now = std::min(count, room() / Units::widest);
+      char* to = end_;
+      for (const unsigned char* end = bytes + now; bytes != end; ++bytes) to = units.write<Width>(to, *bytes);
+      end_ = to;
+      count -= now;
     }
-    end -= dump.separator.size();
-    if (index != dump.size) text[end++] = '\n';
   }
-  stream.write(text.data(), static_cast<std::streamsize>(end));
+  void append(char c) { *end_++ = c; }
+  void takeBack(std::size_t count) { end_ -= count; }
+
+  void flush() {
+    stream_.write(text_.data(), end_ - text_.data());
+    end_ = text_.data();
+  }
+
+ private:
+  // One character more is kept for the end of a line.
+  std::size_t room() const { return static_cast<std::size_t>(text_.data() + text_.size() - 1 - end_); }
+
+  std::ostream& stream_;
+  std::array<char, 8192> text_;
+  char* end_ = text_.data();
+};
+
+template <std::size_t Width>
+void writeUnits(std::ostream& stream, const Hexdump& dump, const Units& units) {
+  Pieces pieces(stream);
+  const std::size_t perLine = lineLength(dump);
+  for (std::size_t index = 0; index < dump.size;) {
+    const std::size_t count = std::min(perLine, dump.size - index);
+    pieces.append<Width>(dump.data + index, count, units);
+    pieces.takeBack(dump.separator.size());
+    index += count;
+    if (index != dump.size) pieces.append('\n');
+  }
+  pieces.flush();
   stream.width(0);
 }
 
@@ -114,14 +138,18 @@ constexpr std::size_t large = 512;
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump) {
   if (dump.data == nullptr) return stream << "nullptr";
   const HexFormat format(stream);
-  if (dump.size >= large) {
-    const Units units(stream, dump.separator);
-    if (units.fit()) {
-      writeUnits(stream, dump, units);
-      return stream;
-    }
+  if (dump.size < large) {
+    writeEach(stream, dump);
+    return stream;
   }
-  writeEach(stream, dump);
+  const Units units(stream, dump.separator);
+  if (units.longest() <= 4) {
+    writeUnits<4>(stream, dump, units);
+  } else if (units.longest() <= Units::widest) {
+    writeUnits<Units::widest>(stream, dump, units);
+  } else {
+    writeEach(stream, dump);
+  }
   return stream;
 }
 
