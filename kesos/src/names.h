@@ -18,7 +18,7 @@ inline int failWith(int error) {
 /// would inside the system.
 template <typename Call, typename... Names>
 int withNames(Call call, const Names*... names) {
-  if (((names == nullptr) || ...)) return failWith(EFAULT);
+  if (!(static_cast<bool>(names) && ...)) return failWith(EFAULT);
   return call(names...) == 0 ? 1 : 0;
 }
 

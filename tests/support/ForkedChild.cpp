@@ -19,7 +19,8 @@ namespace {
 
 std::array<int, 2> makePipe() {
   std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  if (::pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
+  for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
   return ends;
 }
 

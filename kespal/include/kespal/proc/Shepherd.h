@@ -20,7 +20,7 @@ class Child;
 /// The process collector: the one place that reaps children. Its thread waits for any child of this process
 /// while children are registered; one that nobody registered is reaped and reported. Any thread may call.
 /// Lock order: the collector's lock, then its thread's own, never the other way round.
-class Shepherd : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
+class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
  public:
   using Guard = ::kes::thread::LockGuardT<::kes::thread::Condition>;
 

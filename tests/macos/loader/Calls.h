@@ -1,0 +1,50 @@
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "Image.h"
+
+namespace loader {
+
+/// A function or variable of the system under its macOS name, without the leading underscore.
+struct Call {
+  template <typename T>
+  Call(const char* callName, T& callee)
+      : name(callName), address(const_cast<void*>(reinterpret_cast<const void*>(&callee))) {}
+
+  const char* name;
+  void* address;
+};
+
+// What differs between the systems, a group each: names that macOS programs use, and what answers here.
+std::span<const Call> backtraceCalls();
+std::span<const Call> errorCalls();
+std::span<const Call> fileCalls();
+std::span<const Call> ioKitCalls();
+std::span<const Call> machClockCalls();
+std::span<const Call> processCalls();
+std::span<const Call> signalCalls();
+std::span<const Call> terminalCalls();
+std::span<const Call> textCalls();
+std::span<const Call> threadCalls();
+std::span<const Call> unwindCalls();
+
+/// What answers for a system symbol: a call of the groups above, or this system's own function if it is one
+/// that agrees; else a stub that ends the program and says its name.
+void* systemSymbol(const std::string& name);
+
+/// The program that runs, and everything that was loaded, in order.
+struct Program {
+  int argc = 0;
+  char** argv = nullptr;
+  std::vector<Image*> images;
+};
+extern Program program;
+
+/// The number under which macOS knows an error, and back.
+int macError(int hostError);
+int hostError(int macError);
+
+}  // namespace loader

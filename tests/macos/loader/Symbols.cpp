@@ -1,0 +1,103 @@
+#include <dlfcn.h>
+#include <sys/mman.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+
+#include "Calls.h"
+
+namespace loader {
+
+namespace {
+
+// Functions whose types, constants and results are the same on both systems, as far as programs here use
+// them.
+constexpr std::string_view sameOnBoth = R"(
+  abort abs access aligned_alloc alarm atof atoi atol bcmp bsearch btowc bzero calloc catclose catgets catopen
+  chdir chmod chown clearerr close closedir ctime ctime_r dirfd div dlclose dlerror dlopen dlsym dup dup2 execve
+  execv execvp exit _exit fchdir fchmod fchown fclose fdopen fdopendir feof ferror fflush fgetc fgets fileno flockfile
+  fopen fprintf fputc fputs fputwc fread free freelocale frexp fscanf fseek fseeko fsync ftell ftello ftruncate
+  funlockfile fwrite getc getchar getcwd getegid getenv geteuid getgid gethostname getpgid getpgrp getpid getppid
+  getsid gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log lseek malloc memchr memcmp
+  memcpy memmove memset mkdir mkdtemp mktime mkstemp mprotect nanosleep open_memstream perror pipe poll
+  posix_memalign printf pthread_attr_destroy pthread_attr_init pthread_attr_setstacksize pthread_equal
+  pthread_self putc putchar puts qsort rand read readlink realloc realpath rename rewind rewinddir rmdir setbuf
+  setenv setpgid setsid setvbuf sleep snprintf sprintf srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll
+  strcoll_l strcpy strcspn strdup strerror strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup
+  strnlen strpbrk strrchr strspn strstr strtod strtod_l strtof strtof_l strtok_r strtol strtold strtold_l strtoll
+  strtoll_l strtoul strtoull strtoull_l strxfrm strxfrm_l swprintf symlink system time toascii tolower toupper
+  truncate tzset umask ungetc ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf
+  vsnprintf vsprintf vsscanf wait waitpid wcrtomb wcscoll_l wcslen wcstod wcstof wcstol wcstold wcstoll wcstoul
+  wcstoull wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev __cxa_atexit __cxa_finalize
+  ceil ceilf floor fmod log10 log2 pow round roundf sqrt trunc
+)";
+
+std::set<std::string_view> wordsOf(std::string_view text) {
+  constexpr std::string_view blanks = " \n";
+  std::set<std::string_view> words;
+  for (std::size_t begin = text.find_first_not_of(blanks); begin != text.npos;) {
+    const std::size_t end = text.find_first_of(blanks, begin);
+    words.insert(text.substr(begin, end - begin));
+    begin = text.find_first_not_of(blanks, end);
+  }
+  return words;
+}
+
+std::map<std::string, void*> gather() {
+  std::map<std::string, void*> all;
+  for (const auto group : {backtraceCalls, errorCalls, fileCalls, ioKitCalls, machClockCalls, processCalls,
+                           signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
+    for (const Call& call : group()) all[call.name] = call.address;
+  }
+  return all;
+}
+
+[[noreturn]] void reportMissing(const char* name) {
+  std::fflush(nullptr);
+  std::fprintf(stderr, "loader: the program calls %s, which is not provided\n", name);
+  std::_Exit(127);
+}
+
+/// Code that calls reportMissing() with a name. As the address of a variable it does no harm either, as long
+/// as nobody reads it.
+void* stubFor(const std::string& name) {
+  constexpr std::size_t codeSize = 22, room = 1 << 16;
+  static std::uint8_t* next = nullptr;
+  static std::uint8_t* end = nullptr;
+  if (next == end || end - next < static_cast<std::ptrdiff_t>(codeSize)) {
+    void* const place =
+        ::mmap(nullptr, room, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (place == MAP_FAILED) throw std::runtime_error("no memory for stubs");
+    next = static_cast<std::uint8_t*>(place);
+    end = next + room;
+  }
+  std::uint8_t code[codeSize] = {0x48, 0xBF, 0, 0, 0, 0, 0, 0, 0, 0,  // mov $name, %rdi
+                                 0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0,  // mov $reportMissing, %rax
+                                 0xFF, 0xE0};                         // jmp *%rax
+  const char* const kept = ::strdup(name.c_str());
+  void (*const report)(const char*) = reportMissing;
+  std::memcpy(code + 2, &kept, sizeof kept);
+  std::memcpy(code + 12, &report, sizeof report);
+  std::memcpy(next, code, codeSize);
+  next += codeSize;
+  return next - codeSize;
+}
+
+}  // namespace
+
+void* systemSymbol(const std::string& name) {
+  static std::map<std::string, void*> known = gather();
+  static const std::set<std::string_view> same = wordsOf(sameOnBoth);
+  const auto found = known.find(name);
+  if (found != known.end()) return found->second;
+  void* const host = same.contains(name) ? ::dlsym(RTLD_DEFAULT, name.c_str()) : nullptr;
+  return known[name] = host != nullptr ? host : stubFor(name);
+}
+
+}  // namespace loader

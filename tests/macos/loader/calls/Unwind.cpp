@@ -1,0 +1,41 @@
+#include <algorithm>
+#include <cstdint>
+
+#include "Calls.h"
+
+namespace loader {
+
+namespace {
+
+struct UnwindSections {
+  const void* image;
+  const void* frames;
+  std::uint64_t framesSize;
+  const void* compact;
+  std::uint64_t compactSize;
+};
+
+/// Tells the unwinder where the tables of the image around an address lie.
+bool findUnwindSections(const void* address, UnwindSections* found) {
+  const auto image =
+      std::ranges::find_if(program.images, [&](const Image* each) { return each->contains(address); });
+  if (image == program.images.end()) return false;
+  *found = {(*image)->base(), nullptr, 0, nullptr, 0};
+  for (const Section& section : (*image)->sections()) {
+    const void* const begin = (*image)->at<void>(section.address);
+    if (section.name == "__eh_frame") found->frames = begin, found->framesSize = section.size;
+    if (section.name == "__unwind_info") found->compact = begin, found->compactSize = section.size;
+  }
+  return true;
+}
+
+void nothingIsUnloaded(void (*)(const void*, std::intptr_t)) {}
+
+const Call calls[] = {{"_dyld_find_unwind_sections", findUnwindSections},
+                      {"_dyld_register_func_for_remove_image", nothingIsUnloaded}};
+
+}  // namespace
+
+std::span<const Call> unwindCalls() { return calls; }
+
+}  // namespace loader

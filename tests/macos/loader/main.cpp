@@ -1,0 +1,72 @@
+// Runs an x86_64 Mach-O program on Linux, for tests: loader [-l LIBRARY]... PROGRAM [ARGUMENT...]
+//
+// The program's own code, its C++ library and its unwinder are the ones that a Mac would run. What it calls
+// in the system is answered by this system: by the same function where both agree, else by one of calls/,
+// and a call that neither knows ends the program with its name and the exit code 127. There is no
+// Objective-C, no arm64 and no exec of another Mach-O program.
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include <memory>
+#include <string_view>
+
+#include "Calls.h"
+
+namespace loader {
+
+Program program;
+
+namespace {
+
+void* definition(const std::string& name) {
+  for (const Image* image : program.images) {
+    if (void* const address = image->symbol(name)) return address;
+  }
+  return nullptr;
+}
+
+/// Loads a file and binds it to the system and to what was loaded before. A weak symbol, which several
+/// images may define, goes to the first that does; its own definition serves when it is alone.
+void load(const std::string& path) {
+  auto image = std::make_unique<Image>(path);
+  image->bind(
+      [](const std::string& name) {
+        void* const before = definition(name);
+        return before != nullptr ? before : systemSymbol(name);
+      },
+      [&](const std::string& name) {
+        void* const before = definition(name);
+        return before != nullptr ? before : image->symbol(name);
+      });
+  program.images.push_back(image.release());
+}
+
+int run(int argc, char** argv) {
+  int next = 1;
+  for (; next + 1 < argc && std::string_view(argv[next]) == "-l"; next += 2) load(argv[next + 1]);
+  if (next >= argc) {
+    std::fputs("usage: loader [-l LIBRARY]... PROGRAM [ARGUMENT...]\n", stderr);
+    return 2;
+  }
+  program.argc = argc - next;
+  program.argv = argv + next;
+  load(argv[next]);
+  for (const Image* image : program.images) image->runInitFunctions(program.argc, program.argv);
+  using Main = int (*)(int, char**, char**);
+  return reinterpret_cast<Main>(program.images.back()->entry())(program.argc, program.argv, environ);
+}
+
+}  // namespace
+
+}  // namespace loader
+
+int main(int argc, char** argv) {
+  try {
+    return loader::run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "loader: %s\n", error.what());
+    return 127;
+  }
+}
