@@ -28,6 +28,8 @@ static_assert(is_same_v<decltype(clock_get_time), kern_return_t(clock_serv_t, ma
 
 static_assert(is_same_v<decltype(_NSGetEnviron), char***()>);
 static_assert(is_same_v<decltype(_NSGetExecutablePath), int(char*, std::uint32_t*)>);
+static_assert(is_same_v<decltype(_dyld_register_func_for_remove_image),
+                        void(void (*)(const mach_header*, std::intptr_t))>);
 
 static_assert(is_same_v<decltype(strerror_r), int(int, char*, std::size_t)>);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdlib.h>
+
 #include <functional>
 
 #include "support/DriverProcess.h"
@@ -8,9 +10,11 @@
 
 namespace kes::test {
 
-/// Starts kestrace with these arguments. The driver it finds is the one that KES_IOREGISTRY names.
+/// Starts kestrace with these arguments, or what KES_TEST_KESTRACE names in its place. The driver it finds
+/// is the one that KES_IOREGISTRY names.
 inline std::vector<std::string> kestrace(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), KESTRACE);
+  const char* const other = ::getenv("KES_TEST_KESTRACE");
+  arguments.insert(arguments.begin(), other != nullptr ? other : KESTRACE);
   return arguments;
 }
 

@@ -6,7 +6,9 @@
 
 int pthread_threadid_np(std::nullptr_t, std::uint64_t* id) {
   if (id == nullptr) return EINVAL;
-  *id = static_cast<std::uint64_t>(::gettid());
+  const pid_t number = ::gettid();
+  if (number < 0) return errno;
+  *id = static_cast<std::uint64_t>(number);
   return 0;
 }
 
