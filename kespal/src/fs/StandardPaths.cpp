@@ -21,7 +21,7 @@ bool usable(const Path& path) {
 Path StandardPaths::tempDir() {
   std::string value;
   if (proc::Env::get("TMPDIR", value)) {
-    Path path(value.c_str());
+    Path path(value);
     if (usable(path)) return path;
   }
   return "/tmp";

@@ -160,6 +160,26 @@ TEST_F(OpsTreeTest, AnEntryThatBecameADirectoryIsRemovedAsOne) {
   EXPECT_FALSE(isThere("tree"));
 }
 
+TEST_F(OpsTreeTest, ADirectoryThatBecameAFileIsRemovedAsOne) {
+  directory("tree/entry");
+  const Failing failing("opendir", ENOTDIR, /*skip=*/1, /*times=*/1);
+  const auto becomeFile = [](const std::string& path) {
+    stdfs::remove(path);
+    test::writeFile(path, "");
+  };
+  const test::Before before("stat", becomeFile, at("tree/entry"));
+  EXPECT_EQ(removing("tree"), Raised{});
+  EXPECT_FALSE(isThere("tree"));
+}
+
+TEST_F(OpsTreeTest, ADirectoryThatVanishedIsANoSuchFileErrorOfTheLook) {
+  directory("tree/entry");
+  const Failing failing("opendir", ENOENT, /*skip=*/1, /*times=*/1);
+  const test::Before before(
+      "stat", [](const std::string& path) { stdfs::remove(path); }, at("tree/entry"));
+  EXPECT_EQ(removing("tree"), (Raised{"kes::NoSuchFileError", ENOENT, at("tree/entry"), infoSite, "get"}));
+}
+
 TEST_F(OpsTreeTest, AnEntryThatVanishedIsANoSuchFileErrorOfTheLook) {
   directory("tree");
   file("tree/file");
@@ -205,6 +225,16 @@ TEST_F(OpsTreeTest, NobodyIsRefusedWithTheErrorsOfAWalkByPaths) {
   });
   EXPECT_EQ(unwritable.out,
             "kes::FileAccessError 13 \"" + at("tree/closed/file") + "\" at " + opsSite + " (removeFile)");
+}
+
+TEST_F(OpsTreeTest, ADirectoryBelowAnUnsearchableOneIsTheLooksErrorToo) {
+  directory("tree/below");
+  ASSERT_EQ(::chmod(at("tree").c_str(), 0744), 0);
+  const auto child = asNobody([&] {
+    std::cout << removing("tree");
+    return 0;
+  });
+  EXPECT_EQ(child.out, "kes::FsError 13 \"" + at("tree/below") + "\" at " + infoSite + " (get)");
 }
 
 TEST_F(OpsTreeTest, ADeepTreeNeedsNoMoreDescriptorsThanThereAre) {

@@ -77,21 +77,19 @@ bool isOurDirectory(const std::string& path) {
 
 }  // namespace
 
-Path StandardPaths::userDataDir() { return variableOrInHome("XDG_DATA_HOME", "/.local/share").c_str(); }
+Path StandardPaths::userDataDir() { return variableOrInHome("XDG_DATA_HOME", "/.local/share"); }
 
 Path StandardPaths::documentsDir() {
   const std::string configured = userDir("XDG_DOCUMENTS_DIR");
-  return (!configured.empty() ? configured : os::homeDir() + "/Documents").c_str();
+  return !configured.empty() ? configured : os::homeDir() + "/Documents";
 }
 
 Path StandardPaths::userTempDir() {
   const std::string own = absoluteVariable("XDG_RUNTIME_DIR");
-  return !own.empty() && isOurDirectory(own) ? Path(own.c_str()) : tempDir();
+  return !own.empty() && isOurDirectory(own) ? Path(own) : tempDir();
 }
 
-Path StandardPaths::userLogDir() {
-  return (variableOrInHome("XDG_STATE_HOME", "/.local/state") + "/Logs").c_str();
-}
+Path StandardPaths::userLogDir() { return variableOrInHome("XDG_STATE_HOME", "/.local/state") + "/Logs"; }
 
 Path StandardPaths::logDir() { return "/var/log"; }
 

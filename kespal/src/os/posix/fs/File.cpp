@@ -84,7 +84,7 @@ File::~File() {
 
 void File::open(const char* path, const Mode& mode, const unsigned& flags, const Access* access) {
   close();
-  fd_ = openPath(path, systemFlags(mode, flags), access != nullptr ? access->mode() : ownerOnly);
+  fd_ = openPath(path, systemFlags(mode, flags), access != nullptr ? mode_t{access->mode()} : ownerOnly);
   if (fd_ == -1) raiseOpen(KES_HERE, path, errno, (flags & NO_FOLLOW) != 0);
 }
 

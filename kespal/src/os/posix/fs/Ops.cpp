@@ -131,7 +131,7 @@ bool Ops::tryRemove(const std::string& path) {
 }
 
 void Ops::mkdir(const char* path, const Access* access) {
-  const mode_t mode = access != nullptr ? access->mode() : S_IRWXU;
+  const mode_t mode = access != nullptr ? mode_t{access->mode()} : mode_t{S_IRWXU};
   const int result = path != nullptr ? ::mkdir(path, mode) : refuseNull();
   if (result != 0) raiseMkdir(KES_HERE, path, errno);
   if (access != nullptr && changesOwner(*access)) setOwnership(path, -1, *access);

@@ -20,7 +20,7 @@ namespace {
 
 std::string foundAt(const std::string& program, bool dirOnly) {
   if (!isExecutable(program.c_str())) return {};
-  return dirOnly ? Path(program.c_str()).assignDirname() : program;
+  return dirOnly ? Path(program).assignDirname() : program;
 }
 
 /// The matches of a pattern, as the system allocates them.

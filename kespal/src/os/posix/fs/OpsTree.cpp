@@ -27,28 +27,26 @@ std::string entriesOf(Dir& dir) {
 }
 
 /// One walk through a tree. The type that comes with a name saves the look at the entry. Where it does not
-/// say enough, as for links, or where a removal fails, the entry is looked at by its path, so that errors
-/// are those of a plain walk by paths.
+/// say enough, as for links, or where an entry does not go that way, the entry is looked at by its path, so
+/// that errors are those of a plain walk by paths.
 class TreeRemoval {
  public:
   explicit TreeRemoval(const char* path) : path_(path) {}
 
   void run() {
-    {
-      Dir dir(path_.c_str());
-      removeEntries(dir);
-    }
-    Ops::removeDir(path_.c_str());
+    Dir dir(path_.c_str());
+    removeAll(dir);
   }
 
  private:
-  void removeEntries(Dir& dir) {
+  void removeAll(Dir& dir) {
     const std::string entries = entriesOf(dir);
     const char* const end = entries.data() + entries.size();
     for (const char* entry = entries.data(); entry != end; entry += std::strlen(entry + 1) + 2) {
       const auto type = static_cast<Dir::EntryType>(*entry);
       if (!removedByType(dir, type, entry + 1)) removeByPath(dir, type, entry + 1);
     }
+    Ops::removeDir(path_.c_str());
   }
 
   static bool removedByType(const Dir& dir, Dir::EntryType type, const char* name) {
@@ -56,27 +54,37 @@ class TreeRemoval {
     return isPlain && dir.isOpen() && ::unlinkat(dir.fd(), name, 0) == 0;
   }
 
-  void removeByPath(Dir& dir, Dir::EntryType type, const char* name) {
+  void removeByPath(Dir& above, Dir::EntryType type, const char* name) {
     const std::size_t length = path_.size();
     path_.append(1, '/').append(name);
-    if (type == Dir::EntryType::Directory || Info::get(path_.c_str(), /*follow=*/true).isDir()) {
-      descend(dir);
+    Dir dir;
+    const bool opened = type == Dir::EntryType::Directory && opens(dir, above);
+    if (opened || Info::get(path_.c_str(), /*follow=*/true).isDir()) {
+      if (!opened) open(dir, above);
+      removeAll(dir);
     } else {
       Ops::removeFile(path_.c_str());
     }
     path_.resize(length);
   }
 
-  /// Every level of a deep tree holds a descriptor; when there are no more, this one gives its own up.
-  void descend(Dir& dir) {
-    const std::size_t length = path_.size();
+  bool opens(Dir& dir, Dir& above) const {
     try {
-      run();
+      open(dir, above);
+      return true;
+    } catch (const FsError&) {
+      return false;
+    }
+  }
+
+  /// Every level of a deep tree holds a descriptor; when there are no more, the one above gives its own up.
+  void open(Dir& dir, Dir& above) const {
+    try {
+      dir.open(path_.c_str());
     } catch (const FsError& error) {
-      if (error.osError().errnum() != EMFILE || !dir.isOpen()) throw;
-      dir.close();
-      path_.resize(length);
-      run();
+      if (error.osError().errnum() != EMFILE || !above.isOpen()) throw;
+      above.close();
+      dir.open(path_.c_str());
     }
   }
 
