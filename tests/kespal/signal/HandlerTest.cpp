@@ -24,6 +24,7 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::signal {
@@ -237,6 +238,7 @@ TEST_F(HandlerTest, ADispositionThatCannotBeSetRegistersNothingAndLeavesTheHandl
 }
 
 TEST_F(HandlerTest, AnIgnoredSignalIsIgnoredNoLongerOnceItIsAdded) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
   ::signal(SIGHUP, SIG_IGN);
   EXPECT_TRUE(holds(procMask("/proc/self/status", "SigIgn"), SIGHUP));
   Handler handler;
@@ -254,6 +256,7 @@ TEST_F(HandlerTest, AnIgnoredSignalIsIgnoredNoLongerOnceItIsAdded) {
 }
 
 TEST_F(HandlerTest, TheThreadHasTheHandledSignalsBlocked) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
   Handler handler;
   pid_t number = 0;
   Notifier notifier([&](int) { number = ::gettid(); });

@@ -59,7 +59,7 @@ class TestCoop : public CoopThread, public CoopThread::ICoopThread {
 class CancelTest : public testing::Test {
  protected:
   void SetUp() override {
-    KES_SKIP_UNDER_THREAD_SANITIZER();
+    KES_SKIP_UNDER_THREAD_SANITIZER("does not follow cancelled threads");
     time::ClockBase::init();
   }
 

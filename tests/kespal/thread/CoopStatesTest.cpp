@@ -10,6 +10,7 @@
 #include "kespal/thread/CoopThread.h"
 #include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Faults.h"
+#include "kespal/thread/NativeThreads.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
 
@@ -294,6 +295,7 @@ struct Body : CoopThread::ICoopThread {
 };
 
 TEST_P(CoopDestructionTest, ACooperativeThreadCanBeDestroyedWhileItsBodyIsBusyElsewhere) {
+  const std::size_t before = nativeThreads();
   Body body;
   Gate start;
   std::optional<Interlude> hold;
@@ -312,7 +314,7 @@ TEST_P(CoopDestructionTest, ACooperativeThreadCanBeDestroyedWhileItsBodyIsBusyEl
   EXPECT_EQ(body.ran, GetParam() == Doing::Running || GetParam() == Doing::Returned);
   start.open();
   body.gate.open();
-  EXPECT_TRUE(eventually([&] { return made(Call::ThreadCreate) == 0 || BasicThread::activeThreads() == 0; }));
+  EXPECT_TRUE(eventually([&] { return nativeThreads() == before; }));
   EXPECT_EQ(body.ended, body.ran.load());
 }
 

@@ -6,6 +6,7 @@
 #include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Faults.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 
 namespace kes::thread {
 
@@ -28,6 +29,7 @@ TEST(LockTest, ANormalLockIsMadeWithoutAnAttributeObject) {
 }
 
 TEST(LockTest, ARecursiveLockCanBeTakenAgainByItsOwner) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   const Lock lock(Recursive);
   lock.lock();
   EXPECT_NO_THROW(lock.lock());
@@ -53,6 +55,7 @@ TEST_P(ErrorCheckTest, LockingAgainByTheOwnerFails) {
 }
 
 TEST_P(ErrorCheckTest, UnlockingByAnotherThreadOrWithoutLockingFails) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   const Lock lock(static_cast<LockKind>(GetParam()));
   EXPECT_EQ(raisedBy([&] { lock.unlock(); }), osError(EPERM, header, 49, "unlock"));
   lock.lock();
@@ -122,6 +125,7 @@ TEST(LockTest, FailingLockAndUnlockReportTheCodeThatWasReturnedNotErrno) {
 class LockWarningTest : public testing::TestWithParam<LockKind> {};
 
 TEST_P(LockWarningTest, DestroyingALockedMutexPrintsTheWarningAndContinues) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   testing::internal::CaptureStderr();
   {
     const Lock lock(GetParam());
@@ -136,6 +140,7 @@ TEST_P(LockWarningTest, DestroyingALockedMutexPrintsTheWarningAndContinues) {
 INSTANTIATE_TEST_SUITE_P(EveryKind, LockWarningTest, testing::Values(Recursive, Normal, ErrorCheck));
 
 TEST(LockTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   Exception::m_gen_backtraces = true;
   testing::internal::CaptureStderr();
   {
@@ -177,6 +182,7 @@ TEST(LockTest, ALockKeepsThreadsOutOfEachOthersWay) {
 }
 
 TEST(LockTest, TheRaisedErrorKnowsTheStackOfTheCaller) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   Exception::m_gen_backtraces = true;
   const Lock lock(ErrorCheck);
   try {

@@ -18,6 +18,7 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::thread {
@@ -307,6 +308,7 @@ std::size_t stackSize() {
 }
 
 TEST(ThreadTest, TheDefaultStackIs512KiB) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("gives threads stacks of its own size");
   std::size_t size = 0;
   runAndJoin([&] { size = stackSize(); });
   EXPECT_EQ(size, 524288u);
@@ -315,6 +317,7 @@ TEST(ThreadTest, TheDefaultStackIs512KiB) {
 class StackSizeTest : public testing::TestWithParam<unsigned long> {};
 
 TEST_P(StackSizeTest, AnySizeIsBroughtToWholePagesAndTheSystemsMinimum) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("gives threads stacks of its own size");
   std::size_t size = 0;
   runAndJoin([&] { size = stackSize(); }, "stack", GetParam());
   EXPECT_GE(size, GetParam());
