@@ -3,7 +3,7 @@
 #include <iostream>
 
 #include "kespal/error/StaticError.h"
-#include "os/posix/thread/NoCancel.h"
+#include "os/NoCancel.h"
 
 namespace kes::thread {
 

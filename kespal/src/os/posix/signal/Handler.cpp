@@ -9,7 +9,7 @@
 #include "kespal/os/thread/Native.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/LockGuard.h"
-#include "os/posix/thread/NoCancel.h"
+#include "os/NoCancel.h"
 
 namespace kes::signal {
 

@@ -13,7 +13,7 @@
 
 #include "kespal/State.h"
 #include "kespal/error/StaticError.h"
-#include "os/posix/thread/NoCancel.h"
+#include "os/NoCancel.h"
 #include "thread/Control.h"
 
 namespace kes::thread {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "kespal/error/Exception.h"
-#include "os/posix/thread/NoCancel.h"
+#include "os/NoCancel.h"
 
 namespace kes::os {
 
