@@ -71,12 +71,13 @@ void Server::handle(Client& client, iokit::Bytes datagram) {
   play(client.session.number, *scripted, scripted->datagram(request->header, answer));
 }
 
-// A sequence that jumps tells of two programs on one connection, or of a lost place in the conversation.
+// Numbers only go up (a cancelled call may skip some): one that does not tells of two programs that share a
+// connection and do not know it.
 bool Server::followsOn(Client& client, const iokit::Request& request) {
-  const std::uint32_t sequence = request.header.sequence;
-  if (client.hasSpoken && sequence != client.nextSequence) return false;
+  const auto step = static_cast<std::int32_t>(request.header.sequence - client.lastSequence);
+  if (client.hasSpoken && step <= 0) return false;
   client.hasSpoken = true;
-  client.nextSequence = sequence + 1;
+  client.lastSequence = request.header.sequence;
   return true;
 }
 

@@ -32,7 +32,7 @@ class Server {
   struct Client {
     iokit::Descriptor socket;
     Session session{};
-    std::uint32_t nextSequence = 0;
+    std::uint32_t lastSequence = 0;
     bool hasSpoken = false;
   };
 

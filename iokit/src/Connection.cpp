@@ -13,27 +13,31 @@ bool isGone(int error) {
 
 IOReturn resultOf(int error) { return isGone(error) ? MACH_SEND_INVALID_DEST : kIOReturnIPCError; }
 
-void deliver(const Reply& reply, Output& output) {
+IOReturn deliver(const Reply& reply, Output& output) {
+  const auto result = static_cast<IOReturn>(reply.header.result);
+  if (result != kIOReturnSuccess) return result;
   for (std::size_t i = 0; i < reply.header.scalarCount; ++i) output.scalars[i] = reply.scalar(i);
   std::copy(reply.structure.begin(), reply.structure.end(), output.structure.begin());
   output.scalars = output.scalars.first(reply.header.scalarCount);
   output.structure = output.structure.first(reply.structure.size());
+  return kIOReturnSuccess;
 }
 
 }  // namespace
 
 IOReturn Connection::exchange(const Input& input, Output& output) {
   const std::lock_guard lock(mutex_);
-  if (outOfStep_) dropLateReplies();
-  outOfStep_ = true;  // and stays so when a cancelled thread leaves its reply behind
+  // Counted before the first point where the thread may be cancelled: the reply will come all the same.
+  const Expectation expected{input.kind, ++sequence_, unanswered_++, output.scalars.size(),
+                             output.structure.size()};
   const IOReturn sent = send(input, output);
-  return sent == kIOReturnSuccess ? receive(input, output) : sent;
+  return sent == kIOReturnSuccess ? receive(expected, output) : sent;
 }
 
 IOReturn Connection::send(const Input& input, const Output& output) {
   RequestHeader header;
   header.kind = static_cast<std::uint16_t>(input.kind);
-  header.sequence = ++sequence_;
+  header.sequence = sequence_;
   header.selector = input.selector;
   header.scalarCount = static_cast<std::uint32_t>(input.scalars.size());
   header.structureSize = static_cast<std::uint32_t>(input.structure.size());
@@ -47,27 +51,27 @@ IOReturn Connection::send(const Input& input, const Output& output) {
   return sent == -1 ? resultOf(errno) : kIOReturnSuccess;
 }
 
-IOReturn Connection::receive(const Input& input, Output& output) {
-  // MSG_TRUNC: the datagram's own length comes back, also where it does not fit.
-  const ssize_t got = retry([&] { return ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_TRUNC); });
-  if (got == -1) return resultOf(errno);
-  if (got == 0) return MACH_SEND_INVALID_DEST;
-  const auto length = static_cast<std::size_t>(got);
-  const Expectation expected{input.kind, sequence_, output.scalars.size(), output.structure.size()};
-  Reply reply;
-  const Bytes received(buffer_.data(), std::min(length, buffer_.size()));
-  const Verdict verdict = judgeReply(received, length, expected, reply);
-  if (verdict == Verdict::Foreign) return kIOReturnIPCError;
-  outOfStep_ = false;
-  if (verdict == Verdict::TooLarge) return kIOReturnNoSpace;
-  const auto result = static_cast<IOReturn>(reply.header.result);
-  if (result == kIOReturnSuccess) deliver(reply, output);
-  return result;
-}
-
-// After a reply that was not ours, the one that is may still come; it must not answer the next request.
-void Connection::dropLateReplies() {
-  while (retry([&] { return ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT); }) > 0) {
+IOReturn Connection::receive(const Expectation& expected, Output& output) {
+  for (;;) {
+    // MSG_TRUNC: the datagram's own length comes back, also where it does not fit.
+    const ssize_t got =
+        retry([&] { return ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_TRUNC); });
+    if (got == -1) return resultOf(errno);
+    if (got == 0) return MACH_SEND_INVALID_DEST;
+    const auto length = static_cast<std::size_t>(got);
+    Reply reply;
+    switch (judgeReply({buffer_.data(), std::min(length, buffer_.size())}, length, expected, reply)) {
+      case Verdict::Late:
+        continue;
+      case Verdict::Foreign:
+        return kIOReturnIPCError;
+      case Verdict::TooLarge:
+        unanswered_ = 0;
+        return kIOReturnNoSpace;
+      case Verdict::Accepted:
+        unanswered_ = 0;
+        return deliver(reply, output);
+    }
   }
 }
 

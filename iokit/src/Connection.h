@@ -37,13 +37,12 @@ class Connection {
 
  private:
   IOReturn send(const Input& input, const Output& output);
-  IOReturn receive(const Input& input, Output& output);
-  void dropLateReplies();
+  IOReturn receive(const Expectation& expected, Output& output);
 
   std::mutex mutex_;
   Descriptor socket_;
   std::uint32_t sequence_ = 0;
-  bool outOfStep_ = false;
+  std::uint32_t unanswered_ = 0;  // the calls since the last one that got its reply
   std::array<std::uint8_t, kMaxRequest> buffer_{};
 };
 

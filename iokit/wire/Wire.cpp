@@ -90,7 +90,9 @@ Verdict judgeReply(Bytes received, std::size_t length, const Expectation& expect
   decode(header, received.data());
   const auto kind = static_cast<std::uint16_t>(static_cast<std::uint16_t>(expected.kind) | kReplyBit);
   if (!speaksOurVersion(header) || header.kind != kind) return Verdict::Foreign;
-  if (header.sequence != expected.sequence || length != lengthOf(header)) return Verdict::Foreign;
+  if (length != lengthOf(header)) return Verdict::Foreign;
+  const std::uint32_t age = expected.sequence - header.sequence;
+  if (age != 0) return age <= expected.abandoned ? Verdict::Late : Verdict::Foreign;
   if (header.scalarCount > expected.scalarCapacity || header.structureSize > expected.structureCapacity) {
     return Verdict::TooLarge;
   }

@@ -76,12 +76,14 @@ std::optional<Request> parseRequest(Bytes datagram);
 struct Expectation {
   Kind kind = Kind::Call;
   std::uint32_t sequence = 0;
+  std::uint32_t abandoned = 0;  ///< so many calls just before this one ended without their reply
   std::size_t scalarCapacity = 0;
   std::size_t structureCapacity = 0;
 };
 
 enum class Verdict {
   Accepted,
+  Late,      ///< the reply to an abandoned call: ours is still to come
   Foreign,   ///< not the reply to this request, or not as long as it says
   TooLarge,  ///< honest, but above a capacity
 };

@@ -1,0 +1,187 @@
+#include "wire/Wire.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace kes::iokit {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using ByteVector = std::vector<std::uint8_t>;
+
+// A call of selector 3 with the sequence 0x01020304, one scalar and three bytes.
+const ByteVector kRequest{
+    'K',  'E',  'S',  'U',                           // magic
+    0x01, 0x00,                                      // version
+    0x02, 0x00,                                      // kind: call
+    0x04, 0x03, 0x02, 0x01,                          // sequence
+    0x03, 0x00, 0x00, 0x00,                          // selector
+    0x01, 0x00, 0x00, 0x00,                          // scalars
+    0x03, 0x00, 0x00, 0x00,                          // structure bytes
+    0x10, 0x00, 0x00, 0x00,                          // room for scalars
+    0xff, 0x07, 0x00, 0x00,                          // room for structure bytes
+    0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // the scalar
+    0xaa, 0xbb, 0xcc,                                // the structure
+};
+
+const ByteVector kReply{
+    'K',  'E',  'S',  'U',                           // magic
+    0x01, 0x00,                                      // version
+    0x02, 0x80,                                      // kind: reply to a call
+    0x04, 0x03, 0x02, 0x01,                          // sequence
+    0xdb, 0x02, 0x00, 0xe0,                          // result
+    0x01, 0x00, 0x00, 0x00,                          // scalars
+    0x02, 0x00, 0x00, 0x00,                          // structure bytes
+    0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80,  // the scalar
+    0xde, 0xad,                                      // the structure
+};
+
+ByteVector with(ByteVector datagram, std::size_t offset, std::uint8_t value) {
+  datagram[offset] = value;
+  return datagram;
+}
+
+const Expectation kExpected{Kind::Call, 0x01020304, 0, 1, 2};
+
+Verdict judge(const ByteVector& datagram, const Expectation& expected = kExpected) {
+  Reply reply;
+  return judgeReply(datagram, datagram.size(), expected, reply);
+}
+
+TEST(WireTest, ARequestHasTheseBytes) {
+  RequestHeader header;
+  header.kind = static_cast<std::uint16_t>(Kind::Call);
+  header.sequence = 0x01020304;
+  header.selector = 3;
+  header.scalarCount = 1;
+  header.structureSize = 3;
+  header.scalarCapacity = 16;
+  header.structureCapacity = 2047;
+  ByteVector bytes(kRequestHeaderSize + 8);
+  std::uint8_t* end = encode64(0x1122334455667788, encode(header, bytes.data()));
+  EXPECT_EQ(end, bytes.data() + bytes.size());
+  bytes.insert(bytes.end(), {0xaa, 0xbb, 0xcc});
+  EXPECT_THAT(bytes, ElementsAreArray(kRequest));
+}
+
+TEST(WireTest, AReplyHasTheseBytes) {
+  RequestHeader request;
+  request.kind = static_cast<std::uint16_t>(Kind::Call);
+  request.sequence = 0x01020304;
+  ReplyHeader header = replyTo(request);
+  header.result = 0xe00002db;
+  const std::vector<std::uint64_t> scalars{0x8000000000000001};
+  EXPECT_THAT(makeReply(header, scalars, ByteVector{0xde, 0xad}), ElementsAreArray(kReply));
+}
+
+TEST(WireTest, AParsedRequestGivesBackWhatWasSent) {
+  const auto request = parseRequest(kRequest);
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->header.kind, 2);
+  EXPECT_EQ(request->header.sequence, 0x01020304u);
+  EXPECT_EQ(request->header.selector, 3u);
+  EXPECT_EQ(request->header.scalarCapacity, 16u);
+  EXPECT_EQ(request->header.structureCapacity, 2047u);
+  EXPECT_EQ(request->scalar(0), 0x1122334455667788u);
+  EXPECT_THAT(request->structure, ElementsAre(0xaa, 0xbb, 0xcc));
+}
+
+TEST(WireTest, ARequestOfAnotherMagicVersionOrKindIsNone) {
+  EXPECT_FALSE(parseRequest(with(kRequest, 0, 'k')));
+  EXPECT_FALSE(parseRequest(with(kRequest, 4, 2)));
+  EXPECT_FALSE(parseRequest(with(kRequest, 5, 1)));
+  EXPECT_FALSE(parseRequest(with(kRequest, 6, 0)));
+  EXPECT_FALSE(parseRequest(with(kRequest, 6, 3)));
+  EXPECT_FALSE(parseRequest(with(kRequest, 7, 0x80)));
+}
+
+TEST(WireTest, ARequestThatIsNotAsLongAsItSaysIsNone) {
+  for (std::size_t length = 0; length < kRequest.size(); ++length) {
+    EXPECT_FALSE(parseRequest(Bytes(kRequest).first(length))) << length;
+  }
+  ByteVector longer = kRequest;
+  longer.push_back(0);
+  EXPECT_FALSE(parseRequest(longer));
+}
+
+TEST(WireTest, CountsAboveTheLimitsAreRefusedWhateverTheLength) {
+  ByteVector many(kRequestHeaderSize + 8 * 17);
+  std::copy_n(kRequest.begin(), kRequestHeaderSize, many.begin());
+  many[16] = 17;
+  many[20] = 0;
+  EXPECT_FALSE(parseRequest(many));
+  many[16] = 16;
+  many.resize(kRequestHeaderSize + 8 * 16);
+  EXPECT_TRUE(parseRequest(many));
+
+  ByteVector large(kRequestHeaderSize + 4097);
+  std::copy_n(kRequest.begin(), kRequestHeaderSize, large.begin());
+  large[16] = 0;
+  large[20] = 0x01;
+  large[21] = 0x10;
+  EXPECT_FALSE(parseRequest(large));
+  large[20] = 0x00;
+  large.resize(kRequestHeaderSize + 4096);
+  EXPECT_TRUE(parseRequest(large));
+}
+
+TEST(WireTest, CountsThatOverflowALengthAreRefused) {
+  ByteVector huge = kRequest;
+  for (std::size_t i = 16; i < 24; ++i) huge[i] = 0xff;
+  EXPECT_FALSE(parseRequest(huge));
+  ByteVector reply = kReply;
+  for (std::size_t i = 16; i < 24; ++i) reply[i] = 0xff;
+  EXPECT_EQ(judge(reply), Verdict::Foreign);
+}
+
+TEST(WireTest, TheExpectedReplyIsAccepted) {
+  Reply reply;
+  ASSERT_EQ(judgeReply(kReply, kReply.size(), kExpected, reply), Verdict::Accepted);
+  EXPECT_EQ(reply.header.result, 0xe00002dbu);
+  EXPECT_EQ(reply.scalar(0), 0x8000000000000001u);
+  EXPECT_THAT(reply.structure, ElementsAre(0xde, 0xad));
+}
+
+TEST(WireTest, AReplyOfAnotherMagicVersionKindOrSequenceIsForeign) {
+  EXPECT_EQ(judge(with(kReply, 3, 'u')), Verdict::Foreign);
+  EXPECT_EQ(judge(with(kReply, 4, 0)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(kReply, 6, 1)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(kReply, 7, 0)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(kReply, 8, 3)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(kReply, 11, 0)), Verdict::Foreign);
+}
+
+TEST(WireTest, AReplyThatIsNotAsLongAsItSaysIsForeign) {
+  for (std::size_t length = 0; length < kReply.size(); ++length) {
+    EXPECT_EQ(judge({kReply.begin(), kReply.begin() + static_cast<std::ptrdiff_t>(length)}),
+              Verdict::Foreign);
+  }
+  ByteVector longer = kReply;
+  longer.push_back(0);
+  EXPECT_EQ(judge(longer), Verdict::Foreign);
+}
+
+TEST(WireTest, AReplyAboveACapacityIsTooLarge) {
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 1, 1}), Verdict::TooLarge);
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 0, 2}), Verdict::TooLarge);
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 16, 4096}), Verdict::Accepted);
+}
+
+TEST(WireTest, OnlyTheReplyToAnAbandonedCallIsLate) {
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020305, 1, 1, 2}), Verdict::Late);
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020307, 3, 0, 0}), Verdict::Late);
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020307, 2, 1, 2}), Verdict::Foreign);
+  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020303, 9, 1, 2}), Verdict::Foreign);
+}
+
+TEST(WireTest, AReplyThatArrivedCutIsNeverAccepted) {
+  Reply reply;
+  const Bytes cut = Bytes(kReply).first(kReply.size() - 1);
+  EXPECT_EQ(judgeReply(cut, kReply.size(), kExpected, reply), Verdict::TooLarge);
+}
+
+}  // namespace
+}  // namespace kes::iokit
