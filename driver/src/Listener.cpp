@@ -30,6 +30,12 @@ sockaddr_un mustFit(const std::string& path) {
   return *address;
 }
 
+std::string fittingPath(const std::string& directory, const std::string& serviceClass) {
+  std::string path = iokit::socketPath(directory, serviceClass);
+  mustFit(path);
+  return path;
+}
+
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
 bool isSocket(const std::string& path) {
@@ -62,8 +68,7 @@ class DirectoryLock {
 }  // namespace
 
 Listener::Listener(const std::string& directory, const std::string& serviceClass, mode_t mode)
-    : directory_(openDirectory(directory)), path_(iokit::socketPath(directory, serviceClass)) {
-  mustFit(path_);
+    : path_(fittingPath(directory, serviceClass)), directory_(openDirectory(directory)) {
   const std::string temporary = directory + "/." + std::to_string(::getpid()) + ".sock";
   const DirectoryLock lock(directory_);
   listenAt(temporary, mode);

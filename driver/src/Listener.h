@@ -27,9 +27,9 @@ class Listener {
   void listenAt(const std::string& path, mode_t mode);
   void publish(const std::string& temporary);
 
+  std::string path_;
   iokit::Descriptor directory_;
   iokit::Descriptor socket_;
-  std::string path_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };

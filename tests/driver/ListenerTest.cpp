@@ -108,6 +108,7 @@ TEST(ListenerTest, ANameThatSomebodyElseTookMeanwhileIsNotRemoved) {
 TEST(ListenerTest, APathTooLongForASocketIsSaid) {
   const TempDir directory;
   EXPECT_THAT(errorOf(directory / std::string(110, 'd')), HasSubstr("may not be that long"));
+  EXPECT_EQ(entriesIn(directory.path()), 0u);
 }
 
 TEST(ListenerTest, ADirectoryThatCannotBeMadeIsSaid) {

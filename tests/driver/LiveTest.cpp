@@ -1,0 +1,149 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "iokit/UserClient.h"
+#include "support/DriverProcess.h"
+#include "wire/Unix.h"
+
+namespace kes::test {
+namespace {
+
+using Packet = std::vector<std::uint8_t>;
+using namespace std::chrono_literals;
+
+constexpr int kPackets = 200;
+const std::string kMark = "kesdriver live test ";
+
+bool mayCapture() {
+  return runDriver({"--live", "lo", "--dir", "/proc"}).output.find("cannot capture") == std::string::npos;
+}
+
+/// tcpdump on the loopback interface, writing a capture of UDP to one port.
+class Tcpdump {
+ public:
+  Tcpdump(const std::string& file, const std::string& log, int port) {
+    writeFile(log, "");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      if (::freopen(log.c_str(), "a", stderr) == nullptr) ::_exit(126);
+      const std::string filter = "udp dst port " + std::to_string(port);
+      ::execlp("tcpdump", "tcpdump", "-i", "lo", "-U", "-Z", "root", "--immediate-mode", "-w", file.c_str(),
+               filter.c_str(), nullptr);
+      ::_exit(127);
+    }
+  }
+  ~Tcpdump() { end(); }
+
+  void end() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+/// Sends datagrams to itself over the loopback interface.
+class Talker {
+ public:
+  Talker() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::bind(socket_.get(), generic(), sizeof address_), 0);
+    socklen_t size = sizeof address_;
+    EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address_), &size), 0);
+  }
+  int port() const { return ntohs(address_.sin_port); }
+  void say(const std::string& text) {
+    EXPECT_EQ(::sendto(socket_.get(), text.data(), text.size(), 0, generic(), sizeof address_),
+              static_cast<ssize_t>(text.size()));
+  }
+
+ private:
+  const sockaddr* generic() const { return reinterpret_cast<const sockaddr*>(&address_); }
+
+  iokit::Descriptor socket_;
+  sockaddr_in address_{};
+};
+
+bool isOurs(const Packet& packet) {
+  const std::string text(packet.begin(), packet.end());
+  return text.find(kMark) != std::string::npos;
+}
+
+/// The packets of a classic capture in the machine's own byte order.
+std::vector<Packet> packetsIn(const std::string& file) {
+  std::vector<Packet> packets;
+  for (std::size_t at = 24; at + 16 <= file.size();) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, file.data() + at + 8, sizeof length);
+    if (at + 16 + length > file.size()) break;
+    packets.emplace_back(file.begin() + static_cast<std::ptrdiff_t>(at + 16),
+                         file.begin() + static_cast<std::ptrdiff_t>(at + 16 + length));
+    at += 16 + length;
+  }
+  return packets;
+}
+
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto limit = std::chrono::steady_clock::now() + 60s;
+  while (!condition() && std::chrono::steady_clock::now() < limit) std::this_thread::sleep_for(2ms);
+  return condition();
+}
+
+std::vector<Packet> ours(const std::vector<Packet>& packets) {
+  std::vector<Packet> kept;
+  std::copy_if(packets.begin(), packets.end(), std::back_inserter(kept), isOurs);
+  return kept;
+}
+
+TEST(LiveTest, TheDriverAndTcpdumpSeeTheSameTraffic) {
+  if (!mayCapture()) GTEST_SKIP() << "capturing on the loopback interface is not permitted here";
+  if (std::system("command -v tcpdump >/dev/null") != 0) GTEST_SKIP() << "tcpdump is not installed";
+  const TempDir directory;
+  Talker talker;
+  Tcpdump tcpdump(directory / "tcpdump.pcap", directory / "tcpdump.log", talker.port());
+  ASSERT_TRUE(eventually([&] {
+    return readFile(directory / "tcpdump.log").find("listening on") != std::string::npos;
+  })) << readFile(directory / "tcpdump.log");
+  DriverProcess driver({"--live", "lo"});
+  const io_connect_t connect = openClient(2);
+  std::vector<Packet> seen;
+  for (int i = 0; i < kPackets; ++i) {
+    talker.say(kMark + std::to_string(i) + std::string(static_cast<std::size_t>(i) * 7, 'x'));
+    ASSERT_TRUE(eventually([&] {  // one after the other: other traffic of this machine may fill the queue
+      const CallResult reply = getPacket(connect);
+      if (isOurs(reply.bytes)) seen.push_back(reply.bytes);
+      return seen.size() == static_cast<std::size_t>(i) + 1;
+    }));
+  }
+  ASSERT_TRUE(
+      eventually([&] { return ours(packetsIn(readFile(directory / "tcpdump.pcap"))).size() >= kPackets; }));
+  tcpdump.end();
+  EXPECT_EQ(seen, ours(packetsIn(readFile(directory / "tcpdump.pcap"))));
+  EXPECT_EQ(driver.stop(), 0);
+  EXPECT_THAT(driver.output(), testing::ContainsRegex("lo: [0-9]+ received, [0-9]+ lost in the kernel"));
+}
+
+TEST(LiveTest, ALiveDriversSocketIsItsUsersOwn) {
+  if (!mayCapture()) GTEST_SKIP() << "capturing on the loopback interface is not permitted here";
+  const DriverProcess driver({"--live", "lo"});
+  struct stat info {};
+  ASSERT_EQ(::stat(driver.socket().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777u, 0600u);
+}
+
+}  // namespace
+}  // namespace kes::test
