@@ -1,5 +1,7 @@
 #include "Journal.h"
 
+#include <sstream>
+
 #include "Records.h"
 
 namespace kes::driver {
@@ -21,16 +23,14 @@ void Journal::connected(const Session& session) {
 
 void Journal::received(const Session& session, const iokit::Request& request) {
   if (!verbose_) return;
-  std::string scalars;
-  for (std::size_t i = 0; i < request.header.scalarCount; ++i) {
-    scalars += (i == 0 ? "" : ",") + std::to_string(request.scalar(i));
-  }
-  line(session, std::string("request ") + nameOf(callOf(request)) +
-                    " sequence=" + std::to_string(request.header.sequence) +
-                    " selector=" + std::to_string(request.header.selector) + " scalars=" + scalars +
-                    " structure=" + hexOf(request.structure) +
-                    " scalar-capacity=" + std::to_string(request.header.scalarCapacity) +
-                    " structure-capacity=" + std::to_string(request.header.structureCapacity));
+  std::ostringstream text;
+  text << "request " << nameOf(callOf(request)) << " sequence=" << request.header.sequence
+       << " selector=" << request.header.selector << " scalars=";
+  for (std::size_t i = 0; i < request.header.scalarCount; ++i)
+    text << (i == 0 ? "" : ",") << request.scalar(i);
+  text << " structure=" << hexOf(request.structure) << " scalar-capacity=" << request.header.scalarCapacity
+       << " structure-capacity=" << request.header.structureCapacity;
+  line(session, text.str());
 }
 
 void Journal::malformed(const Session& session, iokit::Bytes datagram) {
