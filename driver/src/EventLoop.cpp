@@ -24,11 +24,16 @@ void EventLoop::watch(int fd, Handler readable) {
   event.events = EPOLLIN;
   event.data.fd = fd;
   if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) fail("epoll_ctl");
-  handlers_[fd] = std::make_shared<Handler>(std::move(readable));
+  const auto index = static_cast<std::size_t>(fd);
+  if (index >= handlers_.size()) handlers_.resize(index + 1);
+  handlers_[index] = std::make_shared<Handler>(std::move(readable));
 }
 
 void EventLoop::forget(int fd) {
-  if (handlers_.erase(fd) != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  const auto index = static_cast<std::size_t>(fd);
+  if (index >= handlers_.size() || !handlers_[index]) return;
+  handlers_[index].reset();
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void EventLoop::at(Clock::time_point when, Handler action) { actions_.emplace(when, std::move(action)); }
@@ -52,10 +57,8 @@ int EventLoop::timeout() const {
 }
 
 void EventLoop::dispatch(int fd) {
-  const auto found = handlers_.find(fd);
-  if (found == handlers_.end()) return;  // removed by a handler before it in this round
-  const std::shared_ptr<Handler> handler = found->second;
-  (*handler)();
+  const std::shared_ptr<Handler> handler = handlers_[static_cast<std::size_t>(fd)];
+  if (handler) (*handler)();  // unless a handler before it in this round removed it
 }
 
 void EventLoop::runDueActions() {

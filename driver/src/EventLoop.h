@@ -4,7 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <unordered_map>
+#include <vector>
 
 #include "wire/Unix.h"
 
@@ -36,8 +36,8 @@ class EventLoop {
   void runDueActions();
 
   iokit::Descriptor epoll_;
-  // Shared, so that a handler which removes itself lives until it returns.
-  std::unordered_map<int, std::shared_ptr<Handler>> handlers_;
+  // By descriptor. Shared, so that a handler which removes itself lives until it returns.
+  std::vector<std::shared_ptr<Handler>> handlers_;
   std::multimap<Clock::time_point, Handler> actions_;
   bool running_ = false;
 };

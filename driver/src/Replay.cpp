@@ -3,16 +3,31 @@
 #include <pcap/pcap.h>
 
 #include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 
 namespace kes::driver {
 namespace {
 
+constexpr std::size_t kReadAhead = 1 << 16;
+
+[[noreturn]] void fail(const std::string& file, const char* why) {
+  throw std::runtime_error("cannot replay " + file + ": " + why);
+}
+
 PcapHandle openCapture(const std::string& file) {
+  std::FILE* stream = std::fopen(file.c_str(), "rbe");
+  if (stream == nullptr) fail(file, std::strerror(errno));
+  std::setvbuf(stream, nullptr, _IOFBF, kReadAhead);
   std::array<char, PCAP_ERRBUF_SIZE> error{};
-  PcapHandle capture(::pcap_open_offline(file.c_str(), error.data()));
-  if (!capture) throw std::runtime_error("cannot replay " + file + ": " + error.data());
+  PcapHandle capture(::pcap_fopen_offline(stream, error.data()));
+  if (!capture) {
+    std::fclose(stream);
+    fail(file, error.data());
+  }
   mustBeEthernet(capture, file);
   return capture;
 }

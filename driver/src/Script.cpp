@@ -15,8 +15,9 @@ std::vector<std::uint8_t> Play::datagram(const iokit::RequestHeader& request, co
   header.kind = kind.value_or(header.kind);
   header.sequence = static_cast<std::uint32_t>(header.sequence + sequence);
   header.result = result.value_or(static_cast<std::uint32_t>(usual.result));
-  auto bytes =
-      iokit::makeReply(header, std::vector<std::uint64_t>(scalars), structure ? *structure : usual.structure);
+  std::vector<std::uint8_t> bytes;
+  iokit::makeReply(bytes, header, std::vector<std::uint64_t>(scalars),
+                   structure ? *structure : usual.structure);
   const auto whole = static_cast<std::int64_t>(bytes.size());
   bytes.resize(static_cast<std::size_t>(std::max<std::int64_t>(whole + length, 0)));
   return bytes;

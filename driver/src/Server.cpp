@@ -85,7 +85,8 @@ void Server::perform(Client& client, const iokit::Request& request) {
   const Answer answer = answerTo(client, request);
   iokit::ReplyHeader header = iokit::replyTo(request.header);
   header.result = static_cast<std::uint32_t>(answer.result);
-  send(client.session.number, iokit::makeReply(header, {}, answer.structure));
+  iokit::makeReply(reply_, header, {}, answer.structure);
+  send(client, reply_);
 }
 
 Answer Server::answerTo(Client& client, const iokit::Request& request) {
@@ -106,10 +107,13 @@ void Server::play(unsigned number, const Play& play, std::vector<std::uint8_t> d
 }
 
 void Server::end(unsigned number, Fate fate, iokit::Bytes datagram) {
-  if (repliesFirst(fate)) send(number, datagram);
+  const auto found = clients_.find(number);
+  if (found == clients_.end()) return;  // it left while its reply was delayed
+  const bool delivered = !repliesFirst(fate) || send(found->second, datagram);
   switch (fate) {
     case Fate::Twice:
-      return send(number, datagram);
+      if (delivered) send(found->second, datagram);
+      return;
     case Fate::HangUp:
     case Fate::ReplyThenHangUp:
       return hangUp(number, "as the script says");
@@ -123,14 +127,13 @@ void Server::end(unsigned number, Fate fate, iokit::Bytes datagram) {
 }
 
 // A client waits for its reply and so has room for it; one that has not is not what it says.
-void Server::send(unsigned number, iokit::Bytes datagram) {
-  const auto client = clients_.find(number);
-  if (client == clients_.end()) return;  // it left while its reply was delayed
-  parts_.journal.sent(client->second.session, datagram);
-  const int fd = client->second.socket.get();
+bool Server::send(const Client& client, iokit::Bytes datagram) {
+  parts_.journal.sent(client.session, datagram);
+  const int fd = client.socket.get();
   const ssize_t sent =
       iokit::retry([&] { return ::send(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT); });
-  if (sent == -1) hangUp(number, std::system_category().message(errno).c_str());
+  if (sent == -1) hangUp(client.session.number, std::system_category().message(errno).c_str());
+  return sent != -1;
 }
 
 void Server::breakOff(const Client& client, iokit::Bytes datagram) {

@@ -46,7 +46,7 @@ class Server {
   Answer answerTo(Client& client, const iokit::Request& request);
   void play(unsigned number, const Play& play, std::vector<std::uint8_t> datagram);
   void end(unsigned number, Play::Fate fate, iokit::Bytes datagram);
-  void send(unsigned number, iokit::Bytes datagram);
+  bool send(const Client& client, iokit::Bytes datagram);
   void breakOff(const Client& client, iokit::Bytes datagram);
   void hangUp(unsigned number, const char* why);
   [[noreturn]] static void die();
@@ -59,6 +59,7 @@ class Server {
   std::uint64_t brokenProtocols_ = 0;
   // One byte more than any request: a longer datagram shows by its length.
   std::array<std::uint8_t, iokit::kMaxRequest + 1> buffer_{};
+  std::vector<std::uint8_t> reply_;
 };
 
 }  // namespace kes::driver

@@ -1,23 +1,33 @@
 #include "wire/Wire.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 
 namespace kes::iokit {
 namespace {
 
 template <typename Number>
+using BytesOf = std::array<std::uint8_t, sizeof(Number)>;
+
+template <typename Number>
+BytesOf<Number> inWireOrder(BytesOf<Number> bytes) {
+  if constexpr (std::endian::native == std::endian::big) std::reverse(bytes.begin(), bytes.end());
+  return bytes;
+}
+
+template <typename Number>
 std::uint8_t* store(Number value, std::uint8_t* out) {
-  for (std::size_t i = 0; i < sizeof value; ++i) *out++ = static_cast<std::uint8_t>(value >> (8 * i));
-  return out;
+  const auto bytes = inWireOrder<Number>(std::bit_cast<BytesOf<Number>>(value));
+  return std::copy(bytes.begin(), bytes.end(), out);
 }
 
 template <typename Number>
 const std::uint8_t* load(Number& value, const std::uint8_t* in) {
-  value = 0;
-  for (std::size_t i = 0; i < sizeof value; ++i) {
-    value = static_cast<Number>(value | static_cast<Number>(Number{*in++} << (8 * i)));
-  }
-  return in;
+  BytesOf<Number> bytes;
+  std::copy_n(in, bytes.size(), bytes.begin());
+  value = std::bit_cast<Number>(inWireOrder<Number>(bytes));
+  return in + bytes.size();
 }
 
 const std::uint8_t* decode(RequestHeader& header, const std::uint8_t* in) {
@@ -132,15 +142,14 @@ ReplyHeader replyTo(const RequestHeader& request) {
   return reply;
 }
 
-std::vector<std::uint8_t> makeReply(ReplyHeader header, std::span<const std::uint64_t> scalars,
-                                    Bytes structure) {
+void makeReply(std::vector<std::uint8_t>& datagram, ReplyHeader header,
+               std::span<const std::uint64_t> scalars, Bytes structure) {
   header.scalarCount = static_cast<std::uint32_t>(scalars.size());
   header.structureSize = static_cast<std::uint32_t>(structure.size());
-  std::vector<std::uint8_t> datagram(kReplyHeaderSize + 8 * scalars.size() + structure.size());
+  datagram.resize(kReplyHeaderSize + 8 * scalars.size() + structure.size());
   std::uint8_t* end = encode(header, datagram.data());
   for (const std::uint64_t scalar : scalars) end = encode64(scalar, end);
   std::copy(structure.begin(), structure.end(), end);
-  return datagram;
 }
 
 }  // namespace kes::iokit

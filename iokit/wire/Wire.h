@@ -100,8 +100,8 @@ std::uint8_t* encode64(std::uint64_t value, std::uint8_t* out);
 
 /// The header of the reply to a request: no results yet.
 ReplyHeader replyTo(const RequestHeader& request);
-/// A whole reply datagram; the header's counts are taken from what follows it.
-std::vector<std::uint8_t> makeReply(ReplyHeader header, std::span<const std::uint64_t> scalars,
-                                    Bytes structure);
+/// Makes `datagram` a whole reply; the header's counts are taken from what follows it.
+void makeReply(std::vector<std::uint8_t>& datagram, ReplyHeader header,
+               std::span<const std::uint64_t> scalars, Bytes structure);
 
 }  // namespace kes::iokit

@@ -74,7 +74,9 @@ TEST(WireTest, AReplyHasTheseBytes) {
   ReplyHeader header = replyTo(request);
   header.result = 0xe00002db;
   const std::vector<std::uint64_t> scalars{0x8000000000000001};
-  EXPECT_THAT(makeReply(header, scalars, ByteVector{0xde, 0xad}), ElementsAreArray(kReply));
+  ByteVector bytes(1000, 0xee);
+  makeReply(bytes, header, scalars, ByteVector{0xde, 0xad});
+  EXPECT_THAT(bytes, ElementsAreArray(kReply));
 }
 
 TEST(WireTest, AParsedRequestGivesBackWhatWasSent) {
