@@ -195,6 +195,16 @@ void parseWord(const std::string& word, Words& words, Play& play) {
   }
 }
 
+// There is no request yet that could be answered.
+void checkConnect(const Play& play) {
+  const bool isPossible =
+      play.fate == Play::Fate::Reply || play.fate == Play::Fate::HangUp || play.fate == Play::Fate::Die;
+  const bool hasMore = !play.leavesAnswer() || play.expected || play.delay.count() != 0 ||
+                       play.scalars != 0 || play.magic || play.version || play.kind || play.sequence != 0 ||
+                       play.length != 0;
+  if (!isPossible || hasMore) throw BadLine("connect knows pass, hangup and die only");
+}
+
 void parseLine(std::string_view line, std::size_t number, std::map<CallName, std::vector<Play>>& plays) {
   Words words(line);
   const auto call = words.next();
@@ -203,6 +213,7 @@ void parseLine(std::string_view line, std::size_t number, std::map<CallName, std
   play.line = number;
   auto& playsOfCall = plays[parseCall(*call)];
   while (const auto word = words.next()) parseWord(*word, words, play);
+  if (*call == nameOf(CallName::Connect)) checkConnect(play);
   playsOfCall.push_back(std::move(play));
 }
 

@@ -70,7 +70,7 @@ TEST(ScriptTest, CommentsAndEmptyLinesAreNothing) {
 TEST(ScriptTest, EveryCallHasAName) {
   for (const CallName call : {CallName::Connect, CallName::Service, CallName::Open, CallName::Levels,
                               CallName::Trace, CallName::Packet, CallName::Other}) {
-    Script script = parseScript(std::string(nameOf(call)) + " delay 7");
+    Script script = parseScript(std::string(nameOf(call)) + " pass");
     ASSERT_NE(script.next(call), nullptr) << nameOf(call);
   }
 }
@@ -151,6 +151,15 @@ TEST(ScriptTest, AMistakeIsSaidWithItsLine) {
   EXPECT_EQ(errorOf("trace text \"\\q\""), "script line 1: unknown escape \\q");
   EXPECT_EQ(errorOf("packet return kIOReturnNothing"),
             "script line 1: not a usable number: kIOReturnNothing");
+}
+
+TEST(ScriptTest, AConnectionHasNoReplyToChange) {
+  for (const char* words : {"delay 5", "bytes 01", "return 1", "expect 00", "twice", "silent", "then-hangup",
+                            "version 2", "scalars 1", "length -1"}) {
+    EXPECT_EQ(errorOf(std::string("connect ") + words),
+              "script line 1: connect knows pass, hangup and die only");
+  }
+  EXPECT_EQ(errorOf("connect x3 hangup\nconnect die"), "");
 }
 
 TEST(ScriptTest, NumbersOutOfRangeAreRefused) {
