@@ -9,7 +9,10 @@
 namespace kes::driver {
 namespace {
 
-constexpr int kSnapLength = 262144;
+// One byte above what is served tells that a packet is longer; every byte more makes the kernel's buffer hold
+// fewer packets, for in immediate mode each takes a slot of this size.
+constexpr int kSnapLength = kMaxPacket + 1;
+constexpr int kKernelBuffer = 1 << 24;
 constexpr int kPacketsPerTurn = 64;
 
 [[noreturn]] void fail(const std::string& interface, const std::string& why) {
@@ -21,6 +24,7 @@ PcapHandle openInterface(const std::string& name) {
   PcapHandle capture(::pcap_create(name.c_str(), error.data()));
   if (!capture) fail(name, error.data());
   ::pcap_set_snaplen(capture.get(), kSnapLength);
+  ::pcap_set_buffer_size(capture.get(), kKernelBuffer);
   ::pcap_set_immediate_mode(capture.get(), 1);
   if (const int result = ::pcap_activate(capture.get()); result < 0) {
     const std::string detail = ::pcap_geterr(capture.get());

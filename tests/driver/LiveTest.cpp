@@ -36,8 +36,8 @@ class Tcpdump {
     if (pid_ == 0) {
       if (::freopen(log.c_str(), "a", stderr) == nullptr) ::_exit(126);
       const std::string filter = "udp dst port " + std::to_string(port);
-      ::execlp("tcpdump", "tcpdump", "-i", "lo", "-U", "-Z", "root", "--immediate-mode", "-w", file.c_str(),
-               filter.c_str(), nullptr);
+      ::execlp("tcpdump", "tcpdump", "-i", "lo", "-U", "-Z", "root", "--immediate-mode", "-s", "4096", "-B",
+               "16384", "-w", file.c_str(), filter.c_str(), nullptr);
       ::_exit(127);
     }
   }
@@ -129,10 +129,11 @@ TEST(LiveTest, TheDriverAndTcpdumpSeeTheSameTraffic) {
       return seen.size() == static_cast<std::size_t>(i) + 1;
     }));
   }
-  ASSERT_TRUE(
-      eventually([&] { return ours(packetsIn(readFile(directory / "tcpdump.pcap"))).size() >= kPackets; }));
+  const auto written = [&] { return ours(packetsIn(readFile(directory / "tcpdump.pcap"))); };
+  eventually([&] { return written().size() >= kPackets; });
   tcpdump.end();
-  EXPECT_EQ(seen, ours(packetsIn(readFile(directory / "tcpdump.pcap"))));
+  EXPECT_EQ(written().size(), static_cast<std::size_t>(kPackets)) << readFile(directory / "tcpdump.log");
+  EXPECT_EQ(seen, written());
   EXPECT_EQ(driver.stop(), 0);
   EXPECT_THAT(driver.output(), testing::ContainsRegex("lo: [0-9]+ received, [0-9]+ lost in the kernel"));
 }
