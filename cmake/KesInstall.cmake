@@ -4,6 +4,8 @@ foreach(library kespal kesos pcaplib)
   install(DIRECTORY ${library}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endforeach()
 install(TARGETS kespal kesos pcaplib EXPORT kes)
+install(TARGETS kestrace)
+install(FILES docs/man/kestrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/kes)
 install(EXPORT kes NAMESPACE kes:: DESTINATION ${packageDir})
