@@ -67,7 +67,7 @@ void Server::handle(Client& client, iokit::Bytes datagram) {
   if (scripted == nullptr) return perform(client, *request);
   parts_.script.check(*scripted, *request);
   const bool asUsual = scripted->leavesAnswer() && repliesFirst(scripted->fate);
-  const Answer answer = asUsual ? answerTo(client, *request) : Answer();
+  const Answer answer = asUsual ? parts_.driver.answer(client.session, *request) : Answer();
   play(client.session.number, *scripted, scripted->datagram(request->header, answer));
 }
 
@@ -76,24 +76,18 @@ void Server::handle(Client& client, iokit::Bytes datagram) {
 bool Server::followsOn(Client& client, const iokit::Request& request) {
   const auto step = static_cast<std::int32_t>(request.header.sequence - client.lastSequence);
   if (client.hasSpoken && step <= 0) return false;
+  if (!client.hasSpoken) ++speakers_;
   client.hasSpoken = true;
   client.lastSequence = request.header.sequence;
   return true;
 }
 
 void Server::perform(Client& client, const iokit::Request& request) {
-  const Answer answer = answerTo(client, request);
+  const Answer answer = parts_.driver.answer(client.session, request);
   iokit::ReplyHeader header = iokit::replyTo(request.header);
   header.result = static_cast<std::uint32_t>(answer.result);
   iokit::makeReply(reply_, header, {}, answer.structure);
   send(client, reply_);
-}
-
-Answer Server::answerTo(Client& client, const iokit::Request& request) {
-  const bool wasAttached = client.session.attached;
-  Answer answer = parts_.driver.answer(client.session, request);
-  if (!wasAttached && client.session.attached) ++attached_;
-  return answer;
 }
 
 void Server::play(unsigned number, const Play& play, std::vector<std::uint8_t> datagram) {
@@ -148,10 +142,10 @@ void Server::hangUp(unsigned number, const char* why) {
   Client& client = found->second;
   parts_.loop.forget(client.socket.get());
   parts_.journal.closed(client.session, why);
-  const bool wasAttached = client.session.attached;
   parts_.driver.closed(client.session);
+  const bool hadSpoken = client.hasSpoken;
   clients_.erase(found);
-  if (wasAttached && --attached_ == 0 && once_) parts_.loop.stop();
+  if (hadSpoken && --speakers_ == 0 && once_) parts_.loop.stop();
 }
 
 // As abrupt as a crash: no totals, and the socket's name is left behind.

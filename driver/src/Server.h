@@ -23,7 +23,7 @@ class Server {
     Journal& journal;
   };
 
-  /// With `once` the loop is stopped when the last opened connection has closed.
+  /// With `once` the loop is stopped when the last connection that made a request has closed.
   Server(const Parts& parts, bool once);
 
   std::uint64_t brokenProtocols() const { return brokenProtocols_; }
@@ -43,7 +43,6 @@ class Server {
   void handle(Client& client, iokit::Bytes datagram);
   bool followsOn(Client& client, const iokit::Request& request);
   void perform(Client& client, const iokit::Request& request);
-  Answer answerTo(Client& client, const iokit::Request& request);
   void play(unsigned number, const Play& play, std::vector<std::uint8_t> datagram);
   void end(unsigned number, Play::Fate fate, iokit::Bytes datagram);
   bool send(const Client& client, iokit::Bytes datagram);
@@ -55,7 +54,7 @@ class Server {
   bool once_;
   unsigned lastNumber_ = 0;
   std::unordered_map<unsigned, Client> clients_;
-  unsigned attached_ = 0;
+  unsigned speakers_ = 0;  // connections that made a request: one that only looked for the service is none
   std::uint64_t brokenProtocols_ = 0;
   // One byte more than any request: a longer datagram shows by its length.
   std::array<std::uint8_t, iokit::kMaxRequest + 1> buffer_{};

@@ -78,6 +78,16 @@ TEST(DriverProgramTest, WithOnceItEndsAfterTheLastConnectionClosed) {
   EXPECT_THAT(driver.output(), HasSubstr("connections: 2 (trace 1, dump 1)\n"));
 }
 
+TEST(DriverProgramTest, WithOnceARefusedConnectionCountsToo) {
+  const TempDir directory;
+  DriverProcess driver(
+      {"--once", "--script", writeScript(directory, "service return kIOReturnNotPermitted\n")});
+  const io_service_t service = matchService();
+  io_connect_t connect = 0;
+  EXPECT_EQ(IOServiceOpen(service, mach_task_self(), 0, &connect), kIOReturnNotPermitted);
+  EXPECT_EQ(driver.wait(), 0);
+}
+
 TEST(DriverProgramTest, WithoutARateAReplayLosesNothingHoweverSlowlyItIsFetched) {
   std::vector<Packet> packets;
   for (std::size_t i = 0; i < 3000; ++i) {
