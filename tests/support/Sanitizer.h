@@ -15,6 +15,13 @@ inline constexpr bool threadSanitizer = true;
 inline constexpr bool threadSanitizer = false;
 #endif
 
+/// Whether the program is built with any sanitizer, and slow.
+#if defined(__SANITIZE_ADDRESS__) || KES_TEST_HAS_FEATURE(address_sanitizer)
+inline constexpr bool isSanitized = true;
+#else
+inline constexpr bool isSanitized = threadSanitizer;
+#endif
+
 #undef KES_TEST_HAS_FEATURE
 
 }  // namespace kes::test

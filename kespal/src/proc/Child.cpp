@@ -33,6 +33,11 @@ void stopIgnoringChildren() {
   }
 }
 
+/// A fork inherits the object but not its thread, and nobody knows who held its lock: it is left alone.
+void abandonForeignCollector() {
+  if (Child::m_shepherd != nullptr && Child::m_shepherd->isOfAnotherProcess()) Child::m_shepherd = nullptr;
+}
+
 /// With the init lock held.
 void makeCollector() {
   if (Child::m_shepherd != nullptr) return;
@@ -49,6 +54,7 @@ void makeCollector() {
 
 Collector::Collector(Wanted wanted) {
   const InitGuard guard(Child::m_init_lock);
+  abandonForeignCollector();
   if (wanted == Created) makeCollector();
   if (wanted == Existing && Child::m_shepherd == nullptr) {
     raiseAt(KES_HERE, RuntimeError("There is no process collector"));
@@ -63,6 +69,7 @@ Collector::~Collector() {
 
 void Child::init() {
   const InitGuard guard(m_init_lock);
+  abandonForeignCollector();
   makeCollector();
 }
 
@@ -76,6 +83,7 @@ void Child::exit() {
   std::unique_ptr<Shepherd> shepherd;
   {
     const InitGuard guard(m_init_lock);
+    abandonForeignCollector();
     shepherd.reset(std::exchange(m_shepherd, nullptr));
   }
   if (shepherd) shepherd->stop();

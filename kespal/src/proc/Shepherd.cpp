@@ -180,12 +180,13 @@ bool Shepherd::awaitWork(CoopThread& self) {
 }
 
 void Shepherd::reapOne() {
-  int status = 0;
-  const pid_t pid = ::wait(&status);
-  if (pid == -1) {
+  // Only looks: a child that is reaped without the lock would leave its number to the next one before its
+  // own status is filed.
+  siginfo_t ended{};
+  if (::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) == -1) {
     waitFailed(errno);
   } else {
-    file(pid, status);
+    reap(ended.si_pid);
   }
 }
 
@@ -200,9 +201,11 @@ void Shepherd::waitFailed(int error) {
   report(thread_.name() + ": Error waiting for childs ...\n");
 }
 
-void Shepherd::file(pid_t pid, int status) {
+void Shepherd::reap(pid_t pid) {
   {
     Guard guard(cond_);
+    int status = 0;
+    if (::waitpid(pid, &status, WNOHANG) != pid) return;  // somebody else was faster
     if (pid == sentinel_) {
       sentinel_ = -1;
       return;

@@ -428,6 +428,22 @@ TEST_F(ChildTest, ExitEndsTheCollectorAndTheNextChildMakesANewOne) {
   Child::exit();
 }
 
+TEST_F(ChildTest, AForkOfThisProcessMakesACollectorOfItsOwn) {
+  Child ours({"/bin/sleep", "3600"});
+  ours.create(false);
+  const auto result = inChild([&ours] {
+    Child theirs({"/bin/sh", "-c", "exit 4"});
+    theirs.create(false);
+    const int code = WEXITSTATUS(theirs.wait(false, {}).status);
+    EXPECT_THROW(ours.kill(), NoSuchProcessError);
+    Child::exit();
+    return code;
+  });
+  EXPECT_EQ(result.exitCode(), 4);
+  ours.kill();
+  EXPECT_EQ(ours.wait(false, {}).status, SIGKILL);
+}
+
 TEST_F(ChildTest, ANotificationMayWaitForItsChildAndDeleteIt) {
   struct Cleaner : Child::Notification {
     void exited(Child& child) override {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -61,6 +62,9 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   /// The same; false when that thread does not exist.
   bool runsHere() const noexcept;
 
+  /// Whether this process is a fork of the one that the object was made in: it has no thread here.
+  bool isOfAnotherProcess() const noexcept { return process_ != ::getpid(); }
+
   /// Keeps the object from being destroyed until leave().
   void enter() noexcept { ++visitors_; }
   void leave();
@@ -74,12 +78,14 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   bool awaitWork(::kes::thread::CoopThread& self);
   void reapOne();
   void waitFailed(int error);
-  void file(pid_t pid, int status);
+  void reap(pid_t pid);
   bool fetch(const int& pid, int& status);
   void wakeWaiters(int pid) const;
   void endWait();
   void reapSentinel();
   void finish();
+
+  const pid_t process_ = ::getpid();
 
   ::kes::thread::Lock lock_;
   ::kes::thread::Condition cond_;
