@@ -87,8 +87,12 @@ Backtrace Backtrace::get() {
   const int count = ::backtrace(stack.data(), static_cast<int>(stack.size()));
   Backtrace trace;
   if (count <= 1) return trace;
-  const Frames frames(stack.data() + 1, static_cast<std::size_t>(count - 1));
-  std::reverse(stack.begin() + 1, stack.begin() + count);
+  // The frame of this function is the first, or the second where a sanitizer stands between.
+  const auto end = stack.begin() + count, second = stack.begin() + 1;
+  const auto caller = std::find(second, end, __builtin_return_address(0));
+  const auto first = caller != end ? caller : second;
+  std::reverse(first, end);
+  const Frames frames(first, end);
   trace.reserve(frames.size());
   const std::optional<std::uint64_t> unloads = os::unloads();
   if (unloads && lines.find(frames, *unloads, trace)) return trace;

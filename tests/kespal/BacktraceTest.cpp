@@ -23,13 +23,15 @@ std::atomic<int> symbolCalls{0};
 
 extern "C" int __real_backtrace(void** frames, int size);                   // NOLINT
 extern "C" char** __real_backtrace_symbols(void* const* frames, int size);  // NOLINT
-// The additional frame of this function is taken out again.
+// As if the library had called the platform itself: the frames that stand between are taken out.
 extern "C" [[gnu::noinline]] int __wrap_backtrace(void** frames, int size) {  // NOLINT
   if (fakeBacktrace != nullptr) return fakeBacktrace(frames, size);
   std::array<void*, 200> all;
-  const int count = __real_backtrace(all.data(), std::min(size + 1, 200)) - 1;
-  std::copy_n(all.begin() + 1, count, frames);
-  return count;
+  const auto end = all.begin() + __real_backtrace(all.data(), 200);
+  const auto begin = std::find(all.begin(), end, __builtin_return_address(0));
+  const auto count = std::min<std::ptrdiff_t>(size, end - begin);
+  std::copy_n(begin, count, frames);
+  return static_cast<int>(count);
 }
 extern "C" char** __wrap_backtrace_symbols(void* const* frames, int size) {  // NOLINT
   ++symbolCalls;

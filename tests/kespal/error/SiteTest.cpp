@@ -24,6 +24,7 @@ TEST(SiteTest, AFileOfAnotherProgramKeepsItsFolders) {
   EXPECT_EQ(pathOf<"main.mm">, "main");
   EXPECT_EQ(pathOf<"some.folder/file">, "some.folder/file");
   EXPECT_EQ(pathOf<"a.b.cpp">, "a.b");
+  EXPECT_EQ(pathOf<"../../app/main.cpp">, "app/main");
 }
 
 Site here() { return KES_HERE; }

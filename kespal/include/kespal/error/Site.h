@@ -16,7 +16,7 @@ namespace detail {
 
 /// The path that an error reports, cut from __FILE__ at compile time: ".../kespal/src/fs/Path.cpp" is
 /// "src/fs/Path", and the public header ".../include/kespal/fs/Path.h" is "include/fs/Path". A file
-/// of another program keeps its folders and loses its extension.
+/// of another program keeps the folders below where it was built, and loses its extension.
 template <std::size_t Size>
 struct SitePath {
   char text[Size]{};
@@ -32,6 +32,7 @@ struct SitePath {
       prefix = "src/";
       full.remove_prefix(at + source.size());
     }
+    while (full.starts_with("../")) full.remove_prefix(3);
     const std::size_t dot = full.rfind('.');
     if (dot != full.npos && full.find('/', dot) == full.npos) full = full.substr(0, dot);
     std::size_t end = 0;
