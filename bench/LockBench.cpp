@@ -10,7 +10,7 @@
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
+#include <ctime>
 
 #include <atomic>
 #include <condition_variable>

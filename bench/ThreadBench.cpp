@@ -7,8 +7,8 @@
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sched.h>
-#include <signal.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <atomic>
 #include <thread>

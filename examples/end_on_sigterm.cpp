@@ -1,8 +1,8 @@
 // A program that ends cleanly on SIGTERM: the signal arrives as a call in an ordinary thread, where locks
 // may be taken and memory allocated. Started with "self" it sends itself the signal.
-#include <signal.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <iostream>
 #include <string_view>
 
@@ -39,7 +39,7 @@ class Ending : public kes::signal::Handler::INotify {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   // Before any thread is started, so that all of them inherit it.
   kes::signal::Mask::call({SIGTERM, SIGINT, SIGUSR1}, SIG_BLOCK);
 
@@ -55,4 +55,7 @@ int main(int argc, char** argv) {
   const int signal = ending.wait();
   handler.stop();
   std::cout << "ended by " << kes::signal::siglabel(signal) << '\n';
+} catch (const kes::Exception& error) {
+  std::cerr << error.exStack() << '\n';
+  return 1;
 }

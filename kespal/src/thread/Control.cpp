@@ -46,8 +46,8 @@ void BasicThread::Control::report(const std::string& death) const {
 /// What is left to do for a native thread that ends, however it came to that. A waiter of any kind is
 /// woken: a cancelled thread would never get to what they wait for. The state of a detached thread whose
 /// body ran stays as it is.
-void BasicThread::Control::finish() noexcept {
-  std::shared_ptr<Control> own;  // may be the last owner: outlives the lock and the signal
+void BasicThread::Control::finish() noexcept {  // NOLINT(bugprone-exception-escape)
+  std::shared_ptr<Control> own;                 // may be the last owner: outlives the lock and the signal
   m_active_threads.fetch_sub(1);
   {
     const LockGuardT<Condition> guard(cond);

@@ -39,7 +39,7 @@ struct BasicThread::Control {
 
   // --- the native thread's own steps
   void entry(std::uint64_t ownId);
-  void finish() noexcept;
+  void finish() noexcept;  // NOLINT(bugprone-exception-escape): ends the program then
 
   // --- the rest is called with the lock held
   void setCoopState(CoopThread::CoopState next) {

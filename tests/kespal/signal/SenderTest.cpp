@@ -1,11 +1,11 @@
 #include "kespal/signal/Sender.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/ErrorAt.h"

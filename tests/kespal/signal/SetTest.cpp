@@ -1,6 +1,6 @@
 #include "kespal/signal/Set.h"
 
-#include <signal.h>
+#include <csignal>
 
 #include "kespal/State.h"
 #include "kespal/signal/Mask.h"

@@ -2,9 +2,9 @@
 // there these tests are left out.
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 
 #include <cerrno>
+#include <csignal>
 #include <functional>
 #include <future>
 #include <memory>

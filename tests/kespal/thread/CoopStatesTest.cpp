@@ -295,7 +295,6 @@ struct Body : CoopThread::ICoopThread {
 };
 
 TEST_P(CoopDestructionTest, ACooperativeThreadCanBeDestroyedWhileItsBodyIsBusyElsewhere) {
-  const std::size_t before = nativeThreads();
   Body body;
   Gate start;
   std::optional<Interlude> hold;
@@ -314,7 +313,7 @@ TEST_P(CoopDestructionTest, ACooperativeThreadCanBeDestroyedWhileItsBodyIsBusyEl
   EXPECT_EQ(body.ran, GetParam() == Doing::Running || GetParam() == Doing::Returned);
   start.open();
   body.gate.open();
-  EXPECT_TRUE(eventually([&] { return nativeThreads() == before; }));
+  EXPECT_TRUE(aloneInTheEnd());
   EXPECT_EQ(body.ended, body.ran.load());
 }
 

@@ -2,13 +2,13 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <ctime>
 
 namespace kes::test {
 namespace {

@@ -4,13 +4,19 @@
 #include <filesystem>
 #include <iterator>
 
+#include "support/Eventually.h"
+#include "support/Sanitizer.h"
+
 namespace kes::test {
 
-/// How many threads the system knows of this process. Unlike the library's own count it includes those that
-/// have not done their first step, and those that have done their last but are still on their way out.
-inline std::size_t nativeThreads() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+/// Waits until the system knows of the main thread alone. Unlike the library's own count this one includes
+/// threads that have not done their first step, and those that have done their last and are on their way
+/// out. The thread sanitizer keeps a thread of its own.
+inline bool aloneInTheEnd() {
+  return eventually([] {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks)) <= (threadSanitizer ? 2 : 1);
+  });
 }
 
 }  // namespace kes::test

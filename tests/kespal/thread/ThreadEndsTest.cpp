@@ -27,12 +27,6 @@ class TestThread : public BasicThread {
       : BasicThread([](void* argument) { (*static_cast<Body*>(argument))(); }, "ends", &body, detached, 0) {}
 };
 
-const std::size_t atFirst = nativeThreads();
-
-bool nobodyIsLeft() {
-  return eventually([] { return nativeThreads() == atFirst; });
-}
-
 TEST(ThreadEndsTest, SeveralThreadsMayJoinOneThreadAtOnce) {
   for (int i = 0; i < 100; ++i) {
     Gate gate;
@@ -113,7 +107,7 @@ TEST(ThreadEndsTest, ADetachedThreadOutlivesItsObject) {
   for (int i = 0; i < 20; ++i) TestThread(body, /*detached=*/true).run();
   EXPECT_EQ(ran, 0);
   gate.open();
-  EXPECT_TRUE(nobodyIsLeft());
+  EXPECT_TRUE(aloneInTheEnd());
   EXPECT_EQ(ran, 20);
 }
 
@@ -130,7 +124,7 @@ TEST(ThreadEndsTest, ADetachedThreadThatDiesReportsWithoutItsObject) {
   ASSERT_TRUE(
       eventually([&] { return made(Call::ThreadGettid) > created && BasicThread::activeThreads() == 1; }));
   gate.open();
-  EXPECT_TRUE(nobodyIsLeft());
+  EXPECT_TRUE(aloneInTheEnd());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Thread ends (42) died with an unknown exception\n");
 }
 
@@ -171,7 +165,7 @@ TEST(ThreadEndsTest, AnObjectMayBeDestroyedByItsOwnBody) {
     thread = std::make_unique<TestThread>(body);
     thread->run();
     made.open();
-    ASSERT_TRUE(nobodyIsLeft());
+    ASSERT_TRUE(aloneInTheEnd());
   }
 }
 

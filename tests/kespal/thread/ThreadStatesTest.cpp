@@ -52,7 +52,7 @@ class Subject {
     start_.open();
     body_.open();
     thread_.reset();
-    EXPECT_TRUE(eventually([&] { return nativeThreads() == before_; }));
+    EXPECT_TRUE(aloneInTheEnd());
   }
   void destroy() { thread_.reset(); }
   void openAll() {
@@ -102,7 +102,6 @@ class Subject {
   }
 
   const Life life_;
-  const std::size_t before_ = nativeThreads();
   Gate start_;
   Gate body_;
   std::atomic<int> ran_{0};

@@ -45,7 +45,7 @@ class BasicThread : NoCopy {
   BasicThread(void (*function)(void*), const std::string& name, void* argument, bool detached,
               unsigned long stackSize);
   /// Buries a thread that has finished or never ran; one whose body runs is left to itself. Never throws.
-  virtual ~BasicThread();
+  virtual ~BasicThread();  // NOLINT(bugprone-exception-escape): ends the program then
 
   /// Creates the native thread and lets it go. Raises what create() raises, and UsageError when another
   /// thread buried the new one before it could go.
@@ -90,7 +90,7 @@ class BasicThread : NoCopy {
   /// Whether the calling thread is this one; raises what id() raises. The control block is locked.
   bool isCaller() const;
   /// Takes back the go of a thread that has not picked it up, for an object that is about to die.
-  void revokeGo() noexcept;
+  void revokeGo() noexcept;  // NOLINT(bugprone-exception-escape): ends the program then
 
  private:
   class LastStep;

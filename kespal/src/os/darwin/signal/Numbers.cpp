@@ -1,6 +1,6 @@
 // The numbers under which support documents for this system know the signals. Nothing but these checks is
 // in this file: should a system header ever disagree, the build says so.
-#include <signal.h>
+#include <csignal>
 
 static_assert(SIGHUP == 1 && SIGINT == 2 && SIGQUIT == 3 && SIGILL == 4 && SIGTRAP == 5 && SIGABRT == 6);
 static_assert(SIGFPE == 8 && SIGKILL == 9 && SIGBUS == 10 && SIGSEGV == 11 && SIGSYS == 12 && SIGPIPE == 13);

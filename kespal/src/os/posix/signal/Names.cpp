@@ -1,7 +1,6 @@
 #include "kespal/signal/Names.h"
 
-#include <signal.h>
-
+#include <csignal>
 #include <cstring>
 
 namespace kes::signal {

@@ -1,8 +1,7 @@
 #include "kespal/signal/Sender.h"
 
-#include <signal.h>
-
 #include <cerrno>
+#include <csignal>
 
 #include "kespal/error/OsError.h"
 

@@ -1,12 +1,12 @@
 #include "kespal/thread/Thread.h"
 
-#include <limits.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <iostream>
 #include <limits>
 #include <ostream>
@@ -66,7 +66,8 @@ BasicThread::BasicThread(void (*function)(void*), const std::string& name, void*
   }
 }
 
-BasicThread::~BasicThread() {
+// A thread whose lock or end the system refuses ends the program: nothing could go on safely.
+BasicThread::~BasicThread() {  // NOLINT(bugprone-exception-escape)
   const os::NoCancel untilBuried;
   const std::shared_ptr<Control> shared = control_;
   LockGuardT<Condition> guard(shared->cond);
@@ -92,7 +93,7 @@ bool BasicThread::Control::mustBury() {
   return idle && !abandoned;
 }
 
-void BasicThread::revokeGo() noexcept {
+void BasicThread::revokeGo() noexcept {  // NOLINT(bugprone-exception-escape)
   const LockGuardT<Condition> guard(control_->cond);
   if (control_->state != STARTING || control_->joining) return;
   control_->state = FINISHED;

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <pthread.h>
-#include <time.h>
 
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 namespace kes::os {
 

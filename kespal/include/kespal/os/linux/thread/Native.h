@@ -2,12 +2,12 @@
 
 #include <cxxabi.h>
 #include <pthread.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 namespace kes::os {
 

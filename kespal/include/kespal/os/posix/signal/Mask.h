@@ -1,8 +1,7 @@
 #pragma once
 
-#include <signal.h>
-
 #include <cerrno>
+#include <csignal>
 
 #include "kespal/error/OsError.h"
 #include "kespal/signal/Set.h"

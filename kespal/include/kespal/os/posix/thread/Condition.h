@@ -1,9 +1,9 @@
 #pragma once
 
 #include <pthread.h>
-#include <time.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "kespal/os/thread/Native.h"
 #include "kespal/thread/Lock.h"
