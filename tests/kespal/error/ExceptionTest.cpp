@@ -34,6 +34,9 @@ class Probe : public Raisable<Probe, Exception> {
 
 Site site() { return {"src/some/File", 42, "function"}; }
 
+/// The most derived type of an error.
+const std::type_info& kindOf(const Exception& error) { return typeid(error); }
+
 // --- what()
 
 TEST(ExceptionTest, TheLocationLineNamesPathLineAndFunctionInQuotes) {
@@ -115,7 +118,7 @@ TEST(ExceptionTest, RaiseThrowsACopyOfTheMostDerivedType) {
     try {
       error->raise();
     } catch (const Exception& caught) {
-      EXPECT_EQ(typeid(caught), typeid(*error));
+      EXPECT_EQ(kindOf(caught), kindOf(*error));
       EXPECT_NE(&caught, error.get());
       EXPECT_STREQ(caught.what(), error->what());
       EXPECT_EQ(caught.text(), error->text());
@@ -128,7 +131,7 @@ TEST(ExceptionTest, CloneIsACopyOfTheMostDerivedType) {
     error->setSite(site());
     error->setNext(UsageError("cause"));
     const std::unique_ptr<Exception> clone(error->clone());
-    EXPECT_EQ(typeid(*clone), typeid(*error));
+    EXPECT_EQ(kindOf(*clone), kindOf(*error));
     EXPECT_STREQ(clone->file(), "src/some/File");
     EXPECT_EQ(clone->line(), 42);
     EXPECT_STREQ(clone->function(), "function");
@@ -226,7 +229,7 @@ TEST(ExceptionTest, ACauseIsKeptAsAClone) {
     error.setNext(cause);
     EXPECT_NE(error.next(), &cause);
   }
-  EXPECT_EQ(typeid(*error.next()), typeid(NoSuchFileError));
+  EXPECT_EQ(kindOf(*error.next()), typeid(NoSuchFileError));
   EXPECT_EQ(error.next()->text(), std::string("/x: ") + std::strerror(ENOENT) + " (2)");
 }
 
@@ -282,7 +285,7 @@ TEST(ExceptionTest, AThrowSiteFillsInItsPathLineAndFunction) {
   try {
     raiseAt(KES_HERE, NoSuchFileError("/x", ENOENT));
   } catch (const FsError& error) {
-    EXPECT_STREQ(error.file(), "tests/kespal/error/ExceptionTest");
+    EXPECT_THAT(error.file(), testing::EndsWith("tests/kespal/error/ExceptionTest"));
     EXPECT_EQ(error.line(), line);
     EXPECT_STREQ(error.function(), "TestBody");
   }
