@@ -9,6 +9,7 @@
 #include "iokit/UserClient.h"
 #include "support/DriverProcess.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 
 namespace kes::test {
 namespace {
@@ -185,8 +186,8 @@ TEST(BadDriverTest, ACallCanBeClosedInAnotherThreadWhileItWaits) {
   EXPECT_EQ(driver.packet().code, MACH_SEND_INVALID_DEST);
 }
 
-#if !defined(__SANITIZE_THREAD__)
 TEST(BadDriverTest, ACancelledCallDoesNotPutTheConnectionOutOfStep) {
+  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
   ScriptedDriver driver("packet delay 100 bytes 01\npacket x100 bytes 02\n");
   pthread_t caller{};
   const auto call = [](void* argument) -> void* {
@@ -201,7 +202,6 @@ TEST(BadDriverTest, ACancelledCallDoesNotPutTheConnectionOutOfStep) {
   EXPECT_EQ(result, PTHREAD_CANCELED);
   EXPECT_THAT(driver.packet().bytes, ElementsAre(2));
 }
-#endif
 
 }  // namespace
 }  // namespace kes::test
