@@ -97,7 +97,7 @@ bool giveSegmentAway(int shmid) {
 
 bool attach(KesOsMmf& mapping) {
   void* address = ::shmat(mapping.shmid, nullptr, 0);
-  if (address == reinterpret_cast<void*>(std::intptr_t{-1})) return false;
+  if (reinterpret_cast<std::intptr_t>(address) == -1) return false;
   mapping.address = address;
   return true;
 }

@@ -234,8 +234,7 @@ TEST_F(FilesTest, ACopyLeavesNoDescriptorBehindAndNeedsTwo) {
       if (KesOsCopyFile(from.c_str(), dir_.path().c_str(), 0) != 0) return 2;
     }
     if (::dup(1) != next) return 3;
-    const rlimit limit{static_cast<rlim_t>(next) + 2, 1024};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const DescriptorLimit limit(next + 2);
     return KesOsCopyFile(from.c_str(), to.c_str(), 0) == 0 && errno == EMFILE ? 0 : 4;
   });
   EXPECT_EQ(result.exitCode(), 0);
@@ -296,8 +295,7 @@ TEST_F(FilesTest, ADeepTreeNeedsFewDescriptors) {
     std::string path = dir_ / "t";
     while (path.size() + 2 < 1000) path += "/d";
     std::filesystem::create_directories(path);
-    const rlimit limit{20, 1024};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const DescriptorLimit limit(20);
     return KesOsDeleteDirTree((dir_ / "t").c_str());
   });
   EXPECT_EQ(result.exitCode(), 1);

@@ -121,6 +121,13 @@ std::vector<int> runProcesses(int count, const std::function<int(int)>& body) {
   return codes;
 }
 
+DescriptorLimit::DescriptorLimit(int limit) {
+  ::getrlimit(RLIMIT_NOFILE, &before_);
+  const rlimit lowered{static_cast<rlim_t>(limit), before_.rlim_max};
+  if (::setrlimit(RLIMIT_NOFILE, &lowered) != 0) throw std::runtime_error("cannot lower the limit");
+}
+DescriptorLimit::~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
 void* mapShared(std::size_t size) {
   void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (address == MAP_FAILED) throw std::runtime_error("no shared memory");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <array>
@@ -50,6 +51,18 @@ unsigned int freshKey();
 std::vector<int> runProcesses(int count, const std::function<int(int index)>& body);
 pid_t startProcess(const std::function<int()>& body);
 int waitForProcess(pid_t pid);
+
+/// While it lives, this process can have no descriptors from that number on.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(int limit);
+  ~DescriptorLimit();
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
 
 /// Memory that this process and its children share, zero at first.
 template <typename T>

@@ -160,8 +160,7 @@ TEST_F(SearchTest, NullPointersGiveZero) {
 TEST_F(SearchTest, WithoutADescriptorThereIsNoSearch) {
   touch("a");
   const ChildResult result = inChild([this] {
-    const rlimit limit{3, 1024};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const DescriptorLimit limit(3);
     KesOsFind search{};
     std::array<char, KESOS_PATH_SIZE> name{};
     return KesOsFindFirst(&search, dir_.path().c_str(), name.data(), nullptr, nullptr, nullptr) == 0 &&

@@ -15,7 +15,7 @@ inline constexpr bool threadSanitizer = true;
 inline constexpr bool threadSanitizer = false;
 #endif
 
-/// Whether the program is built with any sanitizer, and slow.
+/// Whether the program is built with a sanitizer, which is slow and makes system calls of its own.
 #if defined(__SANITIZE_ADDRESS__) || KES_TEST_HAS_FEATURE(address_sanitizer)
 inline constexpr bool isSanitized = true;
 #else

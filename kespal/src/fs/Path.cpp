@@ -1,6 +1,9 @@
 #include "kespal/fs/Path.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "kespal/Helper.h"
@@ -12,10 +15,26 @@ namespace kes::fs {
 
 namespace {
 
-std::string_view baseOf(const Path& path) {
-  // npos + 1 is 0: without a slash the whole text.
-  return std::string_view(path).substr(path.rfind('/') + 1);
+/// Where the text behind the last '/' starts; 0 without one. Looks at eight bytes at a time: the standard
+/// searches backwards byte by byte, and this search is most of what a base name costs.
+std::size_t behindLastSlash(std::string_view text) {
+  constexpr std::uint64_t slashes = 0x2F2F2F2F2F2F2F2F, low = 0x7F7F7F7F7F7F7F7F;
+  std::size_t end = text.size();
+  for (; end >= sizeof slashes; end -= sizeof slashes) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + end - sizeof word, sizeof word);
+    word ^= slashes;                              // a slash is a byte of 0 now,
+    word = ~(((word & low) + low) | word | low);  // and now its highest bit is all that is set
+    if (word == 0) continue;
+    const int bits =
+        std::endian::native == std::endian::little ? std::countl_zero(word) : std::countr_zero(word);
+    return end - static_cast<std::size_t>(bits / 8);
+  }
+  while (end > 0 && text[end - 1] != '/') --end;
+  return end;
 }
+
+std::string_view baseOf(const Path& path) { return std::string_view(path).substr(behindLastSlash(path)); }
 
 /// Takes the next component off the front of `rest`; empty when there is none.
 std::string_view nextComponent(std::string_view& rest) {
@@ -57,32 +76,32 @@ Path Path::operator+(const char* tail) const {
 Path Path::joined(const char* tail, std::size_t length) const {
   Path path;
   path.reserve(size() + 1 + length);
-  path.append(*this).append(1, '/').append(tail, length);
+  path.append(*this).push_back('/');
+  path.append(tail, length);
   return path;
 }
 
 std::string Path::basename() const { return std::string(baseOf(*this)); }
 
 Path& Path::assignBasename() {
-  erase(0, rfind('/') + 1);
+  erase(0, behindLastSlash(*this));
   return *this;
 }
 
 Path& Path::assignDirname() {
-  const std::size_t slash = rfind('/');
-  if (slash == npos) {
+  const std::size_t behind = behindLastSlash(*this);
+  if (behind == 0) {
     assign(1, '.');
   } else if (size() != 1) {
-    erase(slash);
+    erase(behind - 1);
   }
   return *this;
 }
 
 Path& Path::strip(std::size_t n) {
-  for (; n != 0; --n) {
-    const std::size_t slash = rfind('/');
-    erase(slash != npos ? slash : 0);
-    if (slash == npos) break;
+  for (; n != 0 && !empty(); --n) {
+    const std::size_t behind = behindLastSlash(*this);
+    erase(behind != 0 ? behind - 1 : 0);
   }
   return *this;
 }

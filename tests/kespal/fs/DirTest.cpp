@@ -263,18 +263,28 @@ TEST(DirTest, ADirectoryThatMayNotBeReadIsAnFsError) {
 TEST(DirTest, WithoutADescriptorToSpareOpeningIsAnFsError) {
   TempDir top;
   std::filesystem::create_directory(top / "sub");
+  test::writeFile(top / "file", "");
   const auto child = test::inChild([&] {
-    Dir dir(top.path().c_str());
-    dir.nextEntry();
-    const rlimit none{0, 0};
+    Dir dir(top.path().c_str()), sub;
+    const auto failures = [&] {
+      std::vector<int> codes;
+      codes.push_back(raisedAs<FsError>([&] { Dir another((top / "file").c_str()); }).osError().errnum());
+      codes.push_back(raisedAs<FsError>([&] { dir.entryDir(sub); }).osError().errnum());
+      return codes;
+    };
+    goTo(dir, "file");
+    // Once with descriptors: a sanitizer needs some when it sees a class for the first time.
+    std::vector<int> codes = failures();
+    rlimit limit;
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &none);
-    std::cout << raisedAs<FsError>([&] { Dir another(top.path().c_str()); }).osError().errnum() << ' ';
-    Dir sub;
-    std::cout << raisedAs<FsError>([&] { dir.entryDir(sub); }).osError().errnum() << ' ' << sub.isOpen();
-    return 0;
+    const std::vector<int> without = failures();
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    codes.insert(codes.end(), without.begin(), without.end());
+    return codes == std::vector<int>{ENOTDIR, ENOTDIR, EMFILE, EMFILE} ? 0 : 1;
   });
-  const std::string full = std::to_string(EMFILE);
-  EXPECT_EQ(child.out, full + ' ' + full + " 0") << child.err;
+  EXPECT_EQ(child.exitCode(), 0) << child.err;
 }
 
 TEST(DirTest, OpeningAgainWalksTheNewDirectoryAndClosesTheOld) {

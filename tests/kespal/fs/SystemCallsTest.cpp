@@ -12,6 +12,7 @@
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
+#include "support/Sanitizer.h"
 #include "support/SystemCalls.h"
 #include "support/TempDir.h"
 
@@ -31,6 +32,7 @@ class SystemCallsTest : public testing::Test {
   }
 
   void SetUp() override {
+    if (test::isSanitized) GTEST_SKIP() << "a sanitizer makes calls of its own";
     if (!test::systemCallsOf([] {})) GTEST_SKIP() << "this machine does not let a process be traced";
   }
 

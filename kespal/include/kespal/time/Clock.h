@@ -57,19 +57,19 @@ class ClockBase : public OsClock {
 };
 
 /// Wall time since 1970-01-01 00:00:00 UTC.
-class RealtimeClock : public ClockBase {
+class RealtimeClock final : public ClockBase {
  public:
   RealtimeClock() : ClockBase(REALTIME) { ClockBase::update(); }
 };
 
 /// A steady time that is never set back; it stands still while the machine sleeps.
-class MonotonicClock : public ClockBase {
+class MonotonicClock final : public ClockBase {
  public:
   MonotonicClock() : ClockBase(MONOTONIC) { ClockBase::update(); }
 };
 
 /// Steady time since the platform library was started.
-class InitClock : public ClockBase {
+class InitClock final : public ClockBase {
  public:
   struct Origin {
     std::uint32_t sec;
