@@ -8,7 +8,7 @@ find_package(GTest REQUIRED)
 option(KES_THREADED_TESTS_ONLY "Build and run only the tests that have threads" OFF)
 
 # Tests spend their time in the libraries, and compilers spend theirs in optimising tests.
-set(KES_TEST_OPTIONS $<$<CONFIG:Release>:-O0>)
+set(KES_TEST_OPTIONS -O0)
 
 function(kes_test name)
   cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LOCK" ${ARGN})

@@ -70,13 +70,14 @@ int __wrap_dup2(int from, int to) {
 // NOLINTEND(bugprone-reserved-identifier)
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: compilers would complain of memory that malloc gave and delete takes.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   noteAllocation();
   if (void* memory = __real_malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace kes::proc {
 namespace {
