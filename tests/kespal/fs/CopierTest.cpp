@@ -119,8 +119,8 @@ TEST_F(CopierTest, AnOwnBufferOfNoBytesIsRefused) {
 }
 
 TEST_F(CopierTest, EverySizeOfBufferCopiesEverySizeOfFile) {
-  for (const std::size_t bufferSize : {1, 2, 7, 1024, 4096}) {
-    for (const std::size_t size : {0, 1, 6, 7, 8, 1023, 1024, 1025, 5000}) {
+  for (const std::size_t bufferSize : {1u, 2u, 7u, 1024u, 4096u}) {
+    for (const std::size_t size : {0u, 1u, 6u, 7u, 8u, 1023u, 1024u, 1025u, 5000u}) {
       const std::string content = bytes(size);
       test::writeFile(from_, content);
       std::vector<char> buffer(bufferSize);

@@ -13,7 +13,7 @@ namespace kes::fs {
 /// their errors. Components are the non-empty pieces between slashes. '.' and '..' are ordinary pieces.
 class Path : public std::string {
  public:
-  struct canonical_t {};
+  struct canonical_t {};  // NOLINT(readability-identifier-naming): as the standard library names its tags
   /// Says that the text needs no resolution; none is made with it or without it.
   static constexpr canonical_t CANONICAL{};
 

@@ -1,11 +1,11 @@
 #include "kespal/fs/File.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <utility>

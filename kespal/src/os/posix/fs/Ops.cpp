@@ -1,11 +1,11 @@
 #include "kespal/fs/Ops.h"
 
-#include <limits.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <utility>
 
 #include "fs/TempTemplate.h"

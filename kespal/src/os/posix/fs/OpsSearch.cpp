@@ -58,7 +58,8 @@ std::string Ops::which(const char* program, bool dirOnly) {
   std::vector<std::string> directories;
   helper::split(path, ':', directories, /*strip=*/false, /*keepEmpty=*/false);
   for (const std::string& directory : directories) {
-    const std::string candidate = directory + '/' + name;
+    std::string candidate = directory;
+    candidate.append(1, '/').append(name);
     if (isExecutable(candidate.c_str())) return dirOnly ? directory : candidate;
   }
   return {};
