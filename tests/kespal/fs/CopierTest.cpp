@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"

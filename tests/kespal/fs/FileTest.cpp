@@ -4,13 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "kespal/error/OsError.h"
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
@@ -355,6 +358,26 @@ TEST(FileTest, AnyOtherExceptionInADestructorEndsTheProgram) {
     file.open("/dev/null", File::READ);
   };
   EXPECT_DEATH(closeThrowing(), "terminat");
+}
+
+TEST(FileTest, ACancelledThreadDestroysItsFilesBeforeItEnds) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("does not follow cancellation");
+  const auto before = openDescriptors();
+  std::atomic<bool> destroyed = false;
+  std::thread thread([&] {
+    {
+      File file;
+      file.open("/dev/null", File::READ);
+      ::pthread_cancel(::pthread_self());
+      // Closing is where a cancellation would begin: out of a destructor it would end the program.
+    }
+    destroyed = true;
+    ::pthread_testcancel();
+    ADD_FAILURE() << "not cancelled";
+  });
+  thread.join();
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST(FileTest, TruncatingCutsAndExtends) {

@@ -14,7 +14,7 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/fs/StreamFile.h"
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"

@@ -7,8 +7,8 @@
 
 #include <filesystem>
 
+#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Ops.h"
-#include "kespal/fs/SystemCalls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "kespal/fs/Access.h"
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"

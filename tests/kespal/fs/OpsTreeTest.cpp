@@ -10,8 +10,8 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Ops.h"
-#include "kespal/fs/SystemCalls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <map>
 
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 

@@ -1,4 +1,4 @@
-#include "kespal/fs/SystemCalls.h"
+#include "kespal/fs/FaultyCalls.h"
 
 #include <dirent.h>
 #include <fcntl.h>
