@@ -80,7 +80,8 @@ void repeat(int report) {
 
 int main() {
   int report[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) return 1;
+  if (::pipe(report) != 0) return 1;
+  for (const int end : report) ::fcntl(end, F_SETFD, FD_CLOEXEC);
   kes::KesPal runtime(/*quitHandling=*/true, /*forkPending=*/true, kes::Locale::System);
   const pid_t pid = ::fork();
   if (pid == -1) return 1;

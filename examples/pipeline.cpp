@@ -21,7 +21,8 @@ using kes::proc::Child;
 /// Both ends vanish on exec: a child gets only those that it is given.
 Pipe makePipe() {
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) kes::raiseAt(KES_HERE, kes::OsError(errno));
+  if (::pipe(ends) != 0) kes::raiseAt(KES_HERE, kes::OsError(errno));
+  for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
   Pipe pipe;
   pipe.readEnd = ends[0];
   pipe.writeEnd = ends[1];
@@ -54,7 +55,8 @@ int main() {
   start(sevens, first.readEnd, second.writeEnd);
   start(count, second.readEnd, -1);
   // Every child is waited for, whichever fails.
-  const bool all = succeeded(numbers) & succeeded(sevens) & succeeded(count);
+  bool all = true;
+  for (Child* child : {&numbers, &sevens, &count}) all = succeeded(*child) && all;
   std::cout << (all ? "every program succeeded" : "a program failed") << '\n';
   return all ? 0 : 1;
 }

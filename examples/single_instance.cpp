@@ -62,7 +62,8 @@ int run(const std::string& path) {
 int startAnother(const std::string& path) {
   kes::proc::Child other({kes::proc::Info::exe(), path});
   other.create();
-  return WEXITSTATUS(other.wait().status);
+  const int status = other.wait().status;
+  return WEXITSTATUS(status);
 }
 
 int demonstrate() {
