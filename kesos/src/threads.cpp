@@ -66,6 +66,7 @@ int KesOsThreadBegin(pthread_t* thread, KesOsThreadRoutine start, unsigned int s
   return 0;
 }
 
+// NOLINTNEXTLINE(performance-no-int-to-ptr): the value of a thread is a pointer
 void KesOsThreadEnd(void) { ::pthread_exit(reinterpret_cast<void*>(std::uintptr_t{1})); }
 
 void KesOsThreadCancel(pthread_t* thread) {
