@@ -13,8 +13,8 @@
 #include <thread>
 
 #include "kespal/error/OsError.h"
-#include "kespal/fs/StreamFile.h"
 #include "kespal/fs/FaultyCalls.h"
+#include "kespal/fs/StreamFile.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
