@@ -69,6 +69,13 @@ TEST_F(StandardPathsTest, UserLogsFollowTheStateVariableElseTheHome) {
   EXPECT_EQ(asked(StandardPaths::userLogDir, {{"HOME", "/h"}}), "/h/.local/state/Logs");
 }
 
+TEST_F(StandardPathsTest, ASlashAtTheEndOfAVariableIsNotDoubled) {
+  const Variables slashes = {{"HOME", "/h/"}, {"XDG_STATE_HOME", "/state//"}};
+  EXPECT_EQ(asked(StandardPaths::userLogDir, slashes), "/state/Logs");
+  EXPECT_EQ(asked(StandardPaths::userDataDir, slashes), "/h/.local/share");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, slashes), "/h/Documents");
+}
+
 TEST_F(StandardPathsTest, SystemLogsAreInOnePlace) {
   EXPECT_EQ(asked(StandardPaths::logDir, {}), "/var/log");
 }

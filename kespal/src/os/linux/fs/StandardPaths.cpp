@@ -23,9 +23,11 @@ std::string absoluteVariable(const char* name) {
   return value.starts_with('/') ? value : std::string();
 }
 
-std::string variableOrInHome(const char* name, const char* inHome) {
+Path belowHome(const char* below) { return Path(os::homeDir()) + below; }
+
+Path variableOrInHome(const char* name, const char* below) {
   const std::string value = absoluteVariable(name);
-  return !value.empty() ? value : os::homeDir() + inHome;
+  return !value.empty() ? Path(value) : belowHome(below);
 }
 
 void skipBlanks(std::string_view& text) {
@@ -61,7 +63,7 @@ std::string userDirOfLine(std::string_view line, std::string_view name) {
 
 /// The last usable line counts, as in the shell that the file is written for.
 std::string userDir(std::string_view name) {
-  std::ifstream file(variableOrInHome("XDG_CONFIG_HOME", "/.config") + "/user-dirs.dirs");
+  std::ifstream file(variableOrInHome("XDG_CONFIG_HOME", ".config") + "user-dirs.dirs");
   std::string line, result;
   while (std::getline(file, line)) {
     std::string value = userDirOfLine(line, name);
@@ -77,11 +79,11 @@ bool isOurDirectory(const std::string& path) {
 
 }  // namespace
 
-Path StandardPaths::userDataDir() { return variableOrInHome("XDG_DATA_HOME", "/.local/share"); }
+Path StandardPaths::userDataDir() { return variableOrInHome("XDG_DATA_HOME", ".local/share"); }
 
 Path StandardPaths::documentsDir() {
   const std::string configured = userDir("XDG_DOCUMENTS_DIR");
-  return !configured.empty() ? configured : os::homeDir() + "/Documents";
+  return !configured.empty() ? Path(configured) : belowHome("Documents");
 }
 
 Path StandardPaths::userTempDir() {
@@ -89,7 +91,7 @@ Path StandardPaths::userTempDir() {
   return !own.empty() && isOurDirectory(own) ? Path(own) : tempDir();
 }
 
-Path StandardPaths::userLogDir() { return variableOrInHome("XDG_STATE_HOME", "/.local/state") + "/Logs"; }
+Path StandardPaths::userLogDir() { return variableOrInHome("XDG_STATE_HOME", ".local/state") + "Logs"; }
 
 Path StandardPaths::logDir() { return "/var/log"; }
 
