@@ -5,6 +5,7 @@
 #include <memory>
 #include <sstream>
 
+#include "kespal/Helper.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "support/FakeAccounts.h"
@@ -36,23 +37,19 @@ std::vector<std::string> groupLines() {
   return lines;
 }
 
-/// A group as a line of the group file.
-std::string lineOf(const GroupInfo& group, const std::string& password) {
-  std::string line = group.name() + ':' + password + ':' + std::to_string(group.gid()) + ':';
-  for (const std::string& member : group.members()) line += member + ',';
-  if (!group.members().empty()) line.pop_back();
-  return line;
-}
-
 TEST(GroupInfoTest, EveryGroupIsAsGetentShowsIt) {
   const std::vector<std::string> lines = groupLines();
   ASSERT_FALSE(lines.empty());
   for (const std::string& line : lines) {
-    const std::size_t first = line.find(':'), second = line.find(':', first + 1);
-    const GroupInfo byName(line.substr(0, first));
-    EXPECT_EQ(lineOf(byName, line.substr(first + 1, second - first - 1)), line);
-    const GroupInfo byId(byName.gid());
-    EXPECT_EQ(byId.gid(), byName.gid());
+    std::vector<std::string> fields, members;
+    helper::split(line, ':', fields, /*strip=*/false, /*keepEmpty=*/true);
+    ASSERT_EQ(fields.size(), 4u) << line;
+    helper::split(fields[3], ',', members, /*strip=*/false, /*keepEmpty=*/false);
+    const GroupInfo byName(fields[0]);
+    EXPECT_EQ(byName.name(), fields[0]);
+    EXPECT_EQ(std::to_string(byName.gid()), fields[2]);
+    EXPECT_EQ(byName.members(), Names(members.begin(), members.end())) << line;
+    EXPECT_EQ(GroupInfo(byName.gid()).gid(), byName.gid());
   }
 }
 

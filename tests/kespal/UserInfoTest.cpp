@@ -55,7 +55,7 @@ TEST(UserInfoTest, EveryAccountIsAsGetentShowsIt) {
     EXPECT_EQ(std::to_string(user.gid), fields[3]);
     EXPECT_EQ(user.home, fields[5]);
     EXPECT_EQ(user.shell, fields[6]);
-    EXPECT_EQ(user.group, fieldsOf(outputOf("getent group " + fields[3]))[0].substr(0, user.group.size()));
+    EXPECT_EQ(user.group, fieldsOf(outputOf("getent group " + fields[3]))[0]);
     EXPECT_EQ(user.group + '\n', outputOf("id -gn " + fields[0]));
   }
 }

@@ -9,6 +9,23 @@
 
 namespace kes::test {
 
+namespace {
+
+namespace stdfs = std::filesystem;
+
+/// Lets the owner into a directory and all below it: a test may have closed some, and only root gets in.
+void openUp(const std::string& path) {
+  std::error_code error;
+  stdfs::permissions(path, stdfs::perms::owner_all, stdfs::perm_options::add, error);
+  for (stdfs::recursive_directory_iterator at(path, error), end; !error && at != end; at.increment(error)) {
+    if (!at->is_symlink() && at->is_directory()) {
+      stdfs::permissions(at->path(), stdfs::perms::owner_all, stdfs::perm_options::add, error);
+    }
+  }
+}
+
+}  // namespace
+
 TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path().string()) {}
 
 TempDir::TempDir(const std::string& below) : top_(below + "/kes-test-XXXXXX") {
@@ -20,6 +37,7 @@ TempDir::TempDir(const std::string& below) : top_(below + "/kes-test-XXXXXX") {
 
 TempDir::~TempDir() {
   std::error_code ignored;
+  openUp(path_);
   std::filesystem::remove_all(top_, ignored);
 }
 

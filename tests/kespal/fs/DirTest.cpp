@@ -1,6 +1,7 @@
 #include "kespal/fs/Dir.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -172,7 +173,7 @@ TEST(DirTest, ADirectoryThatRefusesToBeReadOnIsAReadError) {
   const auto child = test::inChild([] {
     // Who may read this directory is asked at every read, and not only when it is opened.
     Dir dir(("/proc/" + std::to_string(::getppid()) + "/map_files").c_str());
-    if (::seteuid(UINT32_MAX - 1) != 0) return 1;
+    if (::seteuid(::getpwnam("nobody")->pw_uid) != 0) return 1;
     const auto error = raisedAs<OsError>([&] {
       while (dir.nextEntry()) continue;
     });
@@ -481,10 +482,14 @@ TEST(DirTest, TheTypeOfAnEntryIsWhatTheSystemToldForFree) {
                                                     {"file", Dir::EntryType::Regular},
                                                     {"link", Dir::EntryType::Link},
                                                     {"fifo", Dir::EntryType::Other}};
+  std::size_t told = 0;
   while (dir.nextEntry()) {
-    if (dir.entryType() == Dir::EntryType::Unknown) continue;  // some file systems do not tell
+    if (dir.entryType() == Dir::EntryType::Unknown) continue;
     EXPECT_EQ(dir.entryType(), types.at(dir.entryName()));
+    ++told;
   }
+  if (told == 0) GTEST_SKIP() << "the file system of " << top.path() << " does not tell";
+  EXPECT_EQ(told, types.size());
 }
 
 TEST(DirTest, TheInformationOfTheDirectoryIsItsOwn) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <thread>
 
@@ -113,6 +114,18 @@ TEST(FileTest, ACreatedFileBelongsToItsOwnerAloneUnlessRightsAreGiven) {
   EXPECT_EQ(modeOf(folder / "masked"), 04750u);
 }
 
+TEST(FileTest, TheRightsOfACreatedFileAreThoseThatStatShows) {
+  const TempDir folder;
+  const auto child = inChild([&] {
+    ::umask(0);
+    const Access given(06751);
+    File().open((folder / "given").c_str(), File::WRITE, File::EXCLUSIVE, &given);
+    File().open((folder / "plain").c_str(), File::WRITE, File::EXCLUSIVE);
+    return std::system(("cd '" + folder.path() + "' && stat -c %a-%s given plain").c_str());
+  });
+  EXPECT_EQ(child.out, "6751-0\n600-0\n") << child.err;
+}
+
 TEST(FileTest, RightsDoNotTouchAFileThatExists) {
   const TempDir folder;
   test::writeFile(folder / "file", "");
@@ -187,6 +200,10 @@ TEST(FileTest, ErrorsThatTheSystemItselfMakesArriveAsTheirClasses) {
             (Raised{"kes::FsError", EISDIR, folder.path(), site, "open"}));
   EXPECT_EQ(opened(folder / std::string(300, 'n')).errnum, ENAMETOOLONG);
   EXPECT_EQ(opened(""), (Raised{"kes::NoSuchFileError", ENOENT, "", site, "open"}));
+}
+
+TEST(FileTest, ARunningProgramIsBusyForWriters) {
+  if (::access("/proc/self/exe", W_OK) != 0) GTEST_SKIP() << "this user may not write to the test program";
   EXPECT_EQ(raisedBy([] { File().open("/proc/self/exe", File::WRITE); }),
             (Raised{"kes::FileBusyError", ETXTBSY, "/proc/self/exe", site, "open"}));
 }

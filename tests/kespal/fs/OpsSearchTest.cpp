@@ -72,11 +72,13 @@ TEST_F(WhichTest, WithoutPathNothingIsFound) {
 TEST_F(WhichTest, EmptyElementsAreSkipped) {
   EXPECT_EQ(found(":/bin", "ls"), "/bin/ls");
   program(one_ + "/prog", 0755);
-  ASSERT_EQ(::chdir(one_.c_str()), 0);
-  for (const char* path : {"", ":", "::"}) EXPECT_EQ(found(path, "prog"), "") << "not the current directory";
-  EXPECT_EQ(found(".", "prog"), "./prog") << "only where it is named";
   EXPECT_EQ(found("::" + one_ + "::", "prog"), one_ + "/prog");
-  ASSERT_EQ(::chdir("/"), 0);
+  const auto child = inChild([&] {
+    Ops::setCWD(one_.c_str());
+    for (const char* path : {"", ":", "::", "."}) std::cout << found(path, "prog") << ';';
+    return 0;
+  });
+  EXPECT_EQ(child.out, ";;;./prog;") << "the current directory only where it is named";
 }
 
 TEST_F(WhichTest, ADirectoryIsGivenBackAsItStandsInPath) {
@@ -242,6 +244,7 @@ TEST_F(GlobTest, TheTildeIsTheHomeDirectory) {
 
 TEST_F(GlobTest, WithoutHomeTheTildeIsWhatTheUserDatabaseSays) {
   const std::string home = ::getpwuid(::getuid())->pw_dir;
+  if (!stdfs::is_directory(home)) GTEST_SKIP() << "this user has no home";
   for (const bool empty : {false, true}) {
     const auto child = inChild([&] {
       empty ? ::setenv("HOME", "", 1) : ::unsetenv("HOME");

@@ -212,13 +212,13 @@ TEST_F(OpsTreeTest, NobodyIsRefusedWithTheErrorsOfAWalkByPaths) {
   });
   EXPECT_EQ(unreadable.out, "kes::FsError 13 \"" + at("tree/closed") + "\" at " + dirSite + " (open)");
   // Readable, but not searchable: the look at the entry fails before any removal is tried.
-  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0744), 0);
+  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0444), 0);
   const auto unsearchable = asNobody([&] {
     std::cout << removing("tree");
     return 0;
   });
   EXPECT_EQ(unsearchable.out, "kes::FsError 13 \"" + at("tree/closed/file") + "\" at " + infoSite + " (get)");
-  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(at("tree/closed").c_str(), 0555), 0);
   const auto unwritable = asNobody([&] {
     std::cout << removing("tree");
     return 0;
@@ -229,7 +229,7 @@ TEST_F(OpsTreeTest, NobodyIsRefusedWithTheErrorsOfAWalkByPaths) {
 
 TEST_F(OpsTreeTest, ADirectoryBelowAnUnsearchableOneIsTheLooksErrorToo) {
   directory("tree/below");
-  ASSERT_EQ(::chmod(at("tree").c_str(), 0744), 0);
+  ASSERT_EQ(::chmod(at("tree").c_str(), 0444), 0);
   const auto child = asNobody([&] {
     std::cout << removing("tree");
     return 0;
@@ -242,7 +242,10 @@ TEST_F(OpsTreeTest, ADeepTreeNeedsNoMoreDescriptorsThanThereAre) {
   for (int level = 0; level < 100; ++level) deep += "/d";
   directory(deep);
   for (std::string name = deep; name != "tree"; name.resize(name.size() - 2)) file(name + "/file");
+  file("no directory");
   const auto child = inChild([&] {
+    // Once with descriptors: a sanitizer needs some when it sees a class for the first time.
+    if (removing("no directory").errnum != ENOTDIR) return 1;
     const rlimit few{20, 20};
     ::setrlimit(RLIMIT_NOFILE, &few);
     std::cout << removing("tree");
@@ -274,7 +277,8 @@ TEST_F(OpsTreeTest, AnEntryOfUnknownTypeIsLookedAt) {
 
 TEST_F(OpsTreeTest, WhereNothingCanBeRemovedTheFirstEntryIsNamed) {
   const Raised raised = raisedBy([] { Ops::removeTree("/proc/self/fdinfo"); });
-  EXPECT_EQ(raised, (Raised{"kes::FileAccessError", EPERM, raised.text, opsSite, "removeFile"}));
+  const int errnum = ::geteuid() == 0 ? EPERM : EACCES;
+  EXPECT_EQ(raised, (Raised{"kes::FileAccessError", errnum, raised.text, opsSite, "removeFile"}));
   EXPECT_THAT(raised.text, ::testing::StartsWith("/proc/self/fdinfo/"));
 }
 

@@ -23,6 +23,8 @@ namespace {
 using test::faultyIds;
 
 constexpr unsigned root = 0;
+/// Nobody has this account; it is small enough for containers, which know few ids.
+constexpr unsigned stranger = 64444;
 
 /// A record that names an account by its ids alone.
 UserInfo ids(unsigned uid, unsigned gid) {
@@ -379,14 +381,14 @@ TEST_F(PrivilegeTest, AResolvedUserKeepsItsGroup) {
 
 TEST_F(PrivilegeTest, WithoutAPasswordEntryTheProcessUserCannotBeTold) {
   EXPECT_EQ(asRoot([](Privilege& p) {
-              if (::setresuid(4000000004U, 4000000004U, 4000000004U) != 0) return;
+              if (::setresuid(stranger, stranger, stranger) != 0) return;
               attempt([&] { p.effectiveProcUser(); });
               attempt([&] { p.realProcUser(); });
-              attempt([&] { p.changePrivilege(ids(4000000004U, root), false, false); });
+              attempt([&] { p.changePrivilege(ids(stranger, root), false, false); });
             }),
             [] {
               const std::string line =
-                  "resolve: Runtime error occured. No such user -> " + four(4000000004U) + "/0 0 0/4 27\n";
+                  "resolve: Runtime error occured. No such user -> " + four(stranger) + "/0 0 0/4 27\n";
               return line + line + line;
             }());
 }
