@@ -30,5 +30,6 @@ void KesOsInit(void) {
 unsigned int KesOsGetUpTime(void) {
   KesOsInit();
   const std::uint64_t start = __atomic_load_n(&g_kesos_inittime, __ATOMIC_RELAXED);
-  return start == 0 ? 0 : static_cast<unsigned int>(monotonicSeconds() - start);
+  const std::uint64_t now = monotonicSeconds();
+  return start == 0 || now < start ? 0 : static_cast<unsigned int>(now - start);
 }

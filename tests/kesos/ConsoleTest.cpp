@@ -5,10 +5,49 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <future>
 
 #include "support/Pty.h"
+
+// What the readers ask of this thread's terminal, and which of it is refused (linker option --wrap).
+namespace {
+
+thread_local std::vector<termios> settings;
+thread_local timeval patience{};
+thread_local std::size_t refusedSetting = 0;  // counts from 1
+thread_local bool pollIsRefused = false, readIsRefused = false;
+
+int refuse(int error) {
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+extern "C" {
+
+int __real_tcsetattr(int fd, int when, const termios* attributes);
+int __wrap_tcsetattr(int fd, int when, const termios* attributes) {
+  settings.push_back(*attributes);
+  return settings.size() == refusedSetting ? refuse(EIO) : __real_tcsetattr(fd, when, attributes);
+}
+
+int __real_select(int count, fd_set* in, fd_set* out, fd_set* error, timeval* timeout);
+int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* error, timeval* timeout) {
+  if (timeout != nullptr) patience = *timeout;
+  return pollIsRefused ? refuse(EINTR) : __real_select(count, in, out, error, timeout);
+}
+
+ssize_t __real_read(int fd, void* data, std::size_t size);
+ssize_t __wrap_read(int fd, void* data, std::size_t size) {
+  return readIsRefused ? refuse(EIO) : __real_read(fd, data, size);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -23,8 +62,11 @@ class ConsoleTest : public testing::Test {
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     putOnInput(pty_.terminal());
     before_ = pty_.attributes();
+    settings.clear();
   }
   void TearDown() override {
+    refusedSetting = 0;
+    pollIsRefused = readIsRefused = false;
     std::clearerr(stdin);
     ::dup2(saved_, STDIN_FILENO);
     ::close(saved_);
@@ -48,6 +90,7 @@ class ConsoleTest : public testing::Test {
     FD_SET(pty_.terminal(), &input);
     EXPECT_EQ(::select(pty_.terminal() + 1, &input, nullptr, nullptr, nullptr), 1);
     ::tcsetattr(pty_.terminal(), TCSANOW, &before_);
+    settings.clear();
   }
 
   Pty pty_;
@@ -103,6 +146,55 @@ TEST_F(ConsoleTest, KeysAreTakenOneByOneByBothReaders) {
   EXPECT_EQ(KesOsGetChNoWait(0), 'a');
   EXPECT_EQ(KesOsGetCh(0), 'b');
   EXPECT_EQ(KesOsGetChNoWait(0), 'c');
+}
+
+TEST_F(ConsoleTest, APollSwitchesToSingleKeysForAHundredMicrosecondsAndBack) {
+  for (const char echo : {'\0', '\1', 'n'}) {
+    settings.clear();
+    EXPECT_EQ(KesOsGetChNoWait(echo), 0);
+    ASSERT_EQ(settings.size(), 2U);
+    const tcflag_t cleared = ICANON | (echo != 0 ? 0 : ECHO);
+    EXPECT_EQ(settings[0].c_lflag, before_.c_lflag & ~cleared) << "and no other flag";
+    EXPECT_EQ(settings[0].c_cc[VMIN], 1);
+    EXPECT_EQ(settings[0].c_cc[VTIME], 0);
+    EXPECT_EQ(settings[1].c_lflag, before_.c_lflag);
+  }
+  EXPECT_EQ(patience.tv_sec, 0);
+  EXPECT_EQ(patience.tv_usec, 100);
+}
+
+TEST_F(ConsoleTest, ATerminalThatCannotBeSwitchedGivesMinusOneAndNoKeyIsTaken) {
+  typeAhead("k");
+  refusedSetting = 1;
+  EXPECT_EQ(KesOsGetCh(0), -1);
+  settings.clear();
+  EXPECT_EQ(KesOsGetChNoWait(0), -1);
+  refusedSetting = 0;
+  EXPECT_EQ(KesOsGetChNoWait(0), 'k');
+}
+
+TEST_F(ConsoleTest, ATerminalThatCannotBeRestoredGivesMinusOneInPlaceOfTheKey) {
+  typeAhead("ab");
+  refusedSetting = 2;
+  EXPECT_EQ(KesOsGetCh(0), -1);
+  settings.clear();
+  EXPECT_EQ(KesOsGetChNoWait(0), -1);
+  refusedSetting = 0;
+  EXPECT_EQ(KesOsGetChNoWait(0), 0) << "both keys were taken";
+}
+
+TEST_F(ConsoleTest, APollThatFailsGivesMinusOneAndTheTerminalIsRestored) {
+  typeAhead("k");
+  pollIsRefused = true;
+  EXPECT_EQ(KesOsGetChNoWait(0), -1);
+  expectRestored();
+}
+
+TEST_F(ConsoleTest, AnAnnouncedKeyThatCannotBeReadGivesOneAndTheTerminalIsRestored) {
+  typeAhead("k");
+  readIsRefused = true;
+  EXPECT_EQ(KesOsGetChNoWait(0), 1);
+  expectRestored();
 }
 
 TEST_F(ConsoleTest, InputThatIsNoTerminalGivesMinusOne) {

@@ -4,6 +4,7 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <thread>
 
 #include "kesos/Ipc.h"
@@ -223,7 +224,9 @@ TEST_F(MutexTest, AHolderThatIsKilledLeavesTheMutexLockedAndAnyoneMayReleaseIt) 
     for (;;) ::pause();
     return 0;
   });
-  ASSERT_TRUE(eventually([key] { return semaphoreOf(key) >= 0 && valueOf(key) == 0 && tableExists(); }));
+  // A semaphore is made with the value 0, too: only one that is in the table is locked by its holder.
+  ASSERT_TRUE(
+      eventually([key] { return tableExists() && slotCount(semaphoreOf(key)) == 1 && valueOf(key) == 0; }));
   KesOsMutex* mutex = created(key);
   ::kill(holder, SIGKILL);
   EXPECT_EQ(waitForProcess(holder), 128 + SIGKILL);
@@ -290,6 +293,65 @@ TEST_F(MutexTest, AKeyedWaitGoesOnAfterASignalAndEndsWhenTheProcessShutsDown) {
     return KesOsMutexClose(mutex) == 1 ? 0 : 5;
   });
   EXPECT_EQ(result.exitCode(), 0) << result.err;
+}
+
+TEST_F(MutexTest, AnInterruptedWaitIsTriedAgainAfterFiftyMilliseconds) {
+  KesOsMutex* mutex = created(freshKey());
+  for (const unsigned int timeout : {0U, infinite}) {
+    unsigned int state = 7;
+    const int attempts = countOf(IpcCall::semop);
+    const auto start = std::chrono::steady_clock::now();
+    refuse(IpcCall::semop, EINTR);
+    EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), 1);
+    EXPECT_EQ(state, 1U);
+    EXPECT_EQ(countOf(IpcCall::semop), attempts + 2);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+    EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  }
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, AnInterruptedWaitOfAProcessThatShutsDownIsGivenUp) {
+  KesOsMutex* mutex = created(freshKey());
+  KesOsSetShutdown();
+  unsigned int state = 7;
+  refuse(IpcCall::semop, EINTR);
+  EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 0);
+  EXPECT_EQ(state, 0U);
+  refuse(IpcCall::semop, EINTR);
+  EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1);
+  EXPECT_EQ(state, 999U);
+  KesOsSetSystemUp();
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
+  struct Failure {
+    unsigned int timeout;
+    int error, result;
+    unsigned int state;
+  };
+  KesOsMutex* mutex = created(freshKey());
+  for (const auto& [timeout, error, result, expected] :
+       {Failure{infinite, EAGAIN, 1, 999}, {infinite, EIDRM, 0, 0}, {infinite, EACCES, 0, 0},
+        {0, EAGAIN, 1, 999}, {0, EIDRM, 1, 999}, {0, EACCES, 1, 999}}) {
+    unsigned int state = 7;
+    refuse(IpcCall::semop, error);
+    EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), result) << timeout << ' ' << error;
+    EXPECT_EQ(state, expected) << timeout << ' ' << error;
+    refuse(IpcCall::semop, error);
+    EXPECT_EQ(KesOsMutexWait(mutex, timeout, nullptr), result) << "the state is not asked for";
+  }
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(MutexTest, AReleaseThatFailsGivesZero) {
+  KesOsMutex* mutex = created(freshKey());
+  ASSERT_TRUE(tryLock(mutex));
+  refuse(IpcCall::semop, EACCES);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 0);
+  EXPECT_FALSE(tryLock(mutex));
+  KesOsMutexClose(mutex);
 }
 
 TEST_F(MutexTest, ARoundOfAKeyedMutexIsTwoSystemCalls) {

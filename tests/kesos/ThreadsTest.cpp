@@ -210,11 +210,13 @@ TEST(ThreadsTest, TheStopCallbackIsCalledOnceTheStopIsRequested) {
 }
 
 TEST(ThreadsTest, AStopCallbackThatChangesTheStateEndsTheWaiting) {
-  unsigned int state = running;
   const auto callback = [](void* arg) { set(*static_cast<unsigned int*>(arg), notRunning); };
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(KesOsThreadStop(nullptr, &state, 0, callback, &state));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+  for (int round = 0; round < 200; ++round) {
+    unsigned int state = running;
+    EXPECT_TRUE(KesOsThreadStop(nullptr, &state, 0, callback, &state));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "each of them waited";
 }
 
 TEST(ThreadsTest, AThreadHasTheNameThatItGaveItself) {
@@ -246,7 +248,7 @@ TEST(ThreadsTest, OnlyTheFirstFunctionIsEverCalledAndOnlyOnce) {
 }
 
 TEST(ThreadsTest, StoppingWhileTheThreadEndsByItselfNeverHangs) {
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < 50; ++round) {
     Worker worker;
     const auto brief = [](void* arg) -> void* {
       auto& own = *static_cast<Worker*>(arg);

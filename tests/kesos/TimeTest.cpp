@@ -89,12 +89,24 @@ TEST(TimeTest, UpTimeIsThatOfTheMonotonicClock) {
 
 TEST(TimeTest, WithoutAClockTheUpTimeIsZeroAndNothingIsThrown) {
   const auto result = kes::test::inChild([] {
+    g_kesos_inittime = 0;
     kes::time::ClockBase::init();
     kes::time::OsClock::MONOTONIC = 12345;
     if (KesOsGetUpTime() != 0 || g_kesos_inittime != 0) return 1;
     kes::time::ClockBase::init();
     KesOsInit();
     return g_kesos_inittime != 0 ? 0 : 2;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST(TimeTest, AClockThatFailsLaterMakesTheUpTimeZero) {
+  const auto result = kes::test::inChild([] {
+    kes::time::ClockBase::init();
+    g_kesos_inittime = 1;
+    if (KesOsGetUpTime() == 0) return 1;
+    kes::time::OsClock::MONOTONIC = 12345;
+    return KesOsGetUpTime() == 0 && g_kesos_inittime == 1 ? 0 : 2;
   });
   EXPECT_EQ(result.exitCode(), 0);
 }

@@ -1,112 +1,22 @@
 #include "DriverCalls.h"
 
 #include <cstring>
-#include <deque>
 #include <functional>
-#include <optional>
 
 #include "State.h"
 #include "support/ForkedChild.h"
-
-// The driver of these tests: every call is written down, and answered from a list (linker option --wrap).
-namespace {
-
-struct Answer {
-  kern_return_t result = KERN_SUCCESS;
-  std::string bytes = {};
-  std::size_t claimed = 0;  // a count to report instead of the true one
-};
-
-std::vector<std::string> journal;
-std::deque<Answer> answers;
-io_service_t matched = 0;
-kern_return_t openResult = KERN_SUCCESS, scalarResult = KERN_SUCCESS;
-
-std::string hexOf(const void* data, std::size_t size) {
-  std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02X", static_cast<const unsigned char*>(data)[i]);
-    text += digits;
-  }
-  return text;
-}
-
-template <typename T>
-std::string given(const T* pointer) {
-  return pointer == nullptr ? "none" : std::to_string(*pointer);
-}
-
-void note(const std::string& line) { journal.push_back(line); }
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-extern "C" {
-
-io_service_t __wrap_IOServiceGetMatchingService(mach_port_t port, CFDictionaryRef matching) {
-  note(std::string("match ") + (port == kIOMasterPortDefault ? "default" : "other") +
-       (matching != nullptr ? " class" : ""));
-  return matched;
-}
-
-kern_return_t __wrap_IOServiceOpen(io_service_t service, task_port_t task, std::uint32_t type,
-                                   io_connect_t* connect) {
-  note("open " + std::to_string(service) + (task == mach_task_self() ? " self " : " other ") +
-       std::to_string(type));
-  *connect = openResult == KERN_SUCCESS ? 77 : 0;
-  return openResult;
-}
-
-kern_return_t __wrap_IOServiceClose(io_connect_t connect) {
-  note("close " + std::to_string(connect));
-  return KERN_SUCCESS;
-}
-
-kern_return_t __wrap_IOObjectRelease(io_object_t object) {
-  note("release " + std::to_string(object));
-  return KERN_SUCCESS;
-}
-
-kern_return_t __wrap_IOConnectCallScalarMethod(mach_port_t connection, std::uint32_t selector,
-                                               const std::uint64_t* input, std::uint32_t inputCount,
-                                               std::uint64_t* output, std::uint32_t* outputCount) {
-  note("scalar " + std::to_string(connection) + " selector " + std::to_string(selector) + " in " +
-       std::to_string(inputCount) + ": " + given(input) + " out " + given(output) + ' ' + given(outputCount));
-  return scalarResult;
-}
-
-kern_return_t __wrap_IOConnectCallMethod(mach_port_t connection, std::uint32_t selector,
-                                         const std::uint64_t* input, std::uint32_t inputCount,
-                                         const void* structure, std::size_t size, std::uint64_t* output,
-                                         std::uint32_t* outputCount, void* reply, std::size_t* capacity) {
-  note("call " + std::to_string(connection) + " selector " + std::to_string(selector) + " scalars " +
-       given(input) + ' ' + std::to_string(inputCount) + " structure " + std::to_string(size) + ": " +
-       hexOf(structure, size) + " out " + given(output) + ' ' + given(outputCount) + " capacity " +
-       given(capacity));
-  const Answer answer = answers.empty() ? Answer{} : answers.front();
-  if (!answers.empty()) answers.pop_front();
-  if (capacity != nullptr && answer.result == KERN_SUCCESS) {
-    std::memcpy(reply, answer.bytes.data(), std::min(*capacity, answer.bytes.size()));
-    *capacity = answer.claimed != 0 ? answer.claimed : answer.bytes.size();
-  }
-  return answer.result;
-}
-
-}  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
+#include "tool/FakeDriver.h"
 
 namespace {
 
+using kes::test::fakeDriver;
+using kes::test::FakeDriver;
 using kes::test::inChild;
 
 class DriverCallsTest : public testing::Test {
  protected:
   void SetUp() override {
-    journal.clear();
-    answers.clear();
-    matched = 5;
-    openResult = scalarResult = KERN_SUCCESS;
+    driver_ = {};
     dbgLvl = {};
   }
 
@@ -114,10 +24,12 @@ class DriverCallsTest : public testing::Test {
   static kes::test::ChildResult run(const std::function<int()>& body) {
     return inChild([&body] {
       const int code = body();
-      for (const std::string& line : journal) std::printf("[%s]\n", line.c_str());
+      for (const std::string& line : fakeDriver.journal) std::printf("[%s]\n", line.c_str());
       return code;
     });
   }
+
+  FakeDriver& driver_ = fakeDriver;
 };
 
 constexpr char found[] = "Found a device of class kes_vpn_driver_keslbmac.\n";
@@ -130,7 +42,7 @@ TEST_F(DriverCallsTest, AConnectionIsMatchedOpenedAndAnnounced) {
   EXPECT_EQ(child.exitCode(), 0);
   EXPECT_EQ(child.out, std::string(found) +
                            "connection open, type =1\n"
-                           "[match default class]\n"
+                           "[match default kes_vpn_driver_keslbmac]\n"
                            "[open 5 self 0]\n"
                            "[scalar 77 selector 0 in 1: 1 out none none]\n");
   EXPECT_EQ(child.err, "");
@@ -143,24 +55,24 @@ TEST_F(DriverCallsTest, TheTypeOfTheConnectionIsTheOneScalarOfTheOpenCall) {
   });
   EXPECT_EQ(child.out, std::string(found) +
                            "connection open, type =2\n"
-                           "[match default class]\n"
+                           "[match default kes_vpn_driver_keslbmac]\n"
                            "[open 5 self 0]\n"
                            "[scalar 77 selector 0 in 1: 2 out none none]\n");
 }
 
 TEST_F(DriverCallsTest, WithoutAServiceNothingIsOpened) {
-  matched = 0;
+  driver_.matched = 0;
   const auto child = run([] {
     CONNECTION_INFO info{1, 2};
     return !OpenConnection(info, 1) && info.service == 0 && info.connect == 0 ? 0 : 1;
   });
   EXPECT_EQ(child.exitCode(), 0);
-  EXPECT_EQ(child.out, "[match default class]\n");
+  EXPECT_EQ(child.out, "[match default kes_vpn_driver_keslbmac]\n");
   EXPECT_EQ(child.err, "IOServiceGetMatchingService didn't find a matching driver\n");
 }
 
 TEST_F(DriverCallsTest, ARefusedUserClientIsReportedAndTheServiceReleased) {
-  openResult = static_cast<kern_return_t>(0xE00002C5);
+  driver_.openResult = static_cast<kern_return_t>(0xE00002C5);
   const auto child = run([] {
     CONNECTION_INFO info{};
     return !OpenConnection(info, 1) && info.service == 0 && info.connect == 0 ? 0 : 1;
@@ -168,21 +80,21 @@ TEST_F(DriverCallsTest, ARefusedUserClientIsReportedAndTheServiceReleased) {
   EXPECT_EQ(child.exitCode(), 0);
   EXPECT_EQ(child.out, std::string(found) +
                            "IOServiceOpen failed ret=0xe00002c5\n"
-                           "[match default class]\n"
+                           "[match default kes_vpn_driver_keslbmac]\n"
                            "[open 5 self 0]\n"
                            "[release 5]\n");
   EXPECT_EQ(child.err, "");
 }
 
 TEST_F(DriverCallsTest, ARefusedOpenCallIsReportedAndBothHandlesReleased) {
-  scalarResult = static_cast<kern_return_t>(0xE00002C2);
+  driver_.scalarResult = static_cast<kern_return_t>(0xE00002C2);
   const auto child = run([] {
     CONNECTION_INFO info{};
     return !OpenConnection(info, 2) && info.service == 0 && info.connect == 0 ? 0 : 1;
   });
   EXPECT_EQ(child.exitCode(), 0);
   EXPECT_EQ(child.out, std::string(found) +
-                           "[match default class]\n"
+                           "[match default kes_vpn_driver_keslbmac]\n"
                            "[open 5 self 0]\n"
                            "[scalar 77 selector 0 in 1: 2 out none none]\n"
                            "[close 77]\n"
@@ -193,17 +105,17 @@ TEST_F(DriverCallsTest, ARefusedOpenCallIsReportedAndBothHandlesReleased) {
 TEST_F(DriverCallsTest, ClosingClosesThenReleasesAndZeroesBothHandles) {
   CONNECTION_INFO info{5, 77};
   CloseConnection(info);
-  EXPECT_EQ(journal, (std::vector<std::string>{"close 77", "release 5"}));
+  EXPECT_EQ(driver_.journal, (std::vector<std::string>{"close 77", "release 5"}));
   EXPECT_EQ(info.service, 0U);
   EXPECT_EQ(info.connect, 0U);
   CloseConnection(info);
-  EXPECT_EQ(journal.size(), 2U) << "a closed record was closed again";
+  EXPECT_EQ(driver_.journal.size(), 2U) << "a closed record was closed again";
 }
 
 TEST_F(DriverCallsTest, ARecordWithAServiceOnlyIsReleasedOnly) {
   CONNECTION_INFO info{5, 0};
   CloseConnection(info);
-  EXPECT_EQ(journal, std::vector<std::string>{"release 5"});
+  EXPECT_EQ(driver_.journal, std::vector<std::string>{"release 5"});
 }
 
 TEST_F(DriverCallsTest, TheRecordIsTwoThirtyTwoBitHandlesServiceFirst) {
@@ -228,7 +140,7 @@ TEST_F(DriverCallsTest, TheDebugLevelsGoOutAsThirtyTwoExactBytes) {
 }
 
 TEST_F(DriverCallsTest, RefusedDebugLevelsAreReportedInTheTraceCallsWordsWithoutItsColon) {
-  answers = {{.result = static_cast<kern_return_t>(0xE00002BC)}};
+  driver_.answers = {{.result = static_cast<kern_return_t>(0xE00002BC)}};
   const auto child = run([] {
     SetDebugLevels(77);
     return 0;
@@ -238,25 +150,25 @@ TEST_F(DriverCallsTest, RefusedDebugLevelsAreReportedInTheTraceCallsWordsWithout
 }
 
 TEST_F(DriverCallsTest, GetTraceSendsSixteenExactBytesAndReturnsTheTextsLength) {
-  answers = {{.bytes = std::string("\x07\x00hello", 7)}};
+  driver_.answers = {{.bytes = std::string("\x07\x00hello", 7)}};
   char text[100];
   std::memset(text, 'x', sizeof text);
   EXPECT_EQ(GetTrace(77, text, sizeof text), 5U);
   EXPECT_STREQ(text + 2, "hello") << "the text has to end where the reply does";
-  EXPECT_EQ(journal, std::vector<std::string>{"call 77 selector 3 scalars none 0 structure 16: "
+  EXPECT_EQ(driver_.journal, std::vector<std::string>{"call 77 selector 3 scalars none 0 structure 16: "
                                               "10000001000000000000000000000000 out none none capacity 100"});
 }
 
 TEST_F(DriverCallsTest, AReplyOfTwoBytesOrFewerHasNoText) {
   for (const char* bytes : {"", "a", "ab"}) {
-    answers = {{.bytes = bytes}};
+    driver_.answers = {{.bytes = bytes}};
     char text[100];
     EXPECT_EQ(GetTrace(77, text, sizeof text), 0U);
   }
 }
 
 TEST_F(DriverCallsTest, AReplyAsLongAsTheBufferIsNotTerminatedBehindIt) {
-  answers = {{.bytes = "12345678"}};
+  driver_.answers = {{.bytes = "12345678"}};
   char text[9] = "xxxxxxxx";
   text[8] = '!';
   EXPECT_EQ(GetTrace(77, text, 8), 6U);
@@ -264,11 +176,11 @@ TEST_F(DriverCallsTest, AReplyAsLongAsTheBufferIsNotTerminatedBehindIt) {
 }
 
 TEST_F(DriverCallsTest, ACountAboveTheCapacityIsNotBelieved) {
-  answers = {{.bytes = "1234", .claimed = 5000}, {.bytes = "1234", .claimed = 5000}};
+  driver_.answers = {{.bytes = "1234", .claimed = 5000}, {.bytes = "1234", .claimed = 5000}};
   char text[8];
   EXPECT_EQ(GetTrace(77, text, sizeof text), 6U);
   const auto child = run([] {
-    answers = {{.bytes = "1234", .claimed = 5000}};
+    fakeDriver.answers = {{.bytes = "1234", .claimed = 5000}};
     unsigned char packet[8];
     return static_cast<int>(GetPacket(77, packet, sizeof packet));
   });
@@ -276,7 +188,7 @@ TEST_F(DriverCallsTest, ACountAboveTheCapacityIsNotBelieved) {
 }
 
 TEST_F(DriverCallsTest, AFailedGetTraceIsReportedAndGivesZero) {
-  answers = {{.result = 0x10000003}};
+  driver_.answers = {{.result = 0x10000003}};
   const auto child = run([] {
     char text[8];
     return static_cast<int>(GetTrace(77, text, sizeof text));
@@ -286,7 +198,7 @@ TEST_F(DriverCallsTest, AFailedGetTraceIsReportedAndGivesZero) {
 }
 
 TEST_F(DriverCallsTest, GetPacketHasNoInputAndAnnouncesAPacket) {
-  answers = {{.bytes = "abcdefg"}};
+  driver_.answers = {{.bytes = "abcdefg"}};
   const auto child = run([] {
     unsigned char packet[4096];
     return static_cast<int>(GetPacket(77, packet, sizeof packet));
@@ -306,7 +218,7 @@ TEST_F(DriverCallsTest, GetPacketSaysNothingWhenNoPacketWaits) {
 }
 
 TEST_F(DriverCallsTest, AFailedGetPacketIsReportedAndGivesZero) {
-  answers = {{.result = static_cast<kern_return_t>(0xE00002D7)}};
+  driver_.answers = {{.result = static_cast<kern_return_t>(0xE00002D7)}};
   const auto child = run([] {
     unsigned char packet[64];
     return static_cast<int>(GetPacket(77, packet, sizeof packet));
