@@ -1,5 +1,7 @@
 #include "kesos/libraries.h"
 
+#include <dlfcn.h>
+
 #include <cstring>
 
 namespace {
@@ -17,6 +19,31 @@ TEST(LibrariesTest, ASymbolOfALibraryIsFoundAndUsed) {
   EXPECT_EQ(reinterpret_cast<std::size_t (*)(const char*)>(address)("four"), 4U);
   EXPECT_EQ(KesOsDlGetAddr(handle, "strlen"), address);
   EXPECT_EQ(KesOsDlFree(handle), 1);
+}
+
+TEST(LibrariesTest, ALibraryIsLoadedWithItsSymbolsUnboundAndGivenBack) {
+  EXPECT_EQ(::dlopen(KES_PLUGIN, RTLD_NOW), nullptr) << "it has a symbol that nobody defines";
+  void* handle = KesOsDlLoad(KES_PLUGIN);
+  ASSERT_NE(handle, nullptr);
+  const auto answer = reinterpret_cast<int (*)()>(KesOsDlGetAddr(handle, "kes_plugin_answer"));
+  ASSERT_NE(answer, nullptr);
+  EXPECT_EQ(answer(), 42);
+  const auto noteEnd = reinterpret_cast<void (*)(int*)>(KesOsDlGetAddr(handle, "kes_plugin_note_end"));
+  ASSERT_NE(noteEnd, nullptr);
+  int ended = 0;
+  noteEnd(&ended);
+  EXPECT_EQ(KesOsDlLoad(KES_PLUGIN), handle) << "the same one, loaded twice";
+  EXPECT_EQ(KesOsDlFree(handle), 1);
+  EXPECT_EQ(ended, 0);
+  EXPECT_EQ(KesOsDlFree(handle), 1);
+  EXPECT_EQ(ended, 1);
+}
+
+TEST(LibrariesTest, WhatIsNoLibraryGivesTheLoadersMessage) {
+  const char* error = nullptr;
+  EXPECT_EQ(KesOsDlLoadEx("/dev/null", &error), nullptr);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(std::strstr(error, "/dev/null"), nullptr);
 }
 
 TEST(LibrariesTest, WhatIsMissingGivesNullAndTheLoadersMessage) {

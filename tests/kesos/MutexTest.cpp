@@ -332,9 +332,12 @@ TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
     unsigned int state;
   };
   KesOsMutex* mutex = created(freshKey());
-  for (const auto& [timeout, error, result, expected] :
-       {Failure{infinite, EAGAIN, 1, 999}, {infinite, EIDRM, 0, 0}, {infinite, EACCES, 0, 0},
-        {0, EAGAIN, 1, 999}, {0, EIDRM, 1, 999}, {0, EACCES, 1, 999}}) {
+  for (const auto& [timeout, error, result, expected] : {Failure{infinite, EAGAIN, 1, 999},
+                                                         {infinite, EIDRM, 0, 0},
+                                                         {infinite, EACCES, 0, 0},
+                                                         {0, EAGAIN, 1, 999},
+                                                         {0, EIDRM, 1, 999},
+                                                         {0, EACCES, 1, 999}}) {
     unsigned int state = 7;
     refuse(IpcCall::semop, error);
     EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), result) << timeout << ' ' << error;

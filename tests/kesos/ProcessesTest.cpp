@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +73,28 @@ TEST(ShellProcessTest, WhiteSpaceInAProgramsPathIsEscaped) {
   EXPECT_EQ(readFile(dir / "out"), (dir / "with space/prog") + "|one|two three\n");
   EXPECT_EQ(run('"' + (dir / "with space/prog") + '"'), (Ran{1, 0}));
   EXPECT_EQ(run((dir / "with space/prog")), (Ran{0, -1})) << "without quotes the path ends at the space";
+}
+
+TEST(ShellProcessTest, OnlyWhiteSpaceIsEscapedAndBecomesASpace) {
+  const TempDir dir;
+  makeScript(dir / "with\ttab", "exit 3");
+  makeScript(dir / "with$0dollar", "exit 3");
+  EXPECT_EQ(run('"' + (dir / "with\ttab") + '"'), (Ran{0, 127})) << "the shell looks for a space";
+  EXPECT_EQ(run(dir / "with$0dollar"), (Ran{0, 127})) << "the shell puts its own name there";
+  makeScript(dir / "with tab", "exit 4");
+  EXPECT_EQ(run('"' + (dir / "with\ttab") + '"'), (Ran{0, 4}));
+}
+
+TEST(ShellProcessTest, QuotesAroundTheProgramAreTakenOffAndOthersReachTheShell) {
+  const TempDir dir;
+  makeScript(dir / "prog", "exit 3");
+  makeScript(dir / "quo\"t\"e", "exit 4");
+  makeScript(dir / "quote", "exit 5");
+  for (const char* end : {"", "\"", "\"\""}) {
+    EXPECT_EQ(run('"' + (dir / "prog") + end), (Ran{0, 3})) << end;
+    EXPECT_EQ(run((dir / "prog") + end + " argument"), (Ran{0, 3})) << end;
+  }
+  EXPECT_EQ(run(dir / "quo\"t\"e"), (Ran{0, 5})) << "found, and then the shell takes the quotes off";
 }
 
 TEST(ShellProcessTest, WithTheFlagNobodyWaits) {
@@ -155,6 +179,52 @@ TEST(ProcessTest, BufferedOutputIsWrittenOnceAlthoughTheChildExits) {
   });
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(result.out, "once;");
+}
+
+TEST(ProcessTest, ExitHandlersRunInAChildThatIsWaitedForAndNotInADetachedOne) {
+  const auto startMissing = [](bool detached) {
+    return inChild([detached] {
+      std::atexit([] { static_cast<void>(::write(1, "handler;", 8) == 8); });
+      KesOsProcess* process = nullptr;
+      if (detached) return KesOsCreateProcessAsyn("kes-no-such-program", 0, nullptr) == 1 ? 0 : 1;
+      if (KesOsCreateProcessAsyn("kes-no-such-program", 0, &process) != 1) return 1;
+      return KesOsProcessWait(process, nullptr) == 1 ? 0 : 2;
+    });
+  };
+  const ChildResult waitedFor = startMissing(false), detached = startMissing(true);
+  EXPECT_EQ(waitedFor.exitCode() + detached.exitCode(), 0);
+  EXPECT_EQ(waitedFor.out, "handler;");
+  EXPECT_EQ(detached.out, "");
+}
+
+TEST(ProcessTest, AnExhaustedSystemMakesStartsFail) {
+  const ChildResult result = asNobody([] {
+    const rlimit none{0, 0};
+    if (::setrlimit(RLIMIT_NPROC, &none) != 0) return 1;
+    char unused = 0;
+    auto* process = reinterpret_cast<KesOsProcess*>(&unused);
+    if (KesOsCreateProcessAsyn("true", 0, &process) != 0 || process != nullptr) return 2;
+    if (KesOsCreateProcessAsyn("true", 0, nullptr) != 0) return 3;
+    return run("true") == Ran{0, -1} ? 0 : 4;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST(ProcessTest, AWaitGoesOnAfterASignal) {
+  static volatile sig_atomic_t signals = 0;
+  const ChildResult result = inChild([] {
+    struct sigaction action {};
+    action.sa_handler = [](int) { signals = signals + 1; };
+    ::sigaction(SIGALRM, &action, nullptr);
+    KesOsProcess* process = nullptr;
+    if (KesOsCreateProcessAsyn("sh -c \"sleep 0.2; exit 5\"", 0, &process) != 1) return 1;
+    const itimerval often{{0, 10'000}, {0, 10'000}};
+    ::setitimer(ITIMER_REAL, &often, nullptr);
+    unsigned int exitCode = 77;
+    if (KesOsProcessWait(process, &exitCode) != 1) return 2;
+    return exitCode == 5 && signals > 0 ? 0 : 3;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
 }
 
 TEST(ProcessTest, WithoutAHandleTheProgramIsNobodysChild) {

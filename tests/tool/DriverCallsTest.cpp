@@ -155,8 +155,9 @@ TEST_F(DriverCallsTest, GetTraceSendsSixteenExactBytesAndReturnsTheTextsLength) 
   std::memset(text, 'x', sizeof text);
   EXPECT_EQ(GetTrace(77, text, sizeof text), 5U);
   EXPECT_STREQ(text + 2, "hello") << "the text has to end where the reply does";
-  EXPECT_EQ(driver_.journal, std::vector<std::string>{"call 77 selector 3 scalars none 0 structure 16: "
-                                              "10000001000000000000000000000000 out none none capacity 100"});
+  EXPECT_EQ(driver_.journal,
+            std::vector<std::string>{"call 77 selector 3 scalars none 0 structure 16: "
+                                     "10000001000000000000000000000000 out none none capacity 100"});
 }
 
 TEST_F(DriverCallsTest, AReplyOfTwoBytesOrFewerHasNoText) {

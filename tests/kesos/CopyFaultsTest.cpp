@@ -1,0 +1,158 @@
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <limits>
+#include <optional>
+
+#include "kesos/files.h"
+#include "support/TempDir.h"
+
+// The system calls of a copy, each as it should be or not (linker option --wrap).
+namespace {
+
+struct Plan {
+  int interruptions = 0;  // so many reads and writes are interrupted before one is made
+  std::size_t mostWritten = std::numeric_limits<std::size_t>::max();
+  int lastRead = -1;        // the read after so many fails
+  int failingClose = 0;     // counts from 1: the destination is closed before the source
+  blksize_t blockSize = 0;  // 0: the file system's
+
+  int interrupted = 0, reads = 0, closes = 0, fstats = 0, utimes = 0;
+  std::vector<std::size_t> readSizes{};
+};
+
+thread_local std::optional<Plan> plan;
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+bool isInterrupted() {
+  if (!plan || plan->interrupted == plan->interruptions) return false;
+  ++plan->interrupted;
+  return true;
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+extern "C" {
+
+ssize_t __real_read(int fd, void* data, std::size_t size);
+ssize_t __wrap_read(int fd, void* data, std::size_t size) {
+  if (isInterrupted()) return fail(EINTR);
+  if (!plan) return __real_read(fd, data, size);
+  plan->interrupted = 0;
+  plan->readSizes.push_back(size);
+  return plan->reads++ == plan->lastRead ? fail(EIO) : __real_read(fd, data, size);
+}
+
+ssize_t __real_write(int fd, const void* data, std::size_t size);
+ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
+  if (isInterrupted()) return fail(EINTR);
+  if (!plan) return __real_write(fd, data, size);
+  plan->interrupted = 0;
+  return __real_write(fd, data, std::min(size, plan->mostWritten));
+}
+
+int __real_close(int fd);
+int __wrap_close(int fd) {
+  const int result = __real_close(fd);
+  return plan && ++plan->closes == plan->failingClose ? fail(EIO) : result;
+}
+
+int __real_fstat(int fd, struct stat* state);
+int __wrap_fstat(int fd, struct stat* state) {
+  const int result = __real_fstat(fd, state);
+  const bool isDestination = plan && ++plan->fstats == 2;
+  if (isDestination && plan->blockSize != 0) state->st_blksize = plan->blockSize;
+  return result;
+}
+
+int __real_utime(const char* path, const utimbuf* times);
+int __wrap_utime(const char* path, const utimbuf* times) {
+  if (plan) ++plan->utimes;
+  return __real_utime(path, times);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+using kes::test::readFile;
+using kes::test::TempDir;
+using kes::test::writeFile;
+using testing::Each;
+
+class CopyFaultsTest : public testing::Test {
+ protected:
+  void SetUp() override { writeFile(from_, content_); }
+
+  /// Copies by the plan, which then says what was done.
+  int copy(const Plan& wanted) {
+    plan = wanted;
+    const int result = KesOsCopyFile(from_.c_str(), to_.c_str(), 0);
+    const int error = errno;
+    done_ = *plan;
+    plan.reset();
+    errno = error;
+    return result;
+  }
+
+  TempDir dir_;
+  const std::string from_ = dir_ / "from", to_ = dir_ / "to";
+  const std::string content_ = std::string(10'000, 'a') + std::string(10'000, 'b');
+  Plan done_;
+};
+
+TEST_F(CopyFaultsTest, InterruptedReadsAndWritesAreRepeated) {
+  EXPECT_EQ(copy({.interruptions = 3}), 1);
+  EXPECT_EQ(readFile(to_), content_);
+}
+
+TEST_F(CopyFaultsTest, AShortWriteGoesOnWithTheRest) {
+  EXPECT_EQ(copy({.mostWritten = 777}), 1);
+  EXPECT_EQ(readFile(to_), content_);
+}
+
+TEST_F(CopyFaultsTest, TheBufferIsABlockOfTheDestination) {
+  struct stat state {};
+  ASSERT_EQ(::stat(dir_.path().c_str(), &state), 0);
+  EXPECT_EQ(copy({}), 1);
+  EXPECT_THAT(done_.readSizes, Each(static_cast<std::size_t>(state.st_blksize)));
+  EXPECT_EQ(copy({.blockSize = 3000}), 1);
+  EXPECT_THAT(done_.readSizes, Each(3000U));
+}
+
+TEST_F(CopyFaultsTest, WithoutABlockSizeTheBufferHas512Bytes) {
+  EXPECT_EQ(copy({.blockSize = -1}), 1);
+  EXPECT_THAT(done_.readSizes, Each(512U));
+  EXPECT_EQ(readFile(to_), content_);
+}
+
+TEST_F(CopyFaultsTest, AReadThatFailsHalfWayGivesZeroWithItsReason) {
+  EXPECT_EQ(copy({.lastRead = 1}), 0);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(done_.closes, 2);
+  EXPECT_EQ(done_.utimes, 0);
+}
+
+TEST_F(CopyFaultsTest, ADestinationThatCannotBeClosedGivesZeroAndNoTimes) {
+  EXPECT_EQ(copy({.failingClose = 1}), 0);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(done_.closes, 2);
+  EXPECT_EQ(done_.utimes, 0);
+}
+
+TEST_F(CopyFaultsTest, ASourceThatCannotBeClosedGivesZeroAfterAll) {
+  EXPECT_EQ(copy({.failingClose = 2}), 0);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(done_.utimes, 1);
+  EXPECT_EQ(readFile(to_), content_);
+}
+
+}  // namespace
