@@ -11,9 +11,10 @@ namespace kes {
 
 namespace {
 
-bool isDirectory(const std::string& path) {
+/// Most folders on the way up hold none, and to ask first costs far less than to catch an error.
+bool isDirectory(const fs::Path& path) {
   try {
-    return fs::Info::get(path.c_str(), /*follow=*/true).isDir();
+    return path.exists() && fs::Info::get(path.c_str(), /*follow=*/true).isDir();
   } catch (const Exception&) {
     return false;
   }
@@ -35,7 +36,7 @@ void findLocaleDir(std::string& dir) {
   for (fs::Path below; !place.empty() && place != below;) {
     below = place;
     place.assignDirname();
-    const std::string candidate = place + "i18n";
+    const fs::Path candidate = place + "i18n";
     // The folder of a path without "/" is ".", and that one's is "." again: the climb ends there.
     if (place != below && isDirectory(candidate)) {
       dir = candidate;
