@@ -144,6 +144,8 @@ TEST_F(FilesTest, ADirectoryThatCannotBeCreatedEndsTheWalk) {
   EXPECT_EQ(KesOsChkAndCreateDir((dir_ / "file").c_str()), 1) << "there is something of that name";
   EXPECT_EQ(KesOsChkAndCreateDir((dir_ / "file/below/it").c_str()), 0);
   EXPECT_EQ(errno, ENOTDIR);
+  // A directory that its owner may not write to, either.
+  ASSERT_EQ(::chmod(dir_.path().c_str(), 0555), 0);
   const ChildResult result = asNobody(
       [this] { return KesOsChkAndCreateDir((dir_ / "mine/below").c_str()) == 0 && errno == EACCES ? 0 : 1; });
   EXPECT_EQ(result.exitCode(), 0);

@@ -1,7 +1,5 @@
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -16,11 +14,13 @@
 #include "pcaplib/capture.h"
 #include "support/ForkedChild.h"
 #include "support/PcapFile.h"
+#include "support/PrivateMount.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using kes::test::inChild;
+using kes::test::mountPrivately;
 using kes::test::PcapFile;
 using kes::test::readFile;
 using kes::test::TempDir;
@@ -161,14 +161,6 @@ TEST_F(CaptureRobustnessTest, KillingTheWriterAtTwoHundredMomentsLeavesAFileThat
   std::cout << torn << " of 200 kills met a running write\n";
 }
 
-/// Gives this process a file system of 64 KiB at `path` that nobody else sees; false where that is not
-/// permitted.
-bool mountTiny(const std::string& path) {
-  if (::unshare(CLONE_NEWNS) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-  return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         ::mount("tiny", path.c_str(), "tmpfs", 0, "size=64k") == 0;
-}
-
 /// Fills what is left of the file system.
 void fill(const std::string& path) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -207,7 +199,7 @@ void useFullFileSystem(const std::string& folder) {
 
 TEST_F(CaptureRobustnessTest, AFullFileSystemLosesPacketsButTheFileParsesBeforeDuringAndAfter) {
   const auto child = inChild([this] {
-    if (!mountTiny(dir_.path())) return 77;
+    if (!mountPrivately(dir_.path(), "64k")) return 77;
     useFullFileSystem(dir_.path());
     return 0;
   });

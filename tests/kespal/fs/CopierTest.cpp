@@ -1,8 +1,6 @@
 #include "kespal/fs/Copier.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +14,7 @@
 #include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
+#include "support/PrivateMount.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
 
@@ -497,10 +496,7 @@ TEST_F(CopierTest, AFullTargetIsTheWriteErrorAndWhatArrivedStays) {
   const auto child = inChild([&] {
     const std::string full = folder_ / "full";
     stdfs::create_directory(full);
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
-      return 77;
-    }
+    if (!test::mountPrivately(full, "64k")) return 77;
     test::writeFile(from_, std::string(200000, 'x'));
     const std::string to = full + "/to";
     std::cout << raisedBy([&] { Copier().copy(from_.c_str(), to.c_str()); }) << '\n' << stdfs::file_size(to);

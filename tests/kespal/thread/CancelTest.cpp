@@ -160,6 +160,7 @@ TEST_F(CancelTest, AThreadThatJoinsAnotherIsKilledAndTheOtherCanStillBeJoined) {
   const int before = made(Call::ThreadJoin);
   joiner.run();
   ASSERT_TRUE(eventually([&] { return made(Call::ThreadJoin) > before; }));
+  ASSERT_TRUE(eventually([&] { return other.state() == BasicThread::RUNNING; }));
   joiner.kill();
   EXPECT_EQ(joiner.state(), BasicThread::BURIED);
   EXPECT_EQ(other.state(), BasicThread::RUNNING);
