@@ -16,8 +16,6 @@ constexpr std::uint32_t openSelector = 0;
 constexpr std::uint32_t packetSelector = 2;
 constexpr std::uint32_t controlSelector = 3;
 
-constexpr std::size_t traceHeader = 2;
-
 /// A call without scalars. A driver that reports more than it was offered is not believed.
 kern_return_t call(unsigned int connect, std::uint32_t selector, const void* input, std::size_t inputSize,
                    void* output, std::size_t& count) {

@@ -7,6 +7,7 @@
 
 #include "Console.h"
 #include "DriverCalls.h"
+#include "Records.h"
 #include "State.h"
 #include "kesos/kesos.h"
 #include "pcaplib/capture.h"
@@ -17,9 +18,6 @@ constexpr unsigned int tracePeriod = 1000;  // milliseconds
 constexpr unsigned int packetPeriod = 10;
 
 constexpr std::size_t traceCapacity = 2047;
-constexpr std::size_t packetCapacity = 4096;
-
-constexpr std::size_t traceHeader = 2;
 constexpr std::size_t shortestPacket = 3;  // a shorter one is announced and not stored
 
 bool isStopping() {

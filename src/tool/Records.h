@@ -1,9 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-/// The input records of selector 3, as the driver reads them: in the byte order of both targets, which is
-/// little-endian. What the leading constants mean is the driver's.
+/// What travels in the calls. The input records of selector 3 are as the driver reads them: in the byte order
+/// of both targets, which is little-endian. What the leading constants mean is the driver's.
 
 struct SetDebugLevelsRecord {
   std::uint64_t head = 0x0100'000A'0002'000E;
@@ -19,3 +20,9 @@ struct GetTraceRequest {
   std::uint8_t unused[12] = {};
 };
 static_assert(sizeof(GetTraceRequest) == 16);
+
+/// A trace reply begins with so many bytes of header; the text follows.
+inline constexpr std::size_t traceHeader = 2;
+
+/// No packet is longer.
+inline constexpr std::size_t packetCapacity = 4096;

@@ -7,6 +7,7 @@
 
 #include "Console.h"
 #include "DriverCalls.h"
+#include "Records.h"
 #include "kesos/kesos.h"
 
 unsigned char t1running = 0;
@@ -15,7 +16,6 @@ unsigned char t1stop = 0;
 namespace {
 
 constexpr std::size_t bufferSize = 40960;
-constexpr std::size_t packetCapacity = 4096;
 
 bool isSet(const unsigned char& flag) { return __atomic_load_n(&flag, __ATOMIC_ACQUIRE) != 0; }
 void set(unsigned char& flag, unsigned char value) { __atomic_store_n(&flag, value, __ATOMIC_RELEASE); }

@@ -72,6 +72,20 @@ TEST(ManualTest, EveryReturnCodeHasItsPlatformsValue) {
   for (const std::string& code : codes) EXPECT_TRUE(known.contains(code)) << code;
 }
 
+TEST(ManualTest, EveryVariableThatTheProgramLooksAtIsInTheManual) {
+  std::set<std::string> known, told;
+  for (const char* folder : {"src/tool", "iokit/wire", "iokit/src", "kespal/src"}) {
+    for (const auto& entry : fs::recursive_directory_iterator(std::string(SOURCES "/") + folder)) {
+      if (entry.path().extension() != ".cpp") continue;
+      for (const std::string& name : matches(readFile(entry.path().string()), "\"(KES[A-Z]*_[A-Z_]+)\""))
+        known.insert(name);
+    }
+  }
+  known.erase("KES_I18N");  // half a name, of where message catalogues lie: the tool has none
+  for (const std::string& name : matches(section("ENVIRONMENT"), "\\.It Ev ([A-Z_]+)")) told.insert(name);
+  EXPECT_EQ(told, known);
+}
+
 TEST(ManualTest, TheLinterHasNoComplaint) {
   Process mandoc({"mandoc", "-Tlint", MANUAL}, {.isMerged = true});
   mandoc.wait();
