@@ -34,10 +34,38 @@ bool giveAway(int semid) {
 }
 
 bool countUse(int semid, bool keyed) {
-  const kes::kesos::MutexGuard guard(kes::kesos::usageMutex());
   if (!kes::kesos::joinUsage()) return false;
   kes::kesos::addUse(semid, keyed);
   return true;
+}
+
+enum class Outcome { failed, counted, noTable };
+
+Outcome openAndCount(int& semid, key_t key) {
+  semid = ::semget(key, 0, 0);
+  if (semid < 0) return Outcome::failed;
+  return countUse(semid, true) ? Outcome::counted : Outcome::noTable;
+}
+
+Outcome createAndCount(int& semid, key_t key, int initialValue) {
+  const bool keyed = key != IPC_PRIVATE;
+  semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
+  if (semid < 0) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
+  if (giveAway(semid) && kes::kesos::setValue(semid, initialValue) && countUse(semid, keyed)) {
+    return Outcome::counted;
+  }
+  const int reason = errno;
+  removeSemaphore(semid);
+  errno = reason;
+  return Outcome::failed;
+}
+
+/// Holds the table's mutex from the look for a semaphore until it is counted: no other thread of this process
+/// can remove it in between.
+template <typename Step>
+Outcome undisturbed(Step step) {
+  const kes::kesos::MutexGuard guard(kes::kesos::usageMutex());
+  return step();
 }
 
 void reportMissingTable(int semid, char tag) {
@@ -45,6 +73,11 @@ void reportMissingTable(int semid, char tag) {
   kes::os::nativeThreadId(thread);
   std::fprintf(stderr, "FATAL KesOsOpen%c(%d): pstLog is not created (pid=%d tid=%llu)\n", tag, semid,
                static_cast<int>(::getpid()), static_cast<unsigned long long>(thread));
+}
+
+int resultOf(Outcome outcome, int semid, char tag) {
+  if (outcome == Outcome::noTable) reportMissingTable(semid, tag);
+  return outcome == Outcome::counted ? 1 : 0;
 }
 
 [[noreturn]] void refuseTimeout(unsigned int timeoutMs) {
@@ -65,23 +98,14 @@ bool lower(int semid, bool wait) {
 }  // namespace
 
 int KesOsCreate(int* semid, key_t key, int initialValue, char tag) {
-  const bool keyed = key != IPC_PRIVATE;
-  *semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
-  if (*semid < 0) return errno == EEXIST ? KesOsOpen(semid, key, tag) : 0;
-  if (giveAway(*semid) && kes::kesos::setValue(*semid, initialValue) && countUse(*semid, keyed)) return 1;
-  const int reason = errno;
-  removeSemaphore(*semid);
-  errno = reason;
-  return 0;
+  const Outcome outcome = undisturbed([=] { return createAndCount(*semid, key, initialValue); });
+  return resultOf(outcome, *semid, tag);
 }
 
 int KesOsOpen(int* semid, key_t key, char tag) {
   if (key == IPC_PRIVATE) return 0;
-  *semid = ::semget(key, 0, 0);
-  if (*semid < 0) return 0;
-  if (countUse(*semid, true)) return 1;
-  reportMissingTable(*semid, tag);
-  return 0;
+  const Outcome outcome = undisturbed([=] { return openAndCount(*semid, key); });
+  return resultOf(outcome, *semid, tag);
 }
 
 int KesOsClose(int semid) {

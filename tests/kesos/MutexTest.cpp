@@ -379,6 +379,30 @@ TEST_F(MutexTest, NullHandlesGiveZero) {
   EXPECT_EQ(KesOsMutexClose(nullptr), 0);
 }
 
+TEST_F(MutexTest, ThreadsThatCreateAndCloseOneKeyAtOnceAllGetAMutexThatWorks) {
+  const unsigned int key = freshKey();
+  std::atomic<int> failures = 0;
+  const auto storm = [&] {
+    for (int round = 0; round < 500; ++round) {
+      KesOsMutex* mutex = nullptr;
+      unsigned int state = 0;
+      if (KesOsMutexCreate(&mutex, key) != 1) {
+        ++failures;
+        continue;
+      }
+      if (KesOsMutexWait(mutex, infinite, &state) != 1 || state != 1) ++failures;
+      if (KesOsMutexRelease(mutex) != 1) ++failures;
+      if (KesOsMutexClose(mutex) != 1) ++failures;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int index = 0; index < 4; ++index) threads.emplace_back(storm);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(semaphoreOf(key), -1);
+  EXPECT_FALSE(tableExists());
+}
+
 /// Every process takes the lock that many times around an increment that is not atomic.
 void excludeEachOther(int processes, int rounds) {
   struct Race {
