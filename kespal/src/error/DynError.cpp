@@ -1,11 +1,20 @@
 #include "kespal/error/DynError.h"
 
+#include <utility>
+
 namespace kes {
 
 DynError::DynError(const DynError& other)
     : Raisable(other),
       text_(other.stream_ ? other.stream_->str() : other.text_),
       compose_(other.stream_ ? nullptr : other.compose_),
+      name_(other.name_) {}
+
+DynError::DynError(DynError&& other) noexcept
+    : Raisable(std::move(other)),
+      stream_(std::move(other.stream_)),
+      text_(std::exchange(other.text_, {})),
+      compose_(std::exchange(other.compose_, nullptr)),
       name_(other.name_) {}
 
 DynError::~DynError() = default;

@@ -26,6 +26,14 @@ Exception::Exception(const Exception& other)
       function_(other.function_),
       backtrace_(other.backtrace_) {}
 
+Exception::Exception(Exception&& other) noexcept
+    : std::exception(other),
+      next_(std::move(other.next_)),
+      file_(other.file_),
+      line_(other.line_),
+      function_(other.function_),
+      backtrace_(std::move(other.backtrace_)) {}
+
 void Exception::setNext(const Exception& cause) { next_.reset(cause.clone()); }
 
 void Exception::setSite(const Site& site) noexcept {
@@ -43,12 +51,18 @@ const Backtrace& Exception::backtrace() const noexcept {
   return backtrace_ ? *backtrace_ : none;
 }
 
-const char* Exception::what() const noexcept {
-  if (whatText_.empty()) {
+const char* Exception::what() const noexcept { return explanation().c_str(); }
+
+const std::string& Exception::explanation() const {
+  if (!whatText_.empty()) return whatText_;
+  try {
     whatText_ = whereText();
     moreWhat();
+  } catch (...) {
+    whatText_.clear();  // half a text would be taken for the whole one next time
+    throw;
   }
-  return whatText_.c_str();
+  return whatText_;
 }
 
 std::string Exception::whereText() const {
@@ -62,7 +76,7 @@ std::string Exception::whereText() const {
   return where.str();
 }
 
-std::string Exception::text() const { return what(); }
+std::string Exception::text() const { return explanation(); }
 
 void Exception::moreWhat() const {}
 
@@ -85,7 +99,7 @@ std::string Exception::exStack() const {
   int number = 0;
   for (const Exception* error = this; error != nullptr; error = error->next()) {
     stack += "\n#" + std::to_string(++number) + ")\n";
-    helper::split(error->what(), '\n', lines, /*strip=*/false, /*keepEmpty=*/true);
+    helper::split(error->explanation(), '\n', lines, /*strip=*/false, /*keepEmpty=*/true);
     for (const std::string& line : lines) stack += '\t' + line + '\n';
   }
   return stack;

@@ -1,6 +1,6 @@
 #include "kespal/error/DynError.h"
 
-#include <memory>
+#include <utility>
 
 namespace kes {
 namespace {
@@ -34,6 +34,17 @@ TEST(DynErrorTest, ACopyHasAStreamOfItsOwnWithTheSameText) {
   copy.stream() << ", copied";
   EXPECT_EQ(copy.text(), "given, streamed, copied");
   EXPECT_EQ(error.text(), "given, streamed");
+}
+
+TEST(DynErrorTest, AMovedFromOneHasNoTextLeft) {
+  DynError plain("given", "Some"), streamed("given", "Some");
+  streamed.stream() << ", streamed";
+  EXPECT_EQ(DynError(std::move(plain)).text(), "given");
+  EXPECT_EQ(DynError(std::move(streamed)).text(), "given, streamed");
+  for (const DynError* error : {&plain, &streamed}) {
+    EXPECT_EQ(error->text(), "");
+    EXPECT_STREQ(error->what(), "Some error occured. ");
+  }
 }
 
 TEST(DynErrorTest, WhatWasStreamedTravelsWithTheRaisedError) {

@@ -1,9 +1,12 @@
 #include "kespal/error/Exception.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <locale>
+#include <new>
 #include <typeinfo>
+#include <utility>
 
 #include "ErrorKinds.h"
 #include "support/ForkedChild.h"
@@ -78,6 +81,32 @@ TEST(ExceptionTest, WhatIsBuiltOnce) {
   EXPECT_EQ(error.what(), first);
   EXPECT_STREQ(first, "more");
   EXPECT_EQ(error.explained, 1);
+}
+
+/// An error whose explanation can run out of memory half way.
+class Starved : public Raisable<Starved, Exception> {
+ public:
+  void moreWhat() const override {
+    appendWhat("half ");
+    if (starved) throw std::bad_alloc();
+    appendWhat("whole");
+  }
+  bool starved = true;
+};
+
+TEST(ExceptionTest, MemoryThatRunsOutIsToldAndTheNextAttemptExplainsItInFull) {
+  Starved error;
+  EXPECT_THROW((void)error.text(), std::bad_alloc);
+  EXPECT_THROW((void)error.allTexts(), std::bad_alloc);
+  EXPECT_THROW((void)error.textList(), std::bad_alloc);
+  EXPECT_THROW((void)error.exStack(), std::bad_alloc);
+  error.starved = false;
+  EXPECT_EQ(error.exStack(), "\n#1)\n\thalf whole\n");
+  EXPECT_STREQ(error.what(), "half whole");
+}
+
+TEST(ExceptionTest, WhatCannotTellThatMemoryRanOutAndEndsTheProgram) {
+  EXPECT_EQ(test::inChild([] { return Starved().what() != nullptr ? 1 : 2; }).signal(), SIGABRT);
 }
 
 TEST(ExceptionTest, ACopyBuildsItsOwnText) {
@@ -264,6 +293,17 @@ TEST(ExceptionTest, ACopyOwnsACopyOfTheWholeChain) {
   }
   EXPECT_EQ(Probe::alive, 3);
   EXPECT_EQ(error.textList(), "#1) 1\n#2) 2\n#3) 3\n");
+}
+
+TEST(ExceptionTest, AMovedErrorTakesItsSiteAndItsCauseAlong) {
+  UsageError error("text");
+  error.setSite(site());
+  error.setNext(RuntimeError("cause"));
+  const Exception* const cause = error.next();
+  const std::string stack = error.exStack();
+  const UsageError moved(std::move(error));
+  EXPECT_EQ(moved.next(), cause);
+  EXPECT_EQ(moved.exStack(), stack);
 }
 
 TEST(ExceptionTest, NothingIsLeftOfAnErrorThatWasThrown) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "kespal/error/BadPermissionsError.h"
 #include "kespal/fs/Access.h"
@@ -60,6 +61,15 @@ TEST(FsErrorTest, DetailStreamedBeforeRaisingFollowsTheLocation) {
               "File system error occured. At location: \"/path\" in line 3\nReason: " + missing + " (2).");
     EXPECT_EQ(caught.text(), "/path: " + missing + " (2)");
   }
+}
+
+TEST(FsErrorTest, AMovedOneSaysWhatItWouldHaveSaid) {
+  FsError error("/path", ENOENT), streamed("/path", ENOENT);
+  streamed.stream() << ", really";
+  const FsError moved(std::move(error)), movedToo(std::move(streamed));
+  EXPECT_EQ(moved.what(), "File system error occured. At location: \"/path\"\nReason: " + missing + " (2).");
+  EXPECT_EQ(movedToo.what(),
+            "File system error occured. At location: \"/path\", really\nReason: " + missing + " (2).");
 }
 
 TEST(FsErrorTest, TheEightKindsDifferInTypeOnly) {

@@ -14,6 +14,8 @@ class DynError : public Raisable<DynError, Exception> {
  public:
   DynError(std::string text, const char* name) : text_(std::move(text)), name_(name) {}
   DynError(const DynError& other);
+  /// Leaves `other` without a text.
+  DynError(DynError&& other) noexcept;
   ~DynError() override;
 
   /// Where a throw site adds detail before it raises; what is written follows the text so far.

@@ -63,11 +63,14 @@ class Exception : public std::exception {
  protected:
   Exception() = default;
   Exception(const Exception& other);
+  Exception(Exception&& other) noexcept;
 
   /// Adds to the text of what(); for moreWhat().
   void appendWhat(const std::string& more) const { whatText_ += more; }
 
  private:
+  /// The text of what(), built when it is wanted first.
+  const std::string& explanation() const;
   std::string whereText() const;
 
   std::unique_ptr<Exception> next_;
