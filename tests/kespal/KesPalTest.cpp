@@ -1,13 +1,8 @@
 #include "kespal/kespal.h"
 
-#include <dlfcn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -20,7 +15,6 @@
 
 #include "kespal/State.h"
 #include "kespal/Terminal.h"
-#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/File.h"
 #include "kespal/proc/Child.h"
@@ -29,29 +23,6 @@
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Clock.h"
 #include "support/ForkedChild.h"
-
-namespace {
-/// Calls that are made to fail: how many of them may still succeed; -1 for all.
-std::atomic<int> g_maskCallsLeft{-1}, g_threadsLeft{-1};
-
-bool mayCall(std::atomic<int>& left) { return left < 0 || left.fetch_sub(1) > 0; }
-
-template <typename Function>
-Function* real(Function*, const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-}  // namespace
-
-extern "C" int pthread_sigmask(int how, const sigset_t* set, sigset_t* before) noexcept {
-  if (!mayCall(g_maskCallsLeft)) return EINVAL;
-  return real(&::pthread_sigmask, "pthread_sigmask")(how, set, before);
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                              void* argument) noexcept {
-  if (!mayCall(g_threadsLeft)) return EAGAIN;
-  return real(&::pthread_create, "pthread_create")(thread, attributes, body, argument);
-}
 
 namespace kes {
 namespace {
@@ -141,7 +112,6 @@ TEST(KesPalTest, WhileAForkIsPendingNoThreadIsStartedUntilItIsDone) {
   const auto child = inChild([] {
     KesPal runtime(true, true, Locale::System, nullptr);
     std::cout << runtime.forkPending() << State::m_fork_pending << threadsOfProcess();
-    thread::CppThread early("early");
     runtime.forkDone();
     std::cout << ' ' << runtime.forkPending() << State::m_fork_pending << threadsOfProcess();
     return 0;
@@ -306,6 +276,37 @@ test::ChildResult quitBy(int signal, const std::function<void(KesPal&)>& atQuit)
   });
 }
 
+TEST(KesPalTest, AQuitHandlerThatThrowsAnythingElseIsReportedByTheSignalThread) {
+  struct Stranger : IQuitHandler {
+    void handleQuit() override { throw 7; }
+  };
+  const auto child = inChild([] {
+    // The walk is in the order of the addresses.
+    struct Pair {
+      QuitCounter first;
+      Stranger second;
+    } handlers;
+    KesPal runtime(true, false, Locale::System, nullptr);
+    runtime.addQuitHandler(handlers.first);
+    runtime.addQuitHandler(handlers.second);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    handlers.first.quit.get_future().wait();
+    runtime.delQuitHandler(handlers.first);  // waits for the walk to end
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(child.err, "handle: Got an unknown exception\n");
+}
+
+TEST(KesPalTest, WithoutASignalThreadThereIsNothingToSetUpForAQuit) {
+  const auto child = inChild([] {
+    KesPal runtime(false, false, Locale::System, nullptr);
+    runtime.setupQuitHandling();
+    return threadsOfProcess();
+  });
+  EXPECT_EQ(child.exitCode(), 1);
+}
+
 TEST(KesPalTest, ASignalCallsTheQuitHandlersAndTheProcessGoesOn) {
   for (int signal : {SIGINT, SIGTERM}) {
     const auto child = quitBy(signal, [](KesPal&) {});
@@ -468,46 +469,6 @@ TEST(KesPalTest, ADestructionInAProcessOfFiftyThreadsEndsBySigterm) {
   });
   EXPECT_EQ(child.signal(), SIGTERM);
   EXPECT_EQ(child.err, "");
-}
-
-// --- construction that fails, and what is left of it
-
-std::string stateAfterFailure(const std::function<void()>& sabotage, bool forkPending = false) {
-  return inChild([&] {
-           const auto before = blockedSignals();
-           sabotage();
-           std::cout << errorOf([&] { KesPal(true, forkPending, Locale::System, nullptr); });
-           g_maskCallsLeft = g_threadsLeft = -1;
-           std::cout << (KesPal::m_instance == nullptr) << (blockedSignals() == before) << threadsOfProcess()
-                     << (fs::File::m_null_in == nullptr) << State::m_fork_pending;
-           return 0;
-         })
-      .out;
-}
-
-TEST(KesPalTest, AMaskThatCannotBeReadFailsTheConstruction) {
-  EXPECT_EQ(stateAfterFailure([] { g_maskCallsLeft = 0; }, true), OsError(EINVAL).text() + "11110");
-}
-
-TEST(KesPalTest, AMaskThatCannotBeChangedFailsTheConstruction) {
-  EXPECT_EQ(stateAfterFailure([] { g_maskCallsLeft = 2; }, true), OsError(EINVAL).text() + "11110");
-}
-
-TEST(KesPalTest, ASignalThreadThatCannotBeStartedFailsTheConstruction) {
-  EXPECT_EQ(stateAfterFailure([] { g_threadsLeft = 0; }), OsError(EAGAIN).text() + "11110");
-}
-
-TEST(KesPalTest, ANullDeviceThatCannotBeOpenedFailsTheConstruction) {
-  const std::string state = stateAfterFailure([] {
-    rlimit none{};
-    ::getrlimit(RLIMIT_NOFILE, &none);
-    none.rlim_cur = 3;
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    while (::dup(0) != -1) {
-    }
-  });
-  EXPECT_EQ(state.substr(0, 10), "/dev/null:");
-  EXPECT_EQ(state.substr(state.size() - 2), "10");
 }
 
 }  // namespace

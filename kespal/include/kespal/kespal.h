@@ -9,6 +9,7 @@
 #include "kespal/Locale.h"
 #include "kespal/NoCopy.h"
 #include "kespal/signal/Handler.h"
+#include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
 
 namespace kes {
@@ -98,6 +99,7 @@ class KesPalInit : NoCopy {
   bool quitsBySignal() const noexcept { return quitStatus_ && receivedSignal_ != 0; }
 
   const bool quitHandling_;
+  signal::Set blocked_;  // by init(), and by nobody before
   std::unique_ptr<QuitSignal> quitSignal_;
   std::unique_ptr<signal::Handler> signalHandler_;
   std::atomic<bool> forkPending_;

@@ -21,9 +21,11 @@ constexpr int mgmSignal = SIGUSR1;
 // Used before the first thread is started, and therefore without a lock.
 std::vector<IForkHandler*> g_forkHandlers;
 
-// What runtime objects have blocked so far. A later one must not take it for the process's own mask, which
-// is what the programs get that it starts.
-signal::Set g_blocked;
+constexpr int takenCareOf[] = {SIGPIPE, SIGUSR1, SIGUSR2, SIGINT, SIGTERM};
+
+// What earlier runtime objects have left blocked. A later one must not take it for the process's own mask,
+// which is what the programs get that it starts.
+signal::Set g_leftBlocked;
 
 thread_local bool t_notifying = false;
 
@@ -36,13 +38,11 @@ signal::Set handledSignals(bool quitHandling) {
   return handled;
 }
 
-/// The mask of the calling thread, without what runtime objects did to it.
-signal::Set ownMask() {
-  signal::Set mask = signal::Mask::get();
-  for (int signal : {SIGPIPE, SIGUSR1, SIGUSR2, SIGINT, SIGTERM}) {
-    if (g_blocked.contains(signal)) mask.remove(signal);
+signal::Set without(signal::Set signals, const signal::Set& unwanted) {
+  for (int signal : takenCareOf) {
+    if (unwanted.contains(signal)) signals.remove(signal);
   }
-  return mask;
+  return signals;
 }
 
 }  // namespace
@@ -64,20 +64,17 @@ KesPalInit::KesPalInit(bool quitHandling, bool forkPending) noexcept
 }
 
 void KesPalInit::init() {
-  signal::Set::m_original = ownMask();
+  const signal::Set before = signal::Mask::get();
+  signal::Set::m_original = without(before, g_leftBlocked);
   setSigmask(quitHandling_);
+  blocked_ = without(handledSignals(quitHandling_), before);
   if (!quitHandling_) return;
   quitSignal_ = std::make_unique<QuitSignal>(*this);
   if (!forkPending_) startSignalThread();
 }
 
 void KesPalInit::setSigmask(bool quitHandling) {
-  const signal::Set before = signal::Mask::get();
-  const signal::Set handled = handledSignals(quitHandling);
-  signal::Mask::call(handled, SIG_BLOCK);
-  for (int signal : {SIGPIPE, SIGUSR1, SIGUSR2, SIGINT, SIGTERM}) {
-    if (handled.contains(signal) && !before.contains(signal)) g_blocked.add(signal);
-  }
+  signal::Mask::call(handledSignals(quitHandling), SIG_BLOCK);
 }
 
 void KesPalInit::startSignalThread() {
@@ -103,10 +100,9 @@ void KesPalInit::stopSignalThread() {
 
 void KesPalInit::undo() noexcept {
   stopSignalThread();
-  restoreMask();
-  g_blocked = {};
-  g_forkHandlers.clear();
-  State::m_fork_pending = false;
+  // Should this fail as well: the error that is on its way is the one to be told.
+  ::pthread_sigmask(SIG_UNBLOCK, &blocked_.native(), nullptr);
+  blocked_ = {};
 }
 
 void KesPalInit::forkDone() {
@@ -138,6 +134,9 @@ bool KesPalInit::explicitQuit(int status) {
 }
 
 KesPalInit::~KesPalInit() {
+  for (int signal : takenCareOf) {
+    if (blocked_.contains(signal)) g_leftBlocked.add(signal);
+  }
   State::m_fork_pending = false;
   g_forkHandlers.clear();
   signalHandler_.reset();
