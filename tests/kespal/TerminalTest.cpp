@@ -1,7 +1,7 @@
 #include "kespal/Terminal.h"
 
 #include <fcntl.h>
-#include <pty.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -17,33 +17,41 @@
 
 #include "kespal/error/OsError.h"
 #include "support/ForkedChild.h"
+#include "support/Pty.h"
 #include "support/TempDir.h"
+
+// The linker sends the library's calls of tcsetattr here. Refusing is switched on by a test.
+namespace {
+int refusal = 0;
+}
+
+extern "C" int __real_tcsetattr(int fd, int when, const termios* attributes);   // NOLINT
+extern "C" int __wrap_tcsetattr(int fd, int when, const termios* attributes) {  // NOLINT
+  if (refusal == 0) return __real_tcsetattr(fd, when, attributes);
+  errno = refusal;
+  return -1;
+}
 
 namespace kes::term {
 namespace {
 
 using test::ChildResult;
 using test::inChild;
+using test::Pty;
 
-/// A pseudo-terminal of 91 columns and 33 rows; both ends close with the object.
-struct PseudoTerminal {
-  PseudoTerminal() {
-    winsize window{};
-    window.ws_col = 91;
-    window.ws_row = 33;
-    if (::openpty(&master, &slave, nullptr, nullptr, &window) != 0) throw std::runtime_error("no pty");
-  }
-  ~PseudoTerminal() {
-    ::close(master);
-    ::close(slave);
-  }
-  bool echoes() const {
-    termios attributes{};
-    return ::tcgetattr(slave, &attributes) == 0 && (attributes.c_lflag & ECHO) != 0;
-  }
+bool echoes(const Pty& pty) { return (pty.attributes().c_lflag & ECHO) != 0; }
 
-  int master = -1, slave = -1;
-};
+/// Whether a line can be read from standard input, now or after so many milliseconds.
+bool lineIsThere(int patience) {
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  return ::poll(&input, 1, patience) == 1;
+}
+
+std::string readLine() {
+  char text[80];
+  const ssize_t size = ::read(STDIN_FILENO, text, sizeof text);
+  return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+}
 
 /// What a forced paint or command writes.
 template <typename Sequence>
@@ -67,9 +75,9 @@ ChildResult withColor(bool out, bool err, const std::function<void()>& body) {
 /// The switches after init() in an environment, "out err" as digits, standard output a terminal or not.
 std::string switchesAfterInit(std::initializer_list<const char*> variables, bool outIsTerminal = false) {
   return inChild([&] {
-           const PseudoTerminal pty;
+           const Pty pty;
            const int report = ::dup(STDOUT_FILENO);
-           if (outIsTerminal) ::dup2(pty.slave, STDOUT_FILENO);
+           if (outIsTerminal) ::dup2(pty.terminal(), STDOUT_FILENO);
            ::unsetenv("KES_NO_COLOR");
            ::unsetenv("KES_FORCE_COLOR");
            for (const char* variable : variables) ::setenv(variable, "", 1);
@@ -86,9 +94,9 @@ std::string switchesAfterInit(std::initializer_list<const char*> variables, bool
 TEST(TerminalTest, AKindBindsItsDescriptor) {
   const auto which = [](int fd) {
     return inChild([fd] {
-      const PseudoTerminal pty;
+      const Pty pty;
       const int quiet = ::open("/dev/null", O_RDWR);
-      for (int each = 0; each < 3; ++each) ::dup2(each == fd ? pty.slave : quiet, each);
+      for (int each = 0; each < 3; ++each) ::dup2(each == fd ? pty.terminal() : quiet, each);
       return (Terminal(Terminal::Kind::Stdout).isTerminal() ? 1 : 0) +
              (Terminal(Terminal::Kind::Stderr).isTerminal() ? 2 : 0) +
              (Terminal(Terminal::Kind::Stdin).isTerminal() ? 4 : 0);
@@ -115,8 +123,12 @@ TEST(TerminalTest, AnyOtherKindHasNoDescriptor) {
 
 TEST(TerminalTest, SizeGivesColumnsAndRows) {
   const auto child = inChild([] {
-    const PseudoTerminal pty;
-    ::dup2(pty.slave, STDIN_FILENO);
+    const Pty pty;
+    winsize window{};
+    window.ws_col = 91;
+    window.ws_row = 33;
+    ::ioctl(pty.terminal(), TIOCSWINSZ, &window);
+    ::dup2(pty.terminal(), STDIN_FILENO);
     std::cout << Terminal(Terminal::Kind::Stdin).size();
     return 0;
   });
@@ -145,19 +157,62 @@ TEST(TerminalTest, SizeOfWhatIsNoTerminalRaisesOsError) {
 
 TEST(TerminalTest, SetEchoHidesAndShowsWhatIsTyped) {
   const auto child = inChild([] {
-    const PseudoTerminal pty;
-    ::dup2(pty.slave, STDIN_FILENO);
+    const Pty pty;
+    ::dup2(pty.terminal(), STDIN_FILENO);
     Terminal terminal(Terminal::Kind::Stdin);
-    std::cout << pty.echoes();
+    std::cout << echoes(pty);
     terminal.setEcho(false);
-    std::cout << pty.echoes();
+    std::cout << echoes(pty);
     terminal.setEcho(false);
-    std::cout << pty.echoes();
+    std::cout << echoes(pty);
     terminal.setEcho(true);
-    std::cout << pty.echoes();
+    std::cout << echoes(pty);
     return 0;
   });
   EXPECT_EQ(child.out, "1001");
+}
+
+TEST(TerminalTest, WithoutEchoTypedCharactersAreReadButNotShown) {
+  const auto child = inChild([] {
+    Pty pty;
+    ::dup2(pty.terminal(), STDIN_FILENO);
+    Terminal terminal(Terminal::Stdin);
+    terminal.setEcho(false);
+    pty.type("secret\n");
+    std::cout << readLine();
+    terminal.setEcho(true);
+    pty.type("shown\n");
+    std::cout << readLine() << pty.screen("shown\r\n");
+    return 0;
+  });
+  EXPECT_EQ(child.out, "secret\nshown\nshown\r\n");
+}
+
+TEST(TerminalTest, SetEchoDropsWhatWasTypedAhead) {
+  const auto child = inChild([] {
+    const Pty pty;
+    ::dup2(pty.terminal(), STDIN_FILENO);
+    pty.type("typed ahead\n");
+    if (!lineIsThere(60'000)) return 1;
+    Terminal(Terminal::Stdin).setEcho(false);
+    return lineIsThere(0) ? 2 : 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+TEST(TerminalTest, AttributesThatCannotBeSetRaiseOsError) {
+  const auto child = inChild([] {
+    const Pty pty;
+    ::dup2(pty.terminal(), STDIN_FILENO);
+    try {
+      refusal = EIO;
+      Terminal(Terminal::Stdin).setEcho(false);
+    } catch (const OsError& error) {
+      std::cout << error.errnum() << ' ' << error.file() << ' ' << error.function() << ' ' << echoes(pty);
+    }
+    return 0;
+  });
+  EXPECT_EQ(child.out, std::to_string(EIO) + " src/os/posix/Terminal setEcho 1");
 }
 
 TEST(TerminalTest, SetEchoOfWhatIsNoTerminalRaisesOsError) {
@@ -259,6 +314,20 @@ TEST(TerminalTest, AForcedColorGuardResetsAnyStream) {
   std::ostringstream stream;
   { const ColorGuard forced(stream, Paint{.foreground = 3, .force = true}); }
   EXPECT_EQ(stream.str(), "\x1b[22m\x1b[33m\x1b[0m");
+}
+
+TEST(TerminalTest, AColorGuardFlushesItsStream) {
+  struct Counter : std::stringbuf {
+    int sync() override { return ++flushed, 0; }
+    int flushed = 0;
+  } buffer;
+  std::ostream stream(&buffer);
+  {
+    const ColorGuard guard(stream, Paint{.foreground = 3});
+    EXPECT_EQ(buffer.flushed, 0);
+  }
+  EXPECT_EQ(buffer.flushed, 1);
+  EXPECT_EQ(buffer.str(), "");
 }
 
 TEST(TerminalTest, AnExceptionWhileAColorGuardResetsEndsTheProcess) {

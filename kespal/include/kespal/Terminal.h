@@ -41,7 +41,7 @@ inline constexpr const char* BLINK_OFF_CMD = "25";
 /// may interleave their sequences.
 class Terminal {
  public:
-  enum class Kind : int { Stdout, Stderr, Stdin };
+  enum Kind : int { Stdout, Stderr, Stdin };
 
   /// A window's size in characters; a terminal that does not know reports zeros.
   struct Size {
