@@ -1,15 +1,56 @@
 #include "kespal/Locale.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <map>
+#include <string_view>
 
 #include "kespal/gettext.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
+
+// A search through folders that only exist in a test: the linker sends the library's questions here.
+namespace {
+
+struct Search {
+  const char* executable;                ///< null: the system does not tell
+  std::map<std::string, int> answers{};  ///< errno by path; 0 for a directory, without an entry ENOENT
+  std::vector<std::string> asked{};      ///< the places looked at, however often each
+};
+Search* search = nullptr;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+extern "C" ssize_t __real_readlink(const char* path, char* text, std::size_t size);
+extern "C" ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
+  if (search == nullptr || std::string_view(path) != "/proc/self/exe")
+    return __real_readlink(path, text, size);
+  errno = EACCES;
+  if (search->executable == nullptr) return -1;
+  const std::size_t length = std::min(std::strlen(search->executable), size);
+  std::memcpy(text, search->executable, length);
+  return static_cast<ssize_t>(length);
+}
+
+extern "C" int __real_stat(const char* path, struct stat* status);
+extern "C" int __wrap_stat(const char* path, struct stat* status) {
+  if (search == nullptr) return __real_stat(path, status);
+  if (search->asked.empty() || search->asked.back() != path) search->asked.emplace_back(path);
+  const auto answer = search->answers.find(path);
+  errno = answer != search->answers.end() ? answer->second : ENOENT;
+  status->st_mode = S_IFDIR | 0755;
+  return errno == 0 ? 0 : -1;
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes {
 namespace {
@@ -95,6 +136,8 @@ TEST(LocaleTest, ALocaleThatTheSystemDoesNotHaveLeavesTheDefaultInForce) {
 TEST(LocaleTest, TheLanguageIsToldByTheNameOfTheMessageLocale) {
   NEED_LOCALES();
   EXPECT_EQ(languageOf("de_AT.utf8"), "3");
+  EXPECT_EQ(languageOf("de_AT.iso885915"), "3");
+  EXPECT_EQ(languageOf("DE_AT.utf8"), "3");
   EXPECT_EQ(languageOf("de_DE.utf8"), "1");
   EXPECT_EQ(languageOf("de_CH.utf8"), "1");
   EXPECT_EQ(languageOf("fr_FR.utf8"), "2");
@@ -178,6 +221,41 @@ TEST(LocaleTest, AProgramStartedThroughALinkFindsItsOwnCatalogues) {
   std::filesystem::create_directories(dir / "real/bin");
   std::filesystem::create_directory(dir / "real/i18n");
   EXPECT_EQ(foundBy(dir / "real/bin", "ln -s \"$PWD/probe\" ../../link && ../../link"), dir / "real/i18n");
+}
+
+using Places = std::vector<std::string>;
+
+/// The search that an executable of this path makes; what it finds comes last.
+Places placesSearched(const char* executable, const std::map<std::string, int>& answers = {}) {
+  Search scripted{executable, answers};
+  std::string dir = "before";
+  ::unsetenv("KES_I18N_DIR");
+  search = &scripted;
+  findLocaleDir(dir);
+  search = nullptr;
+  scripted.asked.push_back(dir);
+  return scripted.asked;
+}
+
+TEST(LocaleTest, TheSearchClimbsFromTheProgramsFolderToTheRoot) {
+  EXPECT_EQ(placesSearched("/a/b/bin/tool"), (Places{"/a/b/bin/i18n", "/a/b/i18n", "/a/i18n", "/i18n", ""}));
+  EXPECT_EQ(placesSearched("/tool"), (Places{"/i18n", ""}));
+  EXPECT_EQ(placesSearched("/tool", {{"/i18n", 0}}), (Places{"/i18n", "/i18n"}));
+}
+
+TEST(LocaleTest, TheSearchFromARelativePathEndsInTheWorkingDirectory) {
+  EXPECT_EQ(placesSearched("tool"), (Places{"./i18n", ""}));
+  EXPECT_EQ(placesSearched("./tool"), (Places{"./i18n", ""}));
+  EXPECT_EQ(placesSearched("a/bin/tool"), (Places{"a/bin/i18n", "a/i18n", "./i18n", ""}));
+}
+
+TEST(LocaleTest, APlaceThatCannotBeExaminedIsPassedBy) {
+  EXPECT_EQ(placesSearched("/a/bin/tool", {{"/a/bin/i18n", EACCES}, {"/a/i18n", 0}}),
+            (Places{"/a/bin/i18n", "/a/i18n", "/a/i18n"}));
+}
+
+TEST(LocaleTest, AProgramThatDoesNotKnowItsPathHasNoCatalogues) {
+  EXPECT_EQ(placesSearched(nullptr), (Places{""}));
 }
 
 TEST(LocaleTest, WithoutCataloguesTheDirectoryIsEmpty) {
