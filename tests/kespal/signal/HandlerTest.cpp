@@ -249,6 +249,7 @@ TEST_F(HandlerTest, AnIgnoredSignalIsIgnoredNoLongerOnceItIsAdded) {
   struct sigaction action = {};
   ::sigaction(SIGHUP, nullptr, &action);
   EXPECT_TRUE(action.sa_flags & SA_SIGINFO);
+  for (int signal = 1; signal < 32; ++signal) EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
   handler.start(SIGUSR1);
   send(SIGHUP);
   EXPECT_TRUE(eventually([&] { return notifier.count == 1; }));
@@ -379,7 +380,7 @@ TEST_F(HandlerTest, AThreadThatIsGoneCountsAsStopped) {
   }
   const std::string report = testing::internal::GetCapturedStderr();
   EXPECT_THAT(report, testing::HasSubstr(" died with KES exception:\n"));
-  EXPECT_THAT(report, testing::HasSubstr(source));
+  EXPECT_THAT(report, testing::ContainsRegex(std::string(source) + ":[0-9]+ \\(thread\\)"));
   EXPECT_THAT(report, testing::HasSubstr(OsError(EINVAL).text()));
   handler.start(SIGUSR1);
   Notifier notifier;

@@ -85,6 +85,7 @@ TEST(MaskTest, FailuresAreRaisedWithTheirCodeAndShowInErrno) {
       const Fault fault(Call::Sigmask, EPERM);
       operation();
     });
+    EXPECT_EQ(errno, EPERM);
     EXPECT_GT(std::exchange(raised.line, 0), 0);
     return raised;
   };
