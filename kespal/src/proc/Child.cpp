@@ -93,13 +93,17 @@ Child::~Child() {
   if (pid_ == -1 && notify_ == nullptr) return;
   const os::NoCancel untilForgotten;
   const Collector collector(Collector::IfThere);
-  if (collector) collector->forget(*this, pid_);
+  if (collector) collector->forget(*this, pid_, registration_);
 }
 
 void Child::setNotify(Notification* notification) {
   if (pid_ != -1) {
     raiseAt({"src/proc/Child", 57, "setNotify"},
             RuntimeError("Can't set notify callback if child is already running"));
+  }
+  if (notify_ != nullptr) {
+    const Collector collector(Collector::IfThere);
+    if (collector) collector->awaitNotification(*this);
   }
   notify_ = notification;
 }
@@ -117,7 +121,7 @@ void Child::signal(const Site& site, int signal) const {
   const Collector collector(Collector::IfThere);
   if (pid_ == -1 || !collector) raiseAt(site, NoSuchProcessError(ESRCH));
   const Shepherd::Guard guard(collector->condition());
-  if (!collector->isRegisteredNoLock(pid_)) raiseAt(site, NoSuchProcessError(ESRCH));
+  if (!collector->isRegisteredNoLock(pid_, registration_)) raiseAt(site, NoSuchProcessError(ESRCH));
   signal::Sender::signalProc(signal, pid_);
 }
 

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <iostream>
+#include <iterator>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -40,6 +42,8 @@ class AtEnd {
 };
 
 }  // namespace
+
+constinit std::atomic<std::uint64_t> Shepherd::m_registrations{0};
 
 /// Somebody who waits for one child. Each is woken for its own: waking all for every result would cost the
 /// square of their number.
@@ -97,16 +101,22 @@ void Shepherd::reapSentinel() {
   sentinel_ = -1;
 }
 
-void Shepherd::addNoLock(const int& pid, Child* child) {
-  // A process with this id exists now: what is still known of an earlier one is stale.
-  results_.erase(pid);
+std::uint64_t Shepherd::addNoLock(const int& pid, Child* child) {
+  // A process with this id exists now: one that is still registered under it was reaped by somebody else.
   abandoned_.erase(pid);
-  registered_.insert(pid);
+  callbacks_.erase(pid);
+  newest_ = ++m_registrations;
+  registered_[pid] = newest_;
   if (child != nullptr) callbacks_.insert({pid, child});
-  ++registrations_;
   childless_ = false;
   cond_.signalAll();
   thread_.requestRun();
+  return newest_;
+}
+
+bool Shepherd::isRegisteredNoLock(int pid, std::uint64_t registration) const {
+  const auto child = registered_.find(pid);
+  return child != registered_.end() && child->second == registration;
 }
 
 bool Shepherd::isCaller() const { return ::pthread_equal(::pthread_self(), thread_.id().handle) != 0; }
@@ -119,15 +129,24 @@ bool Shepherd::runsHere() const noexcept {
   }
 }
 
-bool Shepherd::fetch(const int& pid, int& status) {
-  const auto result = results_.find(pid);
+Shepherd::Results::iterator Shepherd::resultOf(int pid, std::uint64_t registration) {
+  if (registration != latest) return results_.find({pid, registration});
+  if (registered_.contains(pid)) return results_.end();
+  const auto next = results_.upper_bound({pid, std::numeric_limits<std::uint64_t>::max()});
+  if (next == results_.begin() || std::prev(next)->first.first != pid) return results_.end();
+  return std::prev(next);
+}
+
+bool Shepherd::fetch(int pid, std::uint64_t registration, int& status) {
+  const auto result = resultOf(pid, registration);
   if (result == results_.end()) return false;
   status = result->second;
   results_.erase(result);
   return true;
 }
 
-bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeout) {
+bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeout,
+                    std::uint64_t registration) {
   const bool isCollector = isCaller();
   enter();
   const AtEnd leaving([this] { leave(); });
@@ -138,11 +157,14 @@ bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeo
   const Waiter waiter(lock_);
   const auto entry = waiters_.insert({pid, &waiter});
   const AtEnd unlisting([this, entry] { waiters_.erase(entry); });
-  while (!fetch(pid, status)) {
+  while (!fetch(pid, registration, status)) {
     if (isCollector) {
       raiseAt({"src/proc/Shepherd", 124, "wait"}, RuntimeError("need no lock but my result's not there?!"));
     }
     if (ended_) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
+    if (registration != latest && !isRegisteredNoLock(pid, registration)) {
+      raiseAt(KES_HERE, RuntimeError("The process collector does not know this child"));
+    }
     if (!deadline) {
       waiter.arrived.wait();
     } else if (!waiter.arrived.waitTimed(*deadline)) {
@@ -169,7 +191,7 @@ bool Shepherd::awaitWork(CoopThread& self) {
     while (childless_ && !stopping_) cond_.wait();
     if (stopping_) return false;
     if (!registered_.empty()) {
-      waitedFor_ = registrations_;
+      waitedFor_ = newest_;
       return true;
     }
     self.requestPauseIfRun();
@@ -196,7 +218,7 @@ void Shepherd::waitFailed(int error) {
   {
     const Guard guard(cond_);
     if (stopping_) return;
-    childless_ = error == ECHILD && waitedFor_ == registrations_;
+    childless_ = error == ECHILD && waitedFor_ == newest_;
   }
   report(thread_.name() + ": Error waiting for childs ...\n");
 }
@@ -210,12 +232,14 @@ void Shepherd::reap(pid_t pid) {
       sentinel_ = -1;
       return;
     }
-    if (registered_.erase(pid) == 0) {
+    const auto child = registered_.find(pid);
+    if (child == registered_.end()) {
       guard.unlock();
       report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
       return;
     }
-    if (abandoned_.erase(pid) == 0) results_.insert({pid, status});
+    if (abandoned_.erase(pid) == 0) results_.insert({*child, status});
+    registered_.erase(child);
     checkCB(pid, guard);
   }
   const Guard guard(cond_);
@@ -241,13 +265,20 @@ void Shepherd::checkCB(const int& pid, Guard& guard) {
   }
 }
 
-void Shepherd::forget(const Child& child, int pid) {
-  const bool isCollector = runsHere();
+void Shepherd::forget(const Child& child, int pid, std::uint64_t registration) {
+  {
+    const Guard guard(cond_);
+    std::erase_if(callbacks_, [&child](const auto& entry) { return entry.second == &child; });
+    results_.erase({pid, registration});
+    if (isRegisteredNoLock(pid, registration)) abandoned_.insert(pid);
+  }
+  awaitNotification(child);
+}
+
+void Shepherd::awaitNotification(const Child& child) const {
+  if (runsHere()) return;  // from within it, say to delete the child
   const Guard guard(cond_);
-  std::erase_if(callbacks_, [&child](const auto& entry) { return entry.second == &child; });
-  if (pid != -1 && results_.erase(pid) == 0 && registered_.contains(pid)) abandoned_.insert(pid);
-  // The collector destroys the object from within its notification.
-  while (!isCollector && notifying_ == &child) cond_.wait();
+  while (notifying_ == &child) cond_.wait();
 }
 
 /// However the body is left: whoever waits would wait for ever.

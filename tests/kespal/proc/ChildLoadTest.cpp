@@ -6,14 +6,18 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <functional>
-#include <iostream>
+#include <list>
 #include <memory>
-#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "kespal/error/OsError.h"
 #include "kespal/proc/Child.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/thread/Lock.h"
@@ -55,12 +59,14 @@ TEST(ChildLoadTest, NoChildHangsWhileOtherThreadsAllocateLogAndTakeLocks) {
     std::vector<std::thread> noise;
     for (int number = 0; number < 4; ++number) {
       noise.emplace_back([&] {
-        std::ostringstream log;
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen("/dev/null", "we"),
+                                                                  &std::fclose);
         while (!done) {
           lock.lock();
-          log.str(std::string(static_cast<std::size_t>(100 + number), 'x'));
+          const std::string line(static_cast<std::size_t>(100 + number), 'x');
           lock.unlock();
-          std::cerr << log.str() << '\n';
+          std::fprintf(log.get(), "%s\n", line.c_str());
+          std::this_thread::yield();
         }
       });
     }
@@ -118,6 +124,45 @@ TEST(ChildLoadTest, APidThatComesAgainIsTheNewChilds) {
     }
     Child::exit();
     return reused > 0 ? 0 : 2;
+  });
+  if (result == 77) GTEST_SKIP() << "a pid namespace of the test's own is not permitted here";
+  EXPECT_EQ(result, 0);
+}
+
+TEST(ChildLoadTest, ChildrenThatHadOnePidOneAfterTheOtherAreNotMixedUp) {
+  const int result = inPidNamespace([] {
+    const auto startAs300 = [](Child& child) {
+      std::ofstream("/proc/sys/kernel/ns_last_pid") << 299 << std::flush;
+      child.create(false);
+      return child.pid() == 300;
+    };
+    int reused = 0;
+    Child::init();
+    for (int round = 0; round < 100; ++round) {
+      auto forgotten = std::make_unique<Child>(std::list<std::string>{"/bin/sh", "-c", "exit 98"});
+      Child old({"/bin/sh", "-c", "exit 99"}), running({"/bin/sleep", "3600"});
+      if (!startAs300(old)) continue;
+      while (::kill(300, 0) == 0) std::this_thread::yield();  // reaped
+      if (!startAs300(*forgotten)) continue;
+      while (::kill(300, 0) == 0) std::this_thread::yield();
+      if (!startAs300(running)) {
+        running.kill();
+        continue;
+      }
+      ++reused;
+      forgotten.reset();
+      try {
+        old.kill(SIGKILL);
+        return 1;  // that was the wrong one
+      } catch (const NoSuchProcessError&) {
+      }
+      if (old.wait(true, std::chrono::seconds(60)).status != 99 << 8) return 2;
+      if (running.wait(true, std::chrono::milliseconds(0)).finished) return 3;
+      running.kill(SIGTERM);
+      if (running.wait(true, std::chrono::seconds(60)).status != SIGTERM) return 4;
+    }
+    Child::exit();
+    return reused > 0 ? 0 : 5;
   });
   if (result == 77) GTEST_SKIP() << "a pid namespace of the test's own is not permitted here";
   EXPECT_EQ(result, 0);

@@ -17,9 +17,12 @@
 #include "kespal/State.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "kespal/fs/File.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/time/Clock.h"
+#include "support/Eventually.h"
 #include "support/ForkedChild.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace kes::proc {
@@ -46,6 +49,7 @@ std::string outputOf(
 class ChildTest : public testing::Test {
  protected:
   static void SetUpTestSuite() { time::ClockBase::init(); }
+  void TearDown() override { Child::exit(); }
 };
 
 std::string text(const Child::ExitState& state) {
@@ -210,16 +214,36 @@ TEST_F(ChildTest, SignallingAChildThatWasReapedRaisesNoSuchProcessError) {
 }
 
 TEST_F(ChildTest, SignalsReachTheChild) {
-  Child child({"/bin/sh", "-c", "trap 'exit 5' USR1; while :; do sleep 0.01; done"});
+  test::TestPipe pipe;
+  Child child({"/bin/sh", "-c", "trap 'exit 5' USR1; echo ready; while :; do sleep 0.01; done"});
+  child.setStdout(pipe.writer);
   child.create(false);
-  while (!child.wait(true, 20ms).finished) {
-    try {
-      child.term(SIGUSR1);
-    } catch (const NoSuchProcessError&) {
-    }
-    if (child.pid() == -1) break;
-  }
-  EXPECT_EQ(child.pid(), -1);
+  char ready = 0;
+  ASSERT_EQ(::read(pipe.reader, &ready, 1), 1);
+  child.term(SIGUSR1);
+  EXPECT_EQ(child.wait(false, {}).status, 5 << 8);
+}
+
+TEST_F(ChildTest, AStoppedChildHasNotEnded) {
+  Child child({"/bin/sleep", "3600"});
+  child.create(false);
+  child.kill(SIGSTOP);
+  EXPECT_TRUE(test::eventually([&child] {
+    return test::readFile("/proc/" + std::to_string(child.pid()) + "/stat").find(") T ") != std::string::npos;
+  }));
+  EXPECT_FALSE(child.wait(true, 20ms).finished);
+  child.kill(SIGCONT);
+  child.kill(SIGKILL);
+  EXPECT_EQ(child.wait(false, {}).status, SIGKILL);
+}
+
+TEST_F(ChildTest, ASignalThatDoesNotExistIsRefusedAndTheChildRunsOn) {
+  Child child({"/bin/sleep", "3600"});
+  child.create(false);
+  EXPECT_THAT(errorOf<OsError>([&] { child.kill(1000); }), testing::StartsWith(OsError(EINVAL).text()));
+  EXPECT_FALSE(child.wait(true, 0ms).finished);
+  child.kill();
+  child.wait();
 }
 
 TEST_F(ChildTest, TheNotificationCannotBeChangedWhileTheChildRuns) {
@@ -247,6 +271,36 @@ TEST_F(ChildTest, StreamsAreRedirected) {
   EXPECT_EQ(test::readFile(dir / "err"), "oops\n");
   ::close(in);
   ::close(err);
+}
+
+TEST_F(ChildTest, StreamsCanBePipes) {
+  test::TestPipe to, from;
+  Child child({"/bin/cat"});
+  child.setStdin(to.reader);
+  child.setStdout(from.writer);
+  child.create(false);
+  to.closeReader();
+  from.closeWriter();
+  to.write("through both\n");
+  to.closeWriter();
+  char text[64] = "";
+  EXPECT_EQ(::read(from.reader, text, sizeof text - 1), 13);
+  EXPECT_STREQ(text, "through both\n");
+  EXPECT_EQ(child.wait(false, {}).status, 0);
+}
+
+TEST_F(ChildTest, StreamsAreInstalledOneAfterTheOtherOutputFirst) {
+  const auto result = inChild([] {
+    Child child({"/bin/sh", "-c", "echo out; echo err >&2"});
+    child.setStdout(STDERR_FILENO);
+    child.setStderr(STDOUT_FILENO);  // which is the error stream by then
+    child.create(false);
+    child.wait(false, {});
+    Child::exit();
+    return 0;
+  });
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "out\nerr\n");
 }
 
 TEST_F(ChildTest, TheErrorStreamCanBeTheNewOutputStream) {
@@ -397,6 +451,24 @@ TEST_F(ChildTest, AProgramInPlaceTakesThisProcess) {
   EXPECT_EQ(result.exitCode(), 0);
 }
 
+TEST_F(ChildTest, AProgramInPlaceGetsTheStartUpMaskTheStreamsAndNothingThatTheLibraryOpened) {
+  const auto result = inChild([] {
+    signal::Mask::call({SIGUSR1, SIGTERM}, SIG_BLOCK);
+    fs::File opened;
+    opened.open("/dev/null", fs::File::READ);
+    Child child(
+        {"/bin/sh", "-c", "grep SigBlk /proc/self/status; test -e /proc/$$/fd/$OPENED || echo closed"});
+    ::setenv("OPENED", std::to_string(opened.fd()).c_str(), 1);
+    child.setStdout(STDERR_FILENO);
+    child.setNewProcessGroup(true);  // for forked children alone
+    child.create(true);
+    return 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "SigBlk:\t0000000000000000\nclosed\n");
+}
+
 TEST_F(ChildTest, AProgramInPlaceThatCannotBeStartedEndsThisProcessWith125) {
   const auto result = inChild([] {
     Child({"/no/such/program"}).create(true);
@@ -414,6 +486,16 @@ TEST_F(ChildTest, CreateWhileAForkIsPendingFailsWithoutACollector) {
   State::m_fork_pending = false;
   EXPECT_NO_THROW(child.create(false));
   child.wait(false, {});
+}
+
+TEST_F(ChildTest, APendingForkIsNoHindranceOnceThereIsACollector) {
+  Child::init();
+  State::m_fork_pending = true;
+  Child child({"/bin/true"});
+  EXPECT_NO_THROW(Child::init());
+  EXPECT_NO_THROW(child.create(false));
+  State::m_fork_pending = false;
+  EXPECT_EQ(child.wait(false, {}).status, 0);
 }
 
 TEST_F(ChildTest, ExitEndsTheCollectorAndTheNextChildMakesANewOne) {

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <new>
 
@@ -19,7 +20,7 @@ namespace {
 /// What the children of this process have done, in memory that they share with it.
 struct Counts {
   std::atomic<int> allocations, locks, execs;
-  std::atomic<int> failDup2;
+  std::atomic<int> failDup2, failSigmask, failUnlock;  // the error that the call is to fail with
 };
 
 Counts& counts() {
@@ -49,6 +50,16 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   if (isForkedChild()) ++counts().locks;
   return __real_pthread_mutex_lock(mutex);
 }
+int __real_pthread_mutex_unlock(pthread_mutex_t*);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  const int error = isForkedChild() ? counts().failUnlock.load() : 0;
+  return error != 0 ? error : __real_pthread_mutex_unlock(mutex);
+}
+int __real_pthread_sigmask(int, const sigset_t*, sigset_t*);
+int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* before) {
+  const int error = isForkedChild() ? counts().failSigmask.load() : 0;
+  return error != 0 ? error : __real_pthread_sigmask(how, set, before);
+}
 int __real_execve(const char*, char* const*, char* const*);
 int __wrap_execve(const char* path, char* const* arguments, char* const* environment) {
   if (isForkedChild()) ++counts().execs;
@@ -62,7 +73,7 @@ int __wrap_execvp(const char* file, char* const* arguments) {
 int __real_dup2(int, int);
 int __wrap_dup2(int from, int to) {
   if (isForkedChild() && counts().failDup2 != 0) {
-    errno = EBUSY;
+    errno = counts().failDup2;
     return -1;
   }
   return __real_dup2(from, to);
@@ -85,7 +96,8 @@ namespace {
 class ForkWindowTest : public testing::Test {
  protected:
   void SetUp() override {
-    counts().allocations = counts().locks = counts().execs = counts().failDup2 = 0;
+    counts().allocations = counts().locks = counts().execs = 0;
+    counts().failDup2 = counts().failSigmask = counts().failUnlock = 0;
     Child::init();
     g_watched = ::getpid();
   }
@@ -126,7 +138,7 @@ TEST_F(ForkWindowTest, WithEverythingElseThatCanBeSetNeither) {
 
 TEST_F(ForkWindowTest, AStreamThatCannotBeDuplicatedIsToldAndTheProgramStartsAllTheSame) {
   const auto result = test::inChild([] {
-    counts().failDup2 = 1;
+    counts().failDup2 = EBUSY;
     g_watched = ::getpid();
     const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     Child child({"/bin/true"});
@@ -142,6 +154,35 @@ TEST_F(ForkWindowTest, AStreamThatCannotBeDuplicatedIsToldAndTheProgramStartsAll
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(result.err, "Error dup2()'ing stdout: " + number + "\nError dup2()'ing stderr: " + number +
                             "\nError dup2()'ing stdin: " + number + "\n");
+}
+
+/// What a child is told on standard error, and ends with, when one of its first steps fails.
+test::ChildResult startFailingWith(std::atomic<int>& call) {
+  return test::inChild([&call] {
+    call = EPERM;
+    g_watched = ::getpid();
+    Child child({"/bin/echo", "not reached"});
+    child.create(false);
+    const int status = child.wait(false, {}).status;
+    Child::exit();
+    return status >> 8;
+  });
+}
+
+TEST_F(ForkWindowTest, ASignalMaskThatCannotBeRestoredIsToldAndEndsTheChildWith125) {
+  const auto result = startFailingWith(counts().failSigmask);
+  EXPECT_EQ(result.exitCode(), 125);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, testing::MatchesRegex("In child process [0-9]+ \\(/bin/echo\\):\n\n#1\\)\n(.|\n)*"
+                                                "Operation not permitted \\(1\\)\n\n"));
+}
+
+// The child must not get back into its parent's frames, which would go on there a second time.
+TEST_F(ForkWindowTest, AnInheritedLockThatCannotBeReleasedIsToldAndEndsTheChildWith125) {
+  const auto result = startFailingWith(counts().failUnlock);
+  EXPECT_EQ(result.exitCode(), 125);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, testing::HasSubstr("include/os/posix/thread/Lock:49 (unlock)"));
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <iosfwd>
 #include <list>
 #include <string>
@@ -58,7 +60,8 @@ class Child : NoCopy {
   void setStderr(int fd) { stderrFd_ = fd; }
   /// Whether the child becomes the leader of a new process group.
   void setNewProcessGroup(bool enter) { newProcessGroup_ = enter; }
-  /// Who is told when the child ends; not owned. RuntimeError while a child runs.
+  /// Who is told when the child ends; not owned. Waits while the notification of an earlier child still
+  /// runs on the collector's thread. RuntimeError while a child runs.
   void setNotify(Notification* notification);
 
   /// Starts the program. With `inPlace` this process becomes it, and the call does not return. Otherwise
@@ -98,7 +101,8 @@ class Child : NoCopy {
 
   std::list<std::string> environment_;
   std::list<std::string> arguments_;
-  pid_t pid_ = -1;
+  std::atomic<pid_t> pid_{-1};      // a notification may read it while another thread waits
+  std::uint64_t registration_ = 0;  // tells the child from others that had its process id
   std::string workingDirectory_;
   int stdoutFd_ = -1;
   int stderrFd_ = -1;

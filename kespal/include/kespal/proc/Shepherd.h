@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "kespal/NoCopy.h"
 #include "kespal/thread/Condition.h"
@@ -38,16 +39,20 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   /// the child cannot be reaped unknown.
   const ::kes::thread::Condition& condition() const noexcept { return cond_; }
   /// Registers a child that was just forked, with the lock held; `child`, when not null, is told its end.
-  void addNoLock(const int& pid, Child* child);
+  /// Gives the registration's number: process ids are used again, these are not.
+  std::uint64_t addNoLock(const int& pid, Child* child);
   /// Whether a registered child has not been reaped yet, with the lock held.
-  bool isRegisteredNoLock(const int& pid) const { return registered_.contains(pid); }
+  bool isRegisteredNoLock(int pid, std::uint64_t registration) const;
   /// Whether children that are registered will be reaped, with the lock held.
   bool isServingNoLock() const { return !stopping_ && !ended_; }
 
   /// Waits for a child's end, without limit when `timeout` is null. True: `status` is its wait status,
-  /// which is forgotten here. False: the time has passed. RuntimeError on the collector's own thread when
-  /// the status is not there, when the collector was never started, and when it ends meanwhile.
-  bool wait(const int& pid, int& status, const time::Milliseconds* timeout = nullptr);
+  /// which is forgotten here. False: the time has passed. Of several children that had the id, the last one
+  /// is meant unless `registration` names one. RuntimeError on the collector's own thread when the status is
+  /// not there, for a registration that is not known (any more), when the collector was never started, and
+  /// when it ends meanwhile.
+  bool wait(const int& pid, int& status, const time::Milliseconds* timeout = nullptr,
+            std::uint64_t registration = latest);
 
   /// Calls the notification of a child that was reaped, if it has one, after the lock was released through
   /// `guard`. A kes::Exception from it is reported on standard error.
@@ -55,7 +60,9 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
 
   /// Nobody will ask about this child any more: its object is being destroyed. Waits while its notification
   /// runs on another thread.
-  void forget(const Child& child, int pid);
+  void forget(const Child& child, int pid, std::uint64_t registration);
+  /// Waits while the notification of this child runs on another thread.
+  void awaitNotification(const Child& child) const;
 
   /// Whether the calling thread is the collector's. RuntimeError when that thread does not exist.
   bool isCaller() const;
@@ -75,11 +82,18 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
  private:
   struct Waiter;
 
+  /// Wait statuses by process id and registration.
+  using Results = std::map<std::pair<int, std::uint64_t>, int>;
+
+  static constexpr std::uint64_t latest = 0;          ///< stands for an id's last registration
+  static std::atomic<std::uint64_t> m_registrations;  ///< how many there were, of all collectors
+
   bool awaitWork(::kes::thread::CoopThread& self);
   void reapOne();
   void waitFailed(int error);
   void reap(pid_t pid);
-  bool fetch(const int& pid, int& status);
+  Results::iterator resultOf(int pid, std::uint64_t registration);
+  bool fetch(int pid, std::uint64_t registration, int& status);
   void wakeWaiters(int pid) const;
   void endWait();
   void reapSentinel();
@@ -91,15 +105,15 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   ::kes::thread::Condition cond_;
 
   // Guarded by the lock.
-  std::set<int> registered_;
-  std::map<int, int> results_;
+  std::map<int, std::uint64_t> registered_;  ///< the registration of each id
+  Results results_;
   std::map<int, Child*> callbacks_;
   std::multimap<int, const Waiter*> waiters_;
   std::set<int> abandoned_;           ///< registered, but nobody will ask for the result
   const Child* notifying_ = nullptr;  ///< whose notification runs
   pid_t sentinel_ = -1;               ///< a child whose only purpose is to end the collector's wait
-  std::uint64_t registrations_ = 0;   ///< how many there were
-  std::uint64_t waitedFor_ = 0;       ///< how many there were when the collector began to wait
+  std::uint64_t newest_ = 0;          ///< the last registration
+  std::uint64_t waitedFor_ = 0;       ///< the last one when the collector began to wait
   bool childless_ = false;            ///< the system knows no child although some are registered
   bool stopping_ = false;
   bool ended_ = false;  ///< the body is left: nothing will be reaped any more

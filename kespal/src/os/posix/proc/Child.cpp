@@ -28,7 +28,7 @@ void Child::create(bool inPlace) {
 }
 
 /// The collector's lock is held from before the fork until the child is registered. Nothing of this object
-/// is touched afterwards: the child's end may already have destroyed it.
+/// is touched once it is free: the child's end may already have destroyed it.
 void Child::fork(const Program& program) {
   const Collector collector(Collector::Created);
   const Shepherd::Guard guard(collector->condition());
@@ -37,11 +37,10 @@ void Child::fork(const Program& program) {
   if (pid == -1) raiseAt({"src/os/posix/proc/Child", 129, "create"}, OsError(errno));
   if (pid == 0) {
     if (newProcessGroup_) enterNewProcessGroup();
-    collector->condition().unlock();
-    program.become();
+    program.become(&collector->condition());
   }
   pid_ = pid;
-  collector->addNoLock(pid, notify_ != nullptr ? this : nullptr);
+  registration_ = collector->addNoLock(pid, notify_ != nullptr ? this : nullptr);
 }
 
 Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
@@ -51,7 +50,7 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
   ExitState state{0, false};
   try {
     const Collector collector(Collector::Existing);
-    state.finished = collector->wait(pid_, state.status, timed ? &timeout : nullptr);
+    state.finished = collector->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
   } catch (const Exception&) {
     pid_ = -1;
     throw;

@@ -11,6 +11,7 @@
 #include "kespal/fs/Ops.h"
 #include "kespal/proc/Env.h"
 #include "kespal/signal/Mask.h"
+#include "kespal/thread/Condition.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
 
@@ -54,18 +55,27 @@ Program::Program(const std::list<std::string>& arguments, const std::list<std::s
   candidates_ = candidatesFor(arguments.front());
 }
 
-void Program::become() const {
+void Program::become(const thread::Condition* inherited) const {
   try {
-    signal::Mask::call(signal::Set::m_original, SIG_SETMASK);
-    redirect();
-    changeDirectory();
-    execute();
-    OsError error(errno);
-    locateAt({"src/os/posix/proc/Child", 318, "create"}, error);
-    giveUp("\n", error.exStack() + '\n');
+    start(inherited);
   } catch (...) {
     ::_exit(125);  // no memory even for the report; the parent's frames must not be unwound here
   }
+}
+
+void Program::start(const thread::Condition* inherited) const {
+  try {
+    if (inherited != nullptr) inherited->unlock();
+    signal::Mask::call(signal::Set::m_original, SIG_SETMASK);
+  } catch (const Exception& error) {
+    giveUp("\n", error.exStack() + '\n');
+  }
+  redirect();
+  changeDirectory();
+  execute();
+  OsError error(errno);
+  locateAt({"src/os/posix/proc/Child", 318, "create"}, error);
+  giveUp("\n", error.exStack() + '\n');
 }
 
 void Program::redirect() const {

@@ -6,6 +6,10 @@
 
 #include "kespal/NoCopy.h"
 
+namespace kes::thread {
+class Condition;
+}
+
 namespace kes::proc {
 
 /// What a process is to become: everything that takes memory is prepared here, before a fork. The strings
@@ -19,12 +23,14 @@ class Program : NoCopy {
   Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
           const std::string& workingDirectory, const Streams& streams);
 
-  /// Turns the calling process into the program. When that fails, says so on standard error and ends the
-  /// process with status 125. Between a fork and a successful exec it makes system calls only: another
-  /// thread may have held any lock, the allocator's included, at the moment of the fork.
-  [[noreturn]] void become() const;
+  /// Turns the calling process into the program, after releasing the lock that a forked child inherited, if
+  /// it is given. When that fails, says so on standard error and ends the process with status 125. Between
+  /// a fork and a successful exec it makes system calls only: another thread may have held any lock, the
+  /// allocator's included, at the moment of the fork.
+  [[noreturn]] void become(const thread::Condition* inherited = nullptr) const;
 
  private:
+  [[noreturn]] void start(const thread::Condition* inherited) const;
   void redirect() const;
   void changeDirectory() const;
   void execute() const;
