@@ -193,13 +193,13 @@ TEST_F(CancelTest, APausedCooperativeThreadIsKilledAndItsWaitersAreWoken) {
   coop.requestPause();
   coop.run();
   coop.waitPaused();
-  auto returned = std::async(std::launch::async, [&] { coop.waitReturned(); });
-  auto running = std::async(std::launch::async, [&] { return raisedBy([&] { coop.waitRunning(); }).type; });
   const int waits = made(Call::CondWait);
-  eventually([&] { return made(Call::CondWait) >= waits; });
+  auto returned = std::async(std::launch::async, [&] { coop.waitReturned(); });
+  auto running = std::async(std::launch::async, [&] { return raisedBy([&] { coop.waitRunning(); }); });
+  ASSERT_TRUE(eventually([&] { return made(Call::CondWait) >= waits + 2; }));
   coop.kill();
   returned.get();
-  EXPECT_EQ(running.get(), "UsageError");
+  EXPECT_EQ(running.get(), usageError("CoopThread has returned", "src/thread/Thread", 277, "waitRunning"));
   expectBuried(coop);
 }
 

@@ -100,6 +100,28 @@ TEST_F(ConditionTest, AFailingDestructionPrintsTheWarningAndContinues) {
             std::string("WARNING: Destroying condition failed:\n") + expected.what() + "\n");
 }
 
+TEST_F(ConditionTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
+  Exception::m_gen_backtraces = true;
+  testing::internal::CaptureStderr();
+  {
+    const Fault fault(Call::CondDestroy, EBUSY);
+    const Condition condition;
+  }
+  Exception::m_gen_backtraces = false;
+  const std::string printed = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(printed, testing::StartsWith("WARNING: Destroying condition failed:\n"));
+  EXPECT_THAT(printed, testing::HasSubstr("kes::thread::Condition::~Condition()"));
+}
+
+TEST_F(ConditionTest, AnOwnLockIsDestroyedBeforeTheCondition) {
+  int conditionsThen = -1;
+  const int conditions = made(Call::CondDestroy);
+  const Interlude lockDestroyed(Call::MutexDestroy, [&] { conditionsThen = made(Call::CondDestroy); });
+  { const Condition condition; }
+  EXPECT_EQ(conditionsThen, conditions);
+  EXPECT_EQ(made(Call::CondDestroy), conditions + 1);
+}
+
 TEST_F(ConditionTest, ALentLockStaysAliveAndAnOwnOneIsFreed) {
   const int before = made(Call::MutexDestroy);
   Lock lock(Normal);
@@ -159,17 +181,18 @@ TEST_F(ConditionTest, DeadlinesWithNanosecondsOutOfRangeAreAccepted) {
 
 TEST_F(ConditionTest, ASignalBeforeTheDeadlineWakesTheWaiter) {
   const Condition condition;
-  bool ready = false;
-  std::thread other([&] {
-    const LockGuardT<Condition> guard(condition);
-    ready = true;
-    condition.signal();
-  });
-  bool woken = true;
+  bool ready = false, woken = false;
+  std::thread other;
   {
     const LockGuardT<Condition> guard(condition);
+    other = std::thread([&] {
+      const LockGuardT<Condition> waiting(condition);  // free only once the waiter waits
+      ready = true;
+      condition.signal();
+    });
     const RealtimeClock deadline = in(Milliseconds(60'000));
-    while (!ready && woken) woken = condition.waitTimed(deadline);
+    do woken = condition.waitTimed(deadline);
+    while (woken && !ready);
   }
   EXPECT_TRUE(woken);
   other.join();
