@@ -65,7 +65,7 @@ TEST(GroupInfoTest, AGroupBecomesAnotherByIdAndByName) {
 
 TEST(GroupInfoTest, AGroupThatDoesNotExistRaisesNoMatchingGroup) {
   for (const auto& lookUp : {+[] { GroupInfo(std::string("no-such-group-here")); },
-                             +[] { GroupInfo(4000000003U); }, +[] { GroupInfo(std::string()); }}) {
+                             +[] { GroupInfo(4000000003U); }, +[] { GroupInfo(std::string{}); }}) {
     try {
       lookUp();
       ADD_FAILURE() << "found";
