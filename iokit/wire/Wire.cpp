@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <tuple>
+#include <type_traits>
 
 namespace kes::iokit {
 namespace {
@@ -30,26 +32,30 @@ const std::uint8_t* load(Number& value, const std::uint8_t* in) {
   return in + bytes.size();
 }
 
-const std::uint8_t* decode(RequestHeader& header, const std::uint8_t* in) {
-  in = load(header.magic, in);
-  in = load(header.version, in);
-  in = load(header.kind, in);
-  in = load(header.sequence, in);
-  in = load(header.selector, in);
-  in = load(header.scalarCount, in);
-  in = load(header.structureSize, in);
-  in = load(header.scalarCapacity, in);
-  return load(header.structureCapacity, in);
+// The fields of a header in their order on the wire: one list for both directions.
+template <typename Header>
+auto fieldsOf(Header& header) {
+  if constexpr (std::is_same_v<std::remove_const_t<Header>, RequestHeader>) {
+    return std::tie(header.magic, header.version, header.kind, header.sequence, header.selector,
+                    header.scalarCount, header.structureSize, header.scalarCapacity,
+                    header.structureCapacity);
+  } else {
+    return std::tie(header.magic, header.version, header.kind, header.sequence, header.result,
+                    header.scalarCount, header.structureSize);
+  }
 }
 
-const std::uint8_t* decode(ReplyHeader& header, const std::uint8_t* in) {
-  in = load(header.magic, in);
-  in = load(header.version, in);
-  in = load(header.kind, in);
-  in = load(header.sequence, in);
-  in = load(header.result, in);
-  in = load(header.scalarCount, in);
-  return load(header.structureSize, in);
+template <typename Header>
+Header decode(const std::uint8_t* in) {
+  Header header;
+  std::apply([in](auto&... field) mutable { ((in = load(field, in)), ...); }, fieldsOf(header));
+  return header;
+}
+
+template <typename Header>
+std::uint8_t* encodeFields(const Header& header, std::uint8_t* out) {
+  std::apply([&out](const auto&... field) { ((out = store(field, out)), ...); }, fieldsOf(header));
+  return out;
 }
 
 template <typename Header>
@@ -86,8 +92,7 @@ template struct Message<ReplyHeader>;
 
 std::optional<Request> parseRequest(Bytes datagram) {
   if (datagram.size() < kRequestHeaderSize) return std::nullopt;
-  RequestHeader header;
-  decode(header, datagram.data());
+  const auto header = decode<RequestHeader>(datagram.data());
   if (!speaksOurVersion(header) || !isKnownKind(header.kind)) return std::nullopt;
   if (header.scalarCount > kMaxScalars || header.structureSize > kMaxStructure) return std::nullopt;
   if (datagram.size() != lengthOf(header)) return std::nullopt;
@@ -96,8 +101,7 @@ std::optional<Request> parseRequest(Bytes datagram) {
 
 Verdict judgeReply(Bytes received, std::size_t length, const Expectation& expected, Reply& reply) {
   if (received.size() < kReplyHeaderSize) return Verdict::Foreign;
-  ReplyHeader header;
-  decode(header, received.data());
+  const auto header = decode<ReplyHeader>(received.data());
   const auto kind = static_cast<std::uint16_t>(static_cast<std::uint16_t>(expected.kind) | kReplyBit);
   if (!speaksOurVersion(header) || header.kind != kind) return Verdict::Foreign;
   if (length != lengthOf(header)) return Verdict::Foreign;
@@ -111,28 +115,8 @@ Verdict judgeReply(Bytes received, std::size_t length, const Expectation& expect
   return Verdict::Accepted;
 }
 
-std::uint8_t* encode(const RequestHeader& header, std::uint8_t* out) {
-  out = store(header.magic, out);
-  out = store(header.version, out);
-  out = store(header.kind, out);
-  out = store(header.sequence, out);
-  out = store(header.selector, out);
-  out = store(header.scalarCount, out);
-  out = store(header.structureSize, out);
-  out = store(header.scalarCapacity, out);
-  return store(header.structureCapacity, out);
-}
-
-std::uint8_t* encode(const ReplyHeader& header, std::uint8_t* out) {
-  out = store(header.magic, out);
-  out = store(header.version, out);
-  out = store(header.kind, out);
-  out = store(header.sequence, out);
-  out = store(header.result, out);
-  out = store(header.scalarCount, out);
-  return store(header.structureSize, out);
-}
-
+std::uint8_t* encode(const RequestHeader& header, std::uint8_t* out) { return encodeFields(header, out); }
+std::uint8_t* encode(const ReplyHeader& header, std::uint8_t* out) { return encodeFields(header, out); }
 std::uint8_t* encode64(std::uint64_t value, std::uint8_t* out) { return store(value, out); }
 
 ReplyHeader replyTo(const RequestHeader& request) {
