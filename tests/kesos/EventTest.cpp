@@ -1,11 +1,11 @@
 #include "kesos/events.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "kesos/Ipc.h"
@@ -20,18 +20,7 @@ using namespace kes::test;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr unsigned int infinite = 0xFFFFFFFF;
-
-class EventTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { enterPrivateIpc(); }
-};
-
-KesOsEvent* created(unsigned int key) {
-  KesOsEvent* event = nullptr;
-  if (KesOsEventCreate(&event, key) != 1 || event == nullptr) throw std::runtime_error("no event");
-  return event;
-}
+class EventTest : public IpcTest {};
 
 struct Waited {
   int result;
@@ -50,7 +39,7 @@ Waited wait(KesOsEvent* event, unsigned int timeoutMs) {
 }
 
 TEST_F(EventTest, ALocalEventResetsItselfWhenAWaitEnds) {
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   EXPECT_EQ(wait(event, 0), notSetLocal);
   EXPECT_EQ(KesOsEventSet(event), 1);
   EXPECT_EQ(KesOsEventSet(event), 1);
@@ -63,7 +52,7 @@ TEST_F(EventTest, ALocalEventResetsItselfWhenAWaitEnds) {
 }
 
 TEST_F(EventTest, AResetTakesTheSettingOfALocalEventBack) {
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   KesOsEventSet(event);
   EXPECT_EQ(KesOsEventReset(event), 1);
   EXPECT_EQ(wait(event, 0), notSetLocal);
@@ -72,7 +61,7 @@ TEST_F(EventTest, AResetTakesTheSettingOfALocalEventBack) {
 }
 
 TEST_F(EventTest, ALocalWaitTimesOutNotBeforeItsTime) {
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   const auto start = steady_clock::now();
   EXPECT_EQ(wait(event, 80), notSetLocal);
   // The deadline is one of the wall clock, which this test has to trust.
@@ -82,7 +71,7 @@ TEST_F(EventTest, ALocalWaitTimesOutNotBeforeItsTime) {
 
 TEST_F(EventTest, SettingALocalEventReleasesEveryoneWhoWaits) {
   for (const unsigned int timeout : {infinite, 60000U}) {
-    KesOsEvent* event = created(0);
+    KesOsEvent* event = eventOf(0);
     std::atomic<int> began = 0, released = 0;
     std::vector<std::thread> waiters;
     for (int index = 0; index < 5; ++index) {
@@ -108,7 +97,7 @@ TEST_F(EventTest, SignalsDoNotEndALocalWait) {
   struct sigaction action {};
   action.sa_handler = ignoreSignal;
   ::sigaction(SIGUSR1, &action, nullptr);
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   std::atomic<bool> ended = false;
   std::thread waiter([&] {
     EXPECT_EQ(wait(event, infinite), signalled);
@@ -125,7 +114,7 @@ TEST_F(EventTest, SignalsDoNotEndALocalWait) {
 }
 
 TEST_F(EventTest, ACancelledWaiterLeavesALocalEventUsable) {
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   struct Waiter {
     KesOsEvent* event;
     std::atomic<bool> began;
@@ -154,7 +143,7 @@ TEST_F(EventTest, ACancelledWaiterLeavesALocalEventUsable) {
 
 TEST_F(EventTest, AKeyedEventIsASemaphoreThatOtherProgramsSee) {
   const unsigned int key = freshKey();
-  KesOsEvent* event = created(key);
+  KesOsEvent* event = eventOf(key);
   EXPECT_EQ(valueOf(key), 0);
   EXPECT_EQ(wait(event, 0), notSetKeyed);
   EXPECT_EQ(KesOsEventSet(event), 1);
@@ -169,7 +158,7 @@ TEST_F(EventTest, AKeyedEventIsASemaphoreThatOtherProgramsSee) {
 
 TEST_F(EventTest, ResettingAKeyedEventAddsOne) {
   const unsigned int key = freshKey();
-  KesOsEvent* event = created(key);
+  KesOsEvent* event = eventOf(key);
   EXPECT_EQ(KesOsEventReset(event), 1);
   EXPECT_EQ(valueOf(key), 1);
   EXPECT_EQ(KesOsEventReset(event), 1);
@@ -182,22 +171,16 @@ TEST_F(EventTest, ResettingAKeyedEventAddsOne) {
 
 TEST_F(EventTest, AnotherProgramSetsTheEventWeWaitFor) {
   const unsigned int key = freshKey();
-  KesOsEvent* event = created(key);
+  KesOsEvent* event = eventOf(key);
   std::thread waiter([&] { EXPECT_EQ(wait(event, infinite), signalled); });
-  perl("my $id = semget(" + std::to_string(key) +
-       ", 0, 0);"
-       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
-       std::to_string(GETNCNT) +
-       ", 0) > 0;"
-       "semctl($id, 0, " +
-       std::to_string(SETVAL) + ", 1) or die;");
+  perlOnceSomebodyWaits(key, "semctl($id, 0, " + std::to_string(SETVAL) + ", 1) or die;");
   waiter.join();
   EXPECT_EQ(valueOf(key), 0);
   KesOsEventClose(event);
 }
 
 TEST_F(EventTest, AFiniteTimeoutOnAKeyedEventEndsTheProcessWithStatusZero) {
-  KesOsEvent* event = created(freshKey());
+  KesOsEvent* event = eventOf(freshKey());
   const ChildResult result = inChild([event] {
     KesOsEventWait(event, 250, nullptr);
     return 42;
@@ -210,8 +193,8 @@ TEST_F(EventTest, AFiniteTimeoutOnAKeyedEventEndsTheProcessWithStatusZero) {
 
 TEST_F(EventTest, AKeyedEventThatCannotBeSetIsReportedAndTheResultIsOne) {
   const unsigned int key = freshKey();
-  KesOsEvent* event = created(key);
-  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  KesOsEvent* event = eventOf(key);
+  removeSemaphore(key);
   const ChildResult result = inChild([event] {
     std::printf("FATAL KesOsEventSet(%p): semctl failed (%d=%s pid=%u tid=%llu)\n", static_cast<void*>(event),
                 EINVAL, "Invalid argument", static_cast<unsigned int>(::getpid()),
@@ -228,7 +211,7 @@ TEST_F(EventTest, AKeyedEventThatCannotBeSetIsReportedAndTheResultIsOne) {
 }
 
 TEST_F(EventTest, OpeningNeedsAKeyAndASemaphore) {
-  KesOsEvent* event = created(0);
+  KesOsEvent* event = eventOf(0);
   KesOsEvent* opened = event;
   EXPECT_EQ(KesOsEventOpen(&opened, 0), 0);
   EXPECT_EQ(opened, nullptr);
@@ -274,7 +257,7 @@ void handOver(int processes, int handOvers) {
     }));
   }
   std::vector<KesOsEvent*> events;
-  for (int index = 0; index < processes; ++index) events.push_back(created(keyOf(index)));
+  for (int index = 0; index < processes; ++index) events.push_back(eventOf(keyOf(index)));
   *ready = true;
   KesOsEventSet(events[0]);
   for (const pid_t pid : pids) EXPECT_EQ(waitForProcess(pid), 0);

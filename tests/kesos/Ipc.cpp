@@ -78,6 +78,17 @@ int valueOf(unsigned int key) {
                         ", 0, 0); print 0 + semctl($id, 0, " + std::to_string(GETVAL) + ", 0);"));
 }
 
+void removeSemaphore(unsigned int key) {
+  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+}
+
+void perlOnceSomebodyWaits(unsigned int key, const std::string& program) {
+  perl("my $id = semget(" + std::to_string(key) +
+       ", 0, 0);"
+       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
+       std::to_string(GETNCNT) + ", 0) > 0;" + program);
+}
+
 std::vector<std::string> listedKeys() {
   std::istringstream lines(shell("ipcs -m -s | grep ^0x || true"));
   std::vector<std::string> keys;
@@ -88,6 +99,18 @@ std::vector<std::string> listedKeys() {
 unsigned int freshKey() {
   static unsigned int count = 0;
   return 0x4b000000U + (static_cast<unsigned int>(::getpid()) << 8U) + ++count;
+}
+
+KesOsMutex* mutexOf(unsigned int key) {
+  KesOsMutex* mutex = nullptr;
+  if (KesOsMutexCreate(&mutex, key) != 1 || mutex == nullptr) throw std::runtime_error("no mutex");
+  return mutex;
+}
+
+KesOsEvent* eventOf(unsigned int key) {
+  KesOsEvent* event = nullptr;
+  if (KesOsEventCreate(&event, key) != 1 || event == nullptr) throw std::runtime_error("no event");
+  return event;
 }
 
 pid_t startProcess(const std::function<int()>& body) {

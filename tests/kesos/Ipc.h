@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "kesos/events.h"
+#include "kesos/mutexes.h"
 #include "support/Eventually.h"
 
 namespace kes::test {
@@ -18,6 +20,12 @@ namespace kes::test {
 /// Gives this process and its children System V objects of their own, once. Where that is not permitted it
 /// says so, and the tests share the machine's objects; ctest lets only one of them run at a time then.
 void enterPrivateIpc();
+
+/// Tests that begin with enterPrivateIpc().
+class IpcTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { enterPrivateIpc(); }
+};
 
 /// What another program says, run by the shell: its output without the last newline.
 std::string shell(const std::string& command);
@@ -40,11 +48,22 @@ std::uint32_t slotCount(int semid);
 /// The id of the semaphore with a key, -1 without one; its value.
 int semaphoreOf(unsigned int key);
 int valueOf(unsigned int key);
+/// Another program removes the semaphore with a key.
+void removeSemaphore(unsigned int key);
+/// A Perl program, run as soon as somebody waits for the semaphore with a key, which it knows as $id.
+void perlOnceSomebodyWaits(unsigned int key, const std::string& program);
 /// The keys of all semaphores and segments, as ipcs lists them.
 std::vector<std::string> listedKeys();
 
 /// A key no other test run on this machine uses.
 unsigned int freshKey();
+
+/// A time-out that never comes.
+constexpr unsigned int infinite = 0xFFFFFFFF;
+
+/// A new mutex or event with that key.
+KesOsMutex* mutexOf(unsigned int key);
+KesOsEvent* eventOf(unsigned int key);
 
 /// Runs `body` in that many processes at once; their exit codes, in order (128 and the signal for a killed
 /// one).

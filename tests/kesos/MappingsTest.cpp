@@ -18,9 +18,8 @@ namespace {
 
 using namespace kes::test;
 
-class MappingsTest : public testing::Test {
+class MappingsTest : public IpcTest {
  protected:
-  static void SetUpTestSuite() { enterPrivateIpc(); }
   void TearDown() override { refuseNothing(); }
 
   TempDir dir_;

@@ -1,10 +1,10 @@
 #include "kesos/mutexes.h"
 
-#include <signal.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "kesos/Ipc.h"
@@ -17,18 +17,7 @@ namespace {
 
 using namespace kes::test;
 
-constexpr unsigned int infinite = 0xFFFFFFFF;
-
-class MutexTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { enterPrivateIpc(); }
-};
-
-KesOsMutex* created(unsigned int key) {
-  KesOsMutex* mutex = nullptr;
-  if (KesOsMutexCreate(&mutex, key) != 1 || mutex == nullptr) throw std::runtime_error("no mutex");
-  return mutex;
-}
+class MutexTest : public IpcTest {};
 
 /// Whether the mutex can be had at once.
 bool tryLock(KesOsMutex* mutex) {
@@ -37,7 +26,7 @@ bool tryLock(KesOsMutex* mutex) {
 }
 
 TEST_F(MutexTest, ALocalMutexIsRecursive) {
-  KesOsMutex* mutex = created(0);
+  KesOsMutex* mutex = mutexOf(0);
   unsigned int state = 7;
   EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 1);
   EXPECT_EQ(state, 1U);
@@ -50,7 +39,7 @@ TEST_F(MutexTest, ALocalMutexIsRecursive) {
 }
 
 TEST_F(MutexTest, ALocalMutexKeepsOthersOut) {
-  KesOsMutex* mutex = created(0);
+  KesOsMutex* mutex = mutexOf(0);
   int shared = 0;
   const auto work = [&] {
     for (int round = 0; round < 10000; ++round) {
@@ -67,7 +56,7 @@ TEST_F(MutexTest, ALocalMutexKeepsOthersOut) {
 }
 
 TEST_F(MutexTest, ClosingALocalMutexWaitsUntilNobodyHoldsIt) {
-  KesOsMutex* mutex = created(0);
+  KesOsMutex* mutex = mutexOf(0);
   std::atomic<bool> held = false, release = false, closed = false;
   std::thread holder([&] {
     KesOsMutexWait(mutex, infinite, nullptr);
@@ -90,7 +79,7 @@ TEST_F(MutexTest, ClosingALocalMutexWaitsUntilNobodyHoldsIt) {
 TEST_F(MutexTest, AFiniteTimeoutOnALocalMutexEndsTheProcess) {
   for (const unsigned int timeout : {0U, 1U, 5000U, 0xFFFFFFFEU}) {
     const ChildResult result = inChild([timeout] {
-      static KesOsMutex* mutex = created(0);
+      static KesOsMutex* mutex = mutexOf(0);
       KesOsMutexWait(mutex, timeout, nullptr);
       return 42;
     });
@@ -106,7 +95,7 @@ TEST_F(MutexTest, AFiniteTimeoutOnAKeyedMutexEndsTheProcessWithStatusZero) {
       {5000U, "5000"}, {1U, "1"}, {0xFFFFFFFEU, "-2"}, {0x80000000U, "-2147483648"}};
   for (const auto& [timeout, text] : cases) {
     const unsigned int key = freshKey();
-    KesOsMutex* mutex = created(key);
+    KesOsMutex* mutex = mutexOf(key);
     const ChildResult result = inChild([mutex, timeout = timeout] {
       KesOsMutexWait(mutex, timeout, nullptr);
       return 42;
@@ -122,7 +111,7 @@ TEST_F(MutexTest, AFiniteTimeoutOnAKeyedMutexEndsTheProcessWithStatusZero) {
 
 TEST_F(MutexTest, AKeyedMutexIsASemaphoreThatOtherProgramsSee) {
   const unsigned int key = freshKey();
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   EXPECT_EQ(valueOf(key), 1);
   const int semid = semaphoreOf(key);
   EXPECT_EQ(KesOsSemaphoreVal(semid), 1);
@@ -141,7 +130,7 @@ TEST_F(MutexTest, AKeyedMutexIsASemaphoreThatOtherProgramsSee) {
 
 TEST_F(MutexTest, ReleasingAKeyedMutexTwiceLeavesItsValueAtOne) {
   const unsigned int key = freshKey();
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   KesOsMutexWait(mutex, infinite, nullptr);
   EXPECT_EQ(KesOsMutexRelease(mutex), 1);
   EXPECT_EQ(KesOsMutexRelease(mutex), 1);
@@ -153,7 +142,7 @@ TEST_F(MutexTest, ReleasingAKeyedMutexTwiceLeavesItsValueAtOne) {
 
 TEST_F(MutexTest, TwoReleasesAtOnceAddOnlyOne) {
   const unsigned int key = freshKey();
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   for (int round = 0; round < 300; ++round) {
     ASSERT_TRUE(tryLock(mutex));
     std::thread other([&] { EXPECT_EQ(KesOsMutexRelease(mutex), 1); });
@@ -166,16 +155,11 @@ TEST_F(MutexTest, TwoReleasesAtOnceAddOnlyOne) {
 
 TEST_F(MutexTest, AnotherProgramReleasesWhatWeWaitFor) {
   const unsigned int key = freshKey();
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   ASSERT_TRUE(tryLock(mutex));
   unsigned int state = 7;
   std::thread waiter([&] { EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 1); });
-  perl("my $id = semget(" + std::to_string(key) +
-       ", 0, 0);"
-       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
-       std::to_string(GETNCNT) +
-       ", 0) > 0;"
-       "semop($id, pack(\"s3\", 0, 1, 0)) or die;");
+  perlOnceSomebodyWaits(key, "semop($id, pack(\"s3\", 0, 1, 0)) or die;");
   waiter.join();
   EXPECT_EQ(state, 1U);
   EXPECT_EQ(valueOf(key), 0);
@@ -183,7 +167,7 @@ TEST_F(MutexTest, AnotherProgramReleasesWhatWeWaitFor) {
 }
 
 TEST_F(MutexTest, OpeningNeedsAKeyAndASemaphore) {
-  KesOsMutex* mutex = created(0);
+  KesOsMutex* mutex = mutexOf(0);
   KesOsMutex* opened = mutex;
   EXPECT_EQ(KesOsMutexOpen(&opened, 0), 0);
   EXPECT_EQ(opened, nullptr);
@@ -197,7 +181,7 @@ TEST_F(MutexTest, OpeningNeedsAKeyAndASemaphore) {
 TEST_F(MutexTest, AnotherProcessOpensTheMutexByItsKey) {
   const unsigned int key = freshKey();
   const pid_t holder = startProcess([key] {
-    KesOsMutex* mutex = created(key);
+    KesOsMutex* mutex = mutexOf(key);
     if (!tryLock(mutex)) return 1;
     if (!eventually([key] { return slotCount(semaphoreOf(key)) == 2; })) return 2;
     KesOsMutexRelease(mutex);
@@ -220,14 +204,14 @@ TEST_F(MutexTest, AnotherProcessOpensTheMutexByItsKey) {
 TEST_F(MutexTest, AHolderThatIsKilledLeavesTheMutexLockedAndAnyoneMayReleaseIt) {
   const unsigned int key = freshKey();
   const pid_t holder = startProcess([key] {
-    KesOsMutexWait(created(key), infinite, nullptr);
+    KesOsMutexWait(mutexOf(key), infinite, nullptr);
     for (;;) ::pause();
     return 0;
   });
   // A semaphore is made with the value 0, too: only one that is in the table is locked by its holder.
   ASSERT_TRUE(
       eventually([key] { return tableExists() && slotCount(semaphoreOf(key)) == 1 && valueOf(key) == 0; }));
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   ::kill(holder, SIGKILL);
   EXPECT_EQ(waitForProcess(holder), 128 + SIGKILL);
   EXPECT_FALSE(tryLock(mutex));
@@ -236,23 +220,17 @@ TEST_F(MutexTest, AHolderThatIsKilledLeavesTheMutexLockedAndAnyoneMayReleaseIt) 
   EXPECT_EQ(slotCount(semaphoreOf(key)), 2U) << "the dead process's reference stays";
   EXPECT_EQ(KesOsMutexClose(mutex), 1);
   // Its reference keeps the semaphore; a program that knows better removes it.
-  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  removeSemaphore(key);
   EXPECT_FALSE(tableExists()) << "the last process that is alive removes the table";
 }
 
 TEST_F(MutexTest, ASemaphoreThatIsRemovedMakesWaitsFail) {
   const unsigned int key = freshKey();
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   ASSERT_TRUE(tryLock(mutex));
   unsigned int state = 7;
   std::thread waiter([&] { EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 0); });
-  perl("my $id = semget(" + std::to_string(key) +
-       ", 0, 0);"
-       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
-       std::to_string(GETNCNT) +
-       ", 0) > 0;"
-       "semctl($id, 0, " +
-       std::to_string(IPC_RMID) + ", 0) or die;");
+  perlOnceSomebodyWaits(key, "semctl($id, 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
   waiter.join();
   EXPECT_EQ(state, 0U);
   EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1) << "trying once never fails";
@@ -270,7 +248,7 @@ TEST_F(MutexTest, AKeyedWaitGoesOnAfterASignalAndEndsWhenTheProcessShutsDown) {
     struct sigaction action {};
     action.sa_handler = ignoreSignal;
     ::sigaction(SIGUSR1, &action, nullptr);
-    KesOsMutex* mutex = created(key);
+    KesOsMutex* mutex = mutexOf(key);
     if (!tryLock(mutex)) return 1;
     unsigned int state = 7;
     int waited = 7;
@@ -296,7 +274,7 @@ TEST_F(MutexTest, AKeyedWaitGoesOnAfterASignalAndEndsWhenTheProcessShutsDown) {
 }
 
 TEST_F(MutexTest, AnInterruptedWaitIsTriedAgainAfterFiftyMilliseconds) {
-  KesOsMutex* mutex = created(freshKey());
+  KesOsMutex* mutex = mutexOf(freshKey());
   for (const unsigned int timeout : {0U, infinite}) {
     unsigned int state = 7;
     const int attempts = countOf(IpcCall::semop);
@@ -312,7 +290,7 @@ TEST_F(MutexTest, AnInterruptedWaitIsTriedAgainAfterFiftyMilliseconds) {
 }
 
 TEST_F(MutexTest, AnInterruptedWaitOfAProcessThatShutsDownIsGivenUp) {
-  KesOsMutex* mutex = created(freshKey());
+  KesOsMutex* mutex = mutexOf(freshKey());
   KesOsSetShutdown();
   unsigned int state = 7;
   refuse(IpcCall::semop, EINTR);
@@ -331,7 +309,7 @@ TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
     int error, result;
     unsigned int state;
   };
-  KesOsMutex* mutex = created(freshKey());
+  KesOsMutex* mutex = mutexOf(freshKey());
   for (const auto& [timeout, error, result, expected] : {Failure{infinite, EAGAIN, 1, 999},
                                                          {infinite, EIDRM, 0, 0},
                                                          {infinite, EACCES, 0, 0},
@@ -349,7 +327,7 @@ TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
 }
 
 TEST_F(MutexTest, AReleaseThatFailsGivesZero) {
-  KesOsMutex* mutex = created(freshKey());
+  KesOsMutex* mutex = mutexOf(freshKey());
   ASSERT_TRUE(tryLock(mutex));
   refuse(IpcCall::semop, EACCES);
   EXPECT_EQ(KesOsMutexRelease(mutex), 0);
@@ -358,7 +336,7 @@ TEST_F(MutexTest, AReleaseThatFailsGivesZero) {
 }
 
 TEST_F(MutexTest, ARoundOfAKeyedMutexIsTwoSystemCalls) {
-  KesOsMutex* mutex = created(freshKey());
+  KesOsMutex* mutex = mutexOf(freshKey());
   const int semops = countOf(IpcCall::semop), semctls = countOf(IpcCall::semctl);
   KesOsMutexWait(mutex, infinite, nullptr);
   KesOsMutexRelease(mutex);
@@ -425,7 +403,7 @@ void excludeEachOther(int processes, int rounds) {
       return KesOsMutexClose(mutex) == 1 ? 0 : 4;
     }));
   }
-  KesOsMutex* mutex = created(key);
+  KesOsMutex* mutex = mutexOf(key);
   race->ready = true;
   for (const pid_t pid : pids) EXPECT_EQ(waitForProcess(pid), 0);
   EXPECT_EQ(race->counter, static_cast<long>(processes) * rounds);

@@ -18,9 +18,8 @@ namespace {
 using namespace kes::test;
 using testing::IsEmpty;
 
-class SemaphoresTest : public testing::Test {
+class SemaphoresTest : public IpcTest {
  protected:
-  static void SetUpTestSuite() { enterPrivateIpc(); }
   void TearDown() override { refuseNothing(); }
 
   int semid_ = 7;

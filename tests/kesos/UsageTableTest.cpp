@@ -20,20 +20,13 @@ using testing::IsEmpty;
 
 constexpr std::uint32_t freeSlot = 0xFFFFFFFF;
 
-class UsageTableTest : public testing::Test {
+class UsageTableTest : public IpcTest {
  protected:
-  static void SetUpTestSuite() { enterPrivateIpc(); }
   void TearDown() override {
     refuseNothing();
     KesOsSetIpcPerms(0666, 0xFFFFFFFF, 0xFFFFFFFF);
   }
 };
-
-KesOsMutex* mutexOf(unsigned int key) {
-  KesOsMutex* mutex = nullptr;
-  if (KesOsMutexCreate(&mutex, key) != 1) throw std::runtime_error("no mutex");
-  return mutex;
-}
 
 /// What the table has to look like: the four counts, then the slots, all others free.
 std::vector<std::uint32_t> table(std::initializer_list<std::uint32_t> head,
