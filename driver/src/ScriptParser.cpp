@@ -82,7 +82,7 @@ class Words {
 
  private:
   std::string plain() {
-    const std::string word(rest_.substr(0, rest_.find_first_of(" \t\r")));
+    std::string word(rest_.substr(0, rest_.find_first_of(" \t\r")));
     rest_.remove_prefix(word.size());
     return word;
   }

@@ -1,8 +1,8 @@
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <iterator>

@@ -6,6 +6,7 @@
 
 /// The tool's way to the driver. A failed call says so with the driver's return code; none is repeated.
 
+// NOLINTNEXTLINE(readability-identifier-naming): an established name
 struct CONNECTION_INFO {
   io_service_t service;  ///< the driver's service; 0 when none
   io_connect_t connect;  ///< the opened user client; 0 when none

@@ -49,6 +49,7 @@ void* tfunc1(void* connect) {
 void DoTesting(unsigned int connect) {
   pthread_t thread;
   set(t1stop, 0);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the value of the argument is the connection
   if (KesOsThreadBegin(&thread, tfunc1, 0, reinterpret_cast<void*>(std::uintptr_t{connect})) == 0) return;
   std::fputs("waiting for threads to start\n", stderr);
   awaitRunning(true);

@@ -11,6 +11,7 @@ struct DebugLevels {
   unsigned short oid;
 };
 
+// NOLINTBEGIN(bugprone-reserved-identifier): established names
 extern DebugLevels dbgLvl;
 extern unsigned char cmdTrace;       ///< 1 with "-trace"
 extern unsigned char cmdPacketDump;  ///< 1 with "-dump"
@@ -19,4 +20,5 @@ extern char _dumpFilename[1024];     ///< the name behind "-dump"
 /// cannot be opened either, and whoever typed it shall see all of it in the message.
 extern const char* captureName;
 extern volatile unsigned char _exitflg;  ///< 1 once a signal has asked the loops to stop
-extern termios orig_termios;             ///< standard input's attributes before the tool changed them
+// NOLINTEND(bugprone-reserved-identifier)
+extern termios orig_termios;  ///< standard input's attributes before the tool changed them
