@@ -1,17 +1,7 @@
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "NameFormat.h"
-
-namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
-
-}  // namespace
+#include "Target.h"
 
 /// Any text as a capture name: nothing is read or written that should not be, the result stays bounded, and a
 /// result below the limit does not depend on it.

@@ -1,18 +1,12 @@
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "CommandLine.h"
 #include "State.h"
+#include "Target.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 /// The words between the NULs.
 std::vector<std::string> wordsOf(const std::uint8_t* data, std::size_t size) {

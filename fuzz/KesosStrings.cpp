@@ -1,12 +1,11 @@
 // The bounded string functions on any bytes and sizes, held against plain models; the sanitizers watch the
 // buffers' ends.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "Target.h"
 #include "kesos/strings.h"
 
 namespace {
@@ -31,10 +30,6 @@ class Input {
  private:
   std::string rest_;
 };
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// A destination of exactly the capacity, so that one byte too many is seen; it holds `text` cut to fit.
 std::vector<char> buffer(std::size_t capacity, const std::string& text) {

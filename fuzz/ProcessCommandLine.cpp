@@ -1,10 +1,9 @@
 // Command lines of any bytes, taken apart and held against a plain reading of the same rules.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "Target.h"
 #include "kesos/processes.h"
 
 namespace {

@@ -8,52 +8,21 @@
 #include <clocale>
 #include <random>
 
+#include "kespal/PlainModels.h"
 #include "support/ForkedChild.h"
 
 namespace kes::helper {
 namespace {
 
-using Parts = std::vector<std::string>;
+using test::Parts;
+using test::plainReplace;
+using test::plainReplaceChars;
+using test::plainSplit;
 
 Parts splitOf(const std::string& text, char delimiter, bool strip, bool keepEmpty) {
   Parts parts{"earlier", "content"};
   split(text, delimiter, parts, strip, keepEmpty);
   return parts;
-}
-
-// --- plain models: the wording of each operation, without regard to speed
-
-Parts plainSplit(const std::string& text, char delimiter, bool strip, bool keepEmpty) {
-  Parts parts(1);
-  for (char c : text) {
-    if (c == delimiter) {
-      parts.emplace_back();
-    } else {
-      parts.back() += c;
-    }
-  }
-  if (strip) {
-    for (std::string& part : parts) makeStripped(part, 0);
-  }
-  if (!keepEmpty) std::erase(parts, "");
-  return parts;
-}
-
-std::size_t plainReplace(std::string& text, const std::string& pattern, const std::string& replacement) {
-  std::size_t count = 0;
-  for (std::size_t at = 0; (at = text.find(pattern, at)) != text.npos; at += replacement.size(), ++count) {
-    text.replace(at, pattern.size(), replacement);
-  }
-  return count;
-}
-
-std::size_t plainReplaceChars(std::string& text, const std::string& chars, const std::string& replacement) {
-  std::size_t count = 0;
-  for (std::size_t at = 0; (at = text.find_first_of(chars, at)) != text.npos;
-       at += replacement.size(), ++count) {
-    text.replace(at, 1, replacement);
-  }
-  return count;
 }
 
 std::string randomText(std::mt19937& random, std::size_t longest, const std::string& alphabet) {

@@ -6,11 +6,13 @@
 
 #include "HexLoops.h"
 #include "kespal/Helper.h"
+#include "kespal/PlainModels.h"
 
 namespace kes {
 namespace {
 
-using Bytes = std::basic_string<unsigned char>;
+using test::Bytes;
+using test::plainFromHex;
 
 /// The same as hex(), byte by byte as the C library formats it.
 std::string plainHex(const Bytes& bytes, char separator, bool upper) {
@@ -23,24 +25,6 @@ std::string plainHex(const Bytes& bytes, char separator, bool upper) {
   }
   if (separator != 0 && !text.empty()) text.pop_back();
   return text;
-}
-
-/// The same as from_hex(), step by step.
-Bytes plainFromHex(const std::string& text) {
-  std::string digits;
-  for (char c : text) {
-    if (std::strchr(": \t\n", c) == nullptr || c == 0) digits += static_cast<char>(std::tolower(c & 0xFF));
-  }
-  if (digits.size() % 2 != 0) return {};
-  Bytes bytes;
-  for (std::size_t at = 0; at < digits.size(); at += 2) {
-    const std::string pair = digits.substr(at, 2);
-    char* end = nullptr;
-    const long value = std::strtol(pair.c_str(), &end, 16);
-    if (end != pair.c_str() + 2) return {};
-    bytes += static_cast<unsigned char>(value);
-  }
-  return bytes;
 }
 
 Bytes randomBytes(std::mt19937& random, std::size_t size) {

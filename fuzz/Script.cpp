@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "Script.h"
+#include "Target.h"
 
 using namespace kes;
 

@@ -3,10 +3,10 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cstdlib>
 #include <vector>
 
 #include "Connection.h"
+#include "Target.h"
 
 using namespace kes::iokit;
 

@@ -1,10 +1,10 @@
 // The driver's side: what clients may send it. The input is a row of datagrams of two clients, each after a
 // byte that says whose it is and its length in two bytes; one that goes wrong is hung up on.
 #include <array>
-#include <cstdlib>
 #include <sstream>
 
 #include "Driver.h"
+#include "Target.h"
 
 using namespace kes;
 
