@@ -1,6 +1,5 @@
 #include "kespal/Backtrace.h"
 
-#include <cxxabi.h>
 #include <execinfo.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <span>
 #include <unordered_map>
 
+#include "kespal/Helper.h"
 #include "os/Unloads.h"
 
 namespace kes {
@@ -105,12 +105,6 @@ Backtrace Backtrace::get() {
 std::ostream& operator<<(std::ostream& stream, const Backtrace& backtrace) {
   for (auto line = backtrace.rbegin(); line != backtrace.rend(); ++line) stream << *line << '\n';
   return stream;
-}
-
-void demangle(std::string& name) {
-  int status = 0;
-  const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status));
-  if (status == 0 && text) name = text.get();
 }
 
 }  // namespace kes

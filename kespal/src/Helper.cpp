@@ -1,10 +1,24 @@
 #include "kespal/Helper.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string_view>
+
+namespace kes {
+
+void demangle(std::string& name) {
+  const std::unique_ptr<char, void (*)(void*)> text(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, nullptr), std::free);
+  if (text) name = text.get();
+}
+
+}  // namespace kes
 
 namespace kes::helper {
 

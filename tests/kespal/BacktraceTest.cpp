@@ -11,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "kespal/Helper.h"
 #include "kespal/error/StaticError.h"
 #include "support/ForkedChild.h"
 

@@ -22,7 +22,4 @@ class Backtrace : public std::vector<std::string> {
 /// Writes every line and a newline each, innermost frame first.
 std::ostream& operator<<(std::ostream& stream, const Backtrace& backtrace);
 
-/// Replaces a mangled symbol name by its readable form; any other text stays as it is.
-void demangle(std::string& name);
-
 }  // namespace kes

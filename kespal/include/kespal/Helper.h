@@ -14,6 +14,9 @@ std::string hex(const void* data, std::size_t size, char separator, bool upper);
 /// between them are skipped. Empty when the number of digits is odd or a pair is no hexadecimal number.
 std::basic_string<unsigned char> from_hex(const std::string& text);
 
+/// Replaces a mangled symbol name by its readable form; any other text stays as it is.
+void demangle(std::string& name);
+
 namespace helper {
 
 /// Replaces every occurrence of any single character of `chars` by `replacement`; resumes behind what was

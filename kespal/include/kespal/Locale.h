@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "kespal/gettext.h"
+
 namespace kes {
 
 /// The process's locale, chosen once at start-up from a few languages. Selecting one changes the whole

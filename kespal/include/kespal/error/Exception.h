@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kespal/Backtrace.h"
+#include "kespal/UnhandledException.h"
 #include "kespal/error/Site.h"
 
 namespace kes {
