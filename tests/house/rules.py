@@ -141,6 +141,19 @@ def no_file_names_the_machine_it_was_written_on():
             yield f"{name}: {match.group(0)}"
 
 
+# The shell of a Mac is bash 3.2, and its tools are BSD's.
+MAC_SCRIPTS = ("scripts/test", "scripts/mac-report", "scripts/lib/common.sh", "tests/house/install_test")
+NOT_ON_A_MAC = re.compile(r"\b(?:mapfile|readarray|coproc|nproc)\b|declare -A|local -n|\$\{\w+(?:\^|,|@)|&>>|\|&|wait -n|"
+                          r"sed [^|\n]*\\[|?+]|grep -\w*P|readlink -f|date -d|stat -c|xargs -\w*r|sort -\w*V|sed -i ")
+
+
+def scripts_that_a_mac_runs_need_only_its_shell_and_tools():
+    for name in MAC_SCRIPTS:
+        for number, line in enumerate((ROOT / name).read_text().splitlines(), 1):
+            for match in NOT_ON_A_MAC.finditer(line.split(" # ")[0]):
+                yield f"{name}:{number}: {match.group(0)}"
+
+
 def main(rule, *arguments):
     complaints = list(globals()[rule](*arguments))
     print("\n".join(complaints))
