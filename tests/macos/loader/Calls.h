@@ -19,10 +19,13 @@ struct Call {
 };
 
 // What differs between the systems, a group each: names that macOS programs use, and what answers here.
+std::span<const Call> accountCalls();
 std::span<const Call> backtraceCalls();
 std::span<const Call> errorCalls();
 std::span<const Call> fileCalls();
+std::span<const Call> globCalls();
 std::span<const Call> ioKitCalls();
+std::span<const Call> lockCalls();
 std::span<const Call> machClockCalls();
 std::span<const Call> processCalls();
 std::span<const Call> signalCalls();
@@ -46,5 +49,7 @@ extern Program program;
 /// The number under which macOS knows an error, and back.
 int macError(int hostError);
 int hostError(int macError);
+/// This system's number of a signal that macOS has; 0 when there is none.
+int hostSignal(int macSignal);
 
 }  // namespace loader

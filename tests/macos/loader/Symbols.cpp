@@ -19,23 +19,26 @@ namespace {
 // Functions whose types, constants and results are the same on both systems, as far as programs here use
 // them.
 constexpr std::string_view sameOnBoth = R"(
-  abort abs access aligned_alloc alarm atof atoi atol bcmp bsearch btowc bzero calloc catclose catgets catopen
-  chdir chmod chown clearerr close closedir ctime ctime_r dirfd div dlclose dlerror dlopen dlsym dup dup2 execve
-  execv execvp exit _exit fchdir fchmod fchown fclose fdopen fdopendir feof ferror fflush fgetc fgets fileno flockfile
-  fopen fprintf fputc fputs fputwc fread free freelocale frexp fscanf fseek fseeko fsync ftell ftello ftruncate
-  funlockfile fwrite getc getchar getcwd getegid getenv geteuid getgid gethostname getpgid getpgrp getpid getppid
-  getsid gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log lseek malloc memchr memcmp
-  memcpy memmove memset mkdir mkdtemp mktime mkstemp mprotect nanosleep open_memstream perror pipe poll
-  posix_memalign printf pthread_attr_destroy pthread_attr_init pthread_attr_setstacksize pthread_equal
-  pthread_self putc putchar puts qsort rand read readlink realloc realpath rename rewind rewinddir rmdir setbuf
-  setenv setpgid setsid setvbuf sleep snprintf sprintf srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll
-  strcoll_l strcpy strcspn strdup strerror strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup
-  strnlen strpbrk strrchr strspn strstr strtod strtod_l strtof strtof_l strtok_r strtol strtold strtold_l strtoll
-  strtoll_l strtoul strtoull strtoull_l strxfrm strxfrm_l swprintf symlink system time toascii tolower toupper
-  truncate tzset umask ungetc ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf
-  vsnprintf vsprintf vsscanf wait waitpid wcrtomb wcscoll_l wcslen wcstod wcstof wcstol wcstold wcstoll wcstoul
-  wcstoull wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev __cxa_atexit __cxa_finalize
-  ceil ceilf floor fmod log10 log2 pow round roundf sqrt trunc
+  abort abs access alarm aligned_alloc atan atan2 atof atoi atol bcmp bsearch btowc bzero calloc catclose
+  catgets catopen ceil ceilf chdir chmod chown clearenv clearerr close closedir ctime ctime_r __cxa_atexit
+  __cxa_finalize dirfd div dlclose dlerror dlopen dlsym dup dup2 execl execv execve execvp _exit exit exp
+  fchdir fchmod fchown fclose fdopen fdopendir feof ferror fflush fgetc fgets fileno flock flockfile floor
+  fmod fopen fork fprintf fputc fputs fputwc fread free freelocale frexp fscanf fseek fseeko fsync ftell
+  ftello ftruncate funlockfile fwrite getc getchar getcwd getegid getenv geteuid getgid getgrgid getgrgid_r
+  getgrnam getgrnam_r getgroups gethostname getlogin_r getpgid getpgrp getpid getppid getsid gettid
+  gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log log10 log2 lseek malloc
+  memchr memcmp memcpy memmove memset mkdir mkdtemp mkfifo mkstemp mktime mprotect nanosleep nextafter
+  open_memstream opendir perror pipe poll posix_memalign pow pread printf pthread_attr_destroy
+  pthread_attr_getstack pthread_attr_getstacksize pthread_attr_init pthread_attr_setstacksize putc putchar
+  puts qsort rand read readlink realloc realpath remove rename rewind rewinddir rmdir round roundf
+  sched_yield setbuf setegid setenv seteuid setgid setpgid setsid setuid setvbuf sleep snprintf sprintf sqrt
+  srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l strcpy strcspn strdup strerror
+  strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup strnlen strpbrk strrchr strspn
+  strstr strtod strtod_l strtof strtof_l strtok_r strtol strtold strtold_l strtoll strtoll_l strtoul
+  strtoull strtoull_l strxfrm strxfrm_l swprintf symlink system time toascii tolower toupper trunc truncate
+  tzset umask ungetc ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf
+  vsnprintf vsprintf vsscanf wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof wcstol wcstold wcstoll
+  wcstoul wcstoull wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
 )";
 
 std::set<std::string_view> wordsOf(std::string_view text) {
@@ -51,8 +54,9 @@ std::set<std::string_view> wordsOf(std::string_view text) {
 
 std::map<std::string, void*> gather() {
   std::map<std::string, void*> all;
-  for (const auto group : {backtraceCalls, errorCalls, fileCalls, ioKitCalls, machClockCalls, processCalls,
-                           signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
+  for (const auto group :
+       {accountCalls, backtraceCalls, errorCalls, fileCalls, globCalls, ioKitCalls, lockCalls, machClockCalls,
+        processCalls, signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
     for (const Call& call : group()) all[call.name] = call.address;
   }
   return all;

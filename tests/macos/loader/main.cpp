@@ -27,12 +27,20 @@ void* definition(const std::string& name) {
   return nullptr;
 }
 
+/// The same as a linker's option --wrap: where an image has a __wrap_NAME of its own, that is what its calls
+/// of NAME get, and __real_NAME is the system's NAME.
+void* wrapped(const Image& image, const std::string& name) {
+  constexpr std::string_view real = "__real_";
+  return name.starts_with(real) ? systemSymbol(name.substr(real.size())) : image.symbol("__wrap_" + name);
+}
+
 /// Loads a file and binds it to the system and to what was loaded before. A weak symbol, which several
 /// images may define, goes to the first that does; its own definition serves when it is alone.
 void load(const std::string& path) {
   auto image = std::make_unique<Image>(path);
   image->bind(
-      [](const std::string& name) {
+      [&](const std::string& name) {
+        if (void* const test = wrapped(*image, name)) return test;
         void* const before = definition(name);
         return before != nullptr ? before : systemSymbol(name);
       },

@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -17,15 +19,28 @@ struct Frame {
   void* returnAddress;
 };
 
-/// Follows the frame pointers, as macOS does, as long as they lie in the program's code.
+/// Where the calling thread's stack ends.
+const Frame* endOfStack() {
+  pthread_attr_t attributes;
+  void* begin = nullptr;
+  std::size_t size = 0;
+  if (::pthread_getattr_np(::pthread_self(), &attributes) != 0) return nullptr;
+  ::pthread_attr_getstack(&attributes, &begin, &size);
+  ::pthread_attr_destroy(&attributes);
+  return reinterpret_cast<const Frame*>(static_cast<const char*>(begin) + size) - 1;
+}
+
+/// Follows the frame pointers, as macOS does: as long as they lead up the stack, and into the program's code.
 int backtrace(void** addresses, int size) {
   const auto* frame = static_cast<const Frame*>(__builtin_frame_address(0));
+  const Frame* const end = endOfStack();
   int count = 0;
-  while (count < size && frame != nullptr) {
+  while (count < size && frame <= end) {
     const bool inProgram = std::ranges::any_of(
         program.images, [&](const Image* image) { return image->contains(frame->returnAddress); });
     if (!inProgram) break;
     addresses[count++] = frame->returnAddress;
+    if (frame->caller <= frame) break;
     frame = frame->caller;
   }
   return count;

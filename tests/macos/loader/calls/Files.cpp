@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,20 @@ int open(const char* path, int flags, unsigned mode) { return ::open(path, hostO
 int openAt(int fd, const char* path, int flags, unsigned mode) {
   return ::openat(hostDirectory(fd), path, hostOpenFlags(flags), mode);
 }
+int changeModeAt(int fd, const char* path, mode_t mode, int flags) {
+  return ::fchmodat(hostDirectory(fd), path, mode, (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0);
+}
+int setTimesAt(int fd, const char* path, const timespec* mac, int flags) {
+  constexpr long macNow = -1, macOmit = -2;
+  timespec times[2] = {mac[0], mac[1]};
+  for (timespec& time : times) {
+    time.tv_nsec = time.tv_nsec == macNow ? UTIME_NOW : time.tv_nsec == macOmit ? UTIME_OMIT : time.tv_nsec;
+  }
+  const int hostFlags = (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  return ::utimensat(hostDirectory(fd), path, times, hostFlags);
+}
+int makePipe(int* ends, int flags) { return ::pipe2(ends, hostOpenFlags(flags)); }
+int makeTemporary(char* name, int flags) { return ::mkostemp(name, hostOpenFlags(flags)); }
 int unlinkAt(int fd, const char* path, int flags) {
   return ::unlinkat(hostDirectory(fd), path, (flags & macRemoveDirectory) != 0 ? AT_REMOVEDIR : 0);
 }
@@ -148,6 +163,10 @@ int descriptorFits(int, const void*, int) { return 1; }
 const Call calls[] = {
     {"open", open},
     {"openat", openAt},
+    {"fchmodat", changeModeAt},
+    {"utimensat", setTimesAt},
+    {"mkostemp", makeTemporary},
+    {"pipe2", makePipe},
     {"unlinkat", unlinkAt},
     {"stat", status},
     {"lstat", linkStatus},

@@ -1,5 +1,7 @@
 #include <pthread.h>
 #include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,7 +21,6 @@ constexpr int hostSignals[] = {SIGHUP,  SIGINT,    SIGQUIT, SIGILL,   SIGTRAP, S
 constexpr int signalCount = 31;
 static_assert(std::size(hostSignals) == signalCount);
 
-int hostSignal(int mac) { return mac >= 1 && mac <= signalCount ? hostSignals[mac - 1] : mac; }
 int macSignal(int host) {
   for (int mac = 1; mac <= signalCount; ++mac) {
     if (hostSignals[mac - 1] == host) return mac;
@@ -77,16 +78,95 @@ SignalHandler setHandler(int mac, SignalHandler handler) {
   return host == deliver ? before : host;
 }
 
+struct MacAction {
+  SignalHandler handler;
+  std::uint32_t mask;
+  int flags;
+};
+struct Flag {
+  int mac;
+  unsigned host;
+};
+constexpr Flag actionFlags[] = {{0x1, SA_ONSTACK},   {0x2, SA_RESTART},  {0x4, SA_RESETHAND},
+                                {0x8, SA_NOCLDSTOP}, {0x10, SA_NODEFER}, {0x20, SA_NOCLDWAIT}};
+
+struct sigaction hostAction(const MacAction& mac) {
+  struct sigaction host {};
+  host.sa_handler = mac.handler == SIG_DFL || mac.handler == SIG_IGN ? mac.handler : deliver;
+  host.sa_mask = hostSet(mac.mask);
+  for (const Flag& flag : actionFlags) {
+    if ((mac.flags & flag.mac) != 0) host.sa_flags |= static_cast<int>(flag.host);
+  }
+  return host;
+}
+MacAction macAction(const struct sigaction& host, SignalHandler handler) {
+  MacAction mac{host.sa_handler == deliver ? handler : host.sa_handler, macSet(host.sa_mask), 0};
+  for (const Flag& flag : actionFlags) {
+    if ((static_cast<unsigned>(host.sa_flags) & flag.host) != 0) mac.flags |= flag.mac;
+  }
+  return mac;
+}
+
+int setAction(int mac, const MacAction* action, MacAction* old) {
+  if (mac < 1 || mac > signalCount || hostSignal(mac) == 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  const SignalHandler before = programHandlers[mac];
+  struct sigaction host {
+  }, hostOld{};
+  if (action != nullptr) {
+    host = hostAction(*action);
+    if (host.sa_handler == deliver) programHandlers[mac] = action->handler;
+  }
+  const int result = ::sigaction(hostSignal(mac), action != nullptr ? &host : nullptr, &hostOld);
+  if (result == 0 && old != nullptr) *old = macAction(hostOld, before);
+  return result;
+}
+
+int waitForSignal(const std::uint32_t* set, int* mac) {
+  const sigset_t hosts = hostSet(*set);
+  int host = 0;
+  const int result = ::sigwait(&hosts, &host);
+  if (result == 0) *mac = macSignal(host);
+  return macError(result);
+}
+
+char* signalText(int mac) { return ::strsignal(hostSignal(mac)); }
+
+/// A status of wait() has the number of the signal that ended or stopped the process.
+int macStatus(int host) {
+  if (WIFSIGNALED(host)) return (host & ~0x7F) | macSignal(WTERMSIG(host));
+  if (WIFSTOPPED(host)) return macSignal(WSTOPSIG(host)) << 8 | 0x7F;
+  return host;
+}
+pid_t waitFor(pid_t process, int* status, int options) {
+  int host = 0;
+  const pid_t found = ::waitpid(process, &host, options);
+  if (found > 0 && status != nullptr) *status = macStatus(host);
+  return found;
+}
+pid_t waitForAny(int* status) { return waitFor(-1, status, 0); }
+
 int killProcess(pid_t process, int mac) { return ::kill(process, hostSignal(mac)); }
-int killThread(pthread_t thread, int mac) { return macError(::pthread_kill(thread, hostSignal(mac))); }
 int raiseSignal(int mac) { return ::raise(hostSignal(mac)); }
 
 const Call calls[] = {
-    {"pthread_sigmask", changeMask}, {"sigprocmask", changeProcessMask}, {"signal", setHandler},
-    {"kill", killProcess},           {"pthread_kill", killThread},       {"raise", raiseSignal},
+    {"pthread_sigmask", changeMask},
+    {"sigprocmask", changeProcessMask},
+    {"sigaction", setAction},
+    {"sigwait", waitForSignal},
+    {"signal", setHandler},
+    {"strsignal", signalText},
+    {"kill", killProcess},
+    {"raise", raiseSignal},
+    {"waitpid", waitFor},
+    {"wait", waitForAny},
 };
 
 }  // namespace
+
+int hostSignal(int mac) { return mac >= 1 && mac <= signalCount ? hostSignals[mac - 1] : mac; }
 
 std::span<const Call> signalCalls() { return calls; }
 
