@@ -1,6 +1,7 @@
 #include "support/TempDir.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -26,7 +27,8 @@ void openUp(const std::string& path) {
 
 }  // namespace
 
-TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path().string()) {}
+// A temporary directory may lie behind a link, which a working directory does not show.
+TempDir::TempDir() : TempDir(stdfs::canonical(stdfs::temp_directory_path()).string()) {}
 
 TempDir::TempDir(const std::string& below) : top_(below + "/kes-test-XXXXXX") {
   if (::mkdtemp(top_.data()) == nullptr) throw std::runtime_error("cannot create " + top_);

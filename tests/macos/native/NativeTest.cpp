@@ -1,0 +1,179 @@
+// What only a Mac can show: the halves of os/darwin against its kernel and C library. Compiled for macOS
+// wherever that is done; run on a Mac, and under the loader of the tests as far as that goes.
+#include <dlfcn.h>
+#include <mach-o/dyld.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "kespal/Backtrace.h"
+#include "kespal/error/OsError.h"
+#include "kespal/os/darwin/thread/Native.h"
+#include "kespal/proc/Env.h"
+#include "kespal/proc/Info.h"
+#include "kespal/thread/Condition.h"
+#include "kespal/thread/Thread.h"
+#include "kespal/time/Clock.h"
+#include "os/Environ.h"
+#include "os/ErrorText.h"
+#include "os/SavedIds.h"
+#include "os/Sync.h"
+#include "os/Unloads.h"
+#include "support/ForkedChild.h"
+
+namespace kes {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(NativeClockTest, TheCalendarClockTellsTheTimeOfDay) {
+  time::ClockBase::init();
+  const auto before = static_cast<unsigned>(std::time(nullptr));
+  const time::RealtimeClock clock;
+  EXPECT_LE(before, clock.sec());
+  EXPECT_LE(clock.sec(), static_cast<unsigned>(std::time(nullptr)));
+  EXPECT_TRUE(clock.nsec() >= 0 && clock.nsec() < 1'000'000'000) << clock.nsec();
+}
+
+TEST(NativeClockTest, TheCalendarClockStepsInWholeMicroseconds) {
+  time::ClockBase::init();
+  time::RealtimeClock clock;
+  for (int i = 0; i < 100; ++i) {
+    clock.update();
+    ASSERT_EQ(clock.nsec() % 1000, 0);
+  }
+}
+
+TEST(NativeClockTest, TheSystemClockNeverGoesBack) {
+  time::ClockBase::init();
+  time::MonotonicClock before, now;
+  for (int i = 0; i < 10'000; ++i) {
+    now.update();
+    ASSERT_TRUE(now.sec() > before.sec() || (now.sec() == before.sec() && now.nsec() >= before.nsec()));
+    before = now;
+  }
+}
+
+TEST(NativeClockTest, AClockWithoutAServiceRaisesOsErrorWithTheStaleErrno) {
+  const auto child = test::inChild([] {
+    time::OsClock::REALTIME = 0;  // as before init()
+    errno = EDOM;
+    try {
+      const time::RealtimeClock clock;
+    } catch (const OsError& error) {
+      return error.errnum() == EDOM ? 0 : error.errnum();
+    }
+    return 98;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+/// The name that the system keeps for a thread which gave itself that name.
+std::string keptOf(const std::string& name) {
+  EXPECT_EQ(os::nameThread(name.c_str()), 0);
+  char kept[64] = "";
+  EXPECT_EQ(::pthread_getname_np(::pthread_self(), kept, sizeof kept), 0);
+  return kept;
+}
+
+TEST(NativeThreadTest, ANameOfSixtyThreeBytesIsKeptAndALongerOneCut) {
+  EXPECT_EQ(keptOf(std::string(63, 'a')), std::string(63, 'a'));
+  EXPECT_EQ(keptOf(std::string(80, 'b')), std::string(63, 'b'));
+}
+
+TEST(NativeThreadTest, TheNumberOfAThreadIsTheSystems) {
+  std::uint64_t expected = 0;
+  ASSERT_EQ(::pthread_threadid_np(::pthread_self(), &expected), 0);
+  EXPECT_EQ(thread::getNativeThreadId(), expected);
+}
+
+struct Waiter : thread::CppThread::IThread {
+  void thread(thread::CppThread&) override {
+    condition.lock();
+    waiting = true;
+    condition.signal();
+    for (;;) condition.wait();
+  }
+
+  thread::Condition condition;
+  bool waiting = false;
+};
+
+TEST(NativeThreadTest, AThreadThatIsCancelledInAWaitLeavesItsLockFree) {
+  auto* const waiter = new Waiter;  // stays: it lies on the stack of a thread that nobody unwinds
+  thread::CppThread thread("waiter", waiter);
+  thread.run();
+  waiter->condition.lock();
+  while (!waiter->waiting) waiter->condition.wait();
+  waiter->condition.unlock();
+  thread.kill();
+  waiter->condition.lock();
+  waiter->condition.unlock();
+}
+
+TEST(NativeProcessTest, TheEnvironmentIsTheOneOfTheProgram) {
+  ASSERT_EQ(::setenv("KES_NATIVE_TEST", "seen", 1), 0);
+  bool seen = false;
+  for (char** entry = os::environment(); *entry != nullptr; ++entry) {
+    seen = seen || std::strcmp(*entry, "KES_NATIVE_TEST=seen") == 0;
+  }
+  EXPECT_TRUE(seen);
+}
+
+TEST(NativeProcessTest, TheProgramIsFoundUnderItsPathAndByItsName) {
+  const std::string path = proc::Info::exe();
+  EXPECT_EQ(::access(path.c_str(), X_OK), 0) << path;
+  const std::string name = path.substr(path.rfind('/') + 1);
+  EXPECT_THAT(proc::Info::running(name), ::testing::Contains(::getpid()));
+  EXPECT_THAT(proc::Info::running(name.substr(0, 15) + "?"), ::testing::IsEmpty());
+}
+
+TEST(NativeProcessTest, TheSavedUserIdIsTheEffectiveOneOfAProgramThatChangedNothing) {
+  EXPECT_EQ(os::savedUserId(), ::geteuid());
+}
+
+TEST(NativeErrorTest, ANumberWithoutATextIsToldApart) {
+  char text[128];
+  EXPECT_TRUE(os::errorText(ENOENT, text, sizeof text));
+  EXPECT_STREQ(text, "No such file or directory");
+  EXPECT_FALSE(os::errorText(12345, text, sizeof text));
+}
+
+TEST(NativeFileTest, APipeCannotBeSynced) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const int result = ::fsync(ends[1]), error = errno;
+  ::close(ends[0]);
+  ::close(ends[1]);
+  EXPECT_EQ(result, -1);
+  EXPECT_TRUE(os::nothingToSync(error)) << error;
+}
+
+TEST(NativeLoaderTest, UnloadingALibraryIsNoticed) {
+  const auto before = os::unloads();
+  ASSERT_TRUE(before.has_value());
+  void* const library = ::dlopen(KES_NATIVE_PLUGIN, RTLD_NOW);
+  ASSERT_NE(library, nullptr) << ::dlerror();
+  ASSERT_EQ(::dlclose(library), 0);
+  EXPECT_GT(*os::unloads(), *before);
+}
+
+TEST(NativeBacktraceTest, ALineHasNumberModuleAddressAndSymbol) {
+  const Backtrace backtrace = Backtrace::get();
+  ASSERT_GT(backtrace.size(), 1U);
+  std::istringstream line(backtrace.back());
+  std::string number, module, address, symbol, plus;
+  line >> number >> module >> address >> symbol >> plus;
+  EXPECT_EQ(number, "1");
+  EXPECT_THAT(address, HasSubstr("0x"));
+  EXPECT_EQ(plus, "+") << backtrace.back();
+}
+
+}  // namespace
+}  // namespace kes
