@@ -1,6 +1,7 @@
 #include "wire/Unix.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,8 +9,13 @@
 
 namespace kes::iokit {
 
+// A cancellation must not leave a destructor.
 Descriptor::~Descriptor() {
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ < 0) return;
+  int before = 0;
+  ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+  ::close(fd_);
+  ::pthread_setcancelstate(before, &before);
 }
 
 Descriptor makeSocket() {

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -27,7 +28,16 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
 
   int get() const { return fd_; }
-  bool close() { return fd_ < 0 || ::close(std::exchange(fd_, -1)) == 0; }
+
+  /// Not to be cancelled: it would leave the file open, or a destructor by way of an exception.
+  bool close() {
+    if (fd_ < 0) return true;
+    int before = 0;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const bool closed = ::close(std::exchange(fd_, -1)) == 0;
+    ::pthread_setcancelstate(before, &before);
+    return closed;
+  }
 
  private:
   int fd_;

@@ -1,6 +1,7 @@
 #include "pcaplib/capture.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -32,8 +33,13 @@ using kes::pcap::RecordHeader;
 class CaptureFile : public kes::NoCopy {
  public:
   CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | flags, 0666)) {}
+  /// Not to be cancelled: a cancellation must not leave a destructor.
   ~CaptureFile() {
-    if (isOpen()) ::close(fd_);
+    if (!isOpen()) return;
+    int before = 0;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    ::close(fd_);
+    ::pthread_setcancelstate(before, &before);
   }
 
   bool isOpen() const { return fd_ >= 0; }

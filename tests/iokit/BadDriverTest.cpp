@@ -203,5 +203,22 @@ TEST(BadDriverTest, ACancelledCallDoesNotPutTheConnectionOutOfStep) {
   EXPECT_THAT(driver.packet().bytes, ElementsAre(2));
 }
 
+TEST(BadDriverTest, AHandleThatACancelledThreadClosesIsClosed) {
+  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  ScriptedDriver driver("");
+  pthread_t closer{};
+  const auto close = [](void* argument) -> void* {
+    ::pthread_cancel(::pthread_self());
+    IOServiceClose(static_cast<ScriptedDriver*>(argument)->connect());
+    ::pthread_testcancel();
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&closer, nullptr, close, &driver), 0);
+  void* result = nullptr;
+  ::pthread_join(closer, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  EXPECT_TRUE(driver.process().waitForOutput("closed: by the client"));
+}
+
 }  // namespace
 }  // namespace kes::test

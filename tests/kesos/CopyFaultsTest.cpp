@@ -1,12 +1,15 @@
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <cerrno>
+#include <functional>
 #include <limits>
 #include <optional>
 
 #include "kesos/files.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 // The system calls of a copy, each as it should be or not (linker option --wrap).
@@ -15,9 +18,10 @@ namespace {
 struct Plan {
   int interruptions = 0;  // so many reads and writes are interrupted before one is made
   std::size_t mostWritten = std::numeric_limits<std::size_t>::max();
-  int lastRead = -1;        // the read after so many fails
-  int failingClose = 0;     // counts from 1: the destination is closed before the source
-  blksize_t blockSize = 0;  // 0: the file system's
+  int lastRead = -1;           // the read after so many fails
+  bool cancelsItself = false;  // together with that
+  int failingClose = 0;        // counts from 1: the destination is closed before the source
+  blksize_t blockSize = 0;     // 0: the file system's
 
   int interrupted = 0, reads = 0, closes = 0, fstats = 0, utimes = 0;
   std::vector<std::size_t> readSizes{};
@@ -47,7 +51,9 @@ ssize_t __wrap_read(int fd, void* data, std::size_t size) {
   if (!plan) return __real_read(fd, data, size);
   plan->interrupted = 0;
   plan->readSizes.push_back(size);
-  return plan->reads++ == plan->lastRead ? fail(EIO) : __real_read(fd, data, size);
+  if (plan->reads++ != plan->lastRead) return __real_read(fd, data, size);
+  if (plan->cancelsItself) ::pthread_cancel(::pthread_self());
+  return fail(EIO);
 }
 
 ssize_t __real_write(int fd, const void* data, std::size_t size);
@@ -83,6 +89,7 @@ int __wrap_utime(const char* path, const utimbuf* times) {
 
 namespace {
 
+using kes::test::isSanitized;
 using kes::test::readFile;
 using kes::test::TempDir;
 using kes::test::writeFile;
@@ -153,6 +160,24 @@ TEST_F(CopyFaultsTest, ASourceThatCannotBeClosedGivesZeroAfterAll) {
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(done_.utimes, 1);
   EXPECT_EQ(readFile(to_), content_);
+}
+
+TEST_F(CopyFaultsTest, ACancellationWaitsUntilBothFilesAreClosed) {
+  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  int result = 7;
+  std::function<void()> body = [&] { result = copy({.lastRead = 1, .cancelsItself = true}); };
+  pthread_t thread{};
+  const auto work = [](void* arg) -> void* {
+    (*static_cast<std::function<void()>*>(arg))();
+    ::pthread_testcancel();
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&thread, nullptr, work, &body), 0);
+  void* end = nullptr;
+  ASSERT_EQ(::pthread_join(thread, &end), 0);
+  EXPECT_EQ(end, PTHREAD_CANCELED);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(done_.closes, 2);
 }
 
 }  // namespace

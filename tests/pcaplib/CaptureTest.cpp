@@ -1,6 +1,7 @@
 #include "pcaplib/capture.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -16,18 +17,22 @@
 #include "kespal/time/Clock.h"
 #include "support/ForkedChild.h"
 #include "support/PcapFile.h"
+#include "support/Sanitizer.h"
 #include "support/ScriptedClock.h"
 #include "support/TempDir.h"
 
 // Every file that the writer opens comes through here (linker option --wrap).
 namespace {
 int lastOpenFlags = 0;
-}
+bool opensCancelled = false;  // the thread is cancelled once it has the file
+}  // namespace
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" int __real_open(const char* path, int flags, mode_t mode);
 extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   lastOpenFlags = flags;
-  return __real_open(path, flags, mode);
+  const int fd = __real_open(path, flags, mode);
+  if (opensCancelled) ::pthread_cancel(::pthread_self());
+  return fd;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
@@ -43,6 +48,13 @@ using kes::test::writeFile;
 bool dump(const std::string& packet, PCAP_TYPE type = PCAP_ETHERNET) {
   return DumpPacket(reinterpret_cast<const unsigned char*>(packet.data()),
                     static_cast<unsigned int>(packet.size()), type);
+}
+
+/// The next descriptor that this process would get.
+int nextDescriptor() {
+  const int fd = ::dup(0);
+  ::close(fd);
+  return fd;
 }
 
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
@@ -253,14 +265,38 @@ TEST_F(CaptureTest, TimestampsAreCutToMicroseconds) {
 TEST_F(CaptureTest, AFailedClockRaisesWritesNothingAndLeavesNoDescriptor) {
   ScriptedClock script(1, 0);
   ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
-  const int before = ::dup(0);
-  ::close(before);
+  const int before = nextDescriptor();
   script.fail(EPERM);
   EXPECT_THROW(dump("abc"), kes::OsError);
-  const int after = ::dup(0);
-  ::close(after);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(nextDescriptor(), before);
   EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, ACancelledThreadClosesItsFile) {
+  if (kes::test::isSanitized)
+    GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  ScriptedClock script(1, 0);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  const int before = nextDescriptor();
+  for (const int clockError : {0, EPERM}) {
+    if (clockError != 0) script.fail(clockError);
+    opensCancelled = true;
+    pthread_t thread{};
+    const auto work = [](void*) -> void* {
+      try {
+        dump("abc");
+      } catch (const kes::OsError&) {
+      }
+      ::pthread_testcancel();
+      return nullptr;
+    };
+    ASSERT_EQ(::pthread_create(&thread, nullptr, work, nullptr), 0);
+    void* end = nullptr;
+    ASSERT_EQ(::pthread_join(thread, &end), 0);
+    opensCancelled = false;
+    EXPECT_EQ(end, PTHREAD_CANCELED);
+    EXPECT_EQ(nextDescriptor(), before);
+  }
 }
 
 TEST_F(CaptureTest, AFileThatCannotBeMadeGivesFalseAndStaysNotOpened) {
