@@ -16,6 +16,7 @@
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Ops.h"
 #include "os/NoCancel.h"
+#include "os/posix/fs/NullPath.h"
 
 namespace kes::fs {
 
@@ -41,12 +42,6 @@ int systemFlags(File::Mode mode, unsigned flags) noexcept {
   if ((flags & File::TRUNCATE) != 0) result |= O_TRUNC;
   if ((flags & File::NO_FOLLOW) != 0) result |= O_NOFOLLOW;
   return result;
-}
-
-int openPath(const char* path, int flags, mode_t mode) noexcept {
-  if (path != nullptr) return ::open(path, flags, mode);
-  errno = EFAULT;
-  return -1;
 }
 
 [[noreturn, gnu::always_inline]] inline void raiseOpen(const Site& site, const char* path, int errnum,
@@ -84,7 +79,8 @@ File::~File() {
 
 void File::open(const char* path, const Mode& mode, const unsigned& flags, const Access* access) {
   close();
-  fd_ = openPath(path, systemFlags(mode, flags), access != nullptr ? mode_t{access->mode()} : ownerOnly);
+  const mode_t bits = access != nullptr ? mode_t{access->mode()} : ownerOnly;
+  fd_ = path != nullptr ? ::open(path, systemFlags(mode, flags), bits) : refuseNull();
   if (fd_ == -1) raiseOpen(KES_HERE, path, errno, (flags & NO_FOLLOW) != 0);
 }
 

@@ -3,23 +3,15 @@
 #include <cerrno>
 
 #include "kespal/error/FsError.h"
+#include "os/posix/fs/NullPath.h"
 
 namespace kes::fs {
 
-namespace {
-
-/// Compilers take for granted that the system is never asked about a null path.
-int status(const char* path, bool follow, struct stat& record) {
-  if (path != nullptr) return follow ? ::stat(path, &record) : ::lstat(path, &record);
-  errno = EFAULT;
-  return -1;
-}
-
-}  // namespace
-
 Info Info::get(const char* path, bool follow) {
   Info info;
-  if (status(path, follow, info.status_) == 0) return info;
+  struct stat& status = info.status_;
+  const int result = path == nullptr ? refuseNull() : follow ? ::stat(path, &status) : ::lstat(path, &status);
+  if (result == 0) return info;
   const int code = errno;
   if (code == ENOENT) raiseAt(KES_HERE, NoSuchFileError(path, code));
   raiseAt(KES_HERE, FsError(path, code));

@@ -12,16 +12,11 @@
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Info.h"
+#include "os/posix/fs/NullPath.h"
 
 namespace kes::fs {
 
 namespace {
-
-/// What a system call says to a null path; compilers take for granted that it is never asked.
-int refuseNull() {
-  errno = EFAULT;
-  return -1;
-}
 
 bool changesOwner(const Access& access) {
   return access.owner() != Access::Unchanged || access.group() != Access::Unchanged;

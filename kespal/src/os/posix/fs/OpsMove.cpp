@@ -9,6 +9,7 @@
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
 #include "os/NoCancel.h"
+#include "os/posix/fs/NullPath.h"
 
 namespace kes::fs {
 
@@ -16,12 +17,6 @@ namespace {
 
 /// What a move copies with when the caller has no buffer to offer.
 constexpr std::size_t moveBufferSize = std::size_t{64} * 1024;
-
-int renamePath(const char* from, const char* to) noexcept {
-  if (from != nullptr && to != nullptr) return std::rename(from, to);
-  errno = EFAULT;
-  return -1;
-}
 
 std::string arrow(const char* from, const char* to) {
   return std::string(from != nullptr ? from : "") + " -> " + (to != nullptr ? to : "");
@@ -79,7 +74,9 @@ bool renamed(const char* from, const char* to, const EnumBitset<Flags>& flags) {
 
 void Ops::rawMove(const char* from, const char* to, const EnumBitset<Flags>& flags) {
   if (!flags.test(Flags::OVERWRITE) && exists(to, /*follow=*/true)) raiseAt(KES_HERE, OsError(EEXIST));
-  if (renamePath(from, to) == 0) return;
+  const bool named = from != nullptr && to != nullptr;
+  const int result = named ? std::rename(from, to) : refuseNull();
+  if (result == 0) return;
   const int errnum = errno;
   raiseRename(KES_HERE, arrow(from, to), errnum);
 }
