@@ -1,47 +1,29 @@
 #include "kespal/fs/Copier.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 
+#include "kespal/fs/CopierFixture.h"
 #include "kespal/fs/FaultyCalls.h"
-#include "support/Descriptors.h"
+#include "support/FileStatus.h"
 #include "support/ForkedChild.h"
 #include "support/PrivateMount.h"
-#include "support/Raised.h"
-#include "support/TempDir.h"
 
 namespace kes::fs {
 namespace {
 
-using test::asNobody;
-using test::Failing;
 using test::inChild;
-using test::openDescriptors;
+using test::modeOf;
 using test::Raised;
 using test::raisedBy;
-using test::TempDir;
 using ::testing::ElementsAre;
 
 namespace stdfs = std::filesystem;
-
-constexpr const char* copierSite = "src/fs/Copier";
-constexpr const char* fileSite = "src/os/posix/fs/File";
-constexpr const char* streamSite = "src/os/posix/fs/StreamFile";
-
-struct stat statusOf(const std::string& path) {
-  struct stat status {};
-  ::stat(path.c_str(), &status);
-  return status;
-}
-mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
 
 /// Bytes that differ at every place where pieces could be mixed up.
 std::string bytes(std::size_t size) {
@@ -50,24 +32,6 @@ std::string bytes(std::size_t size) {
   for (char& c : text) c = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
   return text;
 }
-
-class CopierTest : public ::testing::Test {
- protected:
-  CopierTest() {
-    test::writeFile(from_, "content");
-    ::chmod(from_.c_str(), 0640);
-  }
-  ~CopierTest() override { EXPECT_EQ(openDescriptors(), descriptors_) << "a descriptor was left behind"; }
-
-  Raised copying(const EnumBitset<Flags>& flags = {}, const Access* given = nullptr) const {
-    return raisedBy([&] { Copier(nullptr, 0, flags, given).copy(from_.c_str(), to_.c_str()); });
-  }
-
-  const std::vector<std::string> descriptors_ = openDescriptors();
-  const TempDir folder_;
-  const std::string from_ = folder_ / "from";
-  const std::string to_ = folder_ / "to";
-};
 
 // --- buffers
 
@@ -238,206 +202,6 @@ TEST_F(CopierTest, AFileIsNotCopiedOntoItself) {
 
 TEST_F(CopierTest, ADeviceMayBeBothSourceAndTarget) {
   EXPECT_EQ(raisedBy([] { Copier(nullptr, 0, Flags::OVERWRITE).copy("/dev/null", "/dev/null"); }), Raised{});
-}
-
-// --- streams
-
-TEST_F(CopierTest, BorrowedStreamsStayOpenAndAreCopiedFromTheirStart) {
-  test::writeFile(to_, "a longer old content");
-  StreamFile in, out;
-  in.open(from_.c_str(), File::READ);
-  out.open(to_.c_str(), File::WRITE);
-  in.seek(3);
-  out.seek(5);
-  const int inFd = in.fd(), outFd = out.fd();
-  {
-    Copier copier;
-    copier.copy(in, out);
-  }
-  EXPECT_EQ(in.fd(), inFd);
-  EXPECT_EQ(out.fd(), outFd);
-  EXPECT_EQ(test::readFile(to_), "content");
-  EXPECT_EQ(in.seek(0, StreamFile::FROM_CURRENT), 7u);
-  EXPECT_EQ(out.write("!", 1), 1u);
-  EXPECT_EQ(test::readFile(to_), "content!");
-}
-
-TEST_F(CopierTest, TheMixedFormsBorrowOneSide) {
-  StreamFile in, out;
-  in.open(from_.c_str(), File::READ);
-  Copier().copy(in, to_.c_str());
-  EXPECT_EQ(test::readFile(to_), "content");
-  EXPECT_EQ(modeOf(to_), 0640u);
-  EXPECT_EQ(in.seek(0), 0u);
-  test::writeFile(from_, "changed");
-  out.open(to_.c_str(), File::WRITE);
-  Copier().copy(from_.c_str(), out);
-  EXPECT_EQ(test::readFile(to_), "changed");
-  EXPECT_EQ(out.seek(0), 0u);
-}
-
-TEST_F(CopierTest, AStreamAsSourceRespectsAnExistingTarget) {
-  test::writeFile(to_, "old");
-  StreamFile in;
-  in.open(from_.c_str(), File::READ);
-  EXPECT_EQ(raisedBy([&] { Copier().copy(in, to_.c_str()); }),
-            (Raised{"kes::FsError", EEXIST, to_, fileSite, "open"}));
-  EXPECT_EQ(test::readFile(to_), "old");
-}
-
-TEST_F(CopierTest, EveryFormMakesItsCalls) {
-  StreamFile in, out;
-  in.open(from_.c_str(), File::READ);
-  out.open(to_.c_str(), File::READ_WRITE, File::CREATE);
-  const auto calls = [](const std::function<void()>& run) {
-    const test::Trace trace;
-    run();
-    return trace.calls();
-  };
-  EXPECT_THAT(calls([&] { Copier().copy(in, out); }),
-              ElementsAre("lseek", "fstat", "lseek", "fstat", "ftruncate", "read", "write", "read"));
-  EXPECT_THAT(calls([&] { Copier().copy(from_.c_str(), out); }),
-              ElementsAre("open", "fstat", "lseek", "fstat", "ftruncate", "read", "write", "read", "close"));
-  EXPECT_THAT(calls([&] { Copier(nullptr, 0, Flags::OVERWRITE).copy(in, to_.c_str()); }),
-              ElementsAre("lseek", "fstat", "stat", "open", "read", "write", "read", "close"));
-}
-
-TEST_F(CopierTest, BorrowedStreamsStayOpenWhateverFails) {
-  test::writeFile(to_, "old");
-  StreamFile in, out;
-  in.open(from_.c_str(), File::READ);
-  out.open(to_.c_str(), File::READ_WRITE);
-  const std::vector<std::pair<const char*, const char*>> table = {
-      {"lseek", "seek"},           {"fstat", "get"}, {"ftruncate", "truncate"},
-      {"fchmod", "setAccessPriv"}, {"read", "read"}, {"write", "write"}};
-  for (const auto& [call, operation] : table) {
-    Raised raised;
-    {
-      const Failing failing(call, EIO);
-      Copier copier(nullptr, 0, Flags::COPY_ACCESS);
-      raised = raisedBy([&] { copier.copy(in, out); });
-    }
-    EXPECT_EQ(raised.type, "kes::OsError");
-    EXPECT_EQ(raised.errnum, EIO);
-    EXPECT_EQ(raised.function, operation);
-    EXPECT_EQ(in.seek(0), 0u) << call;
-    EXPECT_EQ(out.seek(0), 0u) << call;
-  }
-}
-
-TEST_F(CopierTest, WhatWasOpenedByNameIsClosedWhateverFails) {
-  const auto before = openDescriptors();
-  for (const char* call : {"open", "fstat", "fchmod", "fchown", "read", "write", "close"}) {
-    for (int skip = 0; skip < 3; ++skip) {
-      Copier copier(nullptr, 0, {Flags::OVERWRITE, Flags::COPY_ACCESS});
-      {
-        const Failing failing(call, EIO, skip, /*times=*/1);
-        raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); });
-      }
-      EXPECT_EQ(openDescriptors(), before) << call << " after " << skip;
-      EXPECT_EQ(raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); }), Raised{})
-          << "it can be used again";
-    }
-  }
-}
-
-TEST_F(CopierTest, AFailingCloseIsAnOsErrorAndBothAreClosed) {
-  for (const int skip : {0, 1}) {
-    const Failing failing("close", EIO, skip, /*times=*/1);
-    EXPECT_EQ(copying(Flags::OVERWRITE), (Raised{"kes::OsError", EIO, "", fileSite, "close"}));
-  }
-}
-
-TEST_F(CopierTest, AStreamThatIsNotOpenIsTheSystemsError) {
-  StreamFile closed, open;
-  open.open(from_.c_str(), File::READ);
-  EXPECT_EQ(raisedBy([&] { Copier().copy(closed, to_.c_str()); }),
-            (Raised{"kes::OsError", EBADF, "", streamSite, "seek"}));
-  EXPECT_EQ(raisedBy([&] { Copier().copy(open, closed); }),
-            (Raised{"kes::OsError", EBADF, "", streamSite, "seek"}));
-}
-
-TEST_F(CopierTest, APipeCannotBeBorrowed) {
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  Pipe pipe{ends[0], ends[1]};
-  StreamFile in, out;
-  in.open(pipe, true);
-  out.open(pipe, false);
-  EXPECT_EQ(raisedBy([&] { Copier().copy(in, to_.c_str()); }),
-            (Raised{"kes::OsError", ESPIPE, "", streamSite, "seek"}));
-  EXPECT_EQ(raisedBy([&] { Copier().copy(from_.c_str(), out); }).errnum, ESPIPE);
-}
-
-// --- rights
-
-TEST_F(CopierTest, ATargetIsCreatedWithTheSourcesBitsLessTheMask) {
-  const mode_t before = ::umask(027);
-  ::chmod(from_.c_str(), 0666);
-  EXPECT_EQ(copying(), Raised{});
-  EXPECT_EQ(modeOf(to_), 0640u);
-  EXPECT_EQ(copying({Flags::OVERWRITE, Flags::COPY_ACCESS}), Raised{});
-  ::umask(before);
-  EXPECT_EQ(modeOf(to_), 0666u) << "rights that are copied are not masked";
-}
-
-TEST_F(CopierTest, GivenRightsReplaceTheSourcesAndNeedNoFlag) {
-  const Access given(0604);
-  EXPECT_EQ(copying({}, &given), Raised{});
-  EXPECT_EQ(modeOf(to_), 0604u);
-  EXPECT_EQ(statusOf(to_).st_uid, ::geteuid());
-}
-
-TEST_F(CopierTest, RightsAreAppliedToExistingTargetsAndBorrowedStreams) {
-  test::writeFile(to_, "");
-  EXPECT_EQ(copying({Flags::OVERWRITE, Flags::COPY_ACCESS}), Raised{});
-  EXPECT_EQ(modeOf(to_), 0640u);
-  StreamFile out;
-  out.open(to_.c_str(), File::WRITE);
-  const Access given(0711);
-  Copier(nullptr, 0, {}, &given).copy(from_.c_str(), out);
-  EXPECT_EQ(modeOf(to_), 0711u);
-}
-
-TEST_F(CopierTest, RootCopiesOwnerGroupAndSetIdBits) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
-  ASSERT_EQ(::chown(from_.c_str(), 12, 34), 0);
-  ASSERT_EQ(::chmod(from_.c_str(), 06755), 0);
-  EXPECT_EQ(copying(Flags::COPY_ACCESS), Raised{});
-  EXPECT_EQ(statusOf(to_).st_uid, 12u);
-  EXPECT_EQ(statusOf(to_).st_gid, 34u);
-  EXPECT_EQ(modeOf(to_), 06755u);
-  stdfs::remove(to_);
-  EXPECT_EQ(copying(), Raised{});
-  EXPECT_EQ(statusOf(to_).st_uid, 0u) << "not without the flag";
-}
-
-TEST_F(CopierTest, NobodyCopiesRightsOfOwnFilesOnly) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
-  ASSERT_EQ(::chmod(from_.c_str(), 0644), 0);
-  const auto child = asNobody([&] {
-    const std::string own = folder_ / "own", copy = folder_ / "copy";
-    test::writeFile(own, "own");
-    ::chmod(own.c_str(), 0600);
-    Copier(nullptr, 0, Flags::COPY_ACCESS).copy(own.c_str(), copy.c_str());
-    std::cout << std::oct << modeOf(copy) << std::dec << '\n' << copying() << '\n';
-    std::cout << copying({Flags::COPY_ACCESS, Flags::OVERWRITE});
-    return 0;
-  });
-  EXPECT_EQ(child.out, "600\nnothing raised\nkes::FsError 1 \"\" at src/os/posix/fs/Access (setOwnership)")
-      << child.err;
-}
-
-TEST_F(CopierTest, WithoutTheRightToReadThereIsNoCopy) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
-  const auto child = asNobody([&] {
-    std::cout << copying();
-    return 0;
-  });
-  EXPECT_EQ(child.out, "kes::FileAccessError 13 \"" + from_ + "\" at " + fileSite + " (open)");
-  EXPECT_FALSE(stdfs::exists(to_));
 }
 
 // --- contents

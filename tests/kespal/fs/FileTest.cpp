@@ -12,6 +12,7 @@
 #include "kespal/error/OsError.h"
 #include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
+#include "support/FileStatus.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/Sanitizer.h"
@@ -23,6 +24,7 @@ namespace {
 using test::asNobody;
 using test::Failing;
 using test::inChild;
+using test::modeOf;
 using test::openDescriptors;
 using test::Raised;
 using test::raisedBy;
@@ -32,11 +34,6 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 constexpr const char* site = "src/os/posix/fs/File";
-
-mode_t modeOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
 
 int statusFlags(const File& file) { return ::fcntl(file.fd(), F_GETFL); }
 

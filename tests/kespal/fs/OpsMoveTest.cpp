@@ -9,6 +9,7 @@
 #include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Ops.h"
 #include "support/Descriptors.h"
+#include "support/FileStatus.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
@@ -18,6 +19,8 @@ namespace {
 
 using test::asNobody;
 using test::Failing;
+using test::isThere;
+using test::modeOf;
 using test::openDescriptors;
 using test::Raised;
 using test::raisedBy;
@@ -32,12 +35,6 @@ constexpr const char* infoSite = "src/os/posix/fs/Info";
 constexpr const char* fileSite = "src/os/posix/fs/File";
 constexpr const char* streamSite = "src/os/posix/fs/StreamFile";
 constexpr const char* accessSite = "src/os/posix/fs/Access";
-
-bool isThere(const std::string& path) { return stdfs::exists(stdfs::symlink_status(path)); }
-mode_t modeOf(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
 
 /// Two directories: on one device, or on two.
 class MoveTest : public ::testing::Test {

@@ -7,6 +7,7 @@
 #include "kespal/fs/Access.h"
 #include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
+#include "support/FileStatus.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
@@ -17,8 +18,11 @@ namespace {
 using test::asNobody;
 using test::Failing;
 using test::inChild;
+using test::isThere;
+using test::modeOf;
 using test::Raised;
 using test::raisedBy;
+using test::statusOf;
 using test::TempDir;
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
@@ -26,15 +30,6 @@ using ::testing::StartsWith;
 constexpr const char* site = "src/os/posix/fs/Ops";
 constexpr const char* accessSite = "src/os/posix/fs/Access";
 constexpr const char* none = nullptr;
-
-/// All zero when there is no such entry.
-struct stat statusOf(const std::string& path) {
-  struct stat status {};
-  ::lstat(path.c_str(), &status);
-  return status;
-}
-bool isThere(const std::string& path) { return statusOf(path).st_mode != 0; }
-mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
 
 /// One errno of an operation and the class it becomes.
 struct Row {

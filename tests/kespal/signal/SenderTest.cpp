@@ -19,12 +19,6 @@ using namespace test;
 
 constexpr const char* source = "src/os/posix/signal/Sender";
 
-Raised withoutLine(Raised raised) {
-  EXPECT_GT(raised.line, 0);
-  raised.line = 0;
-  return raised;
-}
-
 pid_t endedChild() {
   const pid_t pid = ::fork();
   if (pid == 0) ::_exit(0);

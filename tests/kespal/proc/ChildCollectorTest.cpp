@@ -1,0 +1,143 @@
+// Children and their collector: its beginning and end, and what notifications may do.
+#include <sys/wait.h>
+
+#include <csignal>
+#include <future>
+
+#include "kespal/State.h"
+#include "kespal/error/StaticError.h"
+#include "kespal/proc/ChildFixture.h"
+#include "support/ForkedChild.h"
+
+namespace kes::proc {
+namespace {
+
+using namespace std::chrono_literals;
+using test::inChild;
+
+TEST_F(ChildTest, CreateWhileAForkIsPendingFailsWithoutACollector) {
+  State::m_fork_pending = true;
+  Child child({"/bin/true"});
+  EXPECT_EQ(errorOf<RuntimeError>([&] { child.create(false); }),
+            "Tried to lazy-initialize shepherd before forking @ src/proc/Child:35 init");
+  State::m_fork_pending = false;
+  EXPECT_NO_THROW(child.create(false));
+  child.wait(false, {});
+}
+
+TEST_F(ChildTest, APendingForkIsNoHindranceOnceThereIsACollector) {
+  Child::init();
+  State::m_fork_pending = true;
+  Child child({"/bin/true"});
+  EXPECT_NO_THROW(Child::init());
+  EXPECT_NO_THROW(child.create(false));
+  State::m_fork_pending = false;
+  EXPECT_EQ(child.wait(false, {}).status, 0);
+}
+
+TEST_F(ChildTest, ExitEndsTheCollectorAndTheNextChildMakesANewOne) {
+  Child::init();
+  ASSERT_NE(Child::m_shepherd, nullptr);
+  Child::exit();
+  EXPECT_EQ(Child::m_shepherd, nullptr);
+  EXPECT_NO_THROW(Child::exit());
+  Child child({"/bin/true"});
+  child.create(false);
+  EXPECT_TRUE(child.wait(false, {}).finished);
+  Child::exit();
+}
+
+TEST_F(ChildTest, AForkOfThisProcessMakesACollectorOfItsOwn) {
+  Child ours({"/bin/true"});
+  ours.create(false);
+  ours.wait(false, {});
+  ASSERT_NE(Child::m_shepherd, nullptr);
+  const auto result = inChild([] {
+    Child theirs({"/bin/sh", "-c", "exit 4"});
+    theirs.create(false);
+    const int code = WEXITSTATUS(theirs.wait(false, {}).status);
+    Child::exit();
+    return code;
+  });
+  EXPECT_EQ(result.exitCode(), 4);
+}
+
+TEST_F(ChildTest, ANotificationMayWaitForItsChildAndDeleteIt) {
+  struct Cleaner : Child::Notification {
+    void exited(Child& child) override {
+      const int status = child.wait(false, {}).status;
+      delete &child;
+      ended.set_value(status);
+    }
+    std::promise<int> ended;
+  } cleaner;
+  auto* child = new Child({"/bin/sh", "-c", "exit 6"});
+  child->setNotify(&cleaner);
+  child->create(false);
+  EXPECT_EQ(WEXITSTATUS(cleaner.ended.get_future().get()), 6);
+}
+
+TEST_F(ChildTest, ANotificationMayStartAnotherChild) {
+  struct Next : Child::Notification {
+    void exited(Child&) override {
+      second.create(false);
+      started.set_value();
+    }
+    Child second{{"/bin/sh", "-c", "exit 9"}};
+    std::promise<void> started;
+  } next;
+  Child first({"/bin/true"});
+  first.setNotify(&next);
+  first.create(false);
+  next.started.get_future().wait();
+  EXPECT_EQ(WEXITSTATUS(next.second.wait(true, 60s).status), 9);
+}
+
+TEST_F(ChildTest, ANotificationThatThrowsIsReportedAndTheCollectorCarriesOn) {
+  const auto result = inChild([] {
+    struct Thrower : Child::Notification {
+      void exited(Child&) override { raiseAt(KES_HERE, RuntimeError("from the notification")); }
+    } thrower;
+    Child first({"/bin/true"}), second({"/bin/sh", "-c", "exit 2"});
+    first.setNotify(&thrower);
+    first.create(false);
+    first.wait(false, {});
+    second.create(false);
+    const int code = WEXITSTATUS(second.wait(false, {}).status);
+    Child::exit();
+    return code;
+  });
+  EXPECT_EQ(result.exitCode(), 2);
+  EXPECT_THAT(result.err, testing::StartsWith("checkCB: callback has thrown an exception:\n\n#1)\n"));
+  EXPECT_THAT(result.err, testing::HasSubstr("Runtime error occured. from the notification"));
+}
+
+TEST_F(ChildTest, TheCollectorCannotBeEndedFromANotification) {
+  const auto result = inChild([] {
+    struct Ender : Child::Notification {
+      void exited(Child&) override { Child::exit(); }
+    } ender;
+    Child child({"/bin/true"});
+    child.setNotify(&ender);
+    child.create(false);
+    child.wait(false, {});
+    const bool alive = Child::m_shepherd != nullptr;
+    Child::exit();
+    return alive ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_THAT(result.err, testing::HasSubstr("cannot be ended from its own thread"));
+}
+
+TEST_F(ChildTest, TheProgramsOfAProcessThatIgnoredSigchldAreCollectedAllTheSame) {
+  const auto result = inChild([] {
+    ::signal(SIGCHLD, SIG_IGN);
+    Child child({"/bin/sh", "-c", "exit 8"});
+    child.create(false);
+    return WEXITSTATUS(child.wait(true, 60s).status);
+  });
+  EXPECT_EQ(result.exitCode(), 8);
+}
+
+}  // namespace
+}  // namespace kes::proc
