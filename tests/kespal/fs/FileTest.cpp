@@ -374,24 +374,28 @@ TEST(FileTest, AnyOtherExceptionInADestructorEndsTheProgram) {
   EXPECT_DEATH(closeThrowing(), "terminat");
 }
 
-TEST(FileTest, ACancelledThreadDestroysItsFilesBeforeItEnds) {
+TEST(FileTest, ACancelledThreadClosesItsFilesBeforeItEnds) {
   if (test::isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
   const auto before = openDescriptors();
-  std::atomic<bool> destroyed = false;
-  std::thread thread([&] {
-    {
-      File file;
-      file.open("/dev/null", File::READ);
-      ::pthread_cancel(::pthread_self());
-      // Closing is where a cancellation would begin: out of a destructor it would end the program.
-    }
-    destroyed = true;
-    ::pthread_testcancel();
-    ADD_FAILURE() << "not cancelled";
-  });
-  thread.join();
-  EXPECT_TRUE(destroyed);
-  EXPECT_EQ(openDescriptors(), before);
+  for (const bool explicitly : {false, true}) {
+    std::atomic<bool> closed = false;
+    std::thread thread([&] {
+      {
+        File file;
+        file.open("/dev/null", File::READ);
+        ::pthread_cancel(::pthread_self());
+        // Closing is where a cancellation would begin: it would leave the descriptor open, and out of a
+        // destructor it would end the program.
+        if (explicitly) file.close();
+      }
+      closed = true;
+      ::pthread_testcancel();
+      ADD_FAILURE() << "not cancelled";
+    });
+    thread.join();
+    EXPECT_TRUE(closed) << explicitly;
+    EXPECT_EQ(openDescriptors(), before) << explicitly;
+  }
 }
 
 TEST(FileTest, TruncatingCutsAndExtends) {

@@ -102,6 +102,7 @@ void File::open(Pipe& pipe, bool readEnd) {
 
 void File::close() {
   if (fd_ == -1) return;
+  const os::NoCancel noCancel;  // a thread that is cancelled here would leave the descriptor open
   // The descriptor is gone whatever the call answers: on EINTR, too, another thread may have it by now.
   if (::close(std::exchange(fd_, -1)) != 0) raiseAt(KES_HERE, OsError(errno));
 }
