@@ -224,25 +224,24 @@ void Shepherd::waitFailed(int error) {
 }
 
 void Shepherd::reap(pid_t pid) {
-  {
-    Guard guard(cond_);
-    int status = 0;
-    if (::waitpid(pid, &status, WNOHANG) != pid) return;  // somebody else was faster
-    if (pid == sentinel_) {
-      sentinel_ = -1;
-      return;
-    }
-    const auto child = registered_.find(pid);
-    if (child == registered_.end()) {
-      guard.unlock();
-      report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
-      return;
-    }
-    if (abandoned_.erase(pid) == 0) results_.insert({*child, status});
-    registered_.erase(child);
-    checkCB(pid, guard);
+  Guard guard(cond_);
+  int status = 0;
+  if (::waitpid(pid, &status, WNOHANG) != pid) return;  // somebody else was faster
+  if (pid == sentinel_) {
+    sentinel_ = -1;
+    return;
   }
-  const Guard guard(cond_);
+  const auto child = registered_.find(pid);
+  if (child == registered_.end()) {
+    guard.unlock();
+    report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
+    return;
+  }
+  if (abandoned_.erase(pid) == 0) results_.insert({*child, status});
+  registered_.erase(child);
+  checkCB(pid, guard);
+  if (!guard.dismissed()) return wakeWaiters(pid);
+  const Guard again(cond_);
   wakeWaiters(pid);
 }
 
