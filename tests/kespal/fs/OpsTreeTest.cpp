@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
@@ -49,6 +48,12 @@ class OpsTreeTest : public ::testing::Test {
     stdfs::create_symlink(target, at(name));
   }
   bool isThere(const std::string& name) const { return stdfs::exists(stdfs::symlink_status(at(name))); }
+  /// The paths of all entries of a directory, in its order.
+  std::vector<std::string> entriesOf(const std::string& name) const {
+    std::vector<std::string> paths;
+    for (const auto& entry : stdfs::directory_iterator(at(name))) paths.push_back(entry.path());
+    return paths;
+  }
   Raised removing(const std::string& name) const {
     return raisedBy([&] { Ops::removeTree(at(name).c_str()); });
   }
@@ -125,17 +130,38 @@ TEST_F(OpsTreeTest, WhatIsNoDirectoryCannotBeOpened) {
   EXPECT_TRUE(isThere("file"));
 }
 
-TEST_F(OpsTreeTest, TheFirstErrorEndsTheWalkAndWhatIsGoneIsGone) {
+TEST_F(OpsTreeTest, EntriesGoInDirectoryOrderUntilTheFirstErrorAndWhatIsGoneIsGone) {
   directory("tree");
   for (int i = 0; i < 5; ++i) file("tree/" + std::to_string(i));
+  const std::vector<std::string> order = entriesOf("tree");
   {
     // The third removal is refused, by type and then by path.
     const Failing byType("unlinkat", EPERM, /*skip=*/2), byPath("unlink", EPERM);
-    const Raised raised = removing("tree");
-    EXPECT_TRUE(stdfs::exists(raised.text));
-    EXPECT_EQ(raised, (Raised{"kes::FileAccessError", EPERM, raised.text, opsSite, "removeFile"}));
+    EXPECT_EQ(removing("tree"), (Raised{"kes::FileAccessError", EPERM, order[2], opsSite, "removeFile"}));
   }
-  EXPECT_EQ(std::distance(stdfs::directory_iterator(at("tree")), {}), 3);
+  EXPECT_EQ(entriesOf("tree"), std::vector<std::string>(order.begin() + 2, order.end()));
+}
+
+TEST_F(OpsTreeTest, ADirectoryIsRemovedWithAllItHoldsBeforeTheNextEntryIsTouched) {
+  for (int i = 0; i < 5; ++i) {
+    directory("tree/" + std::to_string(i));
+    file("tree/" + std::to_string(i) + "/file");
+  }
+  const std::vector<std::string> order = entriesOf("tree");
+  {
+    const Failing failing("rmdir", EBUSY, /*skip=*/2);
+    EXPECT_EQ(removing("tree"), (Raised{"kes::FsError", EBUSY, order[2], opsSite, "removeDir"}));
+  }
+  EXPECT_EQ(entriesOf("tree"), std::vector<std::string>(order.begin() + 2, order.end()));
+  EXPECT_TRUE(stdfs::is_empty(order[2]));
+  for (const int later : {3, 4}) EXPECT_TRUE(stdfs::exists(order[later] + "/file"));
+}
+
+TEST_F(OpsTreeTest, AnEntrysPathIsThePathAsItWasGivenASlashAndTheName) {
+  directory("tree");
+  link("tree/dangling", "absent");
+  EXPECT_EQ(removing("tree/"),
+            (Raised{"kes::NoSuchFileError", ENOENT, at("tree//dangling"), infoSite, "get"}));
 }
 
 TEST_F(OpsTreeTest, ARefusedRemovalByTypeIsRepeatedByPath) {
