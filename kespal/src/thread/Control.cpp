@@ -16,13 +16,12 @@ void BasicThread::Control::entry(std::uint64_t ownId) {
   cond.signalAll();
   try {
     function(argument);
-  } catch (os::ForcedUnwind&) {
-    throw;
   } catch (const Exception& error) {
     report(" died with KES exception:\n" + error.exStack() + '\n');
   } catch (const std::exception& error) {
     report(" died with std::exception: " + std::string(error.what()) + '\n');
   } catch (...) {
+    if (os::isForcedUnwind()) throw;
     report(" died with an unknown exception\n");
   }
 }

@@ -137,11 +137,10 @@ void Handler::handle(const int& signal, const siginfo_t& info) {
   for (INotify* notifier : registered->second) {
     try {
       notifier->notify(signal, info);
-    } catch (os::ForcedUnwind&) {
-      throw;
     } catch (const Exception& error) {
       report(": Got an exception:\n" + error.exStack());
     } catch (...) {
+      if (os::isForcedUnwind()) throw;
       report(": Got an unknown exception");
     }
   }

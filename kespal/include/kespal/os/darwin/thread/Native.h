@@ -15,6 +15,9 @@ class ForcedUnwind {
   ForcedUnwind() = delete;
 };
 
+/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`.
+inline bool isForcedUnwind() noexcept { return false; }
+
 /// Stores the calling thread's system-wide number, which no other thread ever has.
 /// @return 0 or an error number
 inline int nativeThreadId(std::uint64_t& id) { return ::pthread_threadid_np(nullptr, &id); }

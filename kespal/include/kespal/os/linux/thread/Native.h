@@ -8,12 +8,17 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <exception>
 
 namespace kes::os {
 
 /// Thrown through a thread that is cancelled or calls pthread_exit. The runtime ends the process when it
-/// is not thrown on, so a `catch (ForcedUnwind&) { throw; }` stands before every `catch (...)`.
+/// is not thrown on.
 using ForcedUnwind = abi::__forced_unwind;
+
+/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`. A clause of its own would bind its
+/// reference to nothing: the runtime has no object for what C++ did not throw.
+inline bool isForcedUnwind() noexcept { return std::current_exception() == nullptr; }
 
 /// Stores the calling thread's system-wide number. The numbers of ended threads are used again.
 /// @return 0 or an error number
