@@ -58,7 +58,7 @@ TEST(ChildLoadTest, NoChildHangsWhileOtherThreadsAllocateLogAndTakeLocks) {
     const thread::Lock lock(thread::Normal);
     std::vector<std::thread> noise;
     for (int number = 0; number < 4; ++number) {
-      noise.emplace_back([&] {
+      noise.emplace_back([&, number] {
         const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen("/dev/null", "we"),
                                                                   &std::fclose);
         while (!done) {
