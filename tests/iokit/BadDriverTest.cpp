@@ -187,7 +187,7 @@ TEST(BadDriverTest, ACallCanBeClosedInAnotherThreadWhileItWaits) {
 }
 
 TEST(BadDriverTest, ACancelledCallDoesNotPutTheConnectionOutOfStep) {
-  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   ScriptedDriver driver("packet delay 100 bytes 01\npacket x100 bytes 02\n");
   pthread_t caller{};
   const auto call = [](void* argument) -> void* {

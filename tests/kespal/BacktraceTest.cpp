@@ -14,6 +14,7 @@
 #include "kespal/Helper.h"
 #include "kespal/error/StaticError.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 
 // The linker sends the library's calls here; tests say what comes back.
 namespace {
@@ -328,6 +329,7 @@ TEST_F(BacktraceTest, ThreadsCaptureTheirStacksWhileLibrariesComeAndGo) {
 }
 
 TEST_F(BacktraceTest, AChildForkedWhileOtherThreadsCaptureCanCaptureToo) {
+  KES_SKIP_UNDER_SANITIZERS("allocates under locks that another thread of the parent may have held");
   const Capturers capturers;
   for (int round = 0; round < 100; ++round) {
     const test::ChildResult result = inChild([round] {

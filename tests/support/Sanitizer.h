@@ -26,6 +26,10 @@ inline constexpr bool isSanitized = threadSanitizer;
 
 }  // namespace kes::test
 
+/// For tests of what no sanitizer leaves as it is.
+#define KES_SKIP_UNDER_SANITIZERS(reason) \
+  if (::kes::test::isSanitized) GTEST_SKIP() << "a sanitizer " << (reason)
+
 /// For tests of what the thread sanitizer cannot watch, or changes, or reports though it is meant.
 #define KES_SKIP_UNDER_THREAD_SANITIZER(reason) \
   if (::kes::test::threadSanitizer) GTEST_SKIP() << "the thread sanitizer " << (reason)

@@ -167,10 +167,10 @@ TEST_F(DumpModeTest, WithoutANameWritesTheDefaultFile) {
   play("packet bytes 010203\n");
   // A root directory of the test's own, with what a program needs.
   const std::string script =
-      "set -e; cd \"$1\"; mkdir usr bin dev registry; mount --bind /usr usr; mount --bind /dev dev; mount "
-      "--bind \"$(dirname \"$2\")\" "
-      "bin;"
-      "mount --bind \"$KES_IOREGISTRY\" registry; for l in lib lib64; do ln -s usr/$l $l; done;"
+      "set -e; cd \"$1\"; mkdir usr bin dev proc registry;"
+      "for d in usr dev proc; do mount --bind /$d $d; done;"
+      "mount --bind \"$(dirname \"$2\")\" bin; mount --bind \"$KES_IOREGISTRY\" registry;"
+      "for l in lib lib64; do ln -s usr/$l $l; done;"
       "shift 2; KES_IOREGISTRY=/registry exec chroot . /bin/kestrace \"$@\"";
   if (Process({"unshare", "-m", "true"}).wait() != 0) {
     GTEST_SKIP() << "a root directory of the test's own is not permitted here";

@@ -375,7 +375,7 @@ TEST(FileTest, AnyOtherExceptionInADestructorEndsTheProgram) {
 }
 
 TEST(FileTest, ACancelledThreadClosesItsFilesBeforeItEnds) {
-  if (test::isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   const auto before = openDescriptors();
   for (const bool explicitly : {false, true}) {
     std::atomic<bool> closed = false;

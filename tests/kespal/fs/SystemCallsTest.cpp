@@ -32,7 +32,7 @@ class SystemCallsTest : public testing::Test {
   }
 
   void SetUp() override {
-    if (test::isSanitized) GTEST_SKIP() << "a sanitizer makes calls of its own";
+    KES_SKIP_UNDER_SANITIZERS("makes calls of its own");
     if (!test::systemCallsOf([] {})) GTEST_SKIP() << "this machine does not let a process be traced";
   }
 
