@@ -1,11 +1,18 @@
 #include "ReplayPump.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace kes::driver {
 
 using Clock = EventLoop::Clock;
 using Seconds = std::chrono::duration<double>;
+
+namespace {
+
+constexpr std::chrono::milliseconds kLongestTick(10);
+
+}  // namespace
 
 void ReplayPump::onDemand() {
   driver_.packetWanted = [this] {
@@ -30,15 +37,18 @@ void ReplayPump::resume() {
   tick(run_);
 }
 
+// A rate that this machine cannot keep up with must not starve the requests: each tick comes to an end, and
+// the next is not before the loop has looked at them.
 void ReplayPump::tick(unsigned run) {
   if (run != run_) return;
-  const double elapsed = Seconds(Clock::now() - start_).count();
-  const auto due = static_cast<std::uint64_t>(elapsed * rate_) + 1;
-  while (passed_ < due) {
+  const Clock::time_point begin = Clock::now();
+  Clock::time_point now = begin;
+  const double due = Seconds(begin - start_).count() * rate_;
+  for (; static_cast<double>(passed_) <= due && now < begin + kLongestTick; now = Clock::now()) {
     if (!passOne()) return;
   }
   const Seconds next(static_cast<double>(passed_) / rate_);
-  loop_.at(start_ + std::chrono::ceil<Clock::duration>(next), [this, run] { tick(run); });
+  loop_.at(std::max(now, start_ + std::chrono::ceil<Clock::duration>(next)), [this, run] { tick(run); });
 }
 
 bool ReplayPump::passOne() {

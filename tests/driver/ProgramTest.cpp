@@ -130,6 +130,15 @@ TEST(DriverProgramTest, AtARateAFullQueueDropsAndTheTotalsSayIt) {
               testing::ContainsRegex(" [1-9][0-9]* dropped, 0 empty, [0-9]+ unwatched, 102[34] left"));
 }
 
+TEST(DriverProgramTest, ARateThatNobodyKeepsUpWithLeavesTimeForRequests) {
+  const TempDir directory;
+  DriverProcess driver(
+      {"--replay", captureFile(directory, {CaptureFiles::packet(60)}), "--loop", "--rate", "1000000000"});
+  const io_connect_t dump = openClient(2);
+  for (int request = 0; request < 100; ++request) EXPECT_EQ(getPacket(dump).code, kIOReturnSuccess);
+  EXPECT_EQ(driver.stop(), 0);
+}
+
 TEST(DriverProgramTest, ALoopGoesOnForEver) {
   const TempDir directory;
   const DriverProcess driver({"--replay", captureFile(directory, {{1, 1, 1}, {2, 2, 2}}), "--loop"});
