@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "kespal/thread/Thread.h"
 #include "support/Eventually.h"
 #include "support/Sanitizer.h"
 
@@ -11,11 +12,13 @@ namespace kes::test {
 
 /// Waits until the system knows of the main thread alone. Unlike the library's own count this one includes
 /// threads that have not done their first step, and those that have done their last and are on their way
-/// out. The thread sanitizer keeps a thread of its own.
+/// out. The thread sanitizer keeps a thread of its own, and learns from the library's count alone that what
+/// the threads did is done.
 inline bool aloneInTheEnd() {
   return eventually([] {
     const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks)) <= (threadSanitizer ? 2 : 1);
+    return std::distance(begin(tasks), end(tasks)) <= (threadSanitizer ? 2 : 1) &&
+           thread::BasicThread::activeThreads() == 0;
   });
 }
 
