@@ -89,7 +89,7 @@ void Child::exit() {
   if (shepherd) shepherd->stop();
 }
 
-Child::~Child() {
+Child::~Child() {  // NOLINT(bugprone-exception-escape)
   if (pid_ == -1 && notify_ == nullptr) return;
   const os::NoCancel untilForgotten;
   const Collector collector(Collector::IfThere);

@@ -33,7 +33,7 @@ template <typename Function>
 class AtEnd {
  public:
   explicit AtEnd(Function function) : function_(function) {}
-  ~AtEnd() { function_(); }
+  ~AtEnd() { function_(); }  // NOLINT(bugprone-exception-escape): ends the program then
   AtEnd(const AtEnd&) = delete;
   AtEnd& operator=(const AtEnd&) = delete;
 
@@ -55,7 +55,7 @@ struct Shepherd::Waiter {
 
 Shepherd::Shepherd() : lock_(::kes::thread::Normal), cond_(lock_), thread_("process collector", this) {}
 
-Shepherd::~Shepherd() {
+Shepherd::~Shepherd() {  // NOLINT(bugprone-exception-escape)
   if (thread_.state() != CoopThread::BURIED) stop();
   const Guard guard(cond_);
   while (visitors_ != 0) cond_.wait();

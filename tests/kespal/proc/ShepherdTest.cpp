@@ -431,6 +431,7 @@ TEST(ShepherdTest, ItsOwnThreadGetsAStatusThatIsThereAndAnErrorForOneThatIsNot) 
             "need no lock but my result's not there?! @ src/proc/Shepherd:124 wait");
   running.kill();
   running.wait();
+  Child::exit();
 }
 
 TEST(ShepherdTest, AForkThatFailsRaisesOsErrorAndReleasesTheLock) {
@@ -523,6 +524,7 @@ TEST(ShepherdTest, AnotherNotificationCanBeSetOnlyWhenTheEarlierOneIsOver) {
   EXPECT_EQ(changed.wait_for(20ms), std::future_status::timeout);
   slow.hold.open();
   EXPECT_TRUE(changed.get());
+  Child::exit();
 }
 
 TEST(ShepherdTest, AChildOfACollectorThatIsGoneIsNotWaitedForInTheNextOne) {
@@ -536,6 +538,7 @@ TEST(ShepherdTest, AChildOfACollectorThatIsGoneIsNotWaitedForInTheNextOne) {
   EXPECT_EQ(errorOf([&] { first.wait(false, {}); }), "The process collector does not know this child");
   EXPECT_EQ(first.pid(), -1);
   EXPECT_TRUE(second.wait(false, {}).finished);
+  Child::exit();
   ::kill(pid, SIGKILL);
 }
 

@@ -42,7 +42,7 @@ class Child : NoCopy {
 
   Child() = default;
   explicit Child(const std::list<std::string>& arguments) : arguments_(arguments) {}
-  virtual ~Child();
+  virtual ~Child();  // NOLINT(bugprone-exception-escape): ends the program then
 
   // What will be started. Changes count for the next create().
 

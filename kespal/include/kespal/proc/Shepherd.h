@@ -28,7 +28,7 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
 
   Shepherd();
   /// Stop it first. Waits for those who are still inside.
-  ~Shepherd();
+  ~Shepherd();  // NOLINT(bugprone-exception-escape): ends the program then
 
   void start();
   /// Ends the thread within moments, even while children run, and sends whoever waits away with a

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
@@ -51,7 +52,7 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
   try {
     const Collector collector(Collector::Existing);
     state.finished = collector->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
-  } catch (const Exception&) {
+  } catch (const std::exception&) {
     pid_ = -1;
     throw;
   }
