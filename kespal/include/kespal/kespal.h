@@ -84,7 +84,7 @@ class KesPalInit : NoCopy {
  protected:
   KesPalInit(bool quitHandling, bool forkPending) noexcept;
   /// Ends the process by the received signal when that was asked for.
-  ~KesPalInit();
+  virtual ~KesPalInit();
 
   void init();
   void stopSignalThread();
@@ -116,7 +116,7 @@ class KesPal : public KesPalInit {
   /// `quitHandling`: SIGINT and SIGTERM become quit(). `forkPending`: the process is about to fork, and no
   /// thread is started until forkDone(). `app`, not owned, may be null.
   KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app = nullptr);
-  ~KesPal();
+  ~KesPal() override;
 
   /// Calls the quit handlers, on the calling thread; the signal thread calls it for a signal. An error of a
   /// handler is reported on standard error and ends the walk.
