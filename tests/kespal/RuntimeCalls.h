@@ -6,7 +6,7 @@ namespace kes::test {
 /// asks of the system, written down or refused. For forked children.
 class RuntimeCalls {
  public:
-  enum Call { Sigmask, ThreadCreate, ThreadKill, ClockGettime, Kill, Last };
+  enum Call { Sigmask, ThreadCreate, ThreadKill, ClockGettime, Kill, Open, Last };
 
   /// From now on the main thread's calls go to standard output as they are made, a blank before each.
   static void show();
