@@ -375,7 +375,7 @@ TEST(FileTest, AnyOtherExceptionInADestructorEndsTheProgram) {
 }
 
 TEST(FileTest, ACancelledThreadClosesItsFilesBeforeItEnds) {
-  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
+  KES_SKIP_UNDER_THREAD_SANITIZER("does not follow the unwinding of a cancelled thread");
   const auto before = openDescriptors();
   for (const bool explicitly : {false, true}) {
     std::atomic<bool> closed = false;
