@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
 #include <new>
 #include <system_error>
 
@@ -37,6 +36,12 @@ bool init(KesOsEvent& event, unsigned int key) {
   if (::pthread_cond_init(&event.condition, nullptr) == 0) return true;
   ::pthread_mutex_destroy(&event.mutex);
   return false;
+}
+
+int closeLocal(KesOsEvent& event) {
+  const bool condition = destroyWhenFree([&event] { return ::pthread_cond_destroy(&event.condition); });
+  const bool mutex = destroyWhenFree([&event] { return ::pthread_mutex_destroy(&event.mutex); });
+  return condition && mutex ? 1 : 0;
 }
 
 void setLocal(KesOsEvent& event) {
@@ -93,11 +98,9 @@ int KesOsEventOpen(KesOsEvent** out, unsigned int key) {
 
 int KesOsEventClose(KesOsEvent* event) {
   if (!isHandle(event)) return 0;
-  const std::unique_ptr<KesOsEvent> owned(event);
-  if (event->kind == Kind::keyed) return KesOsClose(event->semid);
-  const bool condition = destroyWhenFree([event] { return ::pthread_cond_destroy(&event->condition); });
-  const bool mutex = destroyWhenFree([event] { return ::pthread_mutex_destroy(&event->mutex); });
-  return condition && mutex ? 1 : 0;
+  const int result = event->kind == Kind::keyed ? KesOsClose(event->semid) : closeLocal(*event);
+  delete event;
+  return result;
 }
 
 int KesOsEventSet(KesOsEvent* event) {

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <new>
 
 #include "handles.h"
@@ -37,6 +36,10 @@ bool init(KesOsMutex& mutex, unsigned int key) {
   return KesOsCreate(&mutex.semid, static_cast<key_t>(key), 1, 'M') != 0;
 }
 
+int closeLocal(KesOsMutex& mutex) {
+  return destroyWhenFree([&mutex] { return ::pthread_mutex_destroy(&mutex.mutex); }) ? 1 : 0;
+}
+
 [[noreturn]] void refuseTimeout() {
   std::fputs("KesOsMutexWait - invalid timeout, only infinite supported for local pthread based mutexes.\n",
              stderr);
@@ -58,9 +61,9 @@ int KesOsMutexOpen(KesOsMutex** out, unsigned int key) {
 
 int KesOsMutexClose(KesOsMutex* mutex) {
   if (!isHandle(mutex)) return 0;
-  const std::unique_ptr<KesOsMutex> owned(mutex);
-  if (mutex->kind == Kind::keyed) return KesOsClose(mutex->semid);
-  return destroyWhenFree([mutex] { return ::pthread_mutex_destroy(&mutex->mutex); }) ? 1 : 0;
+  const int result = mutex->kind == Kind::keyed ? KesOsClose(mutex->semid) : closeLocal(*mutex);
+  delete mutex;
+  return result;
 }
 
 int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state) {

@@ -89,10 +89,10 @@ int KesOsProcessIsRunning(KesOsProcess* process) {
 
 int KesOsProcessWait(KesOsProcess* process, unsigned int* exitCode) {
   if (process == nullptr) return 0;
-  const std::unique_ptr<KesOsProcess> owned(process);
-  if (process->pid != 0 && waitFor(process->pid, process->status, 0) != process->pid) return 0;
-  if (exitCode != nullptr) *exitCode = (static_cast<unsigned int>(process->status) >> 8U) & 255U;
-  return 1;
+  const bool reaped = process->pid == 0 || waitFor(process->pid, process->status, 0) == process->pid;
+  if (reaped && exitCode != nullptr) *exitCode = (static_cast<unsigned int>(process->status) >> 8U) & 255U;
+  delete process;
+  return reaped ? 1 : 0;
 }
 
 int KesOsTerminateProcess(KesOsProcess* process) {

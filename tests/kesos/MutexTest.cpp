@@ -12,6 +12,7 @@
 #include "kesos/ipc.h"
 #include "kesos/time.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 
 namespace {
 
@@ -74,6 +75,24 @@ TEST_F(MutexTest, ClosingALocalMutexWaitsUntilNobodyHoldsIt) {
   release = true;
   holder.join();
   closer.join();
+}
+
+TEST_F(MutexTest, ACloseThatIsCancelledLeavesTheMutexToItsHolder) {
+  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KesOsMutex* mutex = mutexOf(0);
+  ASSERT_EQ(KesOsMutexWait(mutex, infinite, nullptr), 1);
+  pthread_t closer{};
+  const auto close = [](void* arg) -> void* {
+    KesOsMutexClose(static_cast<KesOsMutex*>(arg));
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&closer, nullptr, close, mutex), 0);
+  ::pthread_cancel(closer);
+  void* end = nullptr;
+  ASSERT_EQ(::pthread_join(closer, &end), 0);
+  EXPECT_EQ(end, PTHREAD_CANCELED);
+  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
 }
 
 TEST_F(MutexTest, AFiniteTimeoutOnALocalMutexEndsTheProcess) {

@@ -1,6 +1,7 @@
 #include "kesos/processes.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -12,6 +13,7 @@
 
 #include "kesos/Ipc.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -208,6 +210,24 @@ TEST(ProcessTest, AnExhaustedSystemMakesStartsFail) {
     return run("true") == Ran{0, -1} ? 0 : 4;
   });
   EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST(ProcessTest, AWaitThatIsCancelledLeavesTheHandleToTheNextOne) {
+  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KesOsProcess* process = nullptr;
+  ASSERT_EQ(KesOsCreateProcessAsyn("sleep 60", 0, &process), 1);
+  pthread_t waiter{};
+  const auto wait = [](void* arg) -> void* {
+    KesOsProcessWait(static_cast<KesOsProcess*>(arg), nullptr);
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&waiter, nullptr, wait, process), 0);
+  ::pthread_cancel(waiter);
+  void* end = nullptr;
+  ASSERT_EQ(::pthread_join(waiter, &end), 0);
+  EXPECT_EQ(end, PTHREAD_CANCELED);
+  EXPECT_EQ(KesOsTerminateProcess(process), 1);
+  EXPECT_EQ(KesOsProcessWait(process, nullptr), 1);
 }
 
 TEST(ProcessTest, AWaitGoesOnAfterASignal) {
