@@ -84,7 +84,7 @@ class KesPalInit : NoCopy {
  protected:
   KesPalInit(bool quitHandling, bool forkPending) noexcept;
   /// Ends the process by the received signal when that was asked for.
-  virtual ~KesPalInit();
+  virtual ~KesPalInit();  // NOLINT(bugprone-exception-escape): ends the program then
 
   void init();
   void stopSignalThread();

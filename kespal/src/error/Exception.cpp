@@ -27,7 +27,7 @@ Exception::Exception(const Exception& other)
       backtrace_(other.backtrace_) {}
 
 Exception::Exception(Exception&& other) noexcept
-    : std::exception(other),
+    : std::exception(std::move(other)),
       next_(std::move(other.next_)),
       file_(other.file_),
       line_(other.line_),
@@ -47,7 +47,8 @@ void Exception::setBacktrace(Backtrace&& backtrace) {
 }
 
 const Backtrace& Exception::backtrace() const noexcept {
-  static const Backtrace& none = *new Backtrace;  // never destroyed: errors are read to the very end
+  // Never destroyed: errors are read to the very end. NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+  static const Backtrace& none = *new Backtrace;
   return backtrace_ ? *backtrace_ : none;
 }
 

@@ -37,10 +37,11 @@ TEST(DynErrorTest, ACopyHasAStreamOfItsOwnWithTheSameText) {
 }
 
 TEST(DynErrorTest, AMovedFromOneHasNoTextLeft) {
+  const auto movedFrom = [](DynError& error) { return DynError(std::move(error)); };
   DynError plain("given", "Some"), streamed("given", "Some");
   streamed.stream() << ", streamed";
-  EXPECT_EQ(DynError(std::move(plain)).text(), "given");
-  EXPECT_EQ(DynError(std::move(streamed)).text(), "given, streamed");
+  EXPECT_EQ(movedFrom(plain).text(), "given");
+  EXPECT_EQ(movedFrom(streamed).text(), "given, streamed");
   for (const DynError* error : {&plain, &streamed}) {
     EXPECT_EQ(error->text(), "");
     EXPECT_STREQ(error->what(), "Some error occured. ");

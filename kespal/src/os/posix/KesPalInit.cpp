@@ -133,7 +133,7 @@ bool KesPalInit::explicitQuit(int status) {
   return true;
 }
 
-KesPalInit::~KesPalInit() {
+KesPalInit::~KesPalInit() {  // NOLINT(bugprone-exception-escape)
   for (int signal : takenCareOf) {
     if (blocked_.contains(signal)) g_leftBlocked.add(signal);
   }
