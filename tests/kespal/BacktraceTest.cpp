@@ -11,7 +11,6 @@
 #include <sstream>
 #include <thread>
 
-#include "kespal/Helper.h"
 #include "kespal/error/StaticError.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
@@ -118,24 +117,6 @@ TEST_F(BacktraceTest, AnErrorCarriesTheStackOfItsThrowSiteWithReadableNames) {
     EXPECT_THAT(trace[trace.size() - 2], HasSubstr("(kes::test::raiseAnError(int)+0x"));
     EXPECT_THAT(trace[trace.size() - 3], testing::Not(HasSubstr("raise")));
     EXPECT_THAT(error.what(), HasSubstr("(raiseAnError)\"\n\nFunction call backtrace:\n\n" + trace.back()));
-  }
-}
-
-// --- names
-
-std::string demangled(std::string name) {
-  demangle(name);
-  return name;
-}
-
-TEST(DemangleTest, AMangledNameBecomesReadable) {
-  EXPECT_EQ(demangled("_ZN3kes8demangleERi"), "kes::demangle(int&)");
-  EXPECT_EQ(demangled("_Z1fv"), "f()");
-}
-
-TEST(DemangleTest, AnyOtherTextStaysAsItIs) {
-  for (const char* name : {"", "main", "_Z", "_ZN3kes", "not a name", "_ZN3kes8demangleERi+0x1"}) {
-    EXPECT_EQ(demangled(name), name);
   }
 }
 

@@ -11,6 +11,28 @@
 #include "kespal/PlainModels.h"
 #include "support/ForkedChild.h"
 
+namespace kes {
+namespace {
+
+std::string demangled(std::string name) {
+  demangle(name);
+  return name;
+}
+
+TEST(DemangleTest, AMangledNameBecomesReadable) {
+  EXPECT_EQ(demangled("_ZN3kes8demangleERi"), "kes::demangle(int&)");
+  EXPECT_EQ(demangled("_Z1fv"), "f()");
+}
+
+TEST(DemangleTest, AnyOtherTextStaysAsItIs) {
+  for (const char* name : {"", "main", "_Z", "_ZN3kes", "not a name", "_ZN3kes8demangleERi+0x1"}) {
+    EXPECT_EQ(demangled(name), name);
+  }
+}
+
+}  // namespace
+}  // namespace kes
+
 namespace kes::helper {
 namespace {
 
