@@ -212,6 +212,12 @@ TEST_F(FilesTest, ACopyOfAForeignFileKeepsItsContentAndFails) {
   EXPECT_NE(shell("stat -c %Y " + to), "1300000000");
 }
 
+TEST_F(FilesTest, ACopyOntoItselfEmptiesTheFile) {
+  writeFile(dir_ / "file", "content");
+  EXPECT_EQ(KesOsCopyFile((dir_ / "file").c_str(), (dir_ / "file").c_str(), 0), 1);
+  EXPECT_EQ(readFile(dir_ / "file"), "");
+}
+
 TEST_F(FilesTest, CopiesThatCannotBeMadeFailWithTheReason) {
   writeFile(dir_ / "file", "content");
   EXPECT_EQ(KesOsCopyFile((dir_ / "missing").c_str(), (dir_ / "to").c_str(), 0), 0);

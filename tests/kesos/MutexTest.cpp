@@ -95,6 +95,34 @@ TEST_F(MutexTest, ACloseThatIsCancelledLeavesTheMutexToItsHolder) {
   EXPECT_EQ(KesOsMutexClose(mutex), 1);
 }
 
+TEST_F(MutexTest, ACancellationWaitsForTheEndOfAKeyedWait) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("has cancellations of its own");
+  struct Waiter {
+    KesOsMutex* mutex;
+    unsigned int state = 7;
+  };
+  const unsigned int key = freshKey();
+  Waiter waiter{mutexOf(key)};
+  ASSERT_TRUE(tryLock(waiter.mutex));
+  const auto wait = [](void* arg) -> void* {
+    auto& own = *static_cast<Waiter*>(arg);
+    KesOsMutexWait(own.mutex, infinite, &own.state);
+    int ignored = 0;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &ignored);
+    return nullptr;
+  };
+  pthread_t thread{};
+  ASSERT_EQ(::pthread_create(&thread, nullptr, wait, &waiter), 0);
+  ASSERT_TRUE(eventually([id = semaphoreOf(key)] { return ::semctl(id, 0, GETNCNT) > 0; }));
+  ::pthread_cancel(thread);
+  EXPECT_EQ(KesOsMutexRelease(waiter.mutex), 1);
+  void* end = nullptr;
+  ASSERT_EQ(::pthread_join(thread, &end), 0);
+  EXPECT_EQ(end, nullptr);
+  EXPECT_EQ(waiter.state, 1U);
+  KesOsMutexClose(waiter.mutex);
+}
+
 TEST_F(MutexTest, AFiniteTimeoutOnALocalMutexEndsTheProcess) {
   for (const unsigned int timeout : {0U, 1U, 5000U, 0xFFFFFFFEU}) {
     const ChildResult result = inChild([timeout] {

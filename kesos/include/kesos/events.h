@@ -6,8 +6,8 @@ extern "C" {
 
 /* Events, which threads wait for and which reset themselves when a wait ends. Key 0 makes an event of this
  * process, whose setting releases everyone who waits; any other key a System V semaphore that every process
- * can open by that key, whose setting releases one, and that the last user removes. Null handles, and those
- * with all bits set, give 0. */
+ * can open by that key, whose setting releases one, and that the last user removes; a child made by fork()
+ * opens it anew. Null handles, and those with all bits set, give 0. */
 
 typedef struct KesOsEvent KesOsEvent;
 

@@ -35,8 +35,9 @@ int KesOsGetFileTime(const char* name, time_t* accessTime, time_t* modifyTime);
 int KesOsSetFileTime(const char* name, time_t t);
 
 /** Copies a file's content, mode (for a new file, less the umask), owner, group and times (in seconds).
- * With failIfExists a destination that is there already gives 0 (EEXIST); otherwise it is overwritten. When
- * the owner cannot be kept the result is 0, with the content copied and the times not. */
+ * With failIfExists a destination that is there already gives 0 (EEXIST); otherwise it is overwritten, and a
+ * file that is copied onto itself emptied. When the owner cannot be kept the result is 0, with the content
+ * copied and the times not. */
 int KesOsCopyFile(const char* from, const char* to, char failIfExists);
 
 /** Deletes a file, an empty directory; renames. */

@@ -6,8 +6,9 @@ extern "C" {
 
 /* Mutexes. Key 0 makes a recursive mutex of this process; any other key a System V semaphore that every
  * process can open by that key, and that the last user removes. A keyed mutex belongs to nobody: it is not
- * recursive, any thread of any process may release it, and it stays locked when its holder dies. Null
- * handles give 0. */
+ * recursive, any thread of any process may release it, and it stays locked when its holder dies. A child
+ * made by fork() opens it anew: closing what it inherited would take its parent's use back. Null handles
+ * give 0. */
 
 typedef struct KesOsMutex KesOsMutex;
 

@@ -19,13 +19,15 @@ typedef void (*KesOsStopCallback)(void* arg);
 
 /** Starts a detached thread. A stackSize of 0 (bytes) means the system's default, but at most 262144; other
  * sizes are taken as they are, and refused below the system's minimum (or, on some systems, when they are
- * no multiple of a page). 1, or 0 with *thread 0. */
+ * no multiple of a page). The system may hand out a larger stack that an ended thread has left. 1, or 0
+ * with *thread 0. */
 int KesOsThreadBegin(pthread_t* thread, KesOsThreadRoutine start, unsigned int stackSize, void* arg);
 
 /** Ends the calling thread, with the value 1. */
 void KesOsThreadEnd(void);
 
-/** Cancels the thread, and clears the handle when that succeeds. */
+/** Cancels the thread, and clears the handle when that succeeds. A thread that waits for a keyed mutex or
+ * event goes on until that wait ends. */
 void KesOsThreadCancel(pthread_t* thread);
 
 /** Starts a thread with a default stack unless its state word says that it is there already (then 1, and
