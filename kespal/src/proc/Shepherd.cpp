@@ -105,8 +105,9 @@ std::uint64_t Shepherd::addNoLock(const int& pid, Child* child) {
   // A process with this id exists now: one that is still registered under it was reaped by somebody else.
   abandoned_.erase(pid);
   callbacks_.erase(pid);
+  if (const auto gone = registeredAs(pid); gone != registered_.end()) registered_.erase(gone);
   newest_ = ++m_registrations;
-  registered_[pid] = newest_;
+  registered_.insert({{pid, newest_}, 0});
   if (child != nullptr) callbacks_.insert({pid, child});
   childless_ = false;
   cond_.signalAll();
@@ -114,9 +115,9 @@ std::uint64_t Shepherd::addNoLock(const int& pid, Child* child) {
   return newest_;
 }
 
-bool Shepherd::isRegisteredNoLock(int pid, std::uint64_t registration) const {
-  const auto child = registered_.find(pid);
-  return child != registered_.end() && child->second == registration;
+Shepherd::Statuses::const_iterator Shepherd::registeredAs(int pid) const {
+  const auto child = registered_.lower_bound({pid, 0});
+  return child != registered_.end() && child->first.first == pid ? child : registered_.end();
 }
 
 bool Shepherd::isCaller() const { return ::pthread_equal(::pthread_self(), thread_.id().handle) != 0; }
@@ -129,9 +130,9 @@ bool Shepherd::runsHere() const noexcept {
   }
 }
 
-Shepherd::Results::iterator Shepherd::resultOf(int pid, std::uint64_t registration) {
+Shepherd::Statuses::const_iterator Shepherd::resultOf(int pid, std::uint64_t registration) const {
   if (registration != latest) return results_.find({pid, registration});
-  if (registered_.contains(pid)) return results_.end();
+  if (registeredAs(pid) != registered_.end()) return results_.end();
   const auto next = results_.upper_bound({pid, std::numeric_limits<std::uint64_t>::max()});
   if (next == results_.begin() || std::prev(next)->first.first != pid) return results_.end();
   return std::prev(next);
@@ -231,14 +232,15 @@ void Shepherd::reap(pid_t pid) {
     sentinel_ = -1;
     return;
   }
-  const auto child = registered_.find(pid);
+  const auto child = registeredAs(pid);
   if (child == registered_.end()) {
     guard.unlock();
     report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
     return;
   }
-  if (abandoned_.erase(pid) == 0) results_.insert({*child, status});
-  registered_.erase(child);
+  auto ended = registered_.extract(child);
+  ended.mapped() = status;
+  if (abandoned_.erase(pid) == 0) results_.insert(std::move(ended));
   checkCB(pid, guard);
   if (!guard.dismissed()) return wakeWaiters(pid);
   const Guard again(cond_);

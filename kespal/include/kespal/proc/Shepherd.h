@@ -42,7 +42,9 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   /// Gives the registration's number: process ids are used again, these are not.
   std::uint64_t addNoLock(const int& pid, Child* child);
   /// Whether a registered child has not been reaped yet, with the lock held.
-  bool isRegisteredNoLock(int pid, std::uint64_t registration) const;
+  bool isRegisteredNoLock(int pid, std::uint64_t registration) const {
+    return registered_.contains({pid, registration});
+  }
   /// Whether children that are registered will be reaped, with the lock held.
   bool isServingNoLock() const { return !stopping_ && !ended_; }
 
@@ -83,7 +85,7 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   struct Waiter;
 
   /// Wait statuses by process id and registration.
-  using Results = std::map<std::pair<int, std::uint64_t>, int>;
+  using Statuses = std::map<std::pair<int, std::uint64_t>, int>;
 
   static constexpr std::uint64_t latest = 0;          ///< stands for an id's last registration
   static std::atomic<std::uint64_t> m_registrations;  ///< how many there were, of all collectors
@@ -92,7 +94,8 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   void reapOne();
   void waitFailed(int error);
   void reap(pid_t pid);
-  Results::iterator resultOf(int pid, std::uint64_t registration);
+  Statuses::const_iterator registeredAs(int pid) const;
+  Statuses::const_iterator resultOf(int pid, std::uint64_t registration) const;
   bool fetch(int pid, std::uint64_t registration, int& status);
   void wakeWaiters(int pid) const;
   void endWait();
@@ -105,8 +108,8 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   ::kes::thread::Condition cond_;
 
   // Guarded by the lock.
-  std::map<int, std::uint64_t> registered_;  ///< the registration of each id
-  Results results_;
+  Statuses registered_;  ///< without a status yet; one for each id
+  Statuses results_;
   std::map<int, Child*> callbacks_;
   std::multimap<int, const Waiter*> waiters_;
   std::set<int> abandoned_;           ///< registered, but nobody will ask for the result
