@@ -211,6 +211,22 @@ TEST_F(HandlerTest, TheThreadHasTheHandledSignalsBlocked) {
   handler.stop();
 }
 
+TEST_F(HandlerTest, AThreadThatCannotBeWokenIsCancelledBeforeItsHandlerDies) {
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
+  testing::internal::CaptureStderr();
+  auto handler = std::make_unique<Handler>();
+  handler->start(SIGUSR1);
+  {
+    const Fault fault(Call::ThreadKill, EINVAL);
+    handler.reset();
+  }
+  EXPECT_EQ(thread::BasicThread::activeThreads(), 0);
+  const std::string report = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(report,
+              testing::StartsWith("Error stopping the signal thread:\n\n#1)\n\tException occured at "));
+  EXPECT_THAT(report, testing::EndsWith("\t" + std::string(OsError(EINVAL).what()) + "\n\n"));
+}
+
 TEST_F(HandlerTest, ANotifierThatThrowsIsReportedAndTheThreadGoesOn) {
   testing::internal::CaptureStderr();
   const FsError error("/x", ENOENT);

@@ -26,8 +26,8 @@ class Handler : public thread::CppThread::IThread, NoCopy {
   };
 
   Handler();
-  /// Stops the thread if it runs. Not to be called on that thread.
-  virtual ~Handler();
+  /// Stops the thread if it runs; one that cannot be woken is cancelled. Not to be called on that thread.
+  virtual ~Handler();  // NOLINT(bugprone-exception-escape): ends the program then
 
   /// Starts the thread; notifiers may have been added before. `mgmSignal` is a signal that nothing else in
   /// the process uses. Raises what run() of a thread raises, UsageError for a signal that cannot be used.

@@ -37,12 +37,13 @@ void report(const std::string& trouble) {
 
 Handler::Handler() : worker_("signal handler", this) {}
 
-Handler::~Handler() {
+Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
   const os::NoCancel untilStopped;
   try {
     stop();
   } catch (const Exception& error) {
     std::cerr << "Error stopping the signal thread:\n" + error.exStack() + '\n' << std::flush;
+    worker_.kill();  // it must not outlive what it works on
   }
 }
 
