@@ -26,7 +26,6 @@ int refuse(int error) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 int __real_tcsetattr(int fd, int when, const termios* attributes);
@@ -47,7 +46,6 @@ ssize_t __wrap_read(int fd, void* data, std::size_t size) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

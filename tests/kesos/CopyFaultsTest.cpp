@@ -42,7 +42,6 @@ bool isInterrupted() {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 ssize_t __real_read(int fd, void* data, std::size_t size);
@@ -85,7 +84,6 @@ int __wrap_utime(const char* path, const utimbuf* times) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -45,7 +45,6 @@ int countOf(IpcCall call) { return counts[static_cast<std::size_t>(call)]; }
 
 }  // namespace kes::test
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 int __real_semget(key_t key, int count, int flags);
@@ -77,6 +76,7 @@ int __wrap_shmget(key_t key, std::size_t size, int flags) {
 
 void* __real_shmat(int id, const void* address, int flags);
 void* __wrap_shmat(int id, const void* address, int flags) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): what a refused call gives
   return refused(IpcCall::shmat) ? reinterpret_cast<void*>(-1) : __real_shmat(id, address, flags);
 }
 
@@ -85,4 +85,3 @@ int __wrap_shmctl(int id, int command, shmid_ds* state) {
   return refused(IpcCall::shmctl, command) ? -1 : __real_shmctl(id, command, state);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)

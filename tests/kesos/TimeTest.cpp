@@ -24,7 +24,6 @@ thread_local std::vector<int> sleepAnswers;
 int clockAnswer = 0;
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" int __real_nanosleep(const timespec* wanted, timespec* remaining);
 extern "C" int __wrap_nanosleep(const timespec* wanted, timespec* remaining) {
   sleeps.push_back(*wanted);
@@ -41,7 +40,6 @@ extern "C" int __real_gettimeofday(timeval* now, void* zone);
 extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
   return clockAnswer == 0 ? __real_gettimeofday(now, zone) : clockAnswer;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

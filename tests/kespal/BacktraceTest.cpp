@@ -135,10 +135,15 @@ constexpr std::array platformLines = {
     "",
 };
 
+/// The address of a frame that does not exist.
+void* address(std::uintptr_t number) {
+  return reinterpret_cast<void*>(number);  // NOLINT(performance-no-int-to-ptr): nothing lies there
+}
+
 /// As many frames as there are lines, after that of the capture; elsewhere than any other test's.
 int framesForTheLines(void** frames, int) {
   for (std::size_t at = 0; at <= platformLines.size(); ++at) {
-    frames[at] = reinterpret_cast<void*>(0x1000 + at);
+    frames[at] = address(0x1000 + at);
   }
   return static_cast<int>(platformLines.size()) + 1;
 }
@@ -200,7 +205,7 @@ TEST_F(BacktraceTest, AStackThatCannotBeNamedIsEmptyAndNamedLaterAllTheSame) {
 TEST_F(BacktraceTest, MoreStacksThanAreRememberedAreNamedAllTheSame) {
   static std::uintptr_t next = 0;
   fakeBacktrace = [](void** frames, int) {
-    for (std::uintptr_t at = 0; at < 3; ++at) frames[at] = reinterpret_cast<void*>(0x1000000 + next + at);
+    for (std::uintptr_t at = 0; at < 3; ++at) frames[at] = address(0x1000000 + next + at);
     return 3;
   };
   fakeSymbols = [](void* const* frames, int count) {

@@ -289,7 +289,7 @@ void expectLinear(const std::string& unit, const Work& work) {
   ::mallopt(M_MMAP_THRESHOLD, 1 << 30);
   ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
   std::string small;
-  while (small.size() < 64 * 1024) small += unit;
+  while (small.size() < std::size_t{64} * 1024) small += unit;
   std::string large;
   for (int copy = 0; copy < 16; ++copy) large += small;
   double ratio = 0;

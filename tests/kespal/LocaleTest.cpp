@@ -29,7 +29,6 @@ Search* search = nullptr;
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" ssize_t __real_readlink(const char* path, char* text, std::size_t size);
 extern "C" ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
   if (search == nullptr || std::string_view(path) != "/proc/self/exe")
@@ -50,7 +49,6 @@ extern "C" int __wrap_stat(const char* path, struct stat* status) {
   status->st_mode = S_IFDIR | 0755;
   return errno == 0 ? 0 : -1;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes {
 namespace {

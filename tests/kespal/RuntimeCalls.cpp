@@ -52,7 +52,6 @@ void RuntimeCalls::refuseNothing() {
 
 using kes::test::RuntimeCalls;
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 int __real_pthread_sigmask(int how, const sigset_t* set, sigset_t* before);
@@ -138,4 +137,3 @@ void __wrap_tzset() {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)

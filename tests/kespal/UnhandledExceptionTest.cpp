@@ -53,6 +53,7 @@ TEST(UnhandledExceptionTest, AnythingElseIsReportedAsUnknown) {
 void fail() { throw std::runtime_error("nobody caught it"); }
 
 TEST(UnhandledExceptionTest, ATerminateHandlerCanReportWhatNobodyCaught) {
+  // NOLINTNEXTLINE(bugprone-exception-escape): that it escapes is the test
   const ChildResult result = inChild([]() noexcept -> int {
     std::set_terminate([] {
       kespal_unhandled_exception();

@@ -26,7 +26,6 @@ namespace {
 int lastOpenFlags = 0;
 bool opensCancelled = false;  // the thread is cancelled once it has the file
 }  // namespace
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" int __real_open(const char* path, int flags, mode_t mode);
 extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   lastOpenFlags = flags;
@@ -34,7 +33,6 @@ extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   if (opensCancelled) ::pthread_cancel(::pthread_self());
   return fd;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -63,16 +61,16 @@ class CaptureTest : public testing::Test {
  protected:
   void SetUp() override {
     kes::time::ClockBase::init();
-    std::memcpy(cap_types, pristine_, sizeof pristine_);
+    std::memcpy(cap_types, m_pristine, sizeof m_pristine);
   }
 
-  static void SetUpTestSuite() { std::memcpy(pristine_, cap_types, sizeof pristine_); }
+  static void SetUpTestSuite() { std::memcpy(m_pristine, cap_types, sizeof m_pristine); }
 
   TempDir dir_;
   const std::string file_ = dir_ / "capture.pcap";
 
  private:
-  static inline CaptureType pristine_[3];
+  static inline CaptureType m_pristine[3];
 };
 
 TEST_F(CaptureTest, TheTableStartsWithThreeTypesNoneOpened) {

@@ -104,10 +104,11 @@ class ValidFormat {
           format += "%%";
           break;
         default:
-          if (numbered)
+          if (numbered) {
             format += conversion(std::to_string(1 + pick(2)) + '$');
-          else if (plain++ < 2)
+          } else if (plain++ < 2) {
             format += conversion("");
+          }
       }
     }
     return format;

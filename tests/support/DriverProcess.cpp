@@ -108,7 +108,7 @@ DriverRun runDriver(const std::vector<std::string>& options) {
 }
 
 std::string writeScript(const TempDir& directory, const std::string& text) {
-  const std::string path = directory / "script";
+  std::string path = directory / "script";
   writeFile(path, text);
   return path;
 }

@@ -45,10 +45,11 @@ void place(int given, int collector, int target) {
   }
   place(setup.in, -1, 0);
   place(setup.out, out, 1);
-  if (setup.isMerged)
+  if (setup.isMerged) {
     ::dup2(1, 2);
-  else
+  } else {
     place(setup.err, err, 2);
+  }
   ::execvp(arguments[0], arguments.data());
   ::_exit(127);
 }
@@ -117,10 +118,11 @@ bool Process::collect() {
     if (pipes[i].fd < 0 || pipes[i].revents == 0) continue;
     std::array<char, 65536> buffer;
     const ssize_t count = ::read(pipes[i].fd, buffer.data(), buffer.size());
-    if (count > 0)
+    if (count > 0) {
       streams[i]->text.append(buffer.data(), static_cast<std::size_t>(count));
-    else if (count == 0 || (errno != EINTR && errno != EAGAIN))
+    } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
       closeEnd(streams[i]->fd);
+    }
   }
   return true;
 }

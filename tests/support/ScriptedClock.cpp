@@ -9,7 +9,6 @@ int scriptedErrno = 0;
 clockid_t lastId = -1;
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" int __real_clock_gettime(clockid_t id, ::timespec* now);
 extern "C" int __wrap_clock_gettime(clockid_t id, ::timespec* now) {
   lastId = id;
@@ -21,7 +20,6 @@ extern "C" int __wrap_clock_gettime(clockid_t id, ::timespec* now) {
   *now = *scriptedTime;
   return 0;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes::test {
 

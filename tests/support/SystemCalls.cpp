@@ -57,9 +57,11 @@ int follow(pid_t child, std::vector<long>& numbers) {
          WIFSTOPPED(status)) {
     deliver = WSTOPSIG(status) == systemCallStop ? 0 : WSTOPSIG(status);
     SyscallInfo info{};
+    // NOLINTBEGIN(performance-no-int-to-ptr): ptrace() takes the size in the place of an address
     if (deliver != 0 ||
         ::ptrace(PTRACE_GET_SYSCALL_INFO, child, reinterpret_cast<void*>(sizeof info), &info) <= 0 ||
         info.op != atEntry) {
+      // NOLINTEND(performance-no-int-to-ptr)
       continue;
     }
     const auto number = static_cast<long>(info.number);

@@ -42,7 +42,6 @@ FakeDriver::Answer nextAnswer() {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 /// The description of a class is its name.
@@ -99,4 +98,3 @@ kern_return_t __wrap_IOConnectCallMethod(mach_port_t connection, std::uint32_t s
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)

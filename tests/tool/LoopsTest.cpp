@@ -24,7 +24,6 @@ int signalInSleep = 0;
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
 void __wrap_KesOsSleep(unsigned int ms) {
@@ -40,7 +39,6 @@ sighandler_t __wrap_signal(int number, sighandler_t handler) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -19,16 +19,16 @@ using test::oneOfEachKind;
 /// An error that says little and counts what is asked of it.
 class Probe : public Raisable<Probe, Exception> {
  public:
-  explicit Probe(std::string said = "") : said_(std::move(said)) { ++alive; }
-  Probe(const Probe& other) : Raisable(other), said_(other.said_) { ++alive; }
-  ~Probe() override { --alive; }
+  explicit Probe(std::string said = "") : said_(std::move(said)) { ++m_alive; }
+  Probe(const Probe& other) : Raisable(other), said_(other.said_) { ++m_alive; }
+  ~Probe() override { --m_alive; }
 
   void moreWhat() const override {
     ++explained;
     appendWhat(said_);
   }
 
-  static inline int alive = 0;
+  static inline int m_alive = 0;
   mutable int explained = 0;
 
  private:
@@ -263,35 +263,35 @@ TEST(ExceptionTest, ACauseIsKeptAsAClone) {
 }
 
 TEST(ExceptionTest, ANewCauseReplacesTheOldOneWhichMayBeItsOwn) {
-  ASSERT_EQ(Probe::alive, 0);
+  ASSERT_EQ(Probe::m_alive, 0);
   Probe error;
   error.setNext(Probe());
   error.setNext(Probe("b"));
-  EXPECT_EQ(Probe::alive, 2);
+  EXPECT_EQ(Probe::m_alive, 2);
   error.setNext(*error.next());
-  EXPECT_EQ(Probe::alive, 2);
+  EXPECT_EQ(Probe::m_alive, 2);
   EXPECT_EQ(error.textList(), "#1) \n#2) b\n");
   error.setNext(error);
   EXPECT_EQ(error.textList(), "#1) \n#2) \n#3) b\n");
 }
 
 TEST(ExceptionTest, ACopyOwnsACopyOfTheWholeChain) {
-  ASSERT_EQ(Probe::alive, 0);
+  ASSERT_EQ(Probe::m_alive, 0);
   Probe error("1");
   {
     Probe second("2"), third("3");
     second.setNext(third);
     error.setNext(second);
   }
-  EXPECT_EQ(Probe::alive, 3);
+  EXPECT_EQ(Probe::m_alive, 3);
   {
-    const Probe copy(error);
-    EXPECT_EQ(Probe::alive, 6);
+    const Probe copy(error);  // NOLINT(performance-unnecessary-copy-initialization): the copy is the test
+    EXPECT_EQ(Probe::m_alive, 6);
     EXPECT_NE(copy.next(), error.next());
     EXPECT_NE(copy.next()->next(), error.next()->next());
     EXPECT_EQ(copy.textList(), "#1) 1\n#2) 2\n#3) 3\n");
   }
-  EXPECT_EQ(Probe::alive, 3);
+  EXPECT_EQ(Probe::m_alive, 3);
   EXPECT_EQ(error.textList(), "#1) 1\n#2) 2\n#3) 3\n");
 }
 
@@ -307,15 +307,15 @@ TEST(ExceptionTest, AMovedErrorTakesItsSiteAndItsCauseAlong) {
 }
 
 TEST(ExceptionTest, NothingIsLeftOfAnErrorThatWasThrown) {
-  ASSERT_EQ(Probe::alive, 0);
+  ASSERT_EQ(Probe::m_alive, 0);
   try {
     Probe error;
     error.setNext(Probe());
     raiseAt(site(), error);
   } catch (const Probe&) {
-    EXPECT_EQ(Probe::alive, 2);
+    EXPECT_EQ(Probe::m_alive, 2);
   }
-  EXPECT_EQ(Probe::alive, 0);
+  EXPECT_EQ(Probe::m_alive, 0);
 }
 
 // --- throw sites

@@ -87,7 +87,7 @@ std::vector<std::string> Trace::calls() const { return *trace; }
 
 }  // namespace kes::test
 
-// NOLINTBEGIN(bugprone-macro-parentheses,bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define WRAPPED(result, name, parameters, arguments, failure) \
   result __real_##name parameters;                            \
   result __wrap_##name parameters {                           \
@@ -151,4 +151,4 @@ int __wrap_glob(const char* pattern, int flags, int (*onError)(const char*, int)
   return kes::test::fails("glob") ? errno : __real_glob(pattern, flags, onError, list);
 }
 }
-// NOLINTEND(bugprone-macro-parentheses,bugprone-reserved-identifier)
+// NOLINTEND(bugprone-macro-parentheses)

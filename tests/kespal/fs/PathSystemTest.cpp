@@ -48,7 +48,7 @@ test::ChildResult inRemovedDirectory(const std::function<int()>& body) {
 
 TEST(PathSystemTest, ARelativePathGetsTheWorkingDirectoryInFront) {
   TempDir dir;
-  const std::string w = dir.path();
+  const std::string& w = dir.path();
   EXPECT_EQ(absoluteIn(w, {"a", "a/../b", "a//b/", "./x", ".."}),
             w + "/a\n" + w + "/a/../b\n" + w + "/a/b\n" + w + "/./x\n" + w + "/..\n");
 }

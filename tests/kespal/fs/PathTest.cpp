@@ -294,8 +294,10 @@ TEST(PathTest, APathGoesWhereverAStringGoes) {
   EXPECT_STREQ(path.c_str(), "/a/b");
   EXPECT_EQ(path.substr(1, 1), "a");
   EXPECT_EQ(path.find("/b"), 2u);
-  const std::string text = path;
+  std::string text = path;
   EXPECT_EQ(text, path);
+  text += "/c";
+  EXPECT_EQ(path, "/a/b");
   EXPECT_LT(path, std::string("/b"));
   EXPECT_EQ((std::map<std::string, int>{{path, 7}}.at("/a/b")), 7);
   std::ostringstream stream;

@@ -39,7 +39,6 @@ void noteAllocation() {
 }  // namespace
 
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 void* __real_malloc(std::size_t);
 void* __wrap_malloc(std::size_t size) {
   noteAllocation();
@@ -78,7 +77,6 @@ int __wrap_dup2(int from, int to) {
   }
   return __real_dup2(from, to);
 }
-// NOLINTEND(bugprone-reserved-identifier)
 }
 
 // Not inlined: compilers would complain of memory that malloc gave and delete takes.

@@ -36,7 +36,7 @@ std::atomic<bool> g_forkFails{false};
 std::atomic<int> g_threadError{0}, g_joinError{0};  // of the next thread's creation, and of its end
 }  // namespace
 
-extern "C" int __real_waitid(idtype_t, id_t, siginfo_t*, int);  // NOLINT(bugprone-reserved-identifier)
+extern "C" int __real_waitid(idtype_t, id_t, siginfo_t*, int);
 extern "C" int __wrap_waitid(idtype_t type, id_t id, siginfo_t* info, int options) {  // NOLINT
   if (!g_waitFailures.empty()) {
     errno = g_waitFailures.front();
@@ -49,14 +49,13 @@ extern "C" int __wrap_waitid(idtype_t type, id_t id, siginfo_t* info, int option
   return result;
 }
 
-extern "C" pid_t __real_fork();   // NOLINT(bugprone-reserved-identifier)
-extern "C" pid_t __wrap_fork() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" pid_t __real_fork();
+extern "C" pid_t __wrap_fork() {
   if (!g_forkFails) return __real_fork();
   errno = EAGAIN;
   return -1;
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                      void* (*start)(void*), void* argument) {
@@ -69,7 +68,6 @@ extern "C" int __wrap_pthread_join(pthread_t thread, void** result) {
   if (const int error = g_joinError.exchange(0)) return error;
   return __real_pthread_join(thread, result);
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes::proc {
 namespace {

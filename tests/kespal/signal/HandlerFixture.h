@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstring>
+#include <cstddef>
 #include <functional>
+#include <span>
 
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Mask.h"
@@ -18,8 +20,8 @@ namespace kes::signal {
 struct Notifier : Handler::INotify {
   explicit Notifier(std::function<void(int)> more = {}) : then(std::move(more)) {}
   void notify(const int& signal, const siginfo_t& info) override {
-    static const siginfo_t zeros = {};
-    allZeros = std::memcmp(&info, &zeros, sizeof zeros) == 0;
+    const auto bytes = std::as_bytes(std::span(&info, 1));
+    allZeros = std::all_of(bytes.begin(), bytes.end(), [](std::byte byte) { return byte == std::byte{0}; });
     last = signal;
     ++count;
     if (then) then(signal);

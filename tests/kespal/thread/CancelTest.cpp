@@ -109,7 +109,7 @@ TEST_F(CancelTest, AKilledBodyReleasesItsLocksAndItsObjects) {
   const Condition condition(lock);
   auto held = std::make_shared<int>(1);
   killInCall(Call::CondWait, [&, held] {
-    const auto copy = held;
+    const auto copy = held;  // NOLINT(performance-unnecessary-copy-initialization): the object of the body
     const LockGuardT<Condition> guard(condition);
     for (;;) condition.wait();
   });

@@ -118,7 +118,7 @@ RealtimeClock farAway() {
 class Subject : public CoopThread, public CoopThread::ICoopThread {
  public:
   explicit Subject(Doing doing) : CoopThread("subject", nullptr, this), doing_(doing) { bring(); }
-  ~Subject() {
+  ~Subject() override {
     release(Until::BodyEnds);
     join();
   }

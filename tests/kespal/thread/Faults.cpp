@@ -66,7 +66,7 @@ void pretendThreadId(pid_t id) { pretendedThreadId = id; }
 
 }  // namespace kes::test
 
-// NOLINTBEGIN(bugprone-reserved-identifier, bugprone-macro-parentheses): the linker's names
+// NOLINTBEGIN(bugprone-macro-parentheses): the names and types of calls
 #define FAULTY_CODE(call, name, parameters, ...)                                  \
   extern "C" int __real_##name parameters;                                        \
   extern "C" int __wrap_##name parameters {                                       \
@@ -126,4 +126,4 @@ extern "C" pid_t __wrap_gettid() {
   const pid_t pretended = kes::test::pretendedThreadId;
   return pretended != 0 ? pretended : __real_gettid();
 }
-// NOLINTEND(bugprone-reserved-identifier, bugprone-macro-parentheses)
+// NOLINTEND(bugprone-macro-parentheses)

@@ -12,7 +12,6 @@ namespace {
 std::string scriptedPath;
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names (option --wrap)
 extern "C" int __real__NSGetExecutablePath(char* path, std::uint32_t* size);
 extern "C" int __wrap__NSGetExecutablePath(char* path, std::uint32_t* size) {
   if (scriptedPath.empty()) return __real__NSGetExecutablePath(path, size);
@@ -24,7 +23,6 @@ extern "C" int __wrap__NSGetExecutablePath(char* path, std::uint32_t* size) {
   std::memcpy(path, scriptedPath.c_str(), needed);
   return 0;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes::proc {
 namespace {
