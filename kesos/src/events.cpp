@@ -40,7 +40,7 @@ bool init(KesOsEvent& event, unsigned int key) {
 
 int closeLocal(KesOsEvent& event) {
   const bool condition = destroyWhenFree([&event] { return ::pthread_cond_destroy(&event.condition); });
-  const bool mutex = destroyWhenFree([&event] { return ::pthread_mutex_destroy(&event.mutex); });
+  const bool mutex = destroyWhenFree(event.mutex);
   return condition && mutex ? 1 : 0;
 }
 

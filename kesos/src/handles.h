@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -35,6 +37,17 @@ bool destroyWhenFree(Destroy destroy) {
   int error = destroy();
   for (; error == EBUSY; error = destroy()) KesOsSleep(1);
   return error == 0;
+}
+
+/// The same of a mutex. The system calls it free while its holder is on the last steps out of the unlocking;
+/// only who can lock it knows that the holder has done with it.
+inline bool destroyWhenFree(pthread_mutex_t& mutex) {
+  return destroyWhenFree([&mutex] {
+    const int held = ::pthread_mutex_trylock(&mutex);
+    if (held != 0) return held;
+    ::pthread_mutex_unlock(&mutex);
+    return ::pthread_mutex_destroy(&mutex);
+  });
 }
 
 }  // namespace kes::kesos

@@ -36,9 +36,7 @@ bool init(KesOsMutex& mutex, unsigned int key) {
   return KesOsCreate(&mutex.semid, static_cast<key_t>(key), 1, 'M') != 0;
 }
 
-int closeLocal(KesOsMutex& mutex) {
-  return destroyWhenFree([&mutex] { return ::pthread_mutex_destroy(&mutex.mutex); }) ? 1 : 0;
-}
+int closeLocal(KesOsMutex& mutex) { return destroyWhenFree(mutex.mutex) ? 1 : 0; }
 
 [[noreturn]] void refuseTimeout() {
   std::fputs("KesOsMutexWait - invalid timeout, only infinite supported for local pthread based mutexes.\n",
