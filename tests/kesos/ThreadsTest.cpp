@@ -11,6 +11,7 @@
 #include "kesos/Ipc.h"
 #include "kesos/time.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -80,12 +81,14 @@ TEST(ThreadsTest, AThreadIsDetached) {
 }
 
 TEST(ThreadsTest, ADefaultStackHasAtMost262144Bytes) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("gives threads stacks of its own size");
   EXPECT_EQ(shell(KES_STACK_PROBE), "262144");
   EXPECT_EQ(shell("ulimit -s 128; " KES_STACK_PROBE), "131072") << "a smaller default is kept";
   EXPECT_EQ(shell("ulimit -s unlimited; " KES_STACK_PROBE), "262144");
 }
 
 TEST(ThreadsTest, AStackSizeIsTakenAsItIs) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("gives threads stacks of its own size");
   EXPECT_EQ(shell(KES_STACK_PROBE " 65536"), "65536");
   EXPECT_EQ(shell(KES_STACK_PROBE " 4194304"), "4194304");
 }

@@ -8,6 +8,7 @@
 #include "kespal/error/StaticError.h"
 #include "kespal/proc/ChildFixture.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 
 namespace kes::proc {
 namespace {
@@ -48,6 +49,7 @@ TEST_F(ChildTest, ExitEndsTheCollectorAndTheNextChildMakesANewOne) {
 }
 
 TEST_F(ChildTest, AForkOfThisProcessMakesACollectorOfItsOwn) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("starts no thread in the fork of a process that has some");
   Child ours({"/bin/true"});
   ours.create(false);
   ours.wait(false, {});
