@@ -27,7 +27,6 @@ namespace {
 namespace stdfs = std::filesystem;
 
 using kes::fs::Copier;
-using kes::fs::Flags;
 using kes::fs::Ops;
 
 /// A directory that goes away with the object.

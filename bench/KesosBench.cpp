@@ -246,7 +246,7 @@ class Directory {
 void touch(const std::string& path) { ::close(::open(path.c_str(), O_CREAT | O_WRONLY, 0600)); }
 
 std::string fileOf(const Directory& dir, std::size_t size) {
-  const std::string path = dir / "from";
+  std::string path = dir / "from";
   const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY, 0600);
   const std::vector<char> bytes(size, 'x');
   require(::write(fd, bytes.data(), size) == static_cast<ssize_t>(size));

@@ -110,13 +110,13 @@ TEST(WireTest, ARequestThatIsNotAsLongAsItSaysIsNone) {
 }
 
 TEST(WireTest, CountsAboveTheLimitsAreRefusedWhateverTheLength) {
-  ByteVector many(kRequestHeaderSize + 8 * 17);
+  ByteVector many(kRequestHeaderSize + std::size_t{8} * 17);
   std::copy_n(kRequest.begin(), kRequestHeaderSize, many.begin());
   many[16] = 17;
   many[20] = 0;
   EXPECT_FALSE(parseRequest(many));
   many[16] = 16;
-  many.resize(kRequestHeaderSize + 8 * 16);
+  many.resize(kRequestHeaderSize + std::size_t{8} * 16);
   EXPECT_TRUE(parseRequest(many));
 
   ByteVector large(kRequestHeaderSize + 4097);

@@ -16,7 +16,8 @@
 using std::is_same_v;
 
 static_assert(is_same_v<kern_return_t, int> && is_same_v<host_t, unsigned int>);
-static_assert(is_same_v<decltype(mach_host_self()), mach_port_t> && is_same_v<mach_port_t, unsigned int>);
+static_assert(is_same_v<decltype(mach_host_self()), mach_port_t>);
+static_assert(is_same_v<mach_port_t, unsigned int>);
 static_assert(KERN_SUCCESS == 0 && KERN_INVALID_ARGUMENT == 4 && KERN_FAILURE == 5);
 
 static_assert(is_same_v<clock_id_t, int> && is_same_v<clock_serv_t, unsigned int>);

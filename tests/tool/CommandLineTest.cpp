@@ -173,9 +173,9 @@ struct Model {
     for (std::size_t i = 0; accepted && i < words.size(); ++i) {
       const bool hasNext = i + 1 < words.size();
       const std::size_t which = std::string("-d-p-o-c").find(words[i]);
-      if (words[i] == "-trace")
+      if (words[i] == "-trace") {
         trace = true;
-      else if (words[i] == "-dump") {
+      } else if (words[i] == "-dump") {
         dump = true;
         if (hasNext) name = words[++i];
       } else if (words[i].size() == 2 && which != std::string::npos && which % 2 == 0 && hasNext) {

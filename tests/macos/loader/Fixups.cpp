@@ -106,10 +106,8 @@ void forEachRebase(const std::uint8_t* code, const std::uint8_t* end,
         offset += operand * pointer;
         break;
       case RebaseSome:
-        repeat(operand, 0);
-        break;
       case RebaseMany:
-        repeat(reader.number(), 0);
+        repeat((next & 0xF0) == RebaseSome ? operand : reader.number(), 0);
         break;
       case RebaseOneAndSkip:
         repeat(1, reader.number());
