@@ -8,7 +8,8 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Dir.h"
-#include "kespal/fs/DirFaults.h"
+#include "kespal/fs/DirEntries.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Info.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
@@ -18,7 +19,7 @@
 namespace kes::fs {
 namespace {
 
-using test::dirFaults;
+using test::Failing;
 using test::goTo;
 using test::Names;
 using test::namesIn;
@@ -192,9 +193,8 @@ TEST(DirTest, ASubdirectoryThatCannotBecomeAStreamLeavesNoDescriptorBehind) {
   Dir dir(top.path().c_str()), sub;
   ASSERT_TRUE(dir.nextEntry());
   const auto before = openDescriptors();
-  dirFaults.fdopendir = ENOMEM;
+  const Failing failing("fdopendir", ENOMEM);
   const auto error = raisedAs<FsError>([&] { dir.entryDir(sub); });
-  dirFaults.fdopendir = 0;
   EXPECT_EQ(error.osError().errnum(), ENOMEM);
   EXPECT_EQ(openDescriptors(), before);
 }

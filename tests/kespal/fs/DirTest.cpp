@@ -13,7 +13,8 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/fs/DirFaults.h"
+#include "kespal/fs/DirEntries.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Info.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
@@ -23,7 +24,7 @@
 namespace kes::fs {
 namespace {
 
-using test::dirFaults;
+using test::Failing;
 using test::goTo;
 using test::Names;
 using test::namesIn;
@@ -147,8 +148,7 @@ TEST(DirTest, AReadErrorIsRaisedAndDoesNotLookLikeTheEnd) {
   makeFiles(top.path(), 5);
   Dir dir(top.path().c_str());
   ASSERT_TRUE(dir.nextEntry());
-  dirFaults.readAt = 2;
-  dirFaults.read = EIO;
+  const Failing failing("readdir", EIO, /*skip=*/1, /*times=*/1);
   const auto error = raisedAs<OsError>([&] {
     while (dir.nextEntry()) continue;
   });
@@ -301,9 +301,8 @@ TEST(DirTest, ClosingTwiceOrWithoutOpeningIsNothing) {
 TEST(DirTest, AFailureToCloseIsAnOsErrorAndTheDirectoryCountsAsClosed) {
   TempDir top;
   Dir dir(top.path().c_str());
-  dirFaults.close = EIO;
+  const Failing failing("closedir", EIO, /*skip=*/0, /*times=*/1);
   const auto error = raisedAs<OsError>([&] { dir.close(); });
-  dirFaults.close = 0;
   EXPECT_EQ(error.errnum(), EIO);
   EXPECT_STREQ(error.function(), "close");
   EXPECT_FALSE(dir.isOpen());
@@ -313,8 +312,8 @@ TEST(DirTest, AFailureToCloseIsAnOsErrorAndTheDirectoryCountsAsClosed) {
 TEST(DirTest, ADestructorReportsAFailureToCloseAndLetsNothingOut) {
   TempDir top;
   const auto child = test::inChild([&] {
-    Dir dir(top.path().c_str());
-    dirFaults.close = EIO;
+    const Failing failing("closedir", EIO);
+    const Dir dir(top.path().c_str());
     return 0;
   });
   EXPECT_EQ(child.exitCode(), 0);

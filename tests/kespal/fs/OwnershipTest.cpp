@@ -9,22 +9,11 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
+#include "kespal/fs/FaultyCalls.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
 // What an Access does to the process and to files.
-
-extern "C" int __real_chmod(const char*, mode_t);
-
-namespace {
-int chmodFault = 0;
-}
-
-extern "C" int __wrap_chmod(const char* path, mode_t mode) {
-  if (chmodFault == 0) return __real_chmod(path, mode);
-  errno = chmodFault;
-  return -1;
-}
 
 namespace kes::fs {
 namespace {
@@ -146,14 +135,13 @@ TEST_F(RootOwnershipTest, SetIdBitsThatTheFileDidNotHaveAreNotAdded) {
 
 TEST_F(RootOwnershipTest, SetIdBitsThatCannotBeSetAgainAreAnError) {
   setMode(04755);
-  chmodFault = EROFS;
+  const test::Failing failing("chmod", EROFS);
   try {
     setOwnership(file_.c_str(), -1, Access(7, 8, 04755));
     ADD_FAILURE() << "changed";
   } catch (const FsError& error) {
     EXPECT_EQ(error.osError().errnum(), EROFS);
   }
-  chmodFault = 0;
   EXPECT_EQ(found(), "7:8 755");
 }
 
