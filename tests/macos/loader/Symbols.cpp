@@ -28,7 +28,7 @@ constexpr std::string_view sameOnBoth = R"(
   getgrnam getgrnam_r getgroups gethostname getlogin_r getpgid getpgrp getpid getppid getsid gettid
   gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log log10 log2 lseek malloc
   memchr memcmp memcpy memmove memset mkdir mkdtemp mkfifo mkstemp mktime mprotect nanosleep nextafter
-  open_memstream opendir perror pipe poll posix_memalign pow pread printf pthread_attr_destroy
+  open_memstream opendir perror pipe poll posix_memalign pow pread pthread_exit printf pthread_attr_destroy
   pthread_attr_getstack pthread_attr_getstacksize pthread_attr_init pthread_attr_setstacksize putc putchar
   puts qsort rand read readlink realloc realpath remove rename rewind rewinddir rmdir round roundf
   sched_yield setbuf setegid setenv seteuid setgid setpgid setsid setuid setvbuf sleep snprintf sprintf sqrt

@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -6,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "Calls.h"
 #include "ThreadLocals.h"
@@ -71,6 +73,19 @@ long configuration(int mac) {
   }
 }
 
+/// This system's number of a limit; both count 0 to 4 alike.
+int hostLimit(int mac) {
+  constexpr int hosts[] = {RLIMIT_CPU, RLIMIT_FSIZE,   RLIMIT_DATA,  RLIMIT_STACK, RLIMIT_CORE,
+                           RLIMIT_RSS, RLIMIT_MEMLOCK, RLIMIT_NPROC, RLIMIT_NOFILE};
+  return mac >= 0 && mac < static_cast<int>(std::size(hosts)) ? hosts[mac] : -1;
+}
+int getLimit(int mac, rlimit* limit) {
+  return ::getrlimit(static_cast<__rlimit_resource>(hostLimit(mac)), limit);
+}
+int setLimit(int mac, const rlimit* limit) {
+  return ::setrlimit(static_cast<__rlimit_resource>(hostLimit(mac)), limit);
+}
+
 void fillPattern(void* target, const void* pattern, std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) {
     static_cast<char*>(target)[i] = static_cast<const char*>(pattern)[i % 16];
@@ -95,6 +110,8 @@ const Call calls[] = {
     {"_tlv_bootstrap", threadLocalAccess},
     {"clock_gettime", clockTime},
     {"sysconf", configuration},
+    {"getrlimit", getLimit},
+    {"setrlimit", setLimit},
     {"memset_pattern16", fillPattern},
     {"__bzero", fillZeroes},
     {"_availability_version_check", alwaysNewEnough},
