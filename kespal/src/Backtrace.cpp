@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,13 +15,18 @@
 #include <unordered_map>
 
 #include "kespal/Helper.h"
+#include "os/FrameNumbers.h"
 #include "os/Unloads.h"
 
 namespace kes {
 
 namespace {
 
-using Frames = std::span<void* const>;
+/// The frames of a stack, innermost first, of which the ones before `first` are not told.
+struct Frames {
+  std::span<void* const> stack;
+  std::size_t first;
+};
 
 struct Free {
   void operator()(void* memory) const noexcept { std::free(memory); }
@@ -32,11 +38,11 @@ struct Free {
 class Lines {
  public:
   /// False when one of the frames is unknown.
-  bool find(Frames frames, std::uint64_t unloads, Backtrace& trace) const {
+  bool find(const Frames& frames, std::uint64_t unloads, Backtrace& trace) const {
     const std::shared_lock lock(mutex_, std::try_to_lock);
     if (!lock || unloads != unloads_) return false;
-    for (void* frame : frames) {
-      const auto known = lines_.find(frame);
+    for (std::size_t at = frames.stack.size(); at-- > frames.first;) {
+      const auto known = lines_.find(keyOf(frames, at));
       if (known == lines_.end()) return false;
       trace.push_back(known->second);
     }
@@ -44,20 +50,38 @@ class Lines {
   }
 
   /// `unloads` was read before the frames were named. They are on the caller's stack, hence not unloaded.
-  void store(Frames frames, std::uint64_t unloads, const Backtrace& trace) {
+  void store(const Frames& frames, std::uint64_t unloads, const Backtrace& trace) {
     const std::unique_lock lock(mutex_, std::try_to_lock);
     if (!lock || unloads < unloads_) return;
     if (unloads > unloads_ || lines_.size() > most) lines_.clear();
     unloads_ = unloads;
-    for (std::size_t at = 0; at < frames.size(); ++at) lines_.emplace(frames[at], trace[at]);
+    auto line = trace.begin();
+    for (std::size_t at = frames.stack.size(); at-- > frames.first;)
+      lines_.emplace(keyOf(frames, at), *line++);
   }
 
  private:
+  struct Key {
+    void* address;
+    std::size_t number;
+    bool operator==(const Key&) const = default;
+  };
+  struct Hash {
+    std::size_t operator()(const Key& key) const noexcept {
+      return std::hash<void*>()(key.address) ^ key.number;
+    }
+  };
+
+  /// Where a line tells its frame's number, it stands for no other.
+  static Key keyOf(const Frames& frames, std::size_t at) noexcept {
+    return {frames.stack[at], os::numbersFrames() ? at : 0};
+  }
+
   static constexpr std::size_t most = 4096;
 
   mutable std::shared_mutex mutex_;
   std::uint64_t unloads_ = 0;
-  std::unordered_map<void*, std::string> lines_;
+  std::unordered_map<Key, std::string, Hash> lines_;
 };
 
 // A line without these two characters, as macOS writes it, gives everything before its end as "symbol";
@@ -72,11 +96,12 @@ std::string readable(const std::string& line) {
   return line.substr(0, begin) + symbol + line.substr(end);
 }
 
-void name(Frames frames, Backtrace& trace) {
+/// The system numbers the frames as it gets them: so it gets all, in their order.
+void name(const Frames& frames, Backtrace& trace) {
   const std::unique_ptr<char*, Free> lines(
-      ::backtrace_symbols(frames.data(), static_cast<int>(frames.size())));
+      ::backtrace_symbols(frames.stack.data(), static_cast<int>(frames.stack.size())));
   if (!lines) return;
-  for (std::size_t at = 0; at < frames.size(); ++at) trace.push_back(readable(lines.get()[at]));
+  for (std::size_t at = frames.stack.size(); at-- > frames.first;) trace.push_back(readable(lines.get()[at]));
 }
 
 }  // namespace
@@ -91,9 +116,8 @@ Backtrace Backtrace::get() {
   const auto end = stack.begin() + count, second = stack.begin() + 1;
   const auto caller = std::find(second, end, __builtin_return_address(0));
   const auto first = caller != end ? caller : second;
-  std::reverse(first, end);
-  const Frames frames(first, end);
-  trace.reserve(frames.size());
+  const Frames frames{{stack.begin(), end}, static_cast<std::size_t>(first - stack.begin())};
+  trace.reserve(frames.stack.size() - frames.first);
   const std::optional<std::uint64_t> unloads = os::unloads();
   if (unloads && lines.find(frames, *unloads, trace)) return trace;
   trace.clear();

@@ -153,8 +153,8 @@ char** symbolsFromTheLines(void* const* frames, int count) {
   auto** lines = static_cast<char**>(std::malloc(static_cast<std::size_t>(count) * (sizeof(char*) + 80)));
   char* text = reinterpret_cast<char*>(lines + count);
   for (int at = 0; at < count; ++at, text += 80) {
-    const std::size_t number = reinterpret_cast<std::uintptr_t>(frames[at]) - 0x1001;
-    lines[at] = std::strcpy(text, platformLines[number]);
+    const std::size_t number = reinterpret_cast<std::uintptr_t>(frames[at]) - 0x1000;
+    lines[at] = std::strcpy(text, number == 0 ? "the capture" : platformLines[number - 1]);
   }
   return lines;
 }
@@ -187,6 +187,21 @@ TEST_F(BacktraceTest, AtMost128AddressesAreAskedForAndASingleOneIsNoStack) {
   };
   EXPECT_TRUE(Backtrace::get().empty());
   EXPECT_EQ(size, 128);
+}
+
+TEST_F(BacktraceTest, ThePlatformGetsAllFramesInItsOwnOrderSinceItMayNumberThem) {
+  static std::vector<void*> asked;
+  fakeBacktrace = [](void** frames, int) {
+    for (std::uintptr_t at = 0; at < 4; ++at) frames[at] = reinterpret_cast<void*>(0x2000 + at);
+    return 4;
+  };
+  fakeSymbols = [](void* const* frames, int count) -> char** {
+    asked.assign(frames, frames + count);
+    return nullptr;
+  };
+  EXPECT_TRUE(Backtrace::get().empty());
+  EXPECT_EQ(asked, (std::vector<void*>{reinterpret_cast<void*>(0x2000), reinterpret_cast<void*>(0x2001),
+                                       reinterpret_cast<void*>(0x2002), reinterpret_cast<void*>(0x2003)}));
 }
 
 TEST_F(BacktraceTest, AStackThatCannotBeNamedIsEmptyAndNamedLaterAllTheSame) {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <numeric>
 #include <sstream>
 #include <string>
 
@@ -29,8 +30,6 @@
 
 namespace kes {
 namespace {
-
-using ::testing::HasSubstr;
 
 TEST(NativeClockTest, TheCalendarClockTellsTheTimeOfDay) {
   time::ClockBase::init();
@@ -164,15 +163,45 @@ TEST(NativeLoaderTest, UnloadingALibraryIsNoticed) {
   EXPECT_GT(*os::unloads(), *before);
 }
 
+struct Line {
+  int number = -1;
+  std::string module{}, address{}, symbol{}, plus{};
+};
+Line lineOf(const std::string& text) {
+  Line line;
+  std::istringstream(text) >> line.number >> line.module >> line.address >> line.symbol >> line.plus;
+  return line;
+}
+
 TEST(NativeBacktraceTest, ALineHasNumberModuleAddressAndSymbol) {
   const Backtrace backtrace = Backtrace::get();
   ASSERT_GT(backtrace.size(), 1U);
-  std::istringstream line(backtrace.back());
-  std::string number, module, address, symbol, plus;
-  line >> number >> module >> address >> symbol >> plus;
-  EXPECT_EQ(number, "1");
-  EXPECT_THAT(address, HasSubstr("0x"));
-  EXPECT_EQ(plus, "+") << backtrace.back();
+  const Line line = lineOf(backtrace.back());
+  EXPECT_THAT(line.module, ::testing::Not(::testing::IsEmpty()));
+  EXPECT_THAT(line.address, ::testing::StartsWith("0x"));
+  EXPECT_EQ(line.plus, "+") << backtrace.back();
+}
+
+/// The numbers of a capture's lines, innermost first, from so many calls further in.
+[[gnu::noinline]] std::vector<int> numbersFrom(int depth) {
+  if (depth > 0) {
+    std::vector<int> numbers = numbersFrom(depth - 1);
+    return numbers;
+  }
+  std::vector<int> numbers;
+  const Backtrace backtrace = Backtrace::get();
+  for (auto line = backtrace.rbegin(); line != backtrace.rend(); ++line)
+    numbers.push_back(lineOf(*line).number);
+  return numbers;
+}
+
+TEST(NativeBacktraceTest, TheLinesOfEachCaptureAreNumberedFromOneInnermostFirst) {
+  for (const int depth : {0, 3, 1}) {
+    const std::vector<int> numbers = numbersFrom(depth);
+    std::vector<int> counted(numbers.size());
+    std::iota(counted.begin(), counted.end(), 1);
+    EXPECT_EQ(numbers, counted) << depth;
+  }
 }
 
 }  // namespace

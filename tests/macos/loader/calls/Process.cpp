@@ -61,6 +61,16 @@ int clockTime(int mac, timespec* now) {
 
 long configuration(int mac) {
   switch (mac) {
+    case 4:
+      return ::sysconf(_SC_NGROUPS_MAX);
+    case 5:
+      return ::sysconf(_SC_OPEN_MAX);
+    case 70:
+      return ::sysconf(_SC_GETGR_R_SIZE_MAX);
+    case 71:
+      return ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    case 93:
+      return ::sysconf(_SC_THREAD_STACK_MIN);
     case 29:
       return ::sysconf(_SC_PAGESIZE);
     case 57:
