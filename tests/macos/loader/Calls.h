@@ -28,6 +28,7 @@ std::span<const Call> ioKitCalls();
 std::span<const Call> lockCalls();
 std::span<const Call> machClockCalls();
 std::span<const Call> processCalls();
+std::span<const Call> regexCalls();
 std::span<const Call> signalCalls();
 std::span<const Call> terminalCalls();
 std::span<const Call> textCalls();

@@ -27,18 +27,18 @@ constexpr std::string_view sameOnBoth = R"(
   ftello ftruncate funlockfile fwrite getc getchar getcwd getegid getenv geteuid getgid getgrgid getgrgid_r
   getgrnam getgrnam_r getgroups gethostname getlogin_r getpgid getpgrp getpid getppid getsid gettid
   gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log log10 log2 lseek malloc
-  memchr memcmp memcpy memmove memset mkdir mkdtemp mkfifo mkstemp mktime mprotect nanosleep nextafter
-  open_memstream opendir perror pipe poll posix_memalign pow pread pthread_exit printf pthread_attr_destroy
-  pthread_attr_getstack pthread_attr_getstacksize pthread_attr_init pthread_attr_setstacksize putc putchar
-  puts qsort rand read readlink realloc realpath remove rename rewind rewinddir rmdir round roundf
-  sched_yield setbuf setegid setenv seteuid setgid setpgid setsid setuid setvbuf sleep snprintf sprintf sqrt
-  srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l strcpy strcspn strdup strerror
-  strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup strnlen strpbrk strrchr strspn
-  strstr strtod strtod_l strtof strtof_l strtok_r strtol strtold strtold_l strtoll strtoll_l strtoul
-  strtoull strtoull_l strxfrm strxfrm_l swprintf symlink system time toascii tolower toupper trunc truncate
-  tzset umask ungetc ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf
-  vsnprintf vsprintf vsscanf wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof wcstol wcstold wcstoll
-  wcstoul wcstoull wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
+  memchr memcmp memcpy memmove memset mkdir mkdtemp mkfifo mkstemp mktime mprotect munmap nanosleep
+  nextafter open_memstream opendir pause perror pipe poll posix_memalign pow pread printf
+  pthread_attr_destroy pthread_attr_getstack pthread_attr_getstacksize pthread_attr_init pthread_exit
+  pthread_testcancel putc putchar puts qsort rand read readlink realloc realpath remove rename rewind
+  rewinddir rmdir round roundf sched_yield setbuf setegid setenv seteuid setgid setpgid setsid setuid
+  setvbuf sleep snprintf sprintf sqrt srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l
+  strcpy strcspn strdup strerror strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup
+  strnlen strpbrk strrchr strspn strstr strtod strtod_l strtof strtof_l strtok_r strtol strtold strtold_l
+  strtoll strtoll_l strtoul strtoull strtoull_l strxfrm strxfrm_l swprintf symlink system time toascii
+  tolower toupper trunc truncate tzset umask ungetc ungetwc unlink unsetenv uselocale usleep utime utimes
+  vasprintf vfprintf vprintf vsnprintf vsprintf vsscanf wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof
+  wcstol wcstold wcstoll wcstoul wcstoull wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
 )";
 
 std::set<std::string_view> wordsOf(std::string_view text) {
@@ -56,7 +56,7 @@ std::map<std::string, void*> gather() {
   std::map<std::string, void*> all;
   for (const auto group :
        {accountCalls, backtraceCalls, errorCalls, fileCalls, globCalls, ioKitCalls, lockCalls, machClockCalls,
-        processCalls, signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
+        processCalls, regexCalls, signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
     for (const Call& call : group()) all[call.name] = call.address;
   }
   return all;

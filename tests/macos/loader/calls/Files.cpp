@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,6 +55,12 @@ int makePipe(int* ends, int flags) { return ::pipe2(ends, hostOpenFlags(flags));
 int makeTemporary(char* name, int flags) { return ::mkostemp(name, hostOpenFlags(flags)); }
 int unlinkAt(int fd, const char* path, int flags) {
   return ::unlinkat(hostDirectory(fd), path, (flags & macRemoveDirectory) != 0 ? AT_REMOVEDIR : 0);
+}
+
+void* map(void* address, std::size_t size, int protection, int flags, int fd, off_t offset) {
+  constexpr int macAnonymous = 0x1000, common = MAP_SHARED | MAP_PRIVATE | MAP_FIXED;
+  const int hostFlags = (flags & common) | ((flags & macAnonymous) != 0 ? MAP_ANONYMOUS : 0);
+  return ::mmap(address, size, protection, hostFlags, fd, offset);
 }
 
 struct MacStat {
@@ -168,6 +175,7 @@ const Call calls[] = {
     {"mkostemp", makeTemporary},
     {"pipe2", makePipe},
     {"unlinkat", unlinkAt},
+    {"mmap", map},
     {"stat", status},
     {"lstat", linkStatus},
     {"fstat", openStatus},

@@ -70,7 +70,7 @@ long configuration(int mac) {
     case 71:
       return ::sysconf(_SC_GETPW_R_SIZE_MAX);
     case 93:
-      return ::sysconf(_SC_THREAD_STACK_MIN);
+      return 8192;
     case 29:
       return ::sysconf(_SC_PAGESIZE);
     case 57:
@@ -102,6 +102,11 @@ void fillPattern(void* target, const void* pattern, std::size_t size) {
   }
 }
 void fillZeroes(void* target, std::size_t size) { std::memset(target, 0, size); }
+/// Google Test only wants to warn of threads when it forks.
+int threadsUnknown(std::uint32_t, void*, void*) {
+  constexpr int failure = 5;
+  return failure;
+}
 int alwaysNewEnough(std::uint32_t, const void*) { return 1; }
 
 std::uint64_t stackGuard = 0x9E3779B97F4A7C15;
@@ -120,6 +125,7 @@ const Call calls[] = {
     {"_tlv_bootstrap", threadLocalAccess},
     {"clock_gettime", clockTime},
     {"sysconf", configuration},
+    {"task_threads", threadsUnknown},
     {"getrlimit", getLimit},
     {"setrlimit", setLimit},
     {"memset_pattern16", fillPattern},

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -81,6 +82,13 @@ int attributesOf(Thread* thread, pthread_attr_t* attributes) {
   return macError(::pthread_getattr_np(thread->host, attributes));
 }
 
+/// The platform takes whole pages, fewer than this system does.
+int setStackSize(pthread_attr_t* attributes, std::size_t size) {
+  constexpr std::size_t macMinimum = 8192, page = 4096, hostMinimum = 16384;
+  if (size < macMinimum || size % page != 0) return EINVAL;
+  return ::pthread_attr_setstacksize(attributes, std::max(size, hostMinimum));
+}
+
 int setDetached(pthread_attr_t* attributes, int mac) {
   constexpr int macJoinable = 1, macDetached = 2;
   if (mac != macJoinable && mac != macDetached) return EINVAL;
@@ -127,6 +135,7 @@ const Call calls[] = {
     {"pthread_cancel", cancel},
     {"pthread_kill", kill},
     {"pthread_attr_setdetachstate", setDetached},
+    {"pthread_attr_setstacksize", setStackSize},
     {"pthread_getattr_np", attributesOf},
     {"pthread_setcancelstate", setCancelState},
     {"pthread_threadid_np", threadId},

@@ -27,7 +27,8 @@ std::size_t acceptableStackSize(std::size_t wanted) {
   const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
   const std::size_t size = std::max(wanted, static_cast<std::size_t>(PTHREAD_STACK_MIN));
   const std::size_t rest = size % page;
-  return rest == 0 || size > std::numeric_limits<std::size_t>::max() - page ? size : size + page - rest;
+  if (rest == 0) return size;
+  return size > std::numeric_limits<std::size_t>::max() - page ? size - rest : size + page - rest;
 }
 
 }  // namespace
