@@ -110,8 +110,34 @@ std::size_t someNarrow(char* to, const wchar_t** from, std::size_t count, std::s
 }
 int oneWide(wchar_t* to, const char* from, std::size_t size, void*) { return std::mbtowc(to, from, size); }
 
+/// No locale at all is the "C" locale over there.
+locale_t hostLocale(void* mac) {
+  static const locale_t c = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  return mac != nullptr ? static_cast<locale_t>(mac) : c;
+}
+long longOf(const char* text, char** end, int base, void* mac) {
+  return ::strtol_l(text, end, base, hostLocale(mac));
+}
+long long longLongOf(const char* text, char** end, int base, void* mac) {
+  return ::strtoll_l(text, end, base, hostLocale(mac));
+}
+unsigned long long unsignedOf(const char* text, char** end, int base, void* mac) {
+  return ::strtoull_l(text, end, base, hostLocale(mac));
+}
+double doubleOf(const char* text, char** end, void* mac) { return ::strtod_l(text, end, hostLocale(mac)); }
+float floatOf(const char* text, char** end, void* mac) { return ::strtof_l(text, end, hostLocale(mac)); }
+long double longDoubleOf(const char* text, char** end, void* mac) {
+  return ::strtold_l(text, end, hostLocale(mac));
+}
+
 const Call calls[] = {
     {"_DefaultRuneLocale", runes},
+    {"strtol_l", longOf},
+    {"strtoll_l", longLongOf},
+    {"strtoull_l", unsignedOf},
+    {"strtod_l", doubleOf},
+    {"strtof_l", floatOf},
+    {"strtold_l", longDoubleOf},
     {"__maskrune", maskRune},
     {"__maskrune_l", maskRuneIn},
     {"__tolower", lowerIn},
