@@ -154,7 +154,7 @@ TEST_F(OpsTreeTest, ADirectoryIsRemovedWithAllItHoldsBeforeTheNextEntryIsTouched
   }
   EXPECT_EQ(entriesOf("tree"), std::vector<std::string>(order.begin() + 2, order.end()));
   EXPECT_TRUE(stdfs::is_empty(order[2]));
-  for (const int later : {3, 4}) EXPECT_TRUE(stdfs::exists(order[later] + "/file"));
+  for (const std::size_t later : {3U, 4U}) EXPECT_TRUE(stdfs::exists(order[later] + "/file"));
 }
 
 TEST_F(OpsTreeTest, AnEntrysPathIsThePathAsItWasGivenASlashAndTheName) {
