@@ -113,44 +113,42 @@ TEST(SplitTest, RandomTextsAgreeWithThePlainModel) {
 
 // --- replace
 
+/// How many were replaced, and what came of the text.
+using Result = std::pair<std::size_t, std::string>;
+
+Result replaced(std::string text, const std::string& pattern, const std::string& with) {
+  const std::size_t count = replace(text, pattern, with);
+  return {count, text};
+}
+
+Result charsReplaced(std::string text, const std::string& chars, const std::string& with) {
+  const std::size_t count = replace_chars(text, chars, with);
+  return {count, text};
+}
+
 TEST(ReplaceTest, ADoubledLetterIsNotReplacedAgain) {
-  std::string text = "aaa";
-  EXPECT_EQ(replace(text, "a", "aa"), 3U);
-  EXPECT_EQ(text, "aaaaaa");
+  EXPECT_EQ(replaced("aaa", "a", "aa"), Result(3, "aaaaaa"));
 }
 
 TEST(ReplaceTest, OccurrencesAreTakenFromTheLeftWithoutOverlap) {
-  std::string text = "aaaaa";
-  EXPECT_EQ(replace(text, "aa", "b"), 2U);
-  EXPECT_EQ(text, "bba");
+  EXPECT_EQ(replaced("aaaaa", "aa", "b"), Result(2, "bba"));
 }
 
 TEST(ReplaceTest, AnEmptyReplacementDeletes) {
-  std::string text = "one, two, three";
-  EXPECT_EQ(replace(text, ", ", ""), 2U);
-  EXPECT_EQ(text, "onetwothree");
+  EXPECT_EQ(replaced("one, two, three", ", ", ""), Result(2, "onetwothree"));
 }
 
 TEST(ReplaceTest, WhatADeletionBringsTogetherIsNotReplaced) {
-  std::string text = "aabb";
-  EXPECT_EQ(replace(text, "ab", ""), 1U);
-  EXPECT_EQ(text, "ab");
+  EXPECT_EQ(replaced("aabb", "ab", ""), Result(1, "ab"));
 }
 
 TEST(ReplaceTest, APatternThatDoesNotOccurChangesNothing) {
-  std::string text = "text";
-  EXPECT_EQ(replace(text, "x ", "y"), 0U);
-  EXPECT_EQ(replace(text, "longer than the text", "y"), 0U);
-  EXPECT_EQ(text, "text");
-  std::string empty;
-  EXPECT_EQ(replace(empty, "x", "y"), 0U);
+  EXPECT_EQ(replaced("text", "x ", "y"), Result(0, "text"));
+  EXPECT_EQ(replaced("text", "longer than the text", "y"), Result(0, "text"));
+  EXPECT_EQ(replaced("", "x", "y"), Result(0, ""));
 }
 
-TEST(ReplaceTest, AnEmptyPatternOccursNowhere) {
-  std::string text = "text";
-  EXPECT_EQ(replace(text, "", "y"), 0U);
-  EXPECT_EQ(text, "text");
-}
+TEST(ReplaceTest, AnEmptyPatternOccursNowhere) { EXPECT_EQ(replaced("text", "", "y"), Result(0, "text")); }
 
 TEST(ReplaceTest, TheTextMayBeItsOwnPatternOrReplacement) {
   std::string text = "abab";
@@ -174,35 +172,25 @@ TEST(ReplaceTest, RandomTextsAgreeWithThePlainModel) {
 // --- replace_chars
 
 TEST(ReplaceCharsTest, EveryCharacterOfTheSetIsReplaced) {
-  std::string text = "a:b c:d";
-  EXPECT_EQ(replace_chars(text, ": ", "--"), 3U);
-  EXPECT_EQ(text, "a--b--c--d");
+  EXPECT_EQ(charsReplaced("a:b c:d", ": ", "--"), Result(3, "a--b--c--d"));
 }
 
 TEST(ReplaceCharsTest, AReplacementFromTheSetIsNotReplacedAgain) {
-  std::string text = "a:b";
-  EXPECT_EQ(replace_chars(text, ":", "::"), 1U);
-  EXPECT_EQ(text, "a::b");
+  EXPECT_EQ(charsReplaced("a:b", ":", "::"), Result(1, "a::b"));
 }
 
 TEST(ReplaceCharsTest, AnEmptyReplacementDeletes) {
-  std::string text = ":a: b\t\n:";
-  EXPECT_EQ(replace_chars(text, ": \t\n", ""), 6U);
-  EXPECT_EQ(text, "ab");
+  EXPECT_EQ(charsReplaced(":a: b\t\n:", ": \t\n", ""), Result(6, "ab"));
 }
 
 TEST(ReplaceCharsTest, AnEmptyTextOrSetChangesNothing) {
-  std::string text;
-  EXPECT_EQ(replace_chars(text, "a", "b"), 0U);
-  text = "aaa";
-  EXPECT_EQ(replace_chars(text, "", "b"), 0U);
-  EXPECT_EQ(text, "aaa");
+  EXPECT_EQ(charsReplaced("", "a", "b"), Result(0, ""));
+  EXPECT_EQ(charsReplaced("aaa", "", "b"), Result(0, "aaa"));
 }
 
 TEST(ReplaceCharsTest, CharactersAboveAsciiAndTheNullCharacterAreCharactersLikeAnyOther) {
-  std::string text("\xff\0a\x80", 4);
-  EXPECT_EQ(replace_chars(text, std::string("\0\xff", 2), "."), 2U);
-  EXPECT_EQ(text, "..a\x80");
+  const std::string text("\xff\0a\x80", 4), chars("\0\xff", 2);
+  EXPECT_EQ(charsReplaced(text, chars, "."), Result(2, "..a\x80"));
 }
 
 TEST(ReplaceCharsTest, TheTextMayBeItsOwnSetOrReplacement) {

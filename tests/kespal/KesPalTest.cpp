@@ -23,11 +23,13 @@
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Clock.h"
 #include "support/ForkedChild.h"
+#include "support/RaisedAs.h"
 #include "support/Sanitizer.h"
 
 namespace kes {
 namespace {
 
+using test::errorOf;
 using test::inChild;
 
 std::set<std::string> blockedSignals() {
@@ -51,15 +53,6 @@ int threadsOfProcess() {
     }
   }
   return -1;
-}
-
-std::string errorOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const Exception& error) {
-    return error.text();
-  }
-  return "nothing was raised";
 }
 
 struct QuitCounter : IQuitHandler {

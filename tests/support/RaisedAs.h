@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
 #include <typeinfo>
 
 #include "kespal/error/Exception.h"
@@ -19,6 +20,17 @@ Error raisedAs(Call call) {
     if (const auto* exact = dynamic_cast<const Error*>(&error)) return *exact;
   }
   throw std::runtime_error("not raised");
+}
+
+/// The text of the error that a call raises.
+template <typename Call>
+std::string errorOf(Call call) {
+  try {
+    call();
+  } catch (const Exception& error) {
+    return error.text();
+  }
+  return "nothing was raised";
 }
 
 }  // namespace kes::test

@@ -27,6 +27,7 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/RaisedAs.h"
 #include "support/Sanitizer.h"
 
 namespace {
@@ -74,6 +75,7 @@ namespace kes::proc {
 namespace {
 
 using namespace std::chrono_literals;
+using test::errorOf;
 using test::inChild;
 using time::Milliseconds;
 
@@ -100,15 +102,6 @@ class Collecting {
 
   Shepherd shepherd;
 };
-
-std::string errorOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const Exception& error) {
-    return error.text();
-  }
-  return "nothing was raised";
-}
 
 std::string siteOf(const std::function<void()>& operation) {
   try {
