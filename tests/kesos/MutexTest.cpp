@@ -228,10 +228,11 @@ TEST_F(MutexTest, OpeningNeedsAKeyAndASemaphore) {
 
 TEST_F(MutexTest, AnotherProcessOpensTheMutexByItsKey) {
   const unsigned int key = freshKey();
-  const pid_t holder = startProcess([key] {
+  const Shared<std::atomic<bool>> bothSeen;
+  const pid_t holder = startProcess([key, &bothSeen] {
     KesOsMutex* mutex = mutexOf(key);
     if (!tryLock(mutex)) return 1;
-    if (!eventually([key] { return slotCount(semaphoreOf(key)) == 2; })) return 2;
+    if (!eventually([&bothSeen] { return bothSeen->load(); })) return 2;
     KesOsMutexRelease(mutex);
     return KesOsMutexClose(mutex) == 1 ? 0 : 3;
   });
@@ -240,7 +241,9 @@ TEST_F(MutexTest, AnotherProcessOpensTheMutexByItsKey) {
       eventually([key] { return tableExists() && slotCount(semaphoreOf(key)) == 1 && valueOf(key) == 0; }));
   KesOsMutex* mutex = nullptr;
   ASSERT_EQ(KesOsMutexOpen(&mutex, key), 1);
+  EXPECT_EQ(slotCount(semaphoreOf(key)), 2U);
   EXPECT_EQ(usage().processes, 2U);
+  *bothSeen = true;
   EXPECT_EQ(KesOsMutexWait(mutex, infinite, nullptr), 1);
   EXPECT_EQ(waitForProcess(holder), 0);
   EXPECT_EQ(slotCount(semaphoreOf(key)), 1U);

@@ -362,7 +362,7 @@ TEST_F(MoveAcrossTest, ASourceThatCannotBeRemovedStaysAndItsCopyGoes) {
 }
 
 TEST_F(MoveAcrossTest, AFailingCleanUpDoesNotHideTheReason) {
-  const Failing removing("unlink", EBUSY), looking("lstat", EACCES, /*skip=*/1);
+  const Failing removing("unlink", EBUSY), looking("lstat", EACCES, /*skip=*/1, /*times=*/1);
   EXPECT_EQ(moving(), (Raised{"kes::FsError", EBUSY, from_, opsSite, "removeFile"}));
   EXPECT_EQ(onDisk(), "content|content");
 }
