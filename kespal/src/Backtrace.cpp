@@ -104,10 +104,19 @@ void name(const Frames& frames, Backtrace& trace) {
   for (std::size_t at = frames.stack.size(); at-- > frames.first;) trace.push_back(readable(lines.get()[at]));
 }
 
+/// Never destroyed: errors are raised to the very end.
+Lines& knownLines() {
+  static Lines& lines = *new Lines;
+  return lines;
+}
+
+// Made before there are threads: a child that is forked while another one makes it would wait for ever.
+[[maybe_unused]] const Lines& madeEarly = knownLines();
+
 }  // namespace
 
 Backtrace Backtrace::get() {
-  static Lines& lines = *new Lines;  // never destroyed: errors are raised to the very end
+  Lines& lines = knownLines();
   std::array<void*, 128> stack;
   const int count = ::backtrace(stack.data(), static_cast<int>(stack.size()));
   Backtrace trace;

@@ -342,5 +342,19 @@ TEST_F(BacktraceTest, AChildForkedWhileOtherThreadsCaptureCanCaptureToo) {
   }
 }
 
+int captureAndFork(int generations) {
+  ::alarm(60);
+  if (captureBelow(3).empty()) return 1;
+  if (generations == 0) return 0;
+  const test::ChildResult result = inChild([generations] { return captureAndFork(generations - 1); });
+  return result.signal() != 0 ? 2 : result.exitCode();
+}
+
+TEST_F(BacktraceTest, TheChildrenOfForkedChildrenCanForkAndCaptureToo) {
+  const test::ChildResult result = inChild([] { return captureAndFork(3); });
+  EXPECT_EQ(result.signal(), 0);
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
 }  // namespace
 }  // namespace kes
