@@ -129,6 +129,7 @@ class Subject : public CoopThread, public CoopThread::ICoopThread {
     } else {
       pause();
     }
+    working_.open();
     if (doing_ != Doing::Returned) body_.pass();
   }
   using CoopThread::thread;
@@ -153,7 +154,7 @@ class Subject : public CoopThread, public CoopThread::ICoopThread {
         return run();
       case Doing::Running:
         run();
-        return waitStartOver();
+        return working_.pass();
       case Doing::Paused:
         requestPause();
         [[fallthrough]];
@@ -168,6 +169,7 @@ class Subject : public CoopThread, public CoopThread::ICoopThread {
 
   const Doing doing_;
   Gate start_;
+  Gate working_;
   Gate body_;
   std::optional<Interlude> hold_;
 };
