@@ -339,8 +339,8 @@ TEST_F(UsageTableTest, AStormOfOpensAndClosesInSixteenProcessesLosesNoCount) {
   EXPECT_THAT(usageTable(), IsEmpty());
 }
 
-// Creating and closing at once may lose a race by design: then a create fails, a semaphore goes too soon, or a
-// count stays too high and something outlives its last user. What must hold all the same: nobody crashes or
+// Creating and closing at once may lose a race by design: then a create fails, a semaphore goes too soon, or
+// a count stays too high and something outlives its last user. What must hold all the same: nobody crashes or
 // hangs, and those who come later can use the keys and leave nothing. The first to come may have to take away
 // the table, and only who starts with a new one takes away what it miscounted.
 TEST_F(UsageTableTest, AStormOfCreatesAndClosesInSixteenProcessesLeavesNothingThatTheNextUsersCannotClear) {

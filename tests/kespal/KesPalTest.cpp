@@ -42,8 +42,8 @@ std::set<std::string> blockedSignals() {
   return names;
 }
 
-/// As the system counts them; with the thread sanitizer, which has some for itself, as the library does: a new
-/// one from its first step on.
+/// As the system counts them; with the thread sanitizer, which has some for itself, as the library does: a
+/// new one from its first step on.
 int threadsOfProcess() {
   if (test::threadSanitizer) return 1 + static_cast<int>(thread::BasicThread::activeThreads());
   std::ifstream status("/proc/self/status");
