@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -44,11 +43,8 @@ class CaptureFile : public kes::NoCopy {
 
   bool isOpen() const { return fd_ >= 0; }
 
-  /// False for a FIFO or a device, whose size says nothing: its header went out when it was opened.
-  bool isEmpty() const {
-    struct stat status;
-    return ::fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
-  }
+  /// False for what has no position, a FIFO or a terminal: its header went out when it was opened.
+  bool isEmpty() const { return ::lseek(fd_, 0, SEEK_END) == 0; }
 
   /// Writes all pieces, in one call where the system takes them at once, or leaves the file as it was.
   void append(std::span<iovec> pieces) {
