@@ -130,11 +130,6 @@ int KesOsSemaphoreVal(int semid) { return ::semctl(semid, 0, GETVAL); }
 
 namespace kes::kesos {
 
-int waitResult(unsigned int* state, WaitState outcome, int result) noexcept {
-  if (state != nullptr) __atomic_store_n(state, outcome, __ATOMIC_RELEASE);
-  return result;
-}
-
 bool addOne(int semid) {
   sembuf operation{0, 1, 0};
   return ::semop(semid, &operation, 1) == 0;

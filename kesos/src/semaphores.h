@@ -22,7 +22,10 @@ enum WaitState : unsigned int { failed = 0, signalled = 1, timedOut = 999 };
 constexpr unsigned int infinite = 0xFFFFFFFF;
 
 /// Stores the outcome of a wait, when the caller wants it, and passes the result on.
-int waitResult(unsigned int* state, WaitState outcome, int result) noexcept;
+inline int waitResult(unsigned int* state, WaitState outcome, int result) noexcept {
+  if (state != nullptr) __atomic_store_n(state, outcome, __ATOMIC_RELEASE);
+  return result;
+}
 
 /// The argument of semctl(), which some systems leave to the program to define.
 union SemaphoreArgument {
