@@ -1,3 +1,4 @@
+#include <sched.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -280,9 +281,10 @@ TEST_F(UsageTableTest, ATableThatWeMayNotAttachMakesAnOpenFail) {
 
 TEST_F(UsageTableTest, AnExhaustedSystemMakesCreatesFailAndNothingElse) {
   const ChildResult result = inChild([] {
-    std::ofstream limits("/proc/sys/kernel/sem");
+    const bool own = ::unshare(CLONE_NEWIPC) == 0;  // whose limits are nobody else's
+    std::ofstream limits(own ? "/proc/sys/kernel/sem" : "");
     limits << "32000 1024000000 500 3" << std::flush;
-    if (::geteuid() != 0 || !limits) {
+    if (!limits) {
       std::cout << "cannot lower the limits here";
       return 77;
     }
