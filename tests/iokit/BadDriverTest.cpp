@@ -204,7 +204,7 @@ TEST(BadDriverTest, ACancelledCallDoesNotPutTheConnectionOutOfStep) {
 }
 
 TEST(BadDriverTest, AHandleThatACancelledThreadClosesIsClosed) {
-  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   ScriptedDriver driver("");
   pthread_t closer{};
   const auto close = [](void* argument) -> void* {

@@ -87,7 +87,6 @@ int __wrap_utime(const char* path, const utimbuf* times) {
 
 namespace {
 
-using kes::test::isSanitized;
 using kes::test::readFile;
 using kes::test::TempDir;
 using kes::test::writeFile;
@@ -161,7 +160,7 @@ TEST_F(CopyFaultsTest, ASourceThatCannotBeClosedGivesZeroAfterAll) {
 }
 
 TEST_F(CopyFaultsTest, ACancellationWaitsUntilBothFilesAreClosed) {
-  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   int result = 7;
   std::function<void()> body = [&] { result = copy({.lastRead = 1, .cancelsItself = true}); };
   pthread_t thread{};

@@ -79,7 +79,7 @@ TEST_F(MutexTest, ClosingALocalMutexWaitsUntilNobodyHoldsIt) {
 }
 
 TEST_F(MutexTest, ACloseThatIsCancelledLeavesTheMutexToItsHolder) {
-  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   KesOsMutex* mutex = mutexOf(0);
   ASSERT_EQ(KesOsMutexWait(mutex, infinite, nullptr), 1);
   pthread_t closer{};

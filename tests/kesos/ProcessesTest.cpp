@@ -213,7 +213,7 @@ TEST(ProcessTest, AnExhaustedSystemMakesStartsFail) {
 }
 
 TEST(ProcessTest, AWaitThatIsCancelledLeavesTheHandleToTheNextOne) {
-  if (isSanitized) GTEST_SKIP() << "the sanitizers do not follow the unwinding of a cancelled thread";
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   KesOsProcess* process = nullptr;
   ASSERT_EQ(KesOsCreateProcessAsyn("sleep 60", 0, &process), 1);
   pthread_t waiter{};
