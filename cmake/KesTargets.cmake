@@ -7,13 +7,13 @@ function(kes_library name)
   target_include_directories(${name}
     PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
-  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kes_compile> PUBLIC Threads::Threads)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kes_compile> $<BUILD_INTERFACE:kes_sys> PUBLIC Threads::Threads)
 endfunction()
 
 # kes_program(NAME SOURCES...): a program of this project. It exports its symbols, or the frames
 # of a backtrace would have no names.
 function(kes_program name)
   add_executable(${name} ${ARGN})
-  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kes_compile>)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kes_compile> $<BUILD_INTERFACE:kes_sys>)
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
 endfunction()

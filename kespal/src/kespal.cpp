@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 #include <exception>
-#include <iostream>
 #include <utility>
 
+#include "error/Report.h"
 #include "kespal/Terminal.h"
 #include "kespal/UnhandledException.h"
 #include "kespal/UserInfo.h"
@@ -68,7 +68,7 @@ void KesPal::quit() {
     const Guard guard(lock_);
     for (IQuitHandler* handler : quitHandlers_) handler->handleQuit();
   } catch (const Exception& error) {
-    std::cerr << "Error processing quit event:\n\n" + error.exStack() + '\n' << std::flush;
+    reportStack({"Error processing quit event:\n\n"}, error);
   }
 }
 
@@ -90,9 +90,9 @@ void kespal_terminate() {
   if (exceptionActive()) {
     kespal_unhandled_exception();
   } else {
-    std::cerr << "Program terminated for an unknown reason (e.g. pure virtual method call)\n";
+    report({"Program terminated for an unknown reason (e.g. pure virtual method call)\n"});
   }
-  std::cerr << "Terminating program\n\n" << std::flush;
+  report({"Terminating program\n\n"});
   ::raise(SIGABRT);
   std::abort();  // the signal may be blocked or handled
 }

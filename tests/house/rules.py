@@ -9,7 +9,7 @@ import tempfile
 from layers import LAYERS
 from sources import INCLUDE_FOLDERS, ROOT, includes, public_headers, run, sources
 
-PRODUCTS = ("kespal", "kesos", "pcaplib", "src")
+PRODUCTS = ("sys", "kespal", "kesos", "pcaplib", "src")
 
 
 def layer_of(header):
@@ -38,7 +38,8 @@ def every_header_includes_only_its_own_layer_or_lower_ones():
 def libraries_know_nothing_of_what_stands_on_them():
     forbidden = {"kespal": ("kesos/", "pcaplib/", "IOKit/"), "kesos": ("pcaplib/", "IOKit/"),
                  "pcaplib": ("kesos/", "IOKit/"), "iokit": ("kespal/", "kesos/", "pcaplib/"),
-                 "driver": ("kespal/", "kesos/", "pcaplib/")}
+                 "driver": ("kespal/", "kesos/", "pcaplib/"),
+                 "sys": ("kespal/", "kesos/", "pcaplib/", "IOKit/", "wire/")}
     for part, others in forbidden.items():
         for path in sources(part):
             for included in includes(path):

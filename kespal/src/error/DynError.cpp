@@ -4,17 +4,12 @@
 
 namespace kes {
 
-DynError::DynError(const DynError& other)
-    : Raisable(other),
-      text_(other.stream_ ? other.stream_->str() : other.text_),
-      compose_(other.stream_ ? nullptr : other.compose_),
-      name_(other.name_) {}
+DynError::DynError(const DynError& other) : Raisable(other), text_(other.detail()), name_(other.name_) {}
 
 DynError::DynError(DynError&& other) noexcept
     : Raisable(std::move(other)),
       stream_(std::move(other.stream_)),
       text_(std::exchange(other.text_, {})),
-      compose_(std::exchange(other.compose_, nullptr)),
       name_(other.name_) {}
 
 DynError::~DynError() = default;
@@ -22,15 +17,11 @@ DynError::~DynError() = default;
 std::stringstream& DynError::stream() {
   if (!stream_) {
     auto stream = std::make_unique<std::stringstream>();
-    *stream << detail();
+    stream->exceptions(std::ios::badbit);  // or it would swallow std::bad_alloc, and text with it
+    *stream << text_;
     stream_ = std::move(stream);
   }
   return *stream_;
-}
-
-std::string DynError::detail() const {
-  if (stream_) return stream_->str();
-  return compose_ != nullptr ? compose_(*this) : text_;
 }
 
 std::string DynError::text() const { return detail(); }

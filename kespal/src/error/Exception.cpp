@@ -1,9 +1,11 @@
 #include "kespal/error/Exception.h"
 
-#include <sstream>
+#include <cstddef>
+#include <new>
 
 #include "kespal/Helper.h"
 #include "kespal/proc/Env.h"
+#include "sys/AtEnd.h"
 
 namespace kes {
 
@@ -47,8 +49,9 @@ void Exception::setBacktrace(Backtrace&& backtrace) {
 }
 
 const Backtrace& Exception::backtrace() const noexcept {
-  // Never destroyed: errors are read to the very end. NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
-  static const Backtrace& none = *new Backtrace;
+  // Never destroyed, since errors are read to the very end, and made without memory.
+  alignas(Backtrace) static std::byte place[sizeof(Backtrace)];
+  static const Backtrace& none = *new (place) Backtrace;
   return backtrace_ ? *backtrace_ : none;
 }
 
@@ -56,25 +59,25 @@ const char* Exception::what() const noexcept { return explanation().c_str(); }
 
 const std::string& Exception::explanation() const {
   if (!whatText_.empty()) return whatText_;
-  try {
-    whatText_ = whereText();
-    moreWhat();
-  } catch (...) {
-    whatText_.clear();  // half a text would be taken for the whole one next time
-    throw;
-  }
+  sys::AtEnd dropping([this] { whatText_.clear(); });  // half a text would be taken for the whole one
+  whatText_ = whereText();
+  moreWhat();
+  dropping.dismiss();
   return whatText_;
 }
 
+// Strings, not streams: a stream loses text for want of memory without a word, groups the digits of the line
+// where the locale wants that, and takes the locale's lock, which nobody may own in a forked child.
 std::string Exception::whereText() const {
-  std::ostringstream where;
+  std::string where;
   if (file_ != nullptr) {
-    // The line as a string: a stream would group its digits where the locale wants that.
-    where << "Exception occured at \"" << file_ << ':' << std::to_string(line_) << " ("
-          << (function_ != nullptr ? function_ : "") << ")\"\n\n";
+    where = std::string("Exception occured at \"") + file_ + ':' + std::to_string(line_) + " (" +
+            (function_ != nullptr ? function_ : "") + ")\"\n\n";
   }
-  if (!backtrace().empty()) where << "Function call backtrace:\n\n" << backtrace() << "\n\n";
-  return where.str();
+  if (backtrace().empty()) return where;
+  where += "Function call backtrace:\n\n";
+  for (auto frame = backtrace().rbegin(); frame != backtrace().rend(); ++frame) where += *frame + '\n';
+  return where + "\n\n";
 }
 
 std::string Exception::text() const { return explanation(); }

@@ -1,7 +1,6 @@
 #include "kespal/error/OsError.h"
 
-#include <iostream>
-
+#include "error/Report.h"
 #include "os/ErrorText.h"
 
 namespace kes {
@@ -14,7 +13,7 @@ std::string OsError::text() const {
   if (os::errorText(errnum_, buffer, sizeof buffer)) {
     text = buffer;
   } else {
-    std::cerr << "text: error getting error text from strerror_r!\n";
+    report({"text: error getting error text from strerror_r!\n"});
     text = "<unknown-error>";
   }
   return text + " (" + errnumLabel() + ')';

@@ -12,8 +12,8 @@
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/signal/Sender.h"
-#include "os/NoCancel.h"
 #include "proc/Collector.h"
+#include "sys/NoCancel.h"
 
 namespace kes::proc {
 
@@ -91,7 +91,7 @@ void Child::exit() {
 
 Child::~Child() {  // NOLINT(bugprone-exception-escape)
   if (pid_ == -1 && notify_ == nullptr) return;
-  const os::NoCancel untilForgotten;
+  const sys::NoCancel untilForgotten;
   const Collector collector(Collector::IfThere);
   if (collector) collector->forget(*this, pid_, registration_);
 }

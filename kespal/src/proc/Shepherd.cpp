@@ -4,44 +4,21 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <iostream>
 #include <iterator>
 #include <limits>
 #include <optional>
 #include <string>
 
+#include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/proc/Child.h"
-#include "os/NoCancel.h"
+#include "sys/AtEnd.h"
 
 namespace kes::proc {
 
 using ::kes::thread::Condition;
 using ::kes::thread::CoopThread;
-
-namespace {
-
-/// One write, so that the reports of several threads do not mix.
-void report(const std::string& text) {
-  const os::NoCancel untilWritten;
-  std::cerr << text << std::flush;
-}
-
-/// Calls a function when the scope is left, however that happens.
-template <typename Function>
-class AtEnd {
- public:
-  explicit AtEnd(Function function) : function_(function) {}
-  ~AtEnd() { function_(); }  // NOLINT(bugprone-exception-escape): ends the program then
-  AtEnd(const AtEnd&) = delete;
-  AtEnd& operator=(const AtEnd&) = delete;
-
- private:
-  Function function_;
-};
-
-}  // namespace
 
 constinit std::atomic<std::uint64_t> Shepherd::m_registrations{0};
 
@@ -79,7 +56,7 @@ void Shepherd::stop() {
     }
     thread_.join();
   } catch (const Exception& error) {
-    report("Error joining " + thread_.name() + " thread:\n" + error.exStack());
+    reportStack({"Error joining ", thread_.name(), " thread:\n"}, error, /*end=*/"");
   }
   reapSentinel();
 }
@@ -150,14 +127,14 @@ bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeo
                     std::uint64_t registration) {
   const bool isCollector = isCaller();
   enter();
-  const AtEnd leaving([this] { leave(); });
+  const sys::AtEnd leaving([this] { leave(); });
   const Guard guard(cond_);
   std::optional<time::RealtimeClock> deadline;
   if (timeout != nullptr) deadline.emplace() += *timeout;
 
   const Waiter waiter(lock_);
   const auto entry = waiters_.insert({pid, &waiter});
-  const AtEnd unlisting([this, entry] { waiters_.erase(entry); });
+  const sys::AtEnd unlisting([this, entry] { waiters_.erase(entry); });
   while (!fetch(pid, registration, status)) {
     if (isCollector) {
       raiseAt({"src/proc/Shepherd", 124, "wait"}, RuntimeError("need no lock but my result's not there?!"));
@@ -181,7 +158,7 @@ void Shepherd::wakeWaiters(int pid) const {
 }
 
 void Shepherd::thread(CoopThread& self) {
-  const AtEnd finishing([this] { finish(); });
+  const sys::AtEnd finishing([this] { finish(); });
   while (awaitWork(self)) reapOne();
 }
 
@@ -221,7 +198,7 @@ void Shepherd::waitFailed(int error) {
     if (stopping_) return;
     childless_ = error == ECHILD && waitedFor_ == newest_;
   }
-  report(thread_.name() + ": Error waiting for childs ...\n");
+  report({thread_.name(), ": Error waiting for childs ...\n"});
 }
 
 void Shepherd::reap(pid_t pid) {
@@ -235,7 +212,8 @@ void Shepherd::reap(pid_t pid) {
   const auto child = registeredAs(pid);
   if (child == registered_.end()) {
     guard.unlock();
-    report(thread_.name() + ": Got info for not registered child: " + std::to_string(pid) + '\n');
+    report({thread_.name(), ": Got info for not registered child: ", Decimal(static_cast<std::uint64_t>(pid)),
+            "\n"});
     return;
   }
   auto ended = registered_.extract(child);
@@ -254,7 +232,7 @@ void Shepherd::checkCB(const int& pid, Guard& guard) {
   callbacks_.erase(entry);
   notifying_ = child;
   guard.unlock();
-  const AtEnd done([this] {
+  const sys::AtEnd done([this] {
     const Guard again(cond_);
     notifying_ = nullptr;
     cond_.signalAll();
@@ -262,7 +240,7 @@ void Shepherd::checkCB(const int& pid, Guard& guard) {
   try {
     child->exited();
   } catch (const Exception& error) {
-    report("checkCB: callback has thrown an exception:\n" + error.exStack());
+    reportStack({"checkCB: callback has thrown an exception:\n"}, error, /*end=*/"");
   }
 }
 

@@ -1,9 +1,8 @@
 #include "thread/Control.h"
 
-#include <iostream>
-
+#include "error/Report.h"
 #include "kespal/error/StaticError.h"
-#include "os/NoCancel.h"
+#include "kespal/os/thread/Native.h"
 
 namespace kes::thread {
 
@@ -17,12 +16,12 @@ void BasicThread::Control::entry(std::uint64_t ownId) {
   try {
     function(argument);
   } catch (const Exception& error) {
-    report(" died with KES exception:\n" + error.exStack() + '\n');
+    reportStack({"Thread ", name, " (", Decimal(nativeId), ")", " died with KES exception:\n"}, error);
   } catch (const std::exception& error) {
-    report(" died with std::exception: " + std::string(error.what()) + '\n');
+    reportWhat({"Thread ", name, " (", Decimal(nativeId), ")", " died with std::exception: "}, error);
   } catch (...) {
     if (os::isForcedUnwind()) throw;
-    report(" died with an unknown exception\n");
+    report({"Thread ", name, " (", Decimal(nativeId), ")", " died with an unknown exception\n"});
   }
 }
 
@@ -34,12 +33,6 @@ bool BasicThread::Control::pickUpGo(std::uint64_t ownId) {
   if (state != STARTING) return false;
   state = detached ? RUNNING_DETACHED : RUNNING;
   return true;
-}
-
-/// One write, so that the reports of several threads do not mix.
-void BasicThread::Control::report(const std::string& death) const {
-  const os::NoCancel untilWritten;
-  std::cerr << "Thread " + name + " (" + std::to_string(nativeId) + ')' + death << std::flush;
 }
 
 /// What is left to do for a native thread that ends, however it came to that. A waiter of any kind is

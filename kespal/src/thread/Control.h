@@ -59,7 +59,6 @@ struct BasicThread::Control {
 
  private:
   bool pickUpGo(std::uint64_t ownId);
-  void report(const std::string& death) const;
 };
 
 }  // namespace kes::thread

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 #include "kespal/Backtrace.h"
@@ -24,8 +25,8 @@ class Exception : public std::exception {
   Exception& operator=(const Exception&) = delete;
 
   /// The whole explanation, several lines without a final newline; valid while the object lives. Being
-  /// noexcept, as the standard wants it, it ends the program if memory runs out while it builds the text;
-  /// from every other operation std::bad_alloc propagates.
+  /// noexcept, as the standard wants it, it ends the program if memory runs out while it builds the text.
+  /// Every other operation lets std::bad_alloc through, and may be tried again: no text is ever cut short.
   const char* what() const noexcept override;
   /// The essence in one line, without location.
   virtual std::string text() const;
@@ -107,14 +108,19 @@ class Raisable : public Base {
   std::terminate();  // never reached: GCC forgets [[noreturn]] when it knows which override is called
 }
 
-/// The same for an error made on the spot. Its type is known, so raise() becomes a part of the throw site:
-/// every frame that an exception passes is paid for.
+/// The same for an error made on the spot. Where its type is what it is called, raise() becomes a part of the
+/// throw site: every frame that an exception passes is paid for.
 template <typename Error>
 requires std::is_base_of_v<Exception, Error>
 [[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Error&& error) {
-  locateAt(site, error);
-  error.Error::raise();
-  std::terminate();  // never reached, as above
+  if constexpr (!std::is_abstract_v<Error>) {
+    if (typeid(error) == typeid(Error)) {
+      locateAt(site, error);
+      error.Error::raise();
+      std::terminate();  // never reached, as above
+    }
+  }
+  raiseAt(site, static_cast<Exception&>(error));
 }
 
 }  // namespace kes

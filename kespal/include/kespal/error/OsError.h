@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cerrno>
+
 #include "kespal/error/Exception.h"
 
 namespace kes {
@@ -14,13 +16,31 @@ class OsError : public Raisable<OsError, Exception> {
   std::string errnumLabel() const;
 
   /// The system's text for the number, then the number in parentheses. Should the system refuse, a line
-  /// goes to standard error and the text is "<unknown-error>".
+  /// goes to standard error and the text is "<unknown-error>", with the number behind it as always.
   std::string text() const override;
   void moreWhat() const override;
 
  private:
   int errnum_;
 };
+
+/// For a call that answers -1 and sets errno: raises an OsError from the site when it failed.
+/// `check(KES_HERE,
+/// ::chdir(path))` is the whole of a wrapper; nothing stands between the call and the reading of errno.
+template <typename Result>
+[[gnu::always_inline]] inline Result check(const Site& site, Result result) {
+  if (result == -1) [[unlikely]] {
+    raiseAt(site, OsError(errno));
+  }
+  return result;
+}
+
+/// For a call that returns 0 or an error number, as those of POSIX threads do.
+[[gnu::always_inline]] inline void checkCode(const Site& site, int code) {
+  if (code != 0) [[unlikely]] {
+    raiseAt(site, OsError(code));
+  }
+}
 
 /// The process that was addressed does not exist (ESRCH).
 class NoSuchProcessError : public Raisable<NoSuchProcessError, OsError> {

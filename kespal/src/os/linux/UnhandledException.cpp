@@ -1,33 +1,27 @@
 #include "kespal/UnhandledException.h"
 
 #include <exception>
-#include <iostream>
-#include <string>
 
-#include "kespal/error/Exception.h"
+#include "error/Report.h"
 
 namespace kes {
 
-namespace {
-void log(const std::string& text) { std::cerr << text + '\n' << std::flush; }
-}  // namespace
-
 void kespal_unhandled_exception() {
-  log(">>> unhandled iOS exception occured <<<");
+  report({">>> unhandled iOS exception occured <<<\n"});
   // Null for what C++ did not throw, and in the middle of unwinding: `throw;` would terminate once more.
   const std::exception_ptr unhandled = std::current_exception();
   if (!unhandled) {
-    log("unknown exception type");
+    report({"unknown exception type\n"});
     return;
   }
   try {
     std::rethrow_exception(unhandled);
   } catch (const Exception& error) {
-    log("kes::Exception:\n" + error.exStack());
+    reportStack({"kes::Exception:\n"}, error);
   } catch (const std::exception& error) {
-    log(std::string("std::exception:\n\n") + error.what());
+    reportWhat({"std::exception:\n\n"}, error);
   } catch (...) {
-    log("unknown exception type");
+    report({"unknown exception type\n"});
   }
 }
 

@@ -10,7 +10,7 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/proc/Env.h"
-#include "os/NoCancel.h"
+#include "sys/NoCancel.h"
 
 namespace kes::term {
 
@@ -133,7 +133,7 @@ ColorGuard::ColorGuard(std::ostream& stream, const Paint& paint) : paint_(paint)
 }
 
 ColorGuard::~ColorGuard() {
-  const os::NoCancel uninterrupted;
+  const sys::NoCancel uninterrupted;
   Terminal::processCmd(stream_, {.flags = Command::Reset, .force = paint_.force});
   stream_.flush();
 }

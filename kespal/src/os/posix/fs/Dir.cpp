@@ -4,13 +4,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <iostream>
 #include <utility>
 
+#include "error/Report.h"
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Info.h"
-#include "os/NoCancel.h"
+#include "sys/NoCancel.h"
 
 namespace kes::fs {
 
@@ -50,12 +50,7 @@ DIR* openDirAt(int directory, const char* name) {
 }  // namespace
 
 Dir::~Dir() {
-  const os::NoCancel guard;
-  try {
-    close();
-  } catch (const Exception& error) {
-    std::cerr << "WARNING: directory not closed:\n" + error.exStack() + '\n' << std::flush;
-  }
+  doReporting({"WARNING: directory not closed:\n"}, [this] { close(); });
 }
 
 Dir::Dir(DIR* stream) noexcept : stream_(stream), fd_(stream != nullptr ? ::dirfd(stream) : -1) { init(); }

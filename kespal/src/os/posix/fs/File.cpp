@@ -6,17 +6,17 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <utility>
 
+#include "error/Report.h"
 #include "fs/TempTemplate.h"
 #include "kespal/error/FsError.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Ops.h"
-#include "os/NoCancel.h"
 #include "os/posix/fs/NullPath.h"
+#include "sys/NoCancel.h"
 
 namespace kes::fs {
 
@@ -68,13 +68,7 @@ File* File::m_null_in = nullptr;
 File* File::m_null_out = nullptr;
 
 File::~File() {
-  if (fd_ == -1) return;
-  const os::NoCancel noCancel;
-  try {
-    File::close();
-  } catch (const Exception& error) {
-    std::cerr << "Error closing file:\n\n" << error.exStack() << '\n';
-  }
+  if (fd_ != -1) doReporting({"Error closing file:\n\n"}, [this] { File::close(); });
 }
 
 void File::open(const char* path, const Mode& mode, const unsigned& flags, const Access* access) {
@@ -102,7 +96,7 @@ void File::open(Pipe& pipe, bool readEnd) {
 
 void File::close() {
   if (fd_ == -1) return;
-  const os::NoCancel noCancel;  // a thread that is cancelled here would leave the descriptor open
+  const sys::NoCancel noCancel;  // a thread that is cancelled here would leave the descriptor open
   // The descriptor is gone whatever the call answers: on EINTR, too, another thread may have it by now.
   if (::close(std::exchange(fd_, -1)) != 0) raiseAt(KES_HERE, OsError(errno));
 }

@@ -3,11 +3,11 @@
 #include <sys/file.h>
 
 #include <cerrno>
-#include <iostream>
 
+#include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "os/NoCancel.h"
+#include "sys/NoCancel.h"
 
 namespace kes::fs {
 
@@ -43,12 +43,7 @@ void Lock::unlock() const {
 }
 
 ScopedLock::~ScopedLock() {
-  const os::NoCancel noCancel;
-  try {
-    lock_.unlock();
-  } catch (const Exception& error) {
-    std::cerr << "Exception caught while destroying file lock:\n" << error.exStack() << '\n';
-  }
+  doReporting({"Exception caught while destroying file lock:\n"}, [this] { lock_.unlock(); });
 }
 
 }  // namespace kes::fs

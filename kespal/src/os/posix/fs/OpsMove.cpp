@@ -8,8 +8,8 @@
 #include "kespal/fs/Copier.h"
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
-#include "os/NoCancel.h"
 #include "os/posix/fs/NullPath.h"
+#include "sys/NoCancel.h"
 
 namespace kes::fs {
 
@@ -41,7 +41,7 @@ class TakeBack : NoCopy {
   explicit TakeBack(const char* copy) noexcept : copy_(copy) {}
   ~TakeBack() {
     if (copy_ == nullptr) return;
-    const os::NoCancel noCancel;
+    const sys::NoCancel noCancel;
     try {
       Ops::remove(copy_);
     } catch (...) {  // NOLINT(bugprone-empty-catch)

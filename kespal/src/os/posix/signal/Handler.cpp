@@ -1,15 +1,14 @@
 #include "kespal/signal/Handler.h"
 
 #include <cerrno>
-#include <iostream>
-#include <string>
 
+#include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/os/thread/Native.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/LockGuard.h"
-#include "os/NoCancel.h"
+#include "sys/NoCancel.h"
 
 namespace kes::signal {
 
@@ -28,21 +27,16 @@ class Blocked : NoCopy {
   const Set before_;
 };
 
-void report(const std::string& trouble) {
-  const os::NoCancel untilWritten;
-  std::cerr << "handle" + trouble + '\n' << std::flush;
-}
-
 }  // namespace
 
 Handler::Handler() : worker_("signal handler", this) {}
 
 Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
-  const os::NoCancel untilStopped;
+  const sys::NoCancel untilStopped;
   try {
     stop();
   } catch (const Exception& error) {
-    std::cerr << "Error stopping the signal thread:\n" + error.exStack() + '\n' << std::flush;
+    reportStack({"Error stopping the signal thread:\n"}, error);
     worker_.kill();  // it must not outlive what it works on
   }
 }
@@ -139,10 +133,10 @@ void Handler::handle(const int& signal, const siginfo_t& info) {
     try {
       notifier->notify(signal, info);
     } catch (const Exception& error) {
-      report(": Got an exception:\n" + error.exStack());
+      reportStack({"handle: Got an exception:\n"}, error);
     } catch (...) {
       if (os::isForcedUnwind()) throw;
-      report(": Got an unknown exception");
+      report({"handle: Got an unknown exception\n"});
     }
   }
 }

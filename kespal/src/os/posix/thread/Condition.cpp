@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "os/posix/thread/Warning.h"
+#include "error/Report.h"
 
 namespace kes::thread {
 
@@ -34,7 +34,7 @@ Condition::~Condition() {
   if (const int result = ::pthread_cond_destroy(&condition_); result != 0) {
     OsError error(result);
     locateAt({"src/os/posix/thread/Condition", 88, "~Condition"}, error);
-    os::warn("WARNING: Destroying condition failed:\n", error);
+    reportWhat({"WARNING: Destroying condition failed:\n"}, error);
   }
 }
 

@@ -1,6 +1,6 @@
 #include "kespal/thread/Lock.h"
 
-#include "os/posix/thread/Warning.h"
+#include "error/Report.h"
 
 namespace kes::thread {
 
@@ -26,7 +26,7 @@ LockBase::~LockBase() {
   if (const int result = ::pthread_mutex_destroy(&mutex_); result != 0) {
     OsError error(result);
     locateAt({"src/os/posix/thread/Lock", 88, "~LockBase"}, error);
-    os::warn("WARNING: Destroying mutex failed:\n", error);
+    reportWhat({"WARNING: Destroying mutex failed:\n"}, error);
   }
 }
 

@@ -7,13 +7,13 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <iostream>
 #include <limits>
 #include <ostream>
 
+#include "error/Report.h"
 #include "kespal/State.h"
 #include "kespal/error/StaticError.h"
-#include "os/NoCancel.h"
+#include "sys/NoCancel.h"
 #include "thread/Control.h"
 
 namespace kes::thread {
@@ -69,7 +69,7 @@ BasicThread::BasicThread(void (*function)(void*), const std::string& name, void*
 
 // A thread whose lock or end the system refuses ends the program: nothing could go on safely.
 BasicThread::~BasicThread() {  // NOLINT(bugprone-exception-escape)
-  const os::NoCancel untilBuried;
+  const sys::NoCancel untilBuried;
   const std::shared_ptr<Control> shared = control_;
   LockGuardT<Condition> guard(shared->cond);
   if (shared->mustBury()) {
@@ -134,8 +134,7 @@ void* BasicThread::nativeEntry(void* control) {
   try {
     ownId = getNativeThreadId();
   } catch (const OsError&) {
-    const os::NoCancel untilWritten;
-    std::cerr << "Failed to get native thread ID\n" << std::flush;
+    report({"Failed to get native thread ID\n"});
   }
   shared.entry(ownId);
   if (!willFinish) shared.finish();

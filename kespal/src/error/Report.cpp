@@ -1,0 +1,97 @@
+#include "error/Report.h"
+
+#include <unistd.h>
+
+#include <iostream>
+#include <string>
+
+#include "sys/NoCancel.h"
+#include "sys/Retry.h"
+
+namespace kes {
+
+namespace {
+
+constexpr std::string_view noMemory = "(no memory left for the rest of this report)\n";
+
+/// Whoever has taken std::cerr's buffer away, or one that refuses, leaves the descriptor.
+void writeRaw(std::string_view text) noexcept {
+  while (!text.empty()) {
+    const ssize_t written = sys::retry([text] { return ::write(STDERR_FILENO, text.data(), text.size()); });
+    if (written <= 0) return;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+/// Past the stream itself, whose state or exception mask may forbid output.
+std::size_t writeToStream(std::string_view text) noexcept {
+  try {
+    if (std::ostream* tied = std::cerr.tie()) tied->flush();
+  } catch (...) {  // what is tied to it is not what is to be said
+  }
+  try {
+    std::streambuf* buffer = std::cerr.rdbuf();
+    if (buffer == nullptr) return 0;
+    const auto size = static_cast<std::streamsize>(text.size());
+    const std::streamsize written = buffer->sputn(text.data(), size);
+    buffer->pubsync();
+    return static_cast<std::size_t>(written);
+  } catch (...) {
+    return 0;
+  }
+}
+
+void write(std::string_view text) noexcept { writeRaw(text.substr(writeToStream(text))); }
+
+/// All pieces of both lists as one text. Throws std::bad_alloc.
+std::string joined(Pieces first, Pieces second) {
+  std::string text;
+  for (const Pieces& pieces : {first, second}) {
+    for (std::string_view piece : pieces) text += piece;
+  }
+  return text;
+}
+
+void writeAll(Pieces headline, Pieces rest) noexcept {
+  const sys::NoCancel untilWritten;
+  try {
+    write(joined(headline, rest));
+  } catch (const std::bad_alloc&) {
+    for (const Pieces& pieces : {headline, rest}) {
+      for (std::string_view piece : pieces) write(piece);
+    }
+  }
+}
+
+/// `compose` makes the text behind the headline, and may throw for want of memory.
+template <typename Compose>
+void reportComposed(Pieces headline, Compose compose, std::string_view end) noexcept {
+  const sys::NoCancel untilWritten;
+  try {
+    writeAll(headline, {compose(), end});
+  } catch (...) {
+    writeAll(headline, {noMemory});
+  }
+}
+
+}  // namespace
+
+void report(Pieces text) noexcept { writeAll(text, {}); }
+
+void reportStack(Pieces headline, const Exception& error, std::string_view end) noexcept {
+  reportComposed(
+      headline, [&error] { return error.exStack(); }, end);
+}
+
+void reportWhat(Pieces headline, const Exception& error) noexcept {
+  // Not what(): being noexcept, that one would end the program for want of memory.
+  reportComposed(
+      headline, [&error] { return error.Exception::text(); }, "\n");
+}
+
+void reportWhat(Pieces headline, const std::exception& error) noexcept {
+  const char* what = error.what();
+  writeAll(headline, {what != nullptr ? what : "", "\n"});
+}
+
+}  // namespace kes

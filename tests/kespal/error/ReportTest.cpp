@@ -1,0 +1,174 @@
+#include "error/Report.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "kespal/error/FsError.h"
+#include "support/ForkedChild.h"
+#include "support/NoMemory.h"
+
+namespace kes {
+namespace {
+
+using test::inChild;
+using test::NoMemory;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// Sends what std::cerr gets to a text while it lives.
+class Captured {
+ public:
+  explicit Captured(std::streambuf* buffer) : before_(std::cerr.rdbuf(buffer)) {}
+  ~Captured() { std::cerr.rdbuf(before_); }
+  Captured(const Captured&) = delete;
+  Captured& operator=(const Captured&) = delete;
+
+ private:
+  std::streambuf* before_;
+};
+
+struct Speechless : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
+
+/// A buffer that throws whatever it is given.
+struct Refusing : std::streambuf {
+  std::streamsize xsputn(const char*, std::streamsize) override { throw std::runtime_error("no"); }
+};
+
+TEST(ReportTest, AReportIsItsPiecesInOneWrite) {
+  struct Counting : std::stringbuf {
+    int writes = 0;
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+      ++writes;
+      return std::stringbuf::xsputn(text, size);
+    }
+  } buffer;
+  {
+    const Captured captured(&buffer);
+    report({"Thread ", "t", " (", Decimal(42), ")\n"});
+  }
+  EXPECT_EQ(buffer.str(), "Thread t (42)\n");
+  EXPECT_EQ(buffer.writes, 1);
+}
+
+TEST(ReportTest, TheStackOfAnErrorStandsBehindTheHeadline) {
+  FsError error("/x", ENOENT);
+  std::ostringstream text;
+  {
+    const Captured captured(text.rdbuf());
+    reportStack({"Headline:\n"}, error);
+    reportStack({"Again:\n"}, error, /*end=*/"");
+  }
+  EXPECT_EQ(text.str(), "Headline:\n" + error.exStack() + "\nAgain:\n" + error.exStack());
+}
+
+TEST(ReportTest, TheTextOfALibraryErrorIsItsWholeExplanation) {
+  const FsError error("/x", ENOENT);
+  std::ostringstream text;
+  {
+    const Captured captured(text.rdbuf());
+    reportWhat({"WARNING: "}, error);
+  }
+  EXPECT_EQ(text.str(), std::string("WARNING: ") + error.what() + '\n');
+}
+
+TEST(ReportTest, AnErrorWithoutATextIsReportedByItsHeadline) {
+  std::ostringstream text;
+  {
+    const Captured captured(text.rdbuf());
+    reportWhat({"died: "}, Speechless());
+  }
+  EXPECT_EQ(text.str(), "died: \n");
+}
+
+TEST(ReportTest, AStreamThatIsInAnyStateOrMayThrowKeepsNothingBack) {
+  const test::ChildResult child = inChild([] {
+    std::cerr.setstate(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
+    report({"one\n"});
+    std::cerr.clear();
+    std::cerr.exceptions(std::ios::badbit | std::ios::failbit);
+    EXPECT_THROW(std::cerr.rdbuf(nullptr), std::ios::failure);
+    report({"two\n"});
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(child.err, "one\ntwo\n");
+}
+
+TEST(ReportTest, ABufferThatThrowsIsPassedBy) {
+  const test::ChildResult child = inChild([] {
+    Refusing refusing;
+    const Captured captured(&refusing);
+    report({"still ", "said\n"});
+    return 0;
+  });
+  EXPECT_EQ(child.err, "still said\n");
+}
+
+TEST(ReportTest, WithoutMemoryAReportOfPiecesIsWhole) {
+  const test::ChildResult child = inChild([] {
+    const std::string name(100, 'n');
+    const std::runtime_error error(name);
+    const NoMemory starving;
+    report({"Thread ", name, " died\n"});
+    reportWhat({"Thread ", name, " died with "}, error);
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  const std::string name(100, 'n');
+  EXPECT_EQ(child.err, "Thread " + name + " died\nThread " + name + " died with " + name + '\n');
+}
+
+TEST(ReportTest, WithoutMemoryAnErrorIsReportedByAShorterText) {
+  const test::ChildResult child = inChild([] {
+    const FsError error("/some/where", ENOENT);
+    const NoMemory starving;
+    reportStack({"Headline of a report that is long enough to need memory:\n"}, error);
+    reportWhat({"Another:\n"}, error);
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(child.err,
+            "Headline of a report that is long enough to need memory:\n"
+            "(no memory left for the rest of this report)\n"
+            "Another:\n(no memory left for the rest of this report)\n");
+}
+
+TEST(ReportTest, WhatIsTiedToTheStreamIsFlushedFirst) {
+  const test::ChildResult child = inChild([] {
+    ::dup2(STDOUT_FILENO, STDERR_FILENO);
+    std::cout << "before ";
+    report({"after\n"});
+    return 0;
+  });
+  EXPECT_EQ(child.out, "before after\n");
+}
+
+TEST(ReportTest, ADestructorsErrorIsReportedAndGoesNoFurther) {
+  const test::ChildResult child = inChild([] {
+    doReporting({"Cannot:\n"}, [] { raiseAt(KES_HERE, FsError("/x", EIO)); });
+    doReporting({"Cannot: "}, [] { throw std::bad_alloc(); });
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_THAT(child.err, StartsWith("Cannot:\n\n#1)\n"));
+  EXPECT_THAT(child.err, HasSubstr("\nCannot: std::bad_alloc\n"));
+}
+
+TEST(ReportTest, NumbersTakeNoMemory) {
+  const NoMemory starving;
+  EXPECT_EQ(std::string_view(Decimal(0)), "0");
+  EXPECT_EQ(std::string_view(Decimal(18446744073709551615U)), "18446744073709551615");
+}
+
+}  // namespace
+}  // namespace kes
