@@ -12,13 +12,13 @@ using hexloops::Decoding;
 
 std::string hexBare(const unsigned char* bytes, std::size_t size, bool upper) {
   std::string text(2 * size, 0);
-  hexloops::vector::encode(bytes, size, upper, text.data());
+  hexloops::best::encode(bytes, size, upper, text.data());
   return text;
 }
 
 std::string hexSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper) {
   std::string text(3 * size, 0);
-  hexloops::vector::encodeSeparated(bytes, size, separator, upper, text.data());
+  hexloops::best::encodeSeparated(bytes, size, separator, upper, text.data());
   text.pop_back();
   return text;
 }
@@ -60,7 +60,7 @@ Bytes from_hex(const std::string& text) {
   Decoding decoding{text.data(), text.data() + text.size(), bytes.data()};
   Step last = Step::Byte;
   while (last == Step::Byte) {
-    hexloops::vector::decode(decoding);
+    hexloops::best::decode(decoding);
     hexloops::plain::decodeSeparated(decoding);
     last = decodePair(decoding);
   }

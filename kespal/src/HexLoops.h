@@ -3,9 +3,9 @@
 #include <array>
 #include <cstddef>
 
-/// The inner loops of hex() and from_hex(), twice: in portable C++, and with the vector instructions of the
-/// processor that is built for. Both give the same results; without such instructions the second forwards to
-/// the first.
+/// The inner loops of hex(), from_hex() and the dump, twice: in portable C++, and with the best instructions
+/// of the processor that is built for. Both give the same results; where nothing better is known here, the
+/// second forwards to the first.
 namespace kes::hexloops {
 
 /// What a character of a hexadecimal text is: the value of a digit of either case, or one of these.
@@ -48,12 +48,12 @@ void decodeSeparated(Decoding& decoding) noexcept;
 
 }  // namespace plain
 
-namespace vector {
+namespace best {
 
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
 void encodeSeparated(const unsigned char* bytes, std::size_t size, char separator, bool upper,
                      char* to) noexcept;
 void decode(Decoding& decoding) noexcept;
 
-}  // namespace vector
+}  // namespace best
 }  // namespace kes::hexloops

@@ -1,7 +1,7 @@
-// For processors without vector loops of their own here.
+// For processors without loops of their own here.
 #include "HexLoops.h"
 
-namespace kes::hexloops::vector {
+namespace kes::hexloops::best {
 
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept {
   plain::encode(bytes, size, upper, to);
@@ -14,4 +14,4 @@ void encodeSeparated(const unsigned char* bytes, std::size_t size, char separato
 
 void decode(Decoding& decoding) noexcept { plain::decode(decoding); }
 
-}  // namespace kes::hexloops::vector
+}  // namespace kes::hexloops::best

@@ -5,7 +5,7 @@
 
 #include "HexLoops.h"
 
-namespace kes::hexloops::vector {
+namespace kes::hexloops::best {
 
 namespace {
 
@@ -126,4 +126,4 @@ void decode(Decoding& decoding) noexcept {
   plain::decode(decoding);
 }
 
-}  // namespace kes::hexloops::vector
+}  // namespace kes::hexloops::best

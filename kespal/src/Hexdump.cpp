@@ -2,104 +2,37 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
-#include <iomanip>
 #include <ostream>
-#include <sstream>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "HexLoops.h"
 
 namespace kes {
 
 namespace {
 
-/// Makes a stream write hexadecimal numbers filled with zeros, and gives it back as it was.
-class HexFormat {
- public:
-  explicit HexFormat(std::ostream& stream)
-      : stream_(stream), fill_(stream.fill('0')), flags_(stream.setf(std::ios::hex, std::ios::basefield)) {}
-  ~HexFormat() {
-    stream_.flags(flags_);
-    stream_.fill(fill_);
-  }
-  HexFormat(const HexFormat&) = delete;
-  HexFormat& operator=(const HexFormat&) = delete;
+using Bytes = std::span<const unsigned char>;
 
- private:
-  std::ostream& stream_;
-  char fill_;
-  std::ios::fmtflags flags_;
-};
-
-std::size_t lineLength(const Hexdump& dump) {
-  return dump.perLine > 0 ? static_cast<std::size_t>(dump.perLine) : dump.size;
-}
-
-void writeByte(std::ostream& stream, unsigned char byte) {
-  stream << std::setw(2) << static_cast<unsigned>(byte);
-}
-
-void writeEach(std::ostream& stream, const Hexdump& dump) {
-  const std::size_t perLine = lineLength(dump);
-  for (std::size_t index = 0; index < dump.size; ++index) {
-    if (index != 0) stream << (index % perLine == 0 ? "\n" : dump.separator);
-    writeByte(stream, dump.data[index]);
-  }
-}
-
-/// What every byte value becomes in one dump: its digits, and the separator behind them. The stream itself
-/// knows how its flags and locale write a value, so it is asked, once per value.
-class Units {
- public:
-  static constexpr std::size_t widest = 16;
-
-  Units(const std::ostream& stream, const std::string& separator) {
-    std::ostringstream formatter;
-    formatter.imbue(stream.getloc());
-    formatter.flags(stream.flags());
-    formatter.fill(stream.fill());
-    for (unsigned value = 0; value < text_.size(); ++value) {
-      formatter.str("");
-      writeByte(formatter, static_cast<unsigned char>(value));
-      const std::string unit = formatter.str() + separator;
-      unit.copy(text_[value], widest);
-      size_[value] = static_cast<unsigned char>(std::min<std::size_t>(unit.size(), 255));
-      longest_ = std::max(longest_, unit.size());
-    }
-  }
-
-  /// The size of the longest one. Only units up to the widest can be written.
-  std::size_t longest() const { return longest_; }
-
-  /// Writes the unit of a byte and, to move a known number of characters, whatever lies behind it.
-  template <std::size_t Width>
-  char* write(char* to, unsigned char byte) const {
-    std::memcpy(to, text_[byte], Width);
-    return to + size_[byte];
-  }
-
- private:
-  std::array<char[widest], 256> text_{};
-  std::array<unsigned char, 256> size_;
-  std::size_t longest_ = 0;
-};
-
-/// Text on its way to the stream, which gets it in large pieces.
+/// Text on its way to the stream, which gets it in large pieces and past its own formats: so they stay as
+/// they are, and no flag, fill or locale makes anything but two digits of a byte.
 class Pieces {
  public:
   explicit Pieces(std::ostream& stream) : stream_(stream) {}
 
-  template <std::size_t Width>
-  void append(const unsigned char* bytes, std::size_t count, const Units& units) {
-    while (count != 0) {
-      if (room() < Units::widest) flush();
-      const std::size_t now = std::min(count, room() / Units::widest);
-      char* to = end_;
-      for (const unsigned char* end = bytes + now; bytes != end; ++bytes) to = units.write<Width>(to, *bytes);
-      end_ = to;
-      count -= now;
-    }
+  /// The place of the next `size` characters, at most `most`, which are to be written there.
+  char* take(std::size_t size) {
+    if (size > static_cast<std::size_t>(text_.data() + text_.size() - end_)) flush();
+    return std::exchange(end_, end_ + size);
   }
-  void append(char c) { *end_++ = c; }
-  void takeBack(std::size_t count) { end_ -= count; }
+  /// Gives the last ones of what was just taken back.
+  void takeBack(std::size_t size) { end_ -= size; }
+
+  void append(std::string_view text) {
+    for (; text.size() > most; text.remove_prefix(most)) text.copy(take(most), most);
+    text.copy(take(text.size()), text.size());
+  }
 
   void flush() {
     stream_.write(text_.data(), end_ - text_.data());
@@ -107,49 +40,57 @@ class Pieces {
   }
 
  private:
-  // One character more is kept for the end of a line.
-  std::size_t room() const { return static_cast<std::size_t>(text_.data() + text_.size() - 1 - end_); }
+  static constexpr std::size_t most = 4096;
 
   std::ostream& stream_;
-  std::array<char, 8192> text_;
+  std::array<char, 2 * most> text_;
   char* end_ = text_.data();
 };
 
-template <std::size_t Width>
-void writeUnits(std::ostream& stream, const Hexdump& dump, const Units& units) {
-  Pieces pieces(stream);
-  const std::size_t perLine = lineLength(dump);
-  for (std::size_t index = 0; index < dump.size;) {
-    const std::size_t count = std::min(perLine, dump.size - index);
-    pieces.append<Width>(dump.data + index, count, units);
-    pieces.takeBack(dump.separator.size());
-    index += count;
-    if (index != dump.size) pieces.append('\n');
+constexpr std::size_t atOnce = 256;
+
+/// Bytes of a line, at most `atOnce`, with the separator between two. Whether it also stands before the first
+/// or behind the last one is the caller's care.
+void append(Pieces& pieces, Bytes bytes, std::string_view separator, bool upper) {
+  if (separator.empty()) {
+    hexloops::best::encode(bytes.data(), bytes.size(), upper, pieces.take(2 * bytes.size()));
+    return;
   }
-  pieces.flush();
-  stream.width(0);
+  if (separator.size() == 1) {
+    char* const to = pieces.take(3 * bytes.size());
+    hexloops::best::encodeSeparated(bytes.data(), bytes.size(), separator.front(), upper, to);
+    pieces.takeBack(1);
+    return;
+  }
+  std::array<char, 2 * atOnce> digits;
+  hexloops::best::encode(bytes.data(), bytes.size(), upper, digits.data());
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    if (at != 0) pieces.append(separator);
+    pieces.append({&digits[2 * at], 2});
+  }
 }
 
-// From this size on the units pay for themselves.
-constexpr std::size_t large = 512;
+void appendLine(Pieces& pieces, Bytes line, std::string_view separator, bool upper) {
+  for (std::size_t at = 0; at < line.size(); at += atOnce) {
+    if (at != 0) pieces.append(separator);
+    append(pieces, line.subspan(at, std::min(atOnce, line.size() - at)), separator, upper);
+  }
+}
 
 }  // namespace
 
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump) {
   if (dump.data == nullptr) return stream << "nullptr";
-  const HexFormat format(stream);
-  if (dump.size < large) {
-    writeEach(stream, dump);
-    return stream;
+  stream.width(0);
+  const bool upper = (stream.flags() & std::ios::uppercase) != 0;
+  const Bytes bytes(dump.data, dump.size);
+  const std::size_t perLine = dump.perLine > 0 ? static_cast<std::size_t>(dump.perLine) : dump.size;
+  Pieces pieces(stream);
+  for (std::size_t at = 0; at < bytes.size(); at += perLine) {
+    if (at != 0) pieces.append("\n");
+    appendLine(pieces, bytes.subspan(at, std::min(perLine, bytes.size() - at)), dump.separator, upper);
   }
-  const Units units(stream, dump.separator);
-  if (units.longest() <= 4) {
-    writeUnits<4>(stream, dump, units);
-  } else if (units.longest() <= Units::widest) {
-    writeUnits<Units::widest>(stream, dump, units);
-  } else {
-    writeEach(stream, dump);
-  }
+  pieces.flush();
   return stream;
 }
 

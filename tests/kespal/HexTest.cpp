@@ -160,39 +160,39 @@ TEST(FromHexTest, RandomlyDamagedTextsAgreeWithThePlainModel) {
   }
 }
 
-TEST(HexLoopsTest, TheVectorLoopsWriteWhatThePlainOnesWrite) {
+TEST(HexLoopsTest, TheBestLoopsWriteWhatThePlainOnesWrite) {
   std::mt19937 random(4);
   for (std::size_t size = 0; size < 200; ++size) {
     const Bytes bytes = randomBytes(random, size);
     for (bool upper : {false, true}) {
-      std::string plain(2 * size, '?'), vector(2 * size, '?');
+      std::string plain(2 * size, '?'), best(2 * size, '?');
       hexloops::plain::encode(bytes.data(), size, upper, plain.data());
-      hexloops::vector::encode(bytes.data(), size, upper, vector.data());
-      ASSERT_EQ(vector, plain) << size;
+      hexloops::best::encode(bytes.data(), size, upper, best.data());
+      ASSERT_EQ(best, plain) << size;
 
       plain.assign(3 * size, '?');
-      vector = plain;
+      best = plain;
       hexloops::plain::encodeSeparated(bytes.data(), size, ':', upper, plain.data());
-      hexloops::vector::encodeSeparated(bytes.data(), size, ':', upper, vector.data());
-      ASSERT_EQ(vector, plain) << size;
+      hexloops::best::encodeSeparated(bytes.data(), size, ':', upper, best.data());
+      ASSERT_EQ(best, plain) << size;
     }
   }
 }
 
-TEST(HexLoopsTest, TheVectorLoopsReadAsFarAsThePlainOnes) {
+TEST(HexLoopsTest, TheBestLoopsReadAsFarAsThePlainOnes) {
   std::mt19937 random(5);
   for (int round = 0; round < 20000; ++round) {
     const Bytes bytes = randomBytes(random, random() % 60);
     std::string text = hex(bytes.data(), bytes.size(), 0, random() % 2 != 0);
     if (!text.empty() && random() % 2 != 0) text[random() % text.size()] = static_cast<char>(random());
-    Bytes plainBytes(text.size() / 2, 0), vectorBytes(text.size() / 2, 0);
-    hexloops::Decoding plain{text.data(), text.data() + text.size(), plainBytes.data()}, vector = plain;
-    vector.bytes = vectorBytes.data();
+    Bytes plainBytes(text.size() / 2, 0), bestBytes(text.size() / 2, 0);
+    hexloops::Decoding plain{text.data(), text.data() + text.size(), plainBytes.data()}, best = plain;
+    best.bytes = bestBytes.data();
     hexloops::plain::decode(plain);
-    hexloops::vector::decode(vector);
-    ASSERT_EQ(vector.text - text.data(), plain.text - text.data()) << text;
-    ASSERT_EQ(vector.bytes - vectorBytes.data(), plain.bytes - plainBytes.data()) << text;
-    ASSERT_EQ(vectorBytes, plainBytes) << text;
+    hexloops::best::decode(best);
+    ASSERT_EQ(best.text - text.data(), plain.text - text.data()) << text;
+    ASSERT_EQ(best.bytes - bestBytes.data(), plain.bytes - plainBytes.data()) << text;
+    ASSERT_EQ(bestBytes, plainBytes) << text;
   }
 }
 

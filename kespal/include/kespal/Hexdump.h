@@ -16,8 +16,9 @@ struct Hexdump {
 };
 
 /// Writes every byte with two digits, the bytes of a line apart by the separator and the lines by a newline,
-/// with none at the end; "nullptr" when there is no data. Digits follow the stream's other flags and its
-/// locale (std::uppercase gives "AB"); its base and fill are afterwards what they were, even if it throws.
+/// with none at the end; "nullptr" when there is no data. Of the stream's flags only std::uppercase counts,
+/// which gives "AB"; its fill and its locale do not. Flags and fill stay as they are, even if it throws; the
+/// width is used up, as by every output.
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump);
 
 }  // namespace kes
