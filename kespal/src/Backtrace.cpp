@@ -5,18 +5,17 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <functional>
-#include <memory>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <ostream>
 #include <shared_mutex>
 #include <span>
-#include <unordered_map>
+#include <utility>
 
 #include "kespal/Helper.h"
-#include "os/FrameNumbers.h"
 #include "os/Unloads.h"
+#include "sys/Owner.h"
 
 namespace kes {
 
@@ -28,13 +27,9 @@ struct Frames {
   std::size_t first;
 };
 
-struct Free {
-  void operator()(void* memory) const noexcept { std::free(memory); }
-};
-
-/// The lines of frames met before, by return address. To name a frame costs ten times as much as to find it
-/// on the stack. Nobody waits here: who finds the lines busy names the frames himself, so a child that was
-/// forked while another thread held the lock can still report its errors.
+/// The lines of frames met before, by return address and place on the stack, which is a part of the line on
+/// some systems. To name a frame costs ten times as much as to find it on the stack. Nobody waits here: who
+/// finds the lines busy names the frames himself.
 class Lines {
  public:
   /// False when one of the frames is unknown.
@@ -42,7 +37,7 @@ class Lines {
     const std::shared_lock lock(mutex_, std::try_to_lock);
     if (!lock || unloads != unloads_) return false;
     for (std::size_t at = frames.stack.size(); at-- > frames.first;) {
-      const auto known = lines_.find(keyOf(frames, at));
+      const auto known = lines_.find({frames.stack[at], at});
       if (known == lines_.end()) return false;
       trace.push_back(known->second);
     }
@@ -56,32 +51,17 @@ class Lines {
     if (unloads > unloads_ || lines_.size() > most) lines_.clear();
     unloads_ = unloads;
     auto line = trace.begin();
-    for (std::size_t at = frames.stack.size(); at-- > frames.first;)
-      lines_.emplace(keyOf(frames, at), *line++);
+    for (std::size_t at = frames.stack.size(); at-- > frames.first;) {
+      lines_.try_emplace({frames.stack[at], at}, *line++);
+    }
   }
 
  private:
-  struct Key {
-    void* address;
-    std::size_t number;
-    bool operator==(const Key&) const = default;
-  };
-  struct Hash {
-    std::size_t operator()(const Key& key) const noexcept {
-      return std::hash<void*>()(key.address) ^ key.number;
-    }
-  };
-
-  /// Where a line tells its frame's number, it stands for no other.
-  static Key keyOf(const Frames& frames, std::size_t at) noexcept {
-    return {frames.stack[at], os::numbersFrames() ? at : 0};
-  }
-
   static constexpr std::size_t most = 4096;
 
   mutable std::shared_mutex mutex_;
   std::uint64_t unloads_ = 0;
-  std::unordered_map<Key, std::string, Hash> lines_;
+  std::map<std::pair<void*, std::size_t>, std::string> lines_;
 };
 
 // A line without these two characters, as macOS writes it, gives everything before its end as "symbol";
@@ -98,7 +78,7 @@ std::string readable(const std::string& line) {
 
 /// The system numbers the frames as it gets them: so it gets all, in their order.
 void name(const Frames& frames, Backtrace& trace) {
-  const std::unique_ptr<char*, Free> lines(
+  const sys::Malloced<char*> lines(
       ::backtrace_symbols(frames.stack.data(), static_cast<int>(frames.stack.size())));
   if (!lines) return;
   for (std::size_t at = frames.stack.size(); at-- > frames.first;) trace.push_back(readable(lines.get()[at]));

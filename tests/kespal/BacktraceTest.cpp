@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -13,6 +14,7 @@
 
 #include "kespal/error/StaticError.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 #include "support/Sanitizer.h"
 
 // The linker sends the library's calls here; tests say what comes back.
@@ -217,6 +219,52 @@ TEST_F(BacktraceTest, AStackThatCannotBeNamedIsEmptyAndNamedLaterAllTheSame) {
   }
 }
 
+TEST_F(BacktraceTest, ALineIsNotGivenToTheSameFrameInAnotherPlace) {
+  static std::uintptr_t skipped = 0;
+  fakeBacktrace = [](void** frames, int) {
+    for (std::uintptr_t at = 0; at < 4; ++at) frames[at] = address(0x3000 + at + skipped);
+    return 4;
+  };
+  // As macOS writes them: with the number that the frame has on its stack.
+  fakeSymbols = [](void* const* frames, int count) {
+    auto** lines = static_cast<char**>(std::malloc(static_cast<std::size_t>(count) * (sizeof(char*) + 32)));
+    char* text = reinterpret_cast<char*>(lines + count);
+    for (int at = 0; at < count; ++at, text += 32) {
+      lines[at] = text;
+      std::snprintf(text, 32, "%d %zx", at, reinterpret_cast<std::uintptr_t>(frames[at]));
+    }
+    return lines;
+  };
+  EXPECT_EQ(Backtrace::get(), (Backtrace{"3 3003", "2 3002", "1 3001"}));
+  skipped = 1;
+  EXPECT_EQ(Backtrace::get(), (Backtrace{"3 3004", "2 3003", "1 3002"}));
+  skipped = 0;
+  EXPECT_EQ(Backtrace::get(), (Backtrace{"3 3003", "2 3002", "1 3001"}));
+}
+
+TEST_F(BacktraceTest, WithoutMemoryItSaysSoAndTheNextOneIsWhole) {
+  static std::uintptr_t place = 0x5000;
+  fakeBacktrace = [](void** frames, int) {
+    for (std::uintptr_t at = 0; at < 4; ++at) frames[at] = address(place + at);
+    return 4;
+  };
+  fakeSymbols = [](void* const* frames, int count) {
+    auto** lines = static_cast<char**>(std::malloc(static_cast<std::size_t>(count) * (sizeof(char*) + 80)));
+    char* text = reinterpret_cast<char*>(lines + count);
+    for (int at = 0; at < count; ++at, text += 80) {
+      lines[at] = text;
+      std::snprintf(text, 80, "/a/program/with/a/rather/long/path(+0x1) [0x%zx]",
+                    reinterpret_cast<std::uintptr_t>(frames[at]));
+    }
+    return lines;
+  };
+  Backtrace trace;
+  EXPECT_GT(test::starve([&] { trace = Backtrace::get(); }), 0U);
+  EXPECT_EQ(trace, Backtrace::get());
+  EXPECT_EQ(trace.back(), "/a/program/with/a/rather/long/path(+0x1) [0x5001]");
+  EXPECT_EQ(trace.size(), 3U);
+}
+
 TEST_F(BacktraceTest, MoreStacksThanAreRememberedAreNamedAllTheSame) {
   static std::uintptr_t next = 0;
   fakeBacktrace = [](void** frames, int) {
@@ -339,6 +387,49 @@ TEST_F(BacktraceTest, AChildForkedWhileOtherThreadsCaptureCanCaptureToo) {
     });
     ASSERT_EQ(result.signal(), 0);
     ASSERT_EQ(result.exitCode(), 0);
+  }
+}
+
+/// Loads and unloads a library in a thread as long as it lives.
+class Loader {
+ public:
+  Loader() {
+    thread_ = std::thread([this] {
+      while (!stop_) {
+        const Plugin alpha(KES_PLUGIN_ALPHA, "kes_plugin_alpha");
+        ++loaded_;
+      }
+    });
+    while (loaded_ == 0) std::this_thread::yield();
+  }
+  ~Loader() {
+    stop_ = true;
+    thread_.join();
+  }
+  Loader(const Loader&) = delete;
+  Loader& operator=(const Loader&) = delete;
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<int> loaded_{0};
+  std::thread thread_;
+};
+
+TEST_F(BacktraceTest, AChildForkedWhileAnotherThreadLoadsLibrariesCanCaptureToo) {
+  KES_SKIP_UNDER_SANITIZERS("allocates under locks that another thread of the parent may have held");
+  ASSERT_FALSE(captureBelow(3).empty());
+  const Loader loader;
+  for (int round = 0; round < 300; ++round) {
+    const test::ChildResult result = inChild([] {
+      ::alarm(20);
+      for (int again = 0; again < 3; ++again) {
+        const Backtrace trace = captureBelow(3);
+        if (trace.empty() || trace.back().find("captureBelow(int)") == std::string::npos) return 1;
+      }
+      return 0;
+    });
+    ASSERT_EQ(result.signal(), 0) << round;
+    ASSERT_EQ(result.exitCode(), 0) << round;
   }
 }
 
