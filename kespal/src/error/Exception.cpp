@@ -34,7 +34,9 @@ Exception::Exception(Exception&& other) noexcept
       file_(other.file_),
       line_(other.line_),
       function_(other.function_),
-      backtrace_(std::move(other.backtrace_)) {}
+      backtrace_(std::move(other.backtrace_)) {
+  other.whatText_.clear();  // it speaks of what is gone
+}
 
 void Exception::setNext(const Exception& cause) { next_.reset(cause.clone()); }
 
@@ -74,9 +76,9 @@ std::string Exception::whereText() const {
     where = std::string("Exception occured at \"") + file_ + ':' + std::to_string(line_) + " (" +
             (function_ != nullptr ? function_ : "") + ")\"\n\n";
   }
-  if (backtrace().empty()) return where;
+  if (!backtrace_ || backtrace_->empty()) return where;
   where += "Function call backtrace:\n\n";
-  for (auto frame = backtrace().rbegin(); frame != backtrace().rend(); ++frame) where += *frame + '\n';
+  for (auto frame = backtrace_->rbegin(); frame != backtrace_->rend(); ++frame) where += *frame + '\n';
   return where + "\n\n";
 }
 

@@ -3,9 +3,9 @@
 namespace kes {
 
 FsError::FsError(const std::string& path, int errnum)
-    : Raisable("At location: \"" + path + '"', "File system"), osError_(errnum), path_(path) {}
+    : Raisable("At location: \"", path, "\"", "File system"), osError_(errnum) {}
 
-std::string FsError::text() const { return path_ + ": " + osError_.text(); }
+std::string FsError::text() const { return path() + ": " + osError_.text(); }
 
 void FsError::moreWhat() const {
   DynError::moreWhat();

@@ -1,5 +1,6 @@
 #include "kespal/error/DynError.h"
 
+#include <ios>
 #include <utility>
 
 namespace kes {
@@ -64,6 +65,31 @@ TEST(DynErrorTest, ReadingTheStreamDoesNotTakeFromTheText) {
   error.stream() >> word;
   EXPECT_EQ(word, "one");
   EXPECT_EQ(error.text(), "one two");
+}
+
+TEST(DynErrorTest, ReadingToTheEndKeepsNobodyFromWriting) {
+  DynError error("one", nullptr);
+  std::string word;
+  error.stream() >> word;
+  EXPECT_TRUE(error.stream().good());
+  error.stream() << " two";
+  EXPECT_EQ(error.text(), "one two");
+}
+
+TEST(DynErrorTest, AWriteThatFailsIsToldAndTheNextOneIsDone) {
+  DynError error("given", nullptr);
+  EXPECT_THROW(error.stream() << static_cast<const char*>(nullptr), std::ios_base::failure);
+  error.stream() << ", streamed";
+  EXPECT_EQ(error.text(), "given, streamed");
+}
+
+TEST(DynErrorTest, WhatIsStreamedAfterAnExplanationIsInTheTextAndInCopies) {
+  DynError error("given", nullptr);
+  EXPECT_STREQ(error.what(), "given");
+  error.stream() << ", streamed";
+  EXPECT_STREQ(error.what(), "given");
+  EXPECT_EQ(error.text(), "given, streamed");
+  EXPECT_STREQ(DynError(error).what(), "given, streamed");
 }
 
 }  // namespace

@@ -54,6 +54,32 @@ TEST(OsErrorTest, ItKeepsItsNumber) {
   EXPECT_EQ(NoSuchProcessError(ESRCH).text(), OsError(ESRCH).text());
 }
 
+TEST(OsErrorTest, ACallThatFailedIsRaisedWithItsErrorNumberFromItsSite) {
+  errno = EACCES;
+  try {
+    check({"src/some/File", 42, "function"}, -1L);
+    FAIL() << "nothing was raised";
+  } catch (const OsError& error) {
+    EXPECT_EQ(error.errnum(), EACCES);
+    EXPECT_STREQ(error.file(), "src/some/File");
+    EXPECT_EQ(error.line(), 42);
+  }
+  EXPECT_EQ(check(KES_HERE, 7), 7);
+  EXPECT_EQ(check(KES_HERE, 0L), 0L);
+}
+
+TEST(OsErrorTest, ACallThatReturnsAnErrorNumberIsRaisedWithThatOne) {
+  errno = EACCES;
+  try {
+    checkCode({"src/some/File", 42, "function"}, EBUSY);
+    FAIL() << "nothing was raised";
+  } catch (const OsError& error) {
+    EXPECT_EQ(error.errnum(), EBUSY);
+    EXPECT_STREQ(error.function(), "function");
+  }
+  EXPECT_NO_THROW(checkCode(KES_HERE, 0));
+}
+
 TEST(OsErrorTest, WhenTheSystemRefusesALineGoesToStandardErrorAndTheTextIsUnknown) {
   const test::ChildResult result = test::inChild([] {
     refuse = true;

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "kespal/Backtrace.h"
-#include "kespal/UnhandledException.h"
 #include "kespal/error/Site.h"
 
 namespace kes {

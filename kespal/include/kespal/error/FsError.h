@@ -15,7 +15,7 @@ class FsError : public Raisable<FsError, DynError> {
   /// A null path counts as the empty one.
   FsError(const char* path, int errnum) : FsError(std::string(path != nullptr ? path : ""), errnum) {}
 
-  const std::string& path() const noexcept { return path_; }
+  const std::string& path() const noexcept { return given(); }
   const OsError& osError() const noexcept { return osError_; }
 
   /// The path, ": ", and the text of the error number.
@@ -24,7 +24,6 @@ class FsError : public Raisable<FsError, DynError> {
 
  private:
   OsError osError_;
-  std::string path_;
 };
 
 /// The eight conditions that callers catch by type; they differ in nothing else.

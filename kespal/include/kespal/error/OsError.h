@@ -24,9 +24,9 @@ class OsError : public Raisable<OsError, Exception> {
   int errnum_;
 };
 
-/// For a call that answers -1 and sets errno: raises an OsError from the site when it failed.
-/// `check(KES_HERE,
-/// ::chdir(path))` is the whole of a wrapper; nothing stands between the call and the reading of errno.
+/// For a call that answers -1 and sets errno: raises an OsError from the site when it failed, else gives its
+/// result. `check(KES_HERE, ::chdir(path));` is the whole of a wrapper: nothing stands between the call and
+/// the reading of errno.
 template <typename Result>
 [[gnu::always_inline]] inline Result check(const Site& site, Result result) {
   if (result == -1) [[unlikely]] {
@@ -36,9 +36,9 @@ template <typename Result>
 }
 
 /// For a call that returns 0 or an error number, as those of POSIX threads do.
-[[gnu::always_inline]] inline void checkCode(const Site& site, int code) {
-  if (code != 0) [[unlikely]] {
-    raiseAt(site, OsError(code));
+[[gnu::always_inline]] inline void checkCode(const Site& site, int errnum) {
+  if (errnum != 0) [[unlikely]] {
+    raiseAt(site, OsError(errnum));
   }
 }
 
