@@ -12,8 +12,6 @@ namespace kes {
 
 namespace {
 
-constexpr std::string_view noMemory = "(no memory left for the rest of this report)\n";
-
 /// Whoever has taken std::cerr's buffer away, or one that refuses, leaves the descriptor.
 void writeRaw(std::string_view text) noexcept {
   while (!text.empty()) {
@@ -70,7 +68,7 @@ void reportComposed(Pieces headline, Compose compose, std::string_view end) noex
   try {
     writeAll(headline, {compose(), end});
   } catch (...) {
-    writeAll(headline, {noMemory});
+    writeAll(headline, {noMemoryLeft, "\n"});
   }
 }
 

@@ -18,6 +18,9 @@ namespace kes {
 /// memory the report is shorter, or written in several pieces.
 using Pieces = std::initializer_list<std::string_view>;
 
+/// What stands for the rest of a report that there was no memory for.
+inline constexpr const char* noMemoryLeft = "(no memory left for the rest of this report)";
+
 void report(Pieces text) noexcept;
 
 /// The headline, the error with its causes as exStack() writes them, and `end`.

@@ -1,8 +1,7 @@
 #import <Foundation/Foundation.h>
 
 #include <cstdarg>
-#include <iostream>
-#include <string>
+#include <cstdio>
 
 // The system log, as what is logged alone: the platform's also writes the date and the process.
 void NSLog(NSString* format, ...) {
@@ -10,6 +9,6 @@ void NSLog(NSString* format, ...) {
   va_start(arguments, format);
   NSString* text = [[NSString alloc] initWithFormat:format arguments:arguments];
   va_end(arguments);
-  std::cerr << std::string([text UTF8String]) + '\n' << std::flush;
+  std::fprintf(stderr, "%s\n", [text UTF8String]);
   [text release];
 }

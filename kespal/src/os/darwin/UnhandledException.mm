@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#include "kespal/error/Exception.h"
+#include "error/Report.h"
 #include "os/darwin/ObjcGuard.h"
 
 namespace kes {
@@ -30,6 +30,15 @@ void logNSException(void* raw) {
   logDescription(@"Call stack: %@", [exception callStackSymbols]);
 }
 
+/// Never throws: this is the way to the end, which would be taken once more.
+void logStack(const Exception& error) noexcept {
+  try {
+    NSLog(@"kes::Exception:\n%s", error.exStack().c_str());
+  } catch (...) {
+    NSLog(@"kes::Exception:\n%s", noMemoryLeft);
+  }
+}
+
 }  // namespace
 
 void kespal_unhandled_exception() {
@@ -43,9 +52,10 @@ void kespal_unhandled_exception() {
   try {
     kesObjcGuard(rethrow, logNSException);
   } catch (const Exception& error) {
-    NSLog(@"kes::Exception:\n%s", error.exStack().c_str());
+    logStack(error);
   } catch (const std::exception& error) {
-    NSLog(@"std::exception:\n\n%s", error.what());
+    const char* const what = error.what();
+    NSLog(@"std::exception:\n\n%s", what != nullptr ? what : "");
   } catch (...) {
     NSLog(@"unknown exception type");
   }

@@ -8,14 +8,13 @@ namespace kes {
 
 void kespal_unhandled_exception() {
   report({">>> unhandled iOS exception occured <<<\n"});
-  // Null for what C++ did not throw, and in the middle of unwinding: `throw;` would terminate once more.
-  const std::exception_ptr unhandled = std::current_exception();
-  if (!unhandled) {
+  // Null for what C++ did not throw, and in the middle of unwinding: to throw on would end it all once more.
+  if (!std::current_exception()) {
     report({"unknown exception type\n"});
     return;
   }
   try {
-    std::rethrow_exception(unhandled);
+    throw;  // takes no memory, as std::rethrow_exception() would
   } catch (const Exception& error) {
     reportStack({"kes::Exception:\n"}, error);
   } catch (const std::exception& error) {
