@@ -1,7 +1,7 @@
 #pragma once
 
 // What the systems' threads do differently: the one choice that a header has to make. Each half offers,
-// in kes::os: nativeThreadId, nameThread, ForcedUnwind, isForcedUnwind, waitOn and waitUntil.
+// in kes::os: nativeThreadId, nameThread, isForcedUnwind, waitOn and waitUntil.
 #ifdef __APPLE__
 #include "kespal/os/darwin/thread/Native.h"
 #else

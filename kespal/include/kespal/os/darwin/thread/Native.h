@@ -8,14 +8,8 @@
 
 namespace kes::os {
 
-/// Stands for the exception that other systems throw through a cancelled thread. Nobody throws it here:
-/// a cancelled thread runs its cleanup handlers and the destructors of its thread-specific data, and
-/// nothing on its stack.
-class ForcedUnwind {
-  ForcedUnwind() = delete;
-};
-
-/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`.
+/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`. Never true here: a cancelled thread
+/// runs its cleanup handlers and the destructors of its thread-specific data, and nothing on its stack.
 inline bool isForcedUnwind() noexcept { return false; }
 
 /// Stores the calling thread's system-wide number, which no other thread ever has.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -12,12 +11,9 @@
 
 namespace kes::os {
 
-/// Thrown through a thread that is cancelled or calls pthread_exit. The runtime ends the process when it
-/// is not thrown on.
-using ForcedUnwind = abi::__forced_unwind;
-
-/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`. A clause of its own would bind its
-/// reference to nothing: the runtime has no object for what C++ did not throw.
+/// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`: a thread that is cancelled or calls
+/// pthread_exit unwinds its stack, and the runtime ends the process when that is not thrown on. There is no
+/// object to be caught, since C++ did not throw it.
 inline bool isForcedUnwind() noexcept { return std::current_exception() == nullptr; }
 
 /// Stores the calling thread's system-wide number. The numbers of ended threads are used again.
