@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -117,7 +117,7 @@ bool copyInto(char*& slot, const std::string& text) {
 /// The words as C has them; null without memory.
 char** slotsFor(const std::vector<std::string>& words) {
   kes::kesos::CommandLine slots(static_cast<char**>(std::calloc(mostSlots + 1, sizeof(char*))));
-  if (slots == nullptr) return nullptr;
+  if (!slots) return nullptr;
   char** slot = slots.get();
   if (!copyInto(*slot, words[0])) return nullptr;
   for (const std::string& word : words) {
@@ -137,7 +137,7 @@ char** parseProcessCommandline(const char* cmd) {
     const std::vector<std::string> words = Parser(cmd).words();
     if (words.size() + 1 <= mostSlots) return slotsFor(words);
     errno = E2BIG;
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     errno = ENOMEM;
   }
   return nullptr;

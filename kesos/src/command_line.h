@@ -1,17 +1,20 @@
 #pragma once
 
 #include <cstdlib>
-#include <memory>
+
+#include "sys/Owner.h"
 
 namespace kes::kesos {
 
-/// Frees what parseProcessCommandline returned.
-struct FreeCommandLine {
-  void operator()(char** slots) const {
+/// What parseProcessCommandline returned.
+struct CommandLineTrait {
+  using Value = char**;
+  static constexpr char** none = nullptr;
+  static void free(char** slots) noexcept {
     for (char** slot = slots; *slot != nullptr; ++slot) std::free(*slot);
     std::free(slots);
   }
 };
-using CommandLine = std::unique_ptr<char*, FreeCommandLine>;
+using CommandLine = sys::Owner<CommandLineTrait>;
 
 }  // namespace kes::kesos

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "kesos/files.h"
-#include "names.h"
+#include "paths.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <new>
 #include <system_error>
 
-#include "handles.h"
+#include "deadline.h"
 #include "kespal/os/thread/Native.h"
 #include "mutex_guard.h"
 #include "semaphores.h"
-#include "state.h"
+#include "sync_handle.h"
 
 using namespace kes::kesos;
 
@@ -58,28 +58,28 @@ int awaitSetting(KesOsEvent& event, unsigned int timeoutMs) {
   const std::uint32_t generation = event.generation;
   timespec deadline{};
   if (timeoutMs != infinite) setTimespec(&deadline, timeoutMs);
-  int error = 0;
-  while (error == 0 && event.generation == generation) {
-    error = timeoutMs == infinite ? kes::os::waitOn(event.condition, event.mutex)
-                                  : kes::os::waitUntil(event.condition, event.mutex, deadline);
+  int errnum = 0;
+  while (errnum == 0 && event.generation == generation) {
+    errnum = timeoutMs == infinite ? kes::os::waitOn(event.condition, event.mutex)
+                                   : kes::os::waitUntil(event.condition, event.mutex, deadline);
   }
-  return error;
+  return errnum;
 }
 
 int waitLocal(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
   waitResult(state, failed, 0);
   const MutexGuard guard(event.mutex);
-  const int error = event.signalled != 0 ? 0 : awaitSetting(event, timeoutMs);
-  if (error != 0) return waitResult(state, error == ETIMEDOUT ? timedOut : failed, 0);
+  const int errnum = event.signalled != 0 ? 0 : awaitSetting(event, timeoutMs);
+  if (errnum != 0) return waitResult(state, errnum == ETIMEDOUT ? timedOut : failed, 0);
   event.signalled = 0;
   return waitResult(state, signalled, 1);
 }
 
-void reportFailedSet(const KesOsEvent* event, int error) {
+void reportFailedSet(const KesOsEvent* event, int errnum) {
   std::uint64_t thread = 0;
   kes::os::nativeThreadId(thread);
   std::fprintf(stderr, "FATAL KesOsEventSet(%p): semctl failed (%d=%s pid=%u tid=%llu)\n",
-               static_cast<const void*>(event), error, std::generic_category().message(error).c_str(),
+               static_cast<const void*>(event), errnum, std::generic_category().message(errnum).c_str(),
                static_cast<unsigned int>(::getpid()), static_cast<unsigned long long>(thread));
 }
 

@@ -9,16 +9,16 @@
 #include <cstring>
 #include <string_view>
 
-#include "names.h"
+#include "paths.h"
 
 using kes::kesos::failWith;
 using kes::kesos::pathSize;
-using kes::kesos::withNames;
+using kes::kesos::withPaths;
 
 namespace {
 
 bool lookAt(const char* name, struct stat& state) {
-  return withNames([&state](const char* path) { return ::stat(path, &state); }, name) != 0;
+  return withPaths([&state](const char* path) { return ::stat(path, &state); }, name) != 0;
 }
 
 bool isSeparator(char c) { return c == '/' || c == '\\'; }
@@ -37,7 +37,7 @@ bool checkOrCreate(const char* prefix, int& result) {
 }  // namespace
 
 int KesOsFileExists(const char* name) {
-  return withNames([](const char* path) { return ::access(path, F_OK); }, name);
+  return withPaths([](const char* path) { return ::access(path, F_OK); }, name);
 }
 
 int KesOsIsDir(const char* name) {
@@ -79,13 +79,13 @@ int KesOsGetFileTime(const char* name, time_t* accessTime, time_t* modifyTime) {
 
 int KesOsSetFileTime(const char* name, time_t t) {
   const utimbuf times{t, t};
-  return withNames([&times](const char* path) { return ::utime(path, &times); }, name);
+  return withPaths([&times](const char* path) { return ::utime(path, &times); }, name);
 }
 
-int KesOsDeleteFile(const char* name) { return withNames(::unlink, name); }
+int KesOsDeleteFile(const char* name) { return withPaths(::unlink, name); }
 
-int KesOsDeleteDir(const char* name) { return withNames(::rmdir, name); }
+int KesOsDeleteDir(const char* name) { return withPaths(::rmdir, name); }
 
-int KesOsRenameFile(const char* from, const char* to) { return withNames(::rename, from, to); }
+int KesOsRenameFile(const char* from, const char* to) { return withPaths(::rename, from, to); }
 
 int KesOsGetDiskDescriptor(void) { return 0; }

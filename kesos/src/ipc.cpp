@@ -26,7 +26,7 @@ bool meansCaller(unsigned int id) { return id >= 0xFFFFFFFE; }
 
 bool ownerWanted() noexcept { return ipc_default_uid != unchanged || ipc_default_gid != unchanged; }
 
-void setOwner(ipc_perm& permissions) noexcept {
+void fillOwner(ipc_perm& permissions) noexcept {
   permissions.uid = meansCaller(ipc_default_uid) ? ::getuid() : ipc_default_uid;
   permissions.gid = meansCaller(ipc_default_gid) ? ::getgid() : ipc_default_gid;
   permissions.mode = static_cast<decltype(permissions.mode)>(ipc_default_mode);

@@ -14,7 +14,7 @@ namespace kes::kesos {
 /// Whether new objects get another owner than the system's choice.
 bool ownerWanted() noexcept;
 
-/// The owner and the permission bits that new objects get.
-void setOwner(ipc_perm& permissions) noexcept;
+/// Enters the owner and the permission bits that new objects get.
+void fillOwner(ipc_perm& permissions) noexcept;
 
 }  // namespace kes::kesos

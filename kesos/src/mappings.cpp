@@ -43,9 +43,9 @@ bool grow(int fd, off_t length, off_t wanted) {
     const ssize_t written = ::write(fd, zeros.data(), count);
     if (written > 0) length += written;
     if (written < 0 && errno != EINTR) {
-      const int reason = errno;
+      const int errnum = errno;
       static_cast<void>(::ftruncate(fd, before));  // as it was, as far as that is possible
-      errno = reason;
+      errno = errnum;
       return false;
     }
   }
@@ -88,10 +88,10 @@ int unmapFile(KesOsMmf& mapping) {
 
 // --- segments
 
-bool giveSegmentAway(int shmid) {
+bool setSegmentOwner(int shmid) {
   if (!kes::kesos::ownerWanted()) return true;
   shmid_ds state{};
-  kes::kesos::setOwner(state.shm_perm);
+  kes::kesos::fillOwner(state.shm_perm);
   return ::shmctl(shmid, IPC_SET, &state) == 0;
 }
 
@@ -131,7 +131,7 @@ int createSegment(KesOsMmf& mapping, unsigned int size, key_t key) {
     failed(mapping);
     return mapping.error == EEXIST ? openSegment(mapping, key) : 0;
   }
-  if (!giveSegmentAway(mapping.shmid) || !attach(mapping) || !measure(mapping)) {
+  if (!setSegmentOwner(mapping.shmid) || !attach(mapping) || !measure(mapping)) {
     return abandonSegment(mapping, true);
   }
   mapping.created = 1;

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "handles.h"
 #include "semaphores.h"
+#include "sync_handle.h"
 
 using namespace kes::kesos;
 

@@ -10,7 +10,7 @@
 
 #include "kesos/files.h"
 #include "kesos/strings.h"
-#include "names.h"
+#include "paths.h"
 
 using kes::kesos::failWith;
 using kes::kesos::pathSize;

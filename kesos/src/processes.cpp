@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "command_line.h"
 #include "kespal/signal/Set.h"
+#include "sys/Retry.h"
 
 using kes::kesos::CommandLine;
 
@@ -23,9 +23,7 @@ struct KesOsProcess {
 namespace {
 
 pid_t waitFor(pid_t pid, int& status, int options) {
-  pid_t result = ::waitpid(pid, &status, options);
-  while (result < 0 && errno == EINTR) result = ::waitpid(pid, &status, options);
-  return result;
+  return kes::sys::retry([&] { return ::waitpid(pid, &status, options); });
 }
 
 /// Whether the process has ended, which is noted then.
@@ -40,7 +38,7 @@ bool hasEnded(KesOsProcess& process) {
 
 /// Makes this process the program; returns when that is not possible.
 void become(const CommandLine& commandLine) {
-  if (commandLine == nullptr) return;
+  if (!commandLine) return;
   ::sigprocmask(SIG_SETMASK, &kes::signal::Set::m_original.native(), nullptr);
   ::execvp(commandLine.get()[0], commandLine.get() + 1);
 }

@@ -8,7 +8,7 @@
 
 #include "kesos/files.h"
 #include "kesos/strings.h"
-#include "names.h"
+#include "paths.h"
 
 using kes::kesos::failWith;
 using kes::kesos::pathSize;
@@ -66,9 +66,9 @@ int KesOsFindFirst(KesOsFind* find, const char* pattern, char* name, unsigned in
   find->dir = ::opendir(find->path[0] != '\0' ? find->path : "/");
   if (find->dir == nullptr) return 0;
   if (KesOsFindNext(find, name, type, modifyTime, size) != 0) return 1;
-  const int reason = errno;
+  const int errnum = errno;
   KesOsFindClose(find);
-  errno = reason;
+  errno = errnum;
   return 0;
 }
 

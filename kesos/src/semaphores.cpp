@@ -14,7 +14,7 @@
 #include "kesos/time.h"
 #include "kespal/os/thread/Native.h"
 #include "mutex_guard.h"
-#include "state.h"
+#include "shutdown.h"
 #include "usage_table.h"
 
 namespace {
@@ -24,10 +24,10 @@ using kes::kesos::Use;
 
 bool removeSemaphore(int semid) { return ::semctl(semid, 0, IPC_RMID) == 0; }
 
-bool giveAway(int semid) {
+bool setSemaphoreOwner(int semid) {
   if (!kes::kesos::ownerWanted()) return true;
   semid_ds state{};
-  kes::kesos::setOwner(state.sem_perm);
+  kes::kesos::fillOwner(state.sem_perm);
   SemaphoreArgument argument{};
   argument.state = &state;
   return ::semctl(semid, 0, IPC_SET, argument) == 0;
@@ -51,12 +51,12 @@ Outcome createAndCount(int& semid, key_t key, int initialValue) {
   const bool keyed = key != IPC_PRIVATE;
   semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
   if (semid < 0) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
-  if (giveAway(semid) && kes::kesos::setValue(semid, initialValue) && countUse(semid, keyed)) {
+  if (setSemaphoreOwner(semid) && kes::kesos::setValue(semid, initialValue) && countUse(semid, keyed)) {
     return Outcome::counted;
   }
-  const int reason = errno;
+  const int errnum = errno;
   removeSemaphore(semid);
-  errno = reason;
+  errno = errnum;
   return Outcome::failed;
 }
 

@@ -4,7 +4,8 @@
 
 #include <cerrno>
 
-#include "state.h"
+#include "deadline.h"
+#include "shutdown.h"
 
 unsigned char fShutdown = 0;
 

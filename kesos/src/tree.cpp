@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "kesos/files.h"
-#include "names.h"
+#include "paths.h"
 
 namespace {
 

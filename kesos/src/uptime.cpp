@@ -1,10 +1,13 @@
+#include <cstdint>
 #include <exception>
 
 #include "kesos/time.h"
 #include "kespal/time/Clock.h"
-#include "state.h"
 
-std::uint64_t g_kesos_inittime = 0;
+extern "C" {
+
+std::uint64_t g_kesos_inittime = 0;  // second of the steady clock at first use; 0: not yet set
+}
 
 namespace {
 

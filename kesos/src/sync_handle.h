@@ -34,9 +34,9 @@ int makeHandle(Handle** out, Init init) {
 /// Repeats the destruction of a POSIX object for as long as it is in use.
 template <typename Destroy>
 bool destroyWhenFree(Destroy destroy) {
-  int error = destroy();
-  for (; error == EBUSY; error = destroy()) KesOsSleep(1);
-  return error == 0;
+  int errnum = destroy();
+  for (; errnum == EBUSY; errnum = destroy()) KesOsSleep(1);
+  return errnum == 0;
 }
 
 /// The same of a mutex. The system calls it free while its holder is on the last steps out of the unlocking;
