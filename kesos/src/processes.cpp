@@ -1,16 +1,18 @@
 #include "kesos/processes.h"
 
+#include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <new>
 
 #include "command_line.h"
 #include "kespal/signal/Set.h"
+#include "sys/NoCancel.h"
+#include "sys/Owner.h"
 #include "sys/Retry.h"
 
 using kes::kesos::CommandLine;
@@ -33,14 +35,40 @@ bool hasEnded(KesOsProcess& process) {
   return true;
 }
 
-// After a fork, the child has only calls that are safe in a process whose other threads are gone: the
-// command line was taken apart before.
+// After a fork, until it is the program or cannot be, the child makes only calls that are safe in a process
+// whose other threads are gone: the command line was taken apart before.
 
 /// Makes this process the program; returns when that is not possible.
 void become(const CommandLine& commandLine) {
   if (!commandLine) return;
   ::sigprocmask(SIG_SETMASK, &kes::signal::Set::m_original.native(), nullptr);
   ::execvp(commandLine.get()[0], commandLine.get() + 1);
+}
+
+/// Closes the descriptors that the system lists as this process's; false when it lists none.
+bool closeListed() {
+  const kes::sys::DirStream list(::opendir("/dev/fd"));
+  if (!list) return false;
+  while (const dirent* entry = ::readdir(list.get())) {
+    const int fd = std::atoi(entry->d_name);  // "." and ".." stand for 0, which is closed anyhow
+    if (fd != ::dirfd(list.get())) ::close(fd);
+  }
+  return true;
+}
+
+void closeAll() {
+  ::close(STDIN_FILENO);  // leaves a free descriptor for the list
+  if (closeListed()) return;
+  const long end = ::sysconf(_SC_OPEN_MAX);
+  for (int fd = STDIN_FILENO + 1; fd < end; ++fd) ::close(fd);
+}
+
+/// Ends a child that could not become its program. Exit handlers run in it. What they flush, rewind or reset
+/// is the parent's, so it must be out of their reach.
+[[noreturn]] void fail() {
+  const kes::sys::NoCancel untilExit;  // the parent's thread may have been cancelled before the fork
+  closeAll();
+  std::exit(127);
 }
 
 [[noreturn]] void becomeDetached(const CommandLine& commandLine) {
@@ -62,11 +90,10 @@ int startChild(const CommandLine& commandLine, KesOsProcess** out) {
   *out = nullptr;
   std::unique_ptr<KesOsProcess> process(new (std::nothrow) KesOsProcess{});
   if (process == nullptr) return 0;
-  std::fflush(nullptr);  // what is buffered would be written by exit() in the child as well
   process->pid = ::fork();
   if (process->pid == 0) {
     become(commandLine);
-    std::exit(127);
+    fail();
   }
   if (process->pid < 0) return 0;
   *out = process.release();

@@ -172,33 +172,6 @@ TEST(ProcessTest, AChildThatSomebodyElseReapedGivesZero) {
   EXPECT_EQ(exitCode, 77U);
 }
 
-TEST(ProcessTest, BufferedOutputIsWrittenOnceAlthoughTheChildExits) {
-  const ChildResult result = inChild([] {
-    std::printf("once;");
-    KesOsProcess* process = nullptr;
-    if (KesOsCreateProcessAsyn("kes-no-such-program", 0, &process) != 1) return 1;
-    return KesOsProcessWait(process, nullptr) == 1 ? 0 : 2;
-  });
-  EXPECT_EQ(result.exitCode(), 0);
-  EXPECT_EQ(result.out, "once;");
-}
-
-TEST(ProcessTest, ExitHandlersRunInAChildThatIsWaitedForAndNotInADetachedOne) {
-  const auto startMissing = [](bool detached) {
-    return inChild([detached] {
-      std::atexit([] { static_cast<void>(::write(1, "handler;", 8) == 8); });
-      KesOsProcess* process = nullptr;
-      if (detached) return KesOsCreateProcessAsyn("kes-no-such-program", 0, nullptr) == 1 ? 0 : 1;
-      if (KesOsCreateProcessAsyn("kes-no-such-program", 0, &process) != 1) return 1;
-      return KesOsProcessWait(process, nullptr) == 1 ? 0 : 2;
-    });
-  };
-  const ChildResult waitedFor = startMissing(false), detached = startMissing(true);
-  EXPECT_EQ(waitedFor.exitCode() + detached.exitCode(), 0);
-  EXPECT_EQ(waitedFor.out, "handler;");
-  EXPECT_EQ(detached.out, "");
-}
-
 TEST(ProcessTest, AnExhaustedSystemMakesStartsFail) {
   const ChildResult result = asNobody([] {
     const rlimit none{0, 0};
