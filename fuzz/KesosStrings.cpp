@@ -72,6 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (capacity > 0 && n > 0) {
     const std::string joined = (before + source.substr(0, n)).substr(0, capacity - 1);
     require(std::equal(joined.begin(), joined.end(), to.begin()));
+    if (before.size() + source.size() >= capacity) require(to.back() == '\0');
   }
 
   require(strlen_kes(from.data(), n) == std::min(n, source.size()));

@@ -19,9 +19,9 @@ char* copyTerminated(char* dst, const char* src, size_t count) {
 /// The length of `dst`, or one more than `size` when it is longer than that.
 size_t lengthUpTo(const char* dst, size_t size) { return ::strnlen(dst, size == SIZE_MAX ? size : size + 1); }
 
-/// Fills the destination from `length` to its end with the start of `src`.
-char* appendCut(char* dst, size_t size, size_t length, const char* src) {
-  ::memcpy(dst + length, src, size - length);
+/// Appends the first `count` bytes to a text that does not fit in whole.
+char* appendCut(char* dst, size_t size, size_t length, const char* src, size_t count) {
+  ::memcpy(dst + length, src, count);
   dst[size - 1] = '\0';
   return dst;
 }
@@ -52,23 +52,28 @@ char* strncpy_kes(char* dst, size_t size, const char* src, size_t n) {
 
 char* strcat_kes(char* dst, size_t size, const char* src) {
   if (dst == nullptr || src == nullptr) return nullptr;
+  if (size == 0) return dst;
   const size_t length = lengthUpTo(dst, size);
-  if (size == 0 || length > size) return dst;
-  const size_t added = ::strnlen(src, size - length);
-  if (length + added >= size) return appendCut(dst, size, length, src);
+  if (length > size) return dst;
+  const size_t room = size - length;
+  const size_t added = ::strnlen(src, room);
+  if (added == room) return appendCut(dst, size, length, src, room);
   copyTerminated(dst + length, src, added);
   return dst;
 }
 
 char* strncat_kes(char* dst, size_t size, const char* src, size_t n) {
   if (dst == nullptr || src == nullptr) return nullptr;
+  if (size == 0 || n == 0) return dst;
   const size_t length = lengthUpTo(dst, size);
-  if (size == 0 || n == 0 || length > size) return dst;
-  const size_t room = std::min(n, size - length);
-  const size_t added = ::strnlen(src, room);
-  if (length + added >= size) return appendCut(dst, size, length, src);
+  if (length > size) return dst;
+  const size_t room = size - length;
+  const size_t whole = ::strnlen(src, room);  // whether it fits is a question of all of it, not of n bytes
+  const size_t written = std::min(n, room);
+  if (whole == room) return appendCut(dst, size, length, src, written);
+  const size_t added = std::min(whole, written);
   ::memcpy(dst + length, src, added);
-  ::memset(dst + length + added, 0, room - added);
+  ::memset(dst + length + added, 0, written - added);
   return dst;
 }
 

@@ -1,5 +1,8 @@
 #include "kesos/strings.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <clocale>
 #include <cstdint>
 #include <cstring>
@@ -165,11 +168,34 @@ TEST(StringsTest, ABoundedAppendThatDoesNotFitIsCut) {
   EXPECT_EQ(buffer.bytes[5], 'x');
 }
 
-TEST(StringsTest, ABoundedAppendReadsNoByteBeyondN) {
+TEST(StringsTest, ABoundedAppendOfASourceThatWouldNotFitForcesTheTerminatorHoweverFewBytesItTakes) {
+  Buffer buffer(8, "ab");
+  EXPECT_EQ(strncat_kes(buffer.data(), 8, "cdefghijkl", 3), buffer.data());
+  EXPECT_EQ(buffer.bytes, std::string("abcdexx\0", 8) + std::string(Buffer::guard, 'x'));
+  Buffer exact(8, "ab");
+  strncat_kes(exact.data(), 8, "cdefgh", 1);
+  EXPECT_EQ(exact.bytes, std::string("abcxxxx\0", 8) + std::string(Buffer::guard, 'x')) << "joined, 8 bytes";
+  Buffer shorter(8, "ab");
+  strncat_kes(shorter.data(), 8, "cdefg", 1);
+  EXPECT_EQ(shorter.bytes, "abcxxxxx" + std::string(Buffer::guard, 'x')) << "joined, 7 bytes: all fits";
+}
+
+TEST(StringsTest, ABoundedAppendReadsNoMoreThanThereIsRoomFor) {
   const std::vector<char> source{'c', 'd'};  // the sanitizer watches its end
-  Buffer buffer(100, "ab", '\0');
-  strncat_kes(buffer.data(), 100, source.data(), source.size());
-  EXPECT_EQ(buffer.text(), "abcd");
+  Buffer buffer(4, "ab");
+  strncat_kes(buffer.data(), 4, source.data(), source.size());
+  EXPECT_EQ(buffer.text(), "abc");
+}
+
+TEST(StringsTest, AnAppendWithoutCapacityOrCountDoesNotReadTheDestination) {
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  void* const guarded = ::mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(guarded, MAP_FAILED);
+  auto* const text = static_cast<char*>(guarded);
+  EXPECT_EQ(strcat_kes(text, 0, "x"), text);
+  EXPECT_EQ(strncat_kes(text, 0, "x", 1), text);
+  EXPECT_EQ(strncat_kes(text, 5, "x", 0), text);
+  ::munmap(guarded, page);
 }
 
 TEST(StringsTest, TheLargestCapacityDoesNotWrapAround) {
@@ -246,8 +272,12 @@ std::string modelBoundedAppend(std::string buffer, std::size_t size, const std::
   const std::string old = buffer.c_str();
   if (size == 0 || n == 0 || old.size() > size) return buffer;
   const std::string taken = source.substr(0, n);
-  if (old.size() + taken.size() >= size) return modelAppend(buffer, size, taken);
   const std::size_t padded = std::min(n, size - old.size());
+  if (old.size() + source.size() >= size) {
+    buffer.replace(old.size(), padded, taken.substr(0, padded));
+    buffer[size - 1] = '\0';
+    return buffer;
+  }
   return buffer.replace(old.size(), padded, taken + std::string(padded - taken.size(), '\0'));
 }
 
