@@ -25,6 +25,7 @@ struct KesOsEvent {
   pthread_cond_t condition;
   std::int32_t signalled;
   std::uint32_t generation;  ///< number of settings; tells a waiter's wake-up from a spurious one
+  std::uint32_t forks;       ///< forkCount() when it was opened
 };
 
 namespace {
@@ -98,7 +99,7 @@ int KesOsEventOpen(KesOsEvent** out, unsigned int key) {
 
 int KesOsEventClose(KesOsEvent* event) {
   if (!isHandle(event)) return 0;
-  const int result = event->kind == Kind::keyed ? KesOsClose(event->semid) : closeLocal(*event);
+  const int result = event->kind == Kind::keyed ? closeKeyed(*event) : closeLocal(*event);
   delete event;
   return result;
 }

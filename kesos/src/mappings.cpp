@@ -125,17 +125,26 @@ int openSegment(KesOsMmf& mapping, key_t key) {
   return measure(mapping) ? 1 : abandonSegment(mapping, false);
 }
 
-int createSegment(KesOsMmf& mapping, unsigned int size, key_t key) {
-  mapping.shmid = ::shmget(key, size, ipc_default_mode | IPC_CREAT | IPC_EXCL);
-  if (mapping.shmid < 0) {
-    failed(mapping);
-    return mapping.error == EEXIST ? openSegment(mapping, key) : 0;
-  }
+int prepareSegment(KesOsMmf& mapping) {
   if (!setSegmentOwner(mapping.shmid) || !attach(mapping) || !measure(mapping)) {
     return abandonSegment(mapping, true);
   }
   mapping.created = 1;
   return 1;
+}
+
+/// The segment that has the key, or is made with it, can be removed at any moment until it is attached.
+int createSegment(KesOsMmf& mapping, unsigned int size, key_t key) {
+  int result = 0;
+  for (int tries = 0; tries < kes::kesos::mostTries; ++tries) {
+    mapping = closed;
+    mapping.shmid = ::shmget(key, size, ipc_default_mode | IPC_CREAT | IPC_EXCL);
+    if (mapping.shmid < 0) failed(mapping);
+    if (mapping.shmid < 0 && mapping.error != EEXIST) return 0;
+    result = mapping.shmid < 0 ? openSegment(mapping, key) : prepareSegment(mapping);
+    if (result != 0 || !kes::kesos::isGone(mapping.error)) break;
+  }
+  return result;
 }
 
 int detach(KesOsMmf& mapping, const shmid_ds& state) {

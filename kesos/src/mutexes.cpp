@@ -17,6 +17,7 @@ struct KesOsMutex {
     int semid;
     pthread_mutex_t mutex;
   };
+  std::uint32_t forks;  ///< forkCount() when it was opened
 };
 
 namespace {
@@ -59,7 +60,7 @@ int KesOsMutexOpen(KesOsMutex** out, unsigned int key) {
 
 int KesOsMutexClose(KesOsMutex* mutex) {
   if (!isHandle(mutex)) return 0;
-  const int result = mutex->kind == Kind::keyed ? KesOsClose(mutex->semid) : closeLocal(*mutex);
+  const int result = mutex->kind == Kind::keyed ? closeKeyed(*mutex) : closeLocal(*mutex);
   delete mutex;
   return result;
 }

@@ -14,6 +14,7 @@
 #include "kesos/time.h"
 #include "kespal/os/thread/Native.h"
 #include "mutex_guard.h"
+#include "paths.h"
 #include "shutdown.h"
 #include "usage_table.h"
 
@@ -39,25 +40,40 @@ bool countUse(int semid, bool keyed) {
   return true;
 }
 
-enum class Outcome { failed, counted, noTable };
+enum class Outcome { failed, gone, counted, noTable };
+
+Outcome failure() { return kes::kesos::isGone(errno) ? Outcome::gone : Outcome::failed; }
 
 Outcome openAndCount(int& semid, key_t key) {
   semid = ::semget(key, 0, 0);
-  if (semid < 0) return Outcome::failed;
+  if (semid < 0) return failure();
   return countUse(semid, true) ? Outcome::counted : Outcome::noTable;
+}
+
+/// Takes a new semaphore into use. Who opened it meanwhile may have closed it, too: then it is gone.
+Outcome prepareAndCount(int semid, bool keyed, int initialValue) {
+  if (!setSemaphoreOwner(semid) || !kes::kesos::setValue(semid, initialValue)) return failure();
+  return countUse(semid, keyed) ? Outcome::counted : Outcome::failed;
 }
 
 Outcome createAndCount(int& semid, key_t key, int initialValue) {
   const bool keyed = key != IPC_PRIVATE;
   semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
   if (semid < 0) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
-  if (setSemaphoreOwner(semid) && kes::kesos::setValue(semid, initialValue) && countUse(semid, keyed)) {
-    return Outcome::counted;
-  }
+  const Outcome outcome = prepareAndCount(semid, keyed, initialValue);
+  if (outcome == Outcome::counted) return outcome;
   const int errnum = errno;
   removeSemaphore(semid);
   errno = errnum;
-  return Outcome::failed;
+  return outcome;
+}
+
+Outcome createWhateverIsRemoved(int& semid, key_t key, int initialValue) {
+  Outcome outcome = Outcome::gone;
+  for (int tries = 0; outcome == Outcome::gone && tries < kes::kesos::mostTries; ++tries) {
+    outcome = createAndCount(semid, key, initialValue);
+  }
+  return outcome;
 }
 
 /// Holds the table's mutex from the look for a semaphore until it is counted: no other thread of this process
@@ -91,6 +107,7 @@ bool lower(int semid, bool wait) {
   while (::semop(semid, &operation, 1) != 0) {
     if (errno != EINTR || kes::kesos::shuttingDown()) return false;
     KesOsSleep(50);
+    if (kes::kesos::shuttingDown()) return kes::kesos::failWith(EINTR) != 0;
   }
   return true;
 }
@@ -98,7 +115,7 @@ bool lower(int semid, bool wait) {
 }  // namespace
 
 int KesOsCreate(int* semid, key_t key, int initialValue, char tag) {
-  const Outcome outcome = undisturbed([=] { return createAndCount(*semid, key, initialValue); });
+  const Outcome outcome = undisturbed([=] { return createWhateverIsRemoved(*semid, key, initialValue); });
   return resultOf(outcome, *semid, tag);
 }
 

@@ -8,6 +8,8 @@
 #include <new>
 
 #include "kesos/time.h"
+#include "semaphores.h"
+#include "usage_table.h"
 
 namespace kes::kesos {
 
@@ -27,8 +29,15 @@ int makeHandle(Handle** out, Init init) {
   *out = nullptr;
   std::unique_ptr<Handle> handle(new (std::nothrow) Handle{});
   if (handle == nullptr || !init(*handle)) return 0;
+  handle->forks = forkCount();
   *out = handle.release();
   return 1;
+}
+
+/// Gives a keyed object's semaphore back. One that came with a fork is the parent's to give back.
+template <typename Handle>
+int closeKeyed(const Handle& handle) {
+  return handle.forks == forkCount() ? KesOsClose(handle.semid) : 1;
 }
 
 /// Repeats the destruction of a POSIX object for as long as it is in use.

@@ -8,11 +8,14 @@
 #include <span>
 #include <utility>
 
+#include "paths.h"
+
 kes::kesos::SemCounter* sem_counter = nullptr;
 kes::kesos::UsageTable* kesos_shm = nullptr;
 
 namespace {
 
+using kes::kesos::failWith;
 using kes::kesos::UsageTable;
 using Slot = UsageTable::Slot;
 
@@ -52,6 +55,35 @@ void takeSlot(int semid) {
   }
 }
 
+kes::kesos::SemCounter* inherited = nullptr;  // the parent's record, kept for this process's own use
+std::uint32_t forks = 0;
+
+std::unique_ptr<kes::kesos::SemCounter> newCounter() {
+  std::unique_ptr<kes::kesos::SemCounter> counter(std::exchange(inherited, nullptr));
+  if (counter == nullptr) counter.reset(new (std::nothrow) kes::kesos::SemCounter);
+  if (counter != nullptr) *counter = {};
+  return counter;
+}
+
+// A fork waits for the table's mutex: the child, which has none of the other threads, finds it free.
+void holdTable() { ::pthread_mutex_lock(&kes::kesos::usageMutex()); }
+void releaseTable() { ::pthread_mutex_unlock(&kes::kesos::usageMutex()); }
+
+/// In the child, nothing is counted for this process yet, and its parent's attachment goes: it would keep the
+/// table when the parent leaves. No memory is taken or given back: other threads may have been at that.
+void beginAnew() {
+  if (sem_counter != nullptr) {
+    ::shmdt(sem_counter->memory.address);
+    kesos_shm = nullptr;
+    inherited = std::exchange(sem_counter, nullptr);
+  }
+  ++forks;
+  releaseTable();
+}
+
+// Before there are threads, since a child of that very moment would not be able to say whether it was done.
+const int noForkHandlers = ::pthread_atfork(holdTable, releaseTable, beginAnew);
+
 void clearReferences() {
   store(kesos_shm->references, 0);
   for (Slot& slot : kesos_shm->slots) {
@@ -63,12 +95,13 @@ void clearReferences() {
 }  // namespace
 
 int initSemCounter(void) {
-  std::unique_ptr<kes::kesos::SemCounter> counter(new (std::nothrow) kes::kesos::SemCounter{});
+  if (noForkHandlers != 0) return failWith(noForkHandlers);
+  std::unique_ptr<kes::kesos::SemCounter> counter = newCounter();
   if (counter == nullptr) return 0;
   if (KesOsMmfCreate(&counter->memory, sizeof(UsageTable), nullptr, tableKey) == 0) return 0;
   if (counter->memory.size < sizeof(UsageTable)) {  // somebody else's segment under our key
     ::shmdt(counter->memory.address);
-    return 0;
+    return failWith(EINVAL);
   }
   sem_counter = counter.release();
   kesos_shm = static_cast<UsageTable*>(sem_counter->memory.address);
@@ -87,6 +120,8 @@ pthread_mutex_t& usageMutex() noexcept {
   static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   return mutex;
 }
+
+std::uint32_t forkCount() noexcept { return forks; }
 
 bool joinUsage() {
   if (sem_counter != nullptr) return true;

@@ -46,8 +46,13 @@ int initSemCounter(void);
 
 namespace kes::kesos {
 
-/// Held by the threads of this process around every use of the functions below and of the two pointers.
+/// Held by the threads of this process around every use of the functions below and of the two pointers, and
+/// over a fork. A child has no part in the table until it opens something itself.
 pthread_mutex_t& usageMutex() noexcept;
+
+/// How many forks lie between the program's start and this process: what was opened at another count is in
+/// the table for another process. Needs no mutex.
+std::uint32_t forkCount() noexcept;
 
 /// Attaches the table unless this process has it already.
 bool joinUsage();

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <ctime>
+#include <utility>
 
 namespace {
 
@@ -22,6 +24,7 @@ struct Refusal {
 
 thread_local std::optional<Refusal> refusal;
 std::array<std::atomic<int>, 6> counts;
+thread_local void (*nap)() = nullptr;
 
 /// Counts the call; whether it is refused, with errno set.
 bool refused(IpcCall call, std::optional<int> command = {}) {
@@ -42,6 +45,7 @@ void refuse(IpcCall call, int error, std::optional<int> command, int skipped) {
 }
 void refuseNothing() { refusal.reset(); }
 int countOf(IpcCall call) { return counts[static_cast<std::size_t>(call)]; }
+void duringNextNap(void (*action)()) { nap = action; }
 
 }  // namespace kes::test
 
@@ -50,6 +54,12 @@ extern "C" {
 int __real_semget(key_t key, int count, int flags);
 int __wrap_semget(key_t key, int count, int flags) {
   return refused(IpcCall::semget) ? -1 : __real_semget(key, count, flags);
+}
+
+int __real_nanosleep(const timespec* time, timespec* rest);
+int __wrap_nanosleep(const timespec* time, timespec* rest) {
+  if (nap != nullptr) std::exchange(nap, nullptr)();
+  return __real_nanosleep(time, rest);
 }
 
 int __real_semop(int id, sembuf* operations, std::size_t count);

@@ -12,4 +12,7 @@ void refuse(IpcCall call, int error, std::optional<int> command = {}, int skippe
 void refuseNothing();
 int countOf(IpcCall call);
 
+/// Something that happens while this thread sleeps for the next time.
+void duringNextNap(void (*action)());
+
 }  // namespace kes::test

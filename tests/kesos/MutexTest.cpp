@@ -354,6 +354,22 @@ TEST_F(MutexTest, AnInterruptedWaitOfAProcessThatShutsDownIsGivenUp) {
   KesOsMutexClose(mutex);
 }
 
+TEST_F(MutexTest, AWaitEndsWhenTheProcessBeginsToShutDownDuringTheNap) {
+  KesOsMutex* mutex = mutexOf(freshKey());
+  for (const unsigned int timeout : {0U, infinite}) {
+    unsigned int state = 7;
+    const int attempts = countOf(IpcCall::semop);
+    refuse(IpcCall::semop, EINTR);
+    duringNextNap(KesOsSetShutdown);
+    EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), timeout == 0 ? 1 : 0);
+    EXPECT_EQ(state, timeout == 0 ? 999U : 0U);
+    EXPECT_EQ(countOf(IpcCall::semop), attempts + 1) << "not tried again, although it could be had";
+    KesOsSetSystemUp();
+    KesOsMutexRelease(mutex);
+  }
+  KesOsMutexClose(mutex);
+}
+
 TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
   struct Failure {
     unsigned int timeout;

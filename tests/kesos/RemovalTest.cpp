@@ -1,0 +1,93 @@
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <cerrno>
+
+#include "kesos/Ipc.h"
+#include "kesos/IpcFaults.h"
+#include "kesos/mappings.h"
+#include "kesos/mutexes.h"
+
+// Creates that meet the removal of what has their key.
+namespace {
+
+using namespace kes::test;
+using testing::Each;
+
+class RemovalTest : public IpcTest {
+ protected:
+  void TearDown() override { refuseNothing(); }
+};
+
+TEST_F(RemovalTest, ASemaphoreThatGoesBetweenTheTwoLooksForItIsCreatedAfterAll) {
+  const unsigned int key = freshKey();
+  KesOsMutex* first = mutexOf(key);
+  for (const int errnum : {ENOENT, EIDRM, EINVAL}) {
+    KesOsMutex* mutex = nullptr;
+    refuse(IpcCall::semget, errnum, {}, 1);
+    EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1) << errnum;
+    EXPECT_EQ(slotCount(semaphoreOf(key)), 2U) << errnum;
+    EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  }
+  KesOsMutex* mutex = nullptr;
+  refuse(IpcCall::semget, EACCES, {}, 1);
+  EXPECT_EQ(KesOsMutexCreate(&mutex, key), 0) << "that is no removal";
+  refuse(IpcCall::semget, ENOENT);
+  EXPECT_EQ(KesOsMutexOpen(&mutex, key), 0) << "an open does not wait for somebody to create it";
+  EXPECT_EQ(KesOsMutexClose(first), 1);
+}
+
+TEST_F(RemovalTest, ANewSemaphoreThatSomebodyElseHasOpenedAndClosedIsCreatedAgain) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = nullptr;
+  refuse(IpcCall::semctl, EIDRM, SETVAL);
+  EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
+  EXPECT_EQ(valueOf(key), 1);
+  EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
+  const auto key = static_cast<key_t>(freshKey());
+  KesOsMmf first, mapping;
+  ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
+  refuse(IpcCall::shmget, ENOENT, {}, 1);
+  EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1);
+  EXPECT_EQ(mapping.created, 0);
+  EXPECT_EQ(mapping.error, EEXIST);
+  EXPECT_EQ(KesOsMmfClose(&mapping), 1);
+  EXPECT_EQ(KesOsMmfClose(&first), 1);
+  for (const int errnum : {EINVAL, EIDRM}) {
+    refuse(IpcCall::shmat, errnum);
+    EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1) << errnum;
+    EXPECT_EQ(mapping.created, 1) << errnum;
+    EXPECT_EQ(mapping.error, 0) << errnum;
+    EXPECT_EQ(KesOsMmfClose(&mapping), 1);
+  }
+}
+
+TEST_F(RemovalTest, ASegmentThatCannotBeMadeIsTriedOnce) {
+  KesOsMmf mapping;
+  const int tries = countOf(IpcCall::shmget);
+  EXPECT_EQ(KesOsMmfCreate(&mapping, 0, nullptr, static_cast<key_t>(freshKey())), 0);
+  EXPECT_EQ(mapping.error, EINVAL);
+  EXPECT_EQ(countOf(IpcCall::shmget), tries + 1);
+}
+
+TEST_F(RemovalTest, ProcessesWithKeysOfTheirOwnNeverFailAlthoughTheirTableComesAndGoes) {
+  const unsigned int keys[] = {freshKey(), freshKey(), freshKey(), freshKey()};
+  const auto storm = [&keys](int index) {
+    for (int round = 0; round < 3000; ++round) {
+      KesOsMutex* mutex = nullptr;
+      if (KesOsMutexCreate(&mutex, keys[index]) != 1) return 1;
+      if (KesOsMutexClose(mutex) != 1) return 2;
+    }
+    return 0;
+  };
+  EXPECT_THAT(runProcesses(4, storm), Each(0));
+  for (const unsigned int key : keys) EXPECT_EQ(semaphoreOf(key), -1);
+}
+
+}  // namespace
