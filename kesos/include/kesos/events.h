@@ -6,20 +6,23 @@ extern "C" {
 
 /* Events, which threads wait for and which reset themselves when a wait ends. Key 0 makes an event of this
  * process, whose setting releases everyone who waits; any other key a System V semaphore that every process
- * can open by that key, whose setting releases one, and that the last user removes; a child made by fork()
- * opens it anew. Null handles, and those with all bits set, give 0. */
+ * can open by that key, and whose setting releases one. Who uses a keyed event, and who removes it, is
+ * counted together with the mutexes, whose keys are the same, too: see mutexes.h for a process that dies, for
+ * more than 60 objects and for children made by fork(). Null handles, and those with all bits set, give 0.
+ * Any thread may call these; a handle that is closed must not be in use. */
 
 typedef struct KesOsEvent KesOsEvent;
 
 /** Creates an event, or opens the keyed one that exists. 1 with a handle in *out, which KesOsEventClose
- * frees, or 0 with null. A new one is not set. */
+ * frees, or 0 with null; of a keyed one errno then says why. A new one is not set. */
 int KesOsEventCreate(KesOsEvent** out, unsigned int key);
 
 /** Opens an existing keyed event; 0 with null for key 0 and when there is none. */
 int KesOsEventOpen(KesOsEvent** out, unsigned int key);
 
-/** Gives the event back and frees the handle; the last user removes the semaphore. Nobody may wait any more.
- */
+/** Gives the event back and frees the handle; the last user removes the semaphore. Nobody may wait any more:
+ * while somebody waits for a local event, this does not return. 0 when the semaphore is not counted and
+ * cannot be removed; the handle is freed all the same. */
 int KesOsEventClose(KesOsEvent* event);
 
 /** Sets the event. A keyed event that cannot be set is reported on standard error, and the result is 1. */
@@ -29,10 +32,19 @@ int KesOsEventSet(KesOsEvent* event);
 int KesOsEventReset(KesOsEvent* event);
 
 /** Waits until the event is set, and resets it. The timeout is 0xFFFFFFFF (without limit), 0 (only look), or
- * with a local event any number of milliseconds by the wall clock; on a keyed event that ends the process
- * with a message. *state (which may be null) is 1: set; 999: timed out; 0: failed. The result is 1 for
- * set, 0 for failed, and for timed out 1 with a keyed event and 0 with a local one. A keyed wait that a
- * signal interrupts is repeated after 50 ms, unless the process is shutting down. */
+ * with a local event any number of milliseconds by the wall clock; on a keyed event that ends the process by
+ * exit() with status 0 and a message on standard output. A keyed wait that a signal interrupts is repeated
+ * after 50 ms, unless the process is shutting down before or after them. The result, and *state (which may be
+ * null):
+ *
+ *                                         local event    keyed event
+ *     it was set                          1, 1           1, 1
+ *     the time is over                    0, 999         -
+ *     timeout 0 and not set               0, 999         1, 999
+ *     timeout 0 and any failure           0, 0           1, 999
+ *     without limit: it was removed, or
+ *     the process is shutting down        -              0, 0
+ *     no handle                           0, 0           0, 0 */
 int KesOsEventWait(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state);
 
 #ifdef __cplusplus

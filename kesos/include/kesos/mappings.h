@@ -9,7 +9,8 @@ extern "C" {
 #endif
 
 /** Memory that processes share: a mapped file, or a System V shared-memory segment. Filled by
- * KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. */
+ * KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. A record belongs to one thread at a time. The
+ * key 32777 (0x8009) is taken: its segment counts the users of keyed mutexes and events. */
 typedef struct KesOsMmf {
   int fd;            /**< the mapped file; -1 for a segment */
   int shmid;         /**< the segment; -1 for a file */
@@ -22,7 +23,8 @@ typedef struct KesOsMmf {
 /** Creates or opens a mapping of at least `size` bytes. With a file name, the file is created (mode 0600)
  * when it is missing, grown with zero bytes when it is shorter, and mapped whole. Without (null or empty),
  * a segment with this key and size is created, or the existing one attached as it is: `error` is then
- * EEXIST. 1, or 0 with the reason in `error`. */
+ * EEXIST. One that another process removes at the moment is created anew. 1, or 0 with the reason in
+ * `error`. */
 int KesOsMmfCreate(KesOsMmf* mapping, unsigned int size, const char* fileName, key_t key);
 
 /** Attaches the existing segment with this key; `reserved` is ignored. When a segment cannot be attached it

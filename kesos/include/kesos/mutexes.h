@@ -5,28 +5,40 @@ extern "C" {
 #endif
 
 /* Mutexes. Key 0 makes a recursive mutex of this process; any other key a System V semaphore that every
- * process can open by that key, and that the last user removes. A keyed mutex belongs to nobody: it is not
- * recursive, any thread of any process may release it, and it stays locked when its holder dies. A child
- * made by fork() opens it anew: closing what it inherited would take its parent's use back. Null handles
- * give 0. */
+ * process can open by that key. A keyed mutex belongs to nobody: it is not recursive, any thread of any
+ * process may release it, and it stays locked when its holder dies. Mutexes and events share their keys: with
+ * the key of an event comes the event's semaphore. Null handles give 0. Any thread may call these; a handle
+ * that is closed must not be in use.
+ *
+ * The last user removes a keyed object. Users are counted in a shared-memory segment of the whole machine
+ * with the key 32777 (0x8009), which nobody else may use:
+ * - A process that dies without closing stays counted: its objects outlive it until a program such as ipcrm
+ *   removes them.
+ * - It counts 60 objects of all processes. One more works as well, but the first who closes it removes it.
+ * - A child made by fork() is a user from the first object on that it opens itself. It may use the handles
+ *   it inherited for as long as their parent does; closing one frees the child's copy and changes nothing. */
 
 typedef struct KesOsMutex KesOsMutex;
 
 /** Creates a mutex, or opens the keyed one that exists. 1 with a handle in *out, which KesOsMutexClose frees,
- * or 0 with null. A new one is unlocked. */
+ * or 0 with null; of a keyed one errno then says why (EACCES, ENOSPC, ENOMEM, ...). A new one is unlocked.
+ * One that another process removes at the moment is created anew. */
 int KesOsMutexCreate(KesOsMutex** out, unsigned int key);
 
 /** Opens an existing keyed mutex; 0 with null for key 0 and when there is none. */
 int KesOsMutexOpen(KesOsMutex** out, unsigned int key);
 
 /** Gives the mutex back and frees the handle; the last user removes the semaphore. A local mutex is waited
- * for until nobody holds it. */
+ * for until nobody holds it: closing one that the caller holds never returns. 0 when the semaphore is not
+ * counted and cannot be removed; the handle is freed all the same. */
 int KesOsMutexClose(KesOsMutex* mutex);
 
 /** Locks the mutex. The timeout is 0xFFFFFFFF (wait without limit) or, keyed only, 0 (try once); any other
- * ends the process with a message. 1 with *state 1: locked; 1 with *state 999: not locked, the timeout being
- * 0; 0 with *state 0: failed. `state` may be null. A keyed wait that a signal interrupts is repeated after
- * 50 ms, unless the process is shutting down. */
+ * ends the process by exit(): with status 1 and a message on standard error for a local mutex, with status 0
+ * and one on standard output for a keyed mutex. 1 with *state 1: locked; 1 with *state 999: not locked, the
+ * timeout being 0, whatever the reason; 0 with *state 0: failed, as when the semaphore was removed. `state`
+ * may be null. A keyed wait that a signal interrupts is repeated after 50 ms, unless the process is shutting
+ * down before or after them: then it has failed. */
 int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state);
 
 /** Unlocks the mutex. Releasing a keyed mutex that nobody holds succeeds and changes nothing. */

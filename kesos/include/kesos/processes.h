@@ -9,7 +9,7 @@ extern "C" {
  *
  * KesOsCreateProcess, ...Sw and ...Ex use the shell, and the process collector of the platform library, which
  * reaps every child of the process while one of its own runs. KesOsCreateProcessAsyn uses neither: in one
- * process do not mix the two, or the collector takes its children away. */
+ * process do not mix the two, or the collector takes its children away. Any thread may start programs. */
 
 /** Flag of KesOsCreateProcessSw and KesOsCreateProcessEx: do not wait for the program. */
 #define KESOS_PROCESS_ASYNC 0x10000U
@@ -17,33 +17,43 @@ extern "C" {
 /** Runs a command line through /bin/sh and waits for it. The program is searched on $PATH; it may be quoted,
  * and white space in its path is escaped for the shell, which sees the rest as it is. 1 when the exit code is
  * 0. The exit code is -1 when nothing could be started, 255 when a signal ended the shell, else its exit
- * status; with the flag, 0 once the shell is started. */
+ * status: 125 also when /bin/sh could not be executed, 126 and 127 also when the shell could not execute the
+ * program. With the flag it is 0 once the shell is started. In a notification of the platform library, on the
+ * collector's thread, use the flag: without it the shell is started, too, but cannot be waited for, and the
+ * exit code is -1. */
 int KesOsCreateProcess(const char* cmd);
 int KesOsCreateProcessSw(const char* cmd, unsigned int flags);
 int KesOsCreateProcessEx(const char* cmd, unsigned int flags, int* exitCode);
 
-/** A child process; freed by KesOsProcessWait, and by nothing else. */
+/** A child process; freed by KesOsProcessWait, and by nothing else. For one thread at a time. */
 typedef struct KesOsProcess KesOsProcess;
 
 /** Starts a program without a shell. The command line is taken apart by parseProcessCommandline; the flags
- * are ignored. With `out`, 1 once the child is forked; a program that cannot be started shows as exit code
- * 127. Without `out` the program runs in a session of its own and is nobody's child; 1 when it was forked. */
+ * are ignored. With `out`, 1 once the child is forked, or 0 with null in *out. A program that cannot be
+ * started, or a command line that cannot be taken apart, shows as exit code 127. The child that fails so
+ * first closes all its descriptors and then calls exit(): this program's exit handlers and the destructors of
+ * its static objects run in it, without the other threads, and what they write is lost. Without `out` the
+ * program runs in a session of its own and is nobody's child; 1 when it was forked. If it cannot be started
+ * then, nobody is told, and no exit handler runs. */
 int KesOsCreateProcessAsyn(const char* cmd, unsigned long flags, KesOsProcess** out);
 
-/** Whether the child has not ended yet. */
+/** Whether the child has not ended yet. One that somebody else has reaped counts as running for ever; only
+ * KesOsProcessWait tells. */
 int KesOsProcessIsRunning(KesOsProcess* process);
 
 /** Waits for the child's end, stores its exit status (0 to 255; 0 when a signal ended it) and frees the
  * handle. 0 when somebody else has reaped the child; the handle is freed all the same. */
 int KesOsProcessWait(KesOsProcess* process, unsigned int* exitCode);
 
-/** Sends the child SIGTERM; 0 when it has ended. */
+/** Sends the child SIGTERM; 0 when it has ended. Once somebody else has reaped it, its id may be another
+ * process's. */
 int KesOsTerminateProcess(KesOsProcess* process);
 
 /** Takes a command line apart. Only spaces separate; "..." keeps them, with \" for a quote and any other
  * backslash as it is; a quote that is not closed reaches to the end. The first word is the program, quotes
  * and all. The result is an array of 4097 pointers: the program, a copy of it, the arguments, null; the array
- * and each text are the caller's to free(). Null with errno E2BIG for more than 4094 arguments. */
+ * and each text are the caller's to free(). Null with errno E2BIG for more than 4094 arguments, ENOMEM
+ * without memory, EFAULT for a null line; any other line can be taken apart, an empty one included. */
 char** parseProcessCommandline(const char* cmd);
 
 /** Closes a descriptor. */

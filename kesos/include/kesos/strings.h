@@ -28,10 +28,11 @@ char* strncpy_kes(char* dst, size_t size, const char* src, size_t n);
 char* strcat_kes(char* dst, size_t size, const char* src);
 
 /** Appends at most n bytes of src. When the whole of src would not fit, the last byte of the destination
- * becomes a terminator, however few bytes were appended. When it would, zero bytes follow up to n bytes in all
- * (never beyond the capacity), and when src has n bytes or more NO terminator is set: clear the destination
- * beforehand. With n 0 the destination stays untouched. The destination is read as by strcat_kes; src is read
- * up to its terminator, also beyond n, or as far as there is room: this is not for a source without one. */
+ * becomes a terminator, however few bytes were appended. When it would, zero bytes follow up to n bytes in
+ * all (never beyond the capacity), and when src has n bytes or more NO terminator is set: clear the
+ * destination beforehand. With n 0 the destination stays untouched. The destination is read as by strcat_kes;
+ * src is read up to its terminator, also beyond n, or as far as there is room: this is not for a source
+ * without one. */
 char* strncat_kes(char* dst, size_t size, const char* src, size_t n);
 
 /** Formats as snprintf does. Returns the length that the whole text has, which is `size` or more when it was
