@@ -1,11 +1,11 @@
 #include "pcaplib/capture.h"
 
 #include <fcntl.h>
-#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
@@ -16,6 +16,8 @@
 #include "NameFormat.h"
 #include "kespal/NoCopy.h"
 #include "kespal/time/Clock.h"
+#include "sys/Owner.h"
+#include "sys/Retry.h"
 
 constinit CaptureType cap_types[3] = {
     {.linkType = 1, .name = "eth", .opened = 0, .path = ""},
@@ -28,37 +30,80 @@ namespace {
 using kes::pcap::FileHeader;
 using kes::pcap::RecordHeader;
 
+/// A signal that ends the process can end a write to a file between two memory pages; what has been written
+/// stays. While this lives, those that people send wait until the record is whole or taken back.
+class UntornWrite : public kes::NoCopy {
+ public:
+  UntornWrite() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) sigaddset(&ending, number);
+    ::pthread_sigmask(SIG_BLOCK, &ending, &before_);
+  }
+  ~UntornWrite() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
 /// An open capture file, closed on the way out.
 class CaptureFile : public kes::NoCopy {
  public:
-  CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | flags, 0666)) {}
-  /// Not to be cancelled: a cancellation must not leave a destructor.
-  ~CaptureFile() {
-    if (!isOpen()) return;
-    int before = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-    ::close(fd_);
-    ::pthread_setcancelstate(before, &before);
+  CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | flags, 0666)) {
+    if (fd_) end_ = ::lseek(fd_.get(), 0, SEEK_END);
+    // A device may say 0, too; what has no position at all, a FIFO or a terminal, says -1.
+    isFile_ = end_ > 0 || (end_ == 0 && isRegular());
   }
 
-  bool isOpen() const { return fd_ >= 0; }
+  bool isOpen() const { return static_cast<bool>(fd_); }
 
-  /// False for what has no position, a FIFO or a terminal: its header went out when it was opened.
-  bool isEmpty() const { return ::lseek(fd_, 0, SEEK_END) == 0; }
+  /// False for what is no file: its header went out when it was opened first.
+  bool isEmptyFile() const { return isFile_ && end_ == 0; }
 
-  /// Writes all pieces, in one call where the system takes them at once, or leaves the file as it was.
-  void append(std::span<iovec> pieces) {
-    std::size_t written = 0;
-    while (!pieces.empty()) {
-      const ssize_t step = ::writev(fd_, pieces.data(), static_cast<int>(pieces.size()));
-      if (step < 0 && errno == EINTR) continue;
-      if (step <= 0) return takeBack(written);
-      written += static_cast<std::size_t>(step);
-      pieces = behind(pieces, static_cast<std::size_t>(step));
+  void append(std::span<iovec> pieces) const {
+    if (isFile_) {
+      appendWholeOrNotAtAll(pieces);
+    } else {
+      pass(pieces);
     }
   }
 
  private:
+  bool isRegular() const {
+    struct stat status {};
+    return ::fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode);
+  }
+
+  ssize_t write(std::span<iovec> pieces) const {
+    return kes::sys::retry(
+        [&] { return ::writev(fd_.get(), pieces.data(), static_cast<int>(pieces.size())); });
+  }
+
+  /// A torn record would make every later one unreadable. Nothing is left to try should taking it back fail.
+  void appendWholeOrNotAtAll(std::span<iovec> pieces) const {
+    const UntornWrite untilWholeOrBack;
+    const ssize_t written = write(pieces);
+    if (written <= 0 || static_cast<std::size_t>(written) == sizeOf(pieces)) return;
+    const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR);
+    if (end >= written) static_cast<void>(::ftruncate(fd_.get(), end - written) == 0);
+  }
+
+  /// Passes all pieces on to a reader, who may take them in parts. What is on its way cannot be taken back,
+  /// and a reader may be slow: signals find us as ever.
+  void pass(std::span<iovec> pieces) const {
+    while (!pieces.empty()) {
+      const ssize_t written = write(pieces);
+      if (written <= 0) return;
+      pieces = behind(pieces, static_cast<std::size_t>(written));
+    }
+  }
+
+  static std::size_t sizeOf(std::span<const iovec> pieces) {
+    std::size_t size = 0;
+    for (const iovec& piece : pieces) size += piece.iov_len;
+    return size;
+  }
+
   /// What is left of the pieces when their first bytes are out.
   static std::span<iovec> behind(std::span<iovec> pieces, std::size_t written) {
     while (!pieces.empty() && written >= pieces.front().iov_len) {
@@ -72,15 +117,9 @@ class CaptureFile : public kes::NoCopy {
     return pieces;
   }
 
-  /// A torn record would make every later one unreadable.
-  void takeBack(std::size_t written) {
-    const off_t end = ::lseek(fd_, 0, SEEK_CUR);
-    if (written == 0 || end < 0) return;
-    // Nothing is left to try should this fail, too.
-    static_cast<void>(::ftruncate(fd_, end - static_cast<off_t>(written)) == 0);
-  }
-
-  int fd_;
+  kes::sys::Descriptor fd_;
+  off_t end_ = -1;
+  bool isFile_ = false;
 };
 
 template <typename T>
@@ -97,12 +136,14 @@ RecordHeader stampedHeader(unsigned int length) {
           .wireLength = length};
 }
 
-/// Leaves an empty path, which cannot be opened, when the name does not fit.
+/// Leaves an empty path, which cannot be opened, when the name does not fit, or what it stands for.
 void buildPath(CaptureType& entry, const char* fileName) {
+  const std::size_t size = sizeof entry.path;
   const bool isNamed = fileName != nullptr && *fileName != '\0';
+  const bool isShort = !isNamed || ::strnlen(fileName, size) < size;
   const std::string path = kes::pcap::expandName(isNamed ? fileName : "/kes_dump_%s.pcap", entry.name,
-                                                 isNamed ? fileName : "", sizeof entry.path);
-  const bool fits = path.size() < sizeof entry.path;
+                                                 isNamed ? fileName : "", size);
+  const bool fits = isShort && path.size() < size;
   std::memcpy(entry.path, fits ? path.c_str() : "", fits ? path.size() + 1 : 1);
 }
 
@@ -130,6 +171,6 @@ bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type) 
   const FileHeader fileHeader{.linkType = entry.linkType};
   const RecordHeader recordHeader = stampedHeader(length);
   iovec pieces[] = {piece(fileHeader), piece(recordHeader), {const_cast<unsigned char*>(data), length}};
-  file.append(file.isEmpty() ? std::span(pieces) : std::span(pieces).subspan(1));
+  file.append(file.isEmptyFile() ? std::span(pieces) : std::span(pieces).subspan(1));
   return true;
 }

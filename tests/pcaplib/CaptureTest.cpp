@@ -5,13 +5,16 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <type_traits>
+#include <utility>
 
 #include "kespal/error/OsError.h"
 #include "kespal/time/Clock.h"
@@ -21,10 +24,13 @@
 #include "support/ScriptedClock.h"
 #include "support/TempDir.h"
 
-// Every file that the writer opens comes through here (linker option --wrap).
+// Every file that the writer opens, and every write, comes through here (linker option --wrap).
 namespace {
 int lastOpenFlags = 0;
 bool opensCancelled = false;  // the thread is cancelled once it has the file
+std::vector<std::size_t> writeSizes;
+int signalAfterWrite = 0;  // comes when the bytes are out and the call has not returned
+bool writesInTwo = false;  // the next write takes its first piece only
 }  // namespace
 extern "C" int __real_open(const char* path, int flags, mode_t mode);
 extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
@@ -32,6 +38,17 @@ extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   const int fd = __real_open(path, flags, mode);
   if (opensCancelled) ::pthread_cancel(::pthread_self());
   return fd;
+}
+
+extern "C" ssize_t __real_writev(int fd, const iovec* pieces, int count);
+extern "C" ssize_t __wrap_writev(int fd, const iovec* pieces, int count) {
+  const int taken = std::exchange(writesInTwo, false) ? 1 : count;
+  writeSizes.push_back(
+      std::accumulate(pieces, pieces + taken, std::size_t{0},
+                      [](std::size_t sum, const iovec& each) { return sum + each.iov_len; }));
+  const ssize_t written = __real_writev(fd, pieces, taken);
+  if (signalAfterWrite != 0) ::raise(signalAfterWrite);
+  return written;
 }
 
 namespace {
@@ -62,6 +79,7 @@ class CaptureTest : public testing::Test {
   void SetUp() override {
     kes::time::ClockBase::init();
     std::memcpy(cap_types, m_pristine, sizeof m_pristine);
+    writeSizes.clear();
   }
 
   static void SetUpTestSuite() { std::memcpy(m_pristine, cap_types, sizeof m_pristine); }
@@ -326,6 +344,18 @@ TEST_F(CaptureTest, ANameThatDoesNotFitIsAnOpenFailureAndNothingIsMade) {
   EXPECT_EQ(readFile(name).size(), 24U);
 }
 
+TEST_F(CaptureTest, ANameThatDoesNotFitIsAnOpenFailureHoweverShortItsExpansion) {
+  std::string name = dir_ / "short";
+  while (name.size() < 1024) name += "%1$.0s";
+  EXPECT_FALSE(DumpOpen(name.c_str(), 0));
+  EXPECT_FALSE(exists(dir_ / "short"));
+  EXPECT_EQ(cap_types[0].opened, 0);
+  name = dir_ / "short%%";
+  while (name.size() + 6 < 1024) name += "%1$.0s";
+  EXPECT_TRUE(DumpOpen(name.c_str(), 0)) << "and one that fits is none";
+  EXPECT_TRUE(exists(dir_ / "short%"));
+}
+
 TEST_F(CaptureTest, AnExpansionThatDoesNotFitIsAnOpenFailure) {
   EXPECT_FALSE(DumpOpen((dir_ / "%99999s").c_str(), 0));
   EXPECT_FALSE(DumpOpen(
@@ -377,16 +407,30 @@ TEST_F(CaptureTest, AFifoGetsOneHeaderAndThenTheRecords) {
   EXPECT_EQ(PcapFile::parse(bytes).packets(), (std::vector<std::string>{"one", "two"}));
 }
 
-TEST_F(CaptureTest, DevicesAreWrittenToWithoutComplaint) {
-  ASSERT_TRUE(DumpOpen("/dev/null", 0));
-  EXPECT_TRUE(dump("abc"));
-  ASSERT_TRUE(DumpOpen("/dev/full", 0)) << "failed writes are not reported";
-  EXPECT_TRUE(dump("abc"));
+TEST_F(CaptureTest, AFifoGetsTheRestOfARecordOfWhichItTookAPart) {
+  ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+  const int reader = ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  writesInTwo = true;
+  ASSERT_TRUE(dump("abc"));
+  EXPECT_EQ(writeSizes, (std::vector<std::size_t>{24, 16, 3}));
+  char bytes[100];
+  EXPECT_EQ(::read(reader, bytes, sizeof bytes), 24 + 16 + 3);
+  ::close(reader);
 }
 
-TEST_F(CaptureTest, AWriteCutShortByASizeLimitIsTakenBack) {
+TEST_F(CaptureTest, ADeviceGetsOneHeaderAndThenTheRecordsWithoutComplaint) {
+  for (const char* device : {"/dev/null", "/dev/full"}) {
+    writeSizes.clear();
+    ASSERT_TRUE(DumpOpen(device, 0));
+    EXPECT_TRUE(dump("abc")) << "failed writes are not reported";
+    EXPECT_TRUE(dump("abcd"));
+    EXPECT_EQ(writeSizes, (std::vector<std::size_t>{24, 16 + 3, 16 + 4})) << device;
+  }
+}
+
+TEST_F(CaptureTest, AWriteCutShortByASizeLimitIsTakenBackAtOnceAndTheWriterGoesOn) {
   const auto child = inChild([this] {
-    ::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{1000, 1000};
     if (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || !DumpOpen(file_.c_str(), 0)) return 1;
     for (int i = 0; i < 100; ++i) {
@@ -394,10 +438,75 @@ TEST_F(CaptureTest, AWriteCutShortByASizeLimitIsTakenBack) {
       const PcapFile file = PcapFile::parse(readFile(file_));
       if (!file.hasHeader || file.torn != 0) return 3;
     }
-    return 0;
+    return writeSizes.size() == 101 ? 0 : 4;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "ended by signal " << child.signal();
+  EXPECT_EQ(readFile(file_).size(), 24U + 14 * 66);
+}
+
+TEST_F(CaptureTest, AtTheSizeLimitItselfTheSignalFindsAWholeFile) {
+  const auto child = inChild([this] {
+    const rlimit limit{24 + 66, 24 + 66};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || !DumpOpen(file_.c_str(), 0)) return 1;
+    for (int i = 0; i < 2; ++i) dump(std::string(50, 'p'));
+    return 2;
+  });
+  EXPECT_EQ(child.signal(), SIGXFSZ);
+  EXPECT_EQ(readFile(file_).size(), 24U + 66);
+}
+
+// What a signal's handler found when it first ran.
+volatile off_t sizeAtSignal = -1;
+volatile int writesAtSignal = -1;
+
+void lookAtTheFile(int) {
+  if (writesAtSignal >= 0) return;
+  struct stat status {};
+  ::stat(cap_types[0].path, &status);
+  sizeAtSignal = status.st_size;
+  writesAtSignal = static_cast<int>(writeSizes.size());
+}
+
+TEST_F(CaptureTest, ASignalDuringAWriteWaitsUntilTheRecordIsTakenBack) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) {
+    const auto child = inChild([&] {
+      ::signal(number, lookAtTheFile);
+      const rlimit limit{60, 60};
+      if (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || !DumpOpen(file_.c_str(), 0)) return 1;
+      signalAfterWrite = number;
+      if (!dump(std::string(50, 'p'))) return 2;
+      return sizeAtSignal == 24 ? 0 : 3;
+    });
+    EXPECT_EQ(child.exitCode(), 0) << number;
+  }
+}
+
+TEST_F(CaptureTest, ASignalDuringAWriteToAFifoIsNotHeldBackForItsReaderMayBeSlow) {
+  const auto child = inChild([this] {
+    if (::mkfifo(file_.c_str(), 0600) != 0) return 1;
+    ::signal(SIGINT, lookAtTheFile);
+    const int reader = ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (reader < 0 || !DumpOpen(file_.c_str(), 0)) return 2;
+    signalAfterWrite = SIGINT;
+    writesInTwo = true;
+    dump("abc");
+    return writesAtSignal == 2 && writeSizes.size() == 3 ? 0 : 3;
   });
   EXPECT_EQ(child.exitCode(), 0);
-  EXPECT_EQ(readFile(file_).size(), 24U + 14 * 66);
+}
+
+TEST_F(CaptureTest, TheMaskIsAsBeforeAfterAPacket) {
+  sigset_t before, after;
+  sigemptyset(&before);
+  sigaddset(&before, SIGTERM);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_TRUE(dump("abc"));
+  sigemptyset(&before);
+  ::pthread_sigmask(SIG_SETMASK, &before, &after);
+  EXPECT_EQ(sigismember(&after, SIGTERM), 1);
+  EXPECT_EQ(sigismember(&after, SIGINT), 0);
+  EXPECT_EQ(sigismember(&after, SIGXFSZ), 0);
 }
 
 TEST_F(CaptureTest, AHeaderCutShortIsTakenBackAndWrittenWithTheNextPacket) {

@@ -22,13 +22,20 @@ extern CaptureType cap_types[3];
 /// Starts a capture: creates the file with mode 0666 less the umask, or empties it, and writes the file
 /// header. In `fileName`, "%s" and "%1$s" stand for the type's name and "%2$s" (and a second "%s") for
 /// `fileName` itself, with printf's flags, width and precision; "%%" is "%"; all else is taken as it
-/// stands. Null or empty means "/kes_dump_%s.pcap". False when the file cannot be opened, the name does
-/// not fit the table, or there is no such type.
+/// stands. Null or empty means "/kes_dump_%s.pcap". False when the file cannot be opened, there is no such
+/// type, or the name has more than 1,023 characters, as it was given or as it was expanded.
 bool DumpOpen(const char* fileName, PCAP_TYPE type);
 
 /// Appends one packet of `length` bytes, stamped with the wall clock, in one write; the file is opened and
-/// closed around it, so that it is complete at every moment. A file that is empty gets its header first; a
-/// type that was not opened is opened under the default name. False when the file cannot be opened or
-/// there is no such type; a failed write (a full disk) loses the packet without a word and leaves the file
-/// readable. Raises kes::OsError when the clock cannot be read.
+/// closed around it. Between two packets the file is complete. Who reads it during the write may find the
+/// last record in progress, and finds it whole at a second look.
+///
+/// A file that is empty gets its header first; a FIFO or a device has it from DumpOpen(). A type that was not
+/// opened is opened under the default name. False when the file cannot be opened or there is no such type. A
+/// write that does not fit (a full disk, a size limit) is taken back: it loses the packet without a word and
+/// leaves the file readable. Raises kes::OsError when the clock cannot be read.
+///
+/// SIGINT, SIGTERM, SIGHUP and SIGXFSZ that come during the write to a file wait for its end in the calling
+/// thread, so that none of them tears a record in a program of one thread. SIGKILL, and any other signal that
+/// kills, can. A write to a FIFO or a device, which may take long, is open to all signals.
 bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type);
