@@ -25,7 +25,7 @@ std::vector<std::string> wordsOf(const std::uint8_t* data, std::size_t size) {
 
 }  // namespace
 
-/// Any words as arguments: the walk stays inside them, and a name is kept whole or copied whole.
+/// Any words as arguments: the walk stays inside them, and a name is one of them.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> words = wordsOf(data, size);
   std::vector<char*> pointers;
@@ -33,12 +33,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   cmdTrace = cmdPacketDump = 0;
-  _dumpFilename[0] = '\0';
-  captureName = _dumpFilename;
+  _dumpFilename = "";
   const bool accepted = ProcessArguments(static_cast<int>(words.size()), pointers.data());
-  const std::string name = captureName;
+  const std::string name = _dumpFilename;
   if (!name.empty()) require(std::find(words.begin(), words.end(), name) != words.end());
   if (accepted && words.size() > 1 && cmdTrace == 0 && cmdPacketDump == 0) require(words.size() % 2 == 1);
-  captureName = _dumpFilename;  // the words are about to go
+  _dumpFilename = "";  // the words are about to go
   return 0;
 }

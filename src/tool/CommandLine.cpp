@@ -1,7 +1,6 @@
 #include "CommandLine.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 #include "Console.h"
@@ -20,13 +19,6 @@ unsigned short* levelOf(std::string_view option) {
 /// The low 16 bits of a decimal number; 0 for a word that is none.
 unsigned short toLevel(const char* value) {
   return static_cast<unsigned short>(std::strtol(value, nullptr, 10));
-}
-
-void takeCaptureName(const char* name) {
-  const std::size_t size = std::strlen(name) + 1;
-  const bool fits = size <= sizeof _dumpFilename;
-  if (fits) std::memcpy(_dumpFilename, name, size);
-  captureName = fits ? _dumpFilename : name;
 }
 
 }  // namespace
@@ -58,7 +50,7 @@ bool ProcessArguments(int argc, char** argv) {
       cmdTrace = 1;
     } else if (argument == "-dump") {
       cmdPacketDump = 1;
-      if (++index < argc) takeCaptureName(argv[index]);
+      if (++index < argc) _dumpFilename = argv[index];
     } else if (!DoTraceCmdLineProcessing(argc, argv, index)) {
       return false;
     }

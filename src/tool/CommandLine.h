@@ -7,5 +7,6 @@ void PrintUsage(const char* program);
 /// with `index` moved to the value; false for an option without a value and for any other word.
 bool DoTraceCmdLineProcessing(int argc, char** argv, int& index);
 
-/// Takes all arguments into the tool's state; false at the first one that is none.
+/// Takes all arguments into the tool's state, which goes on pointing to them; false at the first one that is
+/// none.
 bool ProcessArguments(int argc, char** argv);

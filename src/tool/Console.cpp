@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,22 @@ int pollKeyboard() {
   return ready;
 }
 
+/// Since the terminal was switched, this program was stopped and runs again.
+volatile std::sig_atomic_t hasContinued = 0;
+
+void noteContinuation(int) { hasContinued = 1; }
+
+bool switchToSingleKeys(termios attributes) {
+  attributes.c_lflag &= ~static_cast<tcflag_t>(ICANON);
+  return ::tcsetattr(STDIN_FILENO, TCSANOW, &attributes) == 0;
+}
+
+/// Who changes the terminal from the background is stopped for it.
+bool isInBackground() {
+  const pid_t foreground = ::tcgetpgrp(STDIN_FILENO);
+  return foreground != -1 && foreground != ::getpgrp();
+}
+
 }  // namespace
 
 void Print(const char* format, ...) {
@@ -44,10 +61,15 @@ void reset_terminal_mode() { ::tcsetattr(STDIN_FILENO, TCSANOW, &orig_termios); 
 
 TerminalMode::TerminalMode() {
   ::tcgetattr(STDIN_FILENO, &orig_termios);
-  termios keyByKey = orig_termios;
   std::atexit(reset_terminal_mode);
-  keyByKey.c_lflag &= ~static_cast<tcflag_t>(ICANON);
-  ::tcsetattr(STDIN_FILENO, TCSANOW, &keyByKey);
+  if (switchToSingleKeys(orig_termios)) std::signal(SIGCONT, noteContinuation);
 }
 
 TerminalMode::~TerminalMode() { reset_terminal_mode(); }
+
+void TerminalMode::resume() {
+  if (hasContinued == 0 || isInBackground()) return;
+  hasContinued = 0;
+  termios now{};
+  if (::tcgetattr(STDIN_FILENO, &now) == 0) switchToSingleKeys(now);
+}

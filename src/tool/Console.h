@@ -15,10 +15,14 @@ void signalHandler(int);
 /// Gives standard input the attributes it had at the start. Nothing happens when it is no terminal.
 void reset_terminal_mode();
 
-/// While it lives, a key is seen without Return; echo and signal keys stay as they were. What it changed is
-/// undone when it dies, and at process exit.
+/// While it lives, a key is seen without Return; echo and signal keys stay as they were. The terminal is put
+/// back when it dies, and at process exit.
 class TerminalMode : public kes::NoCopy {
  public:
   TerminalMode();
   ~TerminalMode();
+
+  /// Switches the terminal again after the program was stopped and continued, since a shell takes the
+  /// terminal back meanwhile. In the background that has to wait. Nothing happens when nothing was switched.
+  static void resume();
 };

@@ -21,6 +21,7 @@ constexpr std::size_t traceCapacity = 2047;
 constexpr std::size_t shortestPacket = 3;  // a shorter one is announced and not stored
 
 bool isStopping() {
+  TerminalMode::resume();
   const bool hasQuitKey = keyb_proc();
   return hasQuitKey || _exitflg != 0;
 }

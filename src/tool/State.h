@@ -13,12 +13,9 @@ struct DebugLevels {
 
 // NOLINTBEGIN(bugprone-reserved-identifier): established names
 extern DebugLevels dbgLvl;
-extern unsigned char cmdTrace;       ///< 1 with "-trace"
-extern unsigned char cmdPacketDump;  ///< 1 with "-dump"
-extern char _dumpFilename[1024];     ///< the name behind "-dump"
-/// The name to write to: _dumpFilename, or the argument itself when it does not fit there. Such a name
-/// cannot be opened either, and whoever typed it shall see all of it in the message.
-extern const char* captureName;
+extern unsigned char cmdTrace;           ///< 1 with "-trace"
+extern unsigned char cmdPacketDump;      ///< 1 with "-dump"
+extern const char* _dumpFilename;        ///< the argument behind "-dump"
 extern volatile unsigned char _exitflg;  ///< 1 once a signal has asked the loops to stop
 // NOLINTEND(bugprone-reserved-identifier)
 extern termios orig_termios;  ///< standard input's attributes before the tool changed them

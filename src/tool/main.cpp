@@ -9,54 +9,39 @@
 
 namespace {
 
-int showTraces(CONNECTION_INFO& info) {
-  if (!OpenConnection(info, traceConnection)) return 1;
-  SetDebugLevels(info.connect);
-  ShowTraceLoop(info.connect);
+int runMode(const CONNECTION_INFO& connection) {
+  if (cmdTrace != 0) {
+    SetDebugLevels(connection.connect);
+    ShowTraceLoop(connection.connect);
+  } else {
+    SaveDump(connection.connect, _dumpFilename);
+  }
   return 0;
 }
 
-int saveDump(CONNECTION_INFO& info) {
-  if (!OpenConnection(info, dumpConnection)) return 1;
-  SaveDump(info.connect, captureName);
-  return 0;
-}
-
-/// Without a mode there is nothing to do, and the driver is left alone.
-int runMode(CONNECTION_INFO& trace, CONNECTION_INFO& dump) {
-  if (cmdTrace != 0) return showTraces(trace);
-  if (cmdPacketDump != 0) return saveDump(dump);
-  return 0;
-}
-
-int run(int argc, char** argv, CONNECTION_INFO& trace, CONNECTION_INFO& dump) {
+int run(int argc, char** argv, CONNECTION_INFO& connection) {
   const TerminalMode keyByKey;
   if (argc < 2 || !ProcessArguments(argc, argv)) {
     PrintUsage(argc > 0 ? argv[0] : "");
     return 1;
   }
-  return runMode(trace, dump);
-}
-
-int runTool(int argc, char** argv) {
-  const kes::KesPal runtime(/*quitHandling=*/false, /*forkPending=*/false, kes::Locale::System,
-                            /*app=*/nullptr);
-  CONNECTION_INFO trace{}, dump{};
-  std::setvbuf(stdin, nullptr, _IONBF, 0);
-  const int exitCode = run(argc, argv, trace, dump);
-  // Process exit closes the dump connection.
-  CloseConnection(trace);
-  return exitCode;
+  if (cmdTrace == 0 && cmdPacketDump == 0) return 0;  // there is nothing to ask the driver for
+  const bool isOpen = OpenConnection(connection, cmdTrace != 0 ? traceConnection : dumpConnection);
+  return isOpen ? runMode(connection) : 1;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return runTool(argc, argv);
-  } catch (...) {
-    // Only an exception that somebody catches is sure to unwind the stack, and with it to restore the
-    // terminal.
-    throw;
-  }
+int main(int argc, char** argv) try {
+  const kes::KesPal runtime(/*quitHandling=*/false, /*forkPending=*/false, kes::Locale::System,
+                            /*app=*/nullptr);
+  std::setvbuf(stdin, nullptr, _IONBF, 0);
+  CONNECTION_INFO connection{};
+  const int exitCode = run(argc, argv, connection);
+  // Process exit closes a dump connection.
+  if (cmdTrace != 0) CloseConnection(connection);
+  return exitCode;
+} catch (...) {
+  // Only an exception that somebody catches is sure to unwind the stack, and with it to restore the terminal.
+  throw;
 }

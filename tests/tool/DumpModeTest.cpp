@@ -206,6 +206,27 @@ TEST_F(DumpModeTest, ANameThatDoesNotFitIsSaidInFull) {
   EXPECT_EQ(tool.out(), opened + "failed to open file " + name + '\n');
 }
 
+TEST_F(DumpModeTest, ANameThatDoesNotFitIsRefusedHoweverShortItsExpansion) {
+  play("");
+  std::string name = dir_ / "short";
+  while (name.size() < 1024) name += "%1$.0s";
+  Process tool = start({"-dump", name});
+  EXPECT_EQ(tool.wait(), 0);
+  EXPECT_EQ(tool.out(), opened + "failed to open file " + name + '\n');
+  EXPECT_NE(::access((dir_ / "short").c_str(), F_OK), 0);
+}
+
+TEST_F(DumpModeTest, AtAFileSizeLimitItRunsOnAndTheFileParses) {
+  play("packet count 4096 x10\npacket count 60\n");
+  Process tool({"sh", "-c", "ulimit -f 16; exec \"$0\" -dump \"$1\"", KESTRACE, file_},
+               {.in = keyboard_.reader});
+  ASSERT_TRUE(tool.waitForErr("len =60\n")) << tool.err();
+  press("Q");
+  EXPECT_EQ(tool.wait(), 0);
+  EXPECT_EQ(capture().packets(), (std::vector{counting(4096), counting(60)}));
+  EXPECT_EQ(capture().torn, 0U);
+}
+
 TEST_F(DumpModeTest, ACaptureThatFailsLaterLosesPacketsSilentlyAndGoesOn) {
   const std::string folder = dir_ / "folder";
   ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);

@@ -2,6 +2,7 @@
 #include <termios.h>
 
 #include <cstdlib>
+#include <optional>
 
 #include "Console.h"
 #include "State.h"
@@ -142,6 +143,76 @@ TEST_F(TerminalModeTest, IsRestoredWhenAnErrorEndsTheTool) {
                        {std::string("LD_PRELOAD=") + FAILING_CLOCK, "ASAN_OPTIONS=verify_asan_link_order=0"});
   EXPECT_EQ(tool.wait(), -SIGABRT) << tool.err();
   EXPECT_TRUE(isRestored());
+}
+
+/// The tool as a job of a shell that reads its own commands in lines.
+class JobControlTest : public TerminalModeTest {
+ protected:
+  static bool isInLines(const termios& attributes) { return !isKeyByKey(attributes); }
+
+  /// Starts the tool as a person does. The shell has its terminal's echo, so that the screen tells nothing
+  /// apart here: the terminal's attributes and the driver's log do.
+  void startAsJob(const std::string& arguments) {
+    play("");
+    shell_.emplace(
+        std::vector<std::string>{"bash", "--norc", "--noprofile", "--noediting", "-i"},
+        Process::Setup{
+            .in = pty_.terminal(), .out = pty_.terminal(), .err = pty_.terminal(), .isSessionLeader = true});
+    pty_.type(kestrace({})[0] + ' ' + arguments + '\n');
+    ASSERT_TRUE(waitForRequests("open", 1));
+    ASSERT_TRUE(pty_.becomes(isKeyByKey));
+  }
+
+  void stop() {
+    pty_.type("\x1a");
+    ASSERT_TRUE(pty_.becomes(isInLines)) << "the shell has not taken its terminal back";
+  }
+
+  void endWithQ() {
+    pty_.type("Q");
+    ASSERT_TRUE(pty_.becomes(isInLines));
+    pty_.type("echo left $((40 + 2))/$?\n");
+    EXPECT_NE(pty_.screen("left 42/0").find("left 42/0"), std::string::npos);
+  }
+
+ private:
+  std::optional<Process> shell_;
+};
+
+TEST_F(JobControlTest, BroughtBackToTheForegroundKeysAreSeenOneByOneAgain) {
+  for (const std::string& mode : {std::string("-trace"), "-dump " + (dir_ / "capture")}) {
+    startAsJob(mode);
+    for (int times = 0; times < 3; ++times) {
+      stop();
+      pty_.type("fg\n");
+      ASSERT_TRUE(pty_.becomes(isKeyByKey)) << mode;
+    }
+    endWithQ();
+  }
+}
+
+TEST_F(JobControlTest, InTheBackgroundItRunsOnAndLeavesTheTerminalAloneUntilItIsBack) {
+  startAsJob("-dump " + (dir_ / "capture"));
+  stop();
+  const std::size_t before = count("packet");
+  pty_.type("bg\n");
+  ASSERT_TRUE(waitForRequests("packet", before + 20));
+  EXPECT_TRUE(isInLines(pty_.attributes()));
+  pty_.type("fg\n");
+  ASSERT_TRUE(pty_.becomes(isKeyByKey));
+  endWithQ();
+}
+
+TEST_F(JobControlTest, WhatWasChangedMeanwhileStaysButForTheKeys) {
+  startAsJob("-trace");
+  stop();
+  pty_.type("stty -ixon erase '#'\n");
+  ASSERT_TRUE(pty_.becomes([](const termios& now) { return (now.c_iflag & IXON) == 0; }));
+  pty_.type("fg\n");
+  ASSERT_TRUE(pty_.becomes(isKeyByKey));
+  EXPECT_EQ(pty_.attributes().c_cc[VERASE], '#');
+  EXPECT_EQ(pty_.attributes().c_iflag & IXON, 0U);
+  endWithQ();
 }
 
 TEST_F(TerminalModeTest, AHungUpTerminalIsNoKeyboard) {
