@@ -26,8 +26,8 @@ namespace {
 
 using namespace kes::iokit;
 
-constexpr std::size_t kSequenceOffset = 8;
-constexpr char kServiceClass[] = "kes_vpn_driver_keslbmac";
+constexpr std::size_t sequenceOffset = 8;
+constexpr char driverClass[] = "kes_vpn_driver_keslbmac";
 
 void stayOnOneCpu() {
   cpu_set_t one;
@@ -60,7 +60,7 @@ class Peer {
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
-  std::string socket() const { return socketPath(directory_, kServiceClass); }
+  std::string socket() const { return socketPath(directory_, driverClass); }
 
   /// The CPU time of both ends up to now, in seconds.
   double cpuTime() const {
@@ -84,8 +84,8 @@ const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<co
 
 /// Gives every request of one client at a time the same reply, with the request's sequence in it.
 void echo(const std::string& directory, std::size_t size) {
-  const auto address = *addressOf(socketPath(directory, kServiceClass));
-  const Descriptor listener = makeSocket();
+  const auto address = *addressOf(socketPath(directory, driverClass));
+  const kes::sys::Descriptor listener = makeSocket();
   if (::bind(listener.get(), generic(address), sizeof address) != 0 || ::listen(listener.get(), 1) != 0)
     return;
   RequestHeader request;
@@ -94,12 +94,12 @@ void echo(const std::string& directory, std::size_t size) {
   makeReply(call, replyTo(request), {}, std::vector<std::uint8_t>(size));
   request.kind = static_cast<std::uint16_t>(Kind::Open);
   makeReply(open, replyTo(request), {}, {});
-  std::array<std::uint8_t, kMaxRequest> buffer;
+  std::array<std::uint8_t, maxRequest> buffer;
   for (;;) {
-    const Descriptor client(::accept(listener.get(), nullptr, nullptr));
+    const kes::sys::Descriptor client(::accept(listener.get(), nullptr, nullptr));
     while (::recv(client.get(), buffer.data(), buffer.size(), 0) > 0) {
       auto& reply = buffer[6] == 1 ? open : call;
-      std::memcpy(reply.data() + kSequenceOffset, buffer.data() + kSequenceOffset, 4);
+      std::memcpy(reply.data() + sequenceOffset, buffer.data() + sequenceOffset, 4);
       ::send(client.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
     }
   }
@@ -121,34 +121,34 @@ void serveWithKesdriver(const std::string& directory, std::size_t size) {
   ::execl(KESDRIVER, KESDRIVER, "--dir", directory.c_str(), "--replay", capture.c_str(), "--loop", nullptr);
 }
 
-constexpr int kCallsPerTurn = 2000;
-constexpr int kTurns = 10;
+constexpr int callsPerTurn = 2000;
+constexpr int turns = 10;
 
 /// Measures `call`; a result of false ends it.
 template <typename Call>
 void measure(benchmark::State& state, const Peer& peer, Call call) {
   for (auto _ : state) {
     const double start = peer.cpuTime();
-    for (int i = 0; i < kCallsPerTurn; ++i) {
+    for (int i = 0; i < callsPerTurn; ++i) {
       if (!call()) return state.SkipWithError("no reply");
     }
-    state.SetIterationTime((peer.cpuTime() - start) / kCallsPerTurn);
+    state.SetIterationTime((peer.cpuTime() - start) / callsPerTurn);
   }
 }
 
 void sizes(benchmark::internal::Benchmark* benchmark) {
-  benchmark->Arg(0)->Arg(64)->Arg(1500)->Iterations(kTurns)->UseManualTime();
+  benchmark->Arg(0)->Arg(64)->Arg(1500)->Iterations(turns)->UseManualTime();
 }
 
 /// The floor: the same bytes to and fro, by hand.
 void rawRoundTrip(benchmark::State& state) {
   const auto size = static_cast<std::size_t>(state.range(0));
   const Peer peer([&](const std::string& directory) { echo(directory, size); });
-  const Descriptor socket = makeSocket();
+  const kes::sys::Descriptor socket = makeSocket();
   const auto address = *addressOf(peer.socket());
   while (::connect(socket.get(), generic(address), sizeof address) != 0) ::usleep(1000);
-  std::array<std::uint8_t, kRequestHeaderSize> request{};
-  std::array<std::uint8_t, kMaxReply> reply;
+  std::array<std::uint8_t, requestHeaderSize> request{};
+  std::array<std::uint8_t, maxReply> reply;
   measure(state, peer, [&] {
     ::send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
     return ::recv(socket.get(), reply.data(), reply.size(), 0) > 0;
@@ -158,8 +158,7 @@ BENCHMARK(rawRoundTrip)->Apply(sizes);
 
 void measureCalls(benchmark::State& state, const Peer& peer, std::size_t size) {
   io_service_t service = 0;
-  while ((service = IOServiceGetMatchingService(kIOMasterPortDefault, IOServiceMatching(kServiceClass))) ==
-         0) {
+  while ((service = IOServiceGetMatchingService(kIOMasterPortDefault, IOServiceMatching(driverClass))) == 0) {
     ::usleep(1000);
   }
   io_connect_t connect = 0;

@@ -38,8 +38,8 @@ void callOnce(Connection& connection, std::size_t capacity) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::array<int, 2> ends{};
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) return 0;
-  const Descriptor driver(ends[1]);
-  Connection connection{Descriptor(ends[0])};
+  const kes::sys::Descriptor driver(ends[1]);
+  Connection connection{kes::sys::Descriptor(ends[0])};
   Bytes input(data, size);
   for (int i = 0; i < 8; ++i) {
     const Bytes datagram = nextDatagram(input);

@@ -52,7 +52,7 @@ Answer Driver::dispatch(Session& session, const iokit::Request& request) {
     default:
       break;
   }
-  const bool known = request.header.selector == kSelectorControl;
+  const bool known = request.header.selector == controlSelector;
   return {known ? kIOReturnBadArgument : kIOReturnUnsupported};
 }
 
@@ -108,10 +108,10 @@ Answer Driver::getTrace(const Session& session, const iokit::Request& request) {
   if (session.role != Role::Trace) return {kIOReturnNotPermitted};
   if (!isTraceRequest(request.structure)) return {kIOReturnBadArgument};
   const std::size_t capacity = request.header.structureCapacity;
-  if (capacity < kTraceHeaderSize) return {kIOReturnNoSpace};
+  if (capacity < traceHeaderSize) return {kIOReturnNoSpace};
   say(Area::Oid, 3, "get trace: " + std::to_string(trace_.size()) + " bytes pending");
-  if (trace_.size() < kMaxTraceText) traceWanted();
-  const std::string text = trace_.take(std::min(capacity - kTraceHeaderSize, kMaxTraceText));
+  if (trace_.size() < maxTraceText) traceWanted();
+  const std::string text = trace_.take(std::min(capacity - traceHeaderSize, maxTraceText));
   totals_.traceBytes += text.size();
   return {kIOReturnSuccess, makeTraceReply(text)};
 }
@@ -122,7 +122,7 @@ Answer Driver::getPacket(const Session& session, const iokit::Request& request) 
   auto packet = queue_.pop();
   if (!packet) return {};
   if (wants(Area::Oid, 2)) say(Area::Oid, 2, "get packet: " + std::to_string(packet->size()) + " bytes");
-  return deliver(std::move(*packet), std::min<std::size_t>(request.header.structureCapacity, kMaxPacket));
+  return deliver(std::move(*packet), std::min<std::size_t>(request.header.structureCapacity, maxPacket));
 }
 
 Answer Driver::deliver(Frame packet, std::size_t capacity) {
@@ -152,16 +152,16 @@ void Driver::packetSeen(iokit::Bytes packet) {
     return;
   }
   // One byte above the limit is enough to know that a packet is above it.
-  const iokit::Bytes kept = packet.first(std::min(packet.size(), kMaxPacket + 1));
+  const iokit::Bytes kept = packet.first(std::min(packet.size(), maxPacket + 1));
   if (!queue_.push({kept.begin(), kept.end()})) say(Area::Ppp, 1, "packet dropped: queue full");
 }
 
 void Driver::describe(iokit::Bytes packet) {
   if (!wants(Area::Ppp, 2)) return;
-  constexpr std::size_t kTypeOffset = 12;
+  constexpr std::size_t typeOffset = 12;
   char type[16] = "";
-  if (wants(Area::Ppp, 3) && packet.size() >= kTypeOffset + 2) {
-    std::snprintf(type, sizeof type, ", type 0x%02x%02x", packet[kTypeOffset], packet[kTypeOffset + 1]);
+  if (wants(Area::Ppp, 3) && packet.size() >= typeOffset + 2) {
+    std::snprintf(type, sizeof type, ", type 0x%02x%02x", packet[typeOffset], packet[typeOffset + 1]);
   }
   say(Area::Ppp, 2, "packet of " + std::to_string(packet.size()) + " bytes" + type);
 }

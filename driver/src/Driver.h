@@ -35,8 +35,8 @@ class Driver {
   struct Settings {
     Oversize oversize = Oversize::Cut;
     bool ownEvents = true;  ///< trace text is what happens here; otherwise only what is appended
-    std::size_t traceCapacity = TraceBuffer::kCapacity;
-    std::size_t queueCapacity = PacketQueue::kCapacity;
+    std::size_t traceCapacity = TraceBuffer::usualCapacity;
+    std::size_t queueCapacity = PacketQueue::usualCapacity;
   };
 
   explicit Driver(const Settings& settings);

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "wire/Unix.h"
+#include "sys/Owner.h"
 
 namespace kes::driver {
 
@@ -35,7 +35,7 @@ class EventLoop {
   void dispatch(int fd);
   void runDueActions();
 
-  iokit::Descriptor epoll_;
+  sys::Descriptor epoll_;
   // By descriptor. Shared, so that a handler which removes itself lives until it returns.
   std::vector<std::shared_ptr<Handler>> handlers_;
   std::multimap<Clock::time_point, Handler> actions_;

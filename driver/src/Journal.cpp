@@ -7,12 +7,12 @@
 namespace kes::driver {
 
 std::string hexOf(iokit::Bytes bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
+  constexpr char digits[] = "0123456789abcdef";
   std::string text;
   text.reserve(2 * bytes.size());
   for (const std::uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
   }
   return text;
 }

@@ -8,10 +8,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "sys/Retry.h"
+#include "wire/Unix.h"
+
 namespace kes::driver {
 namespace {
 
-using iokit::Descriptor;
+using sys::Descriptor;
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -47,7 +50,7 @@ bool somebodyListensAt(const std::string& path) {
   const sockaddr_un address = mustFit(path);
   const Descriptor probe = iokit::makeSocket();
   if (!probe) fail("cannot make a socket");
-  const int result = iokit::retry([&] { return ::connect(probe.get(), generic(address), sizeof address); });
+  const int result = sys::retry([&] { return ::connect(probe.get(), generic(address), sizeof address); });
   return result == 0 || errno != ECONNREFUSED;
 }
 
@@ -55,7 +58,7 @@ bool somebodyListensAt(const std::string& path) {
 class DirectoryLock {
  public:
   explicit DirectoryLock(const Descriptor& directory) : fd_(directory.get()) {
-    iokit::retry([this] { return ::flock(fd_, LOCK_EX); });
+    sys::retry([this] { return ::flock(fd_, LOCK_EX); });
   }
   ~DirectoryLock() { ::flock(fd_, LOCK_UN); }
   DirectoryLock(const DirectoryLock&) = delete;
@@ -114,7 +117,7 @@ void Listener::publish(const std::string& temporary) {
 
 Descriptor Listener::accept() const {
   return Descriptor(
-      iokit::retry([this] { return ::accept4(fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
+      sys::retry([this] { return ::accept4(fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
 }
 
 }  // namespace kes::driver

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "wire/Unix.h"
+#include "sys/Owner.h"
 
 namespace kes::driver {
 
@@ -21,15 +21,15 @@ class Listener {
   int fd() const { return socket_.get(); }
   const std::string& path() const { return path_; }
   /// The next waiting connection, non-blocking and close-on-exec; none (errno says why) when there is none.
-  iokit::Descriptor accept() const;
+  sys::Descriptor accept() const;
 
  private:
   void listenAt(const std::string& path, mode_t mode);
   void publish(const std::string& temporary);
 
   std::string path_;
-  iokit::Descriptor directory_;
-  iokit::Descriptor socket_;
+  sys::Descriptor directory_;
+  sys::Descriptor socket_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };

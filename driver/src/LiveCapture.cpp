@@ -11,9 +11,9 @@ namespace {
 
 // One byte above what is served tells that a packet is longer; every byte more makes the kernel's buffer hold
 // fewer packets, for in immediate mode each takes a slot of this size.
-constexpr int kSnapLength = kMaxPacket + 1;
-constexpr int kKernelBuffer = 1 << 24;
-constexpr int kPacketsPerTurn = 64;
+constexpr int snapLength = maxPacket + 1;
+constexpr int kernelBuffer = 1 << 24;
+constexpr int packetsPerTurn = 64;
 
 [[noreturn]] void fail(const std::string& interface, const std::string& why) {
   throw std::runtime_error("cannot capture on " + interface + ": " + why);
@@ -23,8 +23,8 @@ PcapHandle openInterface(const std::string& name) {
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   PcapHandle capture(::pcap_create(name.c_str(), error.data()));
   if (!capture) fail(name, error.data());
-  ::pcap_set_snaplen(capture.get(), kSnapLength);
-  ::pcap_set_buffer_size(capture.get(), kKernelBuffer);
+  ::pcap_set_snaplen(capture.get(), snapLength);
+  ::pcap_set_buffer_size(capture.get(), kernelBuffer);
   ::pcap_set_immediate_mode(capture.get(), 1);
   if (const int result = ::pcap_activate(capture.get()); result < 0) {
     const std::string detail = ::pcap_geterr(capture.get());
@@ -50,7 +50,7 @@ LiveCapture::LiveCapture(const std::string& interface, EventLoop& loop, Driver& 
 
 void LiveCapture::read() {
   auto* driver = reinterpret_cast<u_char*>(&driver_);
-  if (::pcap_dispatch(capture_.get(), kPacketsPerTurn, passOn, driver) >= 0) return;
+  if (::pcap_dispatch(capture_.get(), packetsPerTurn, passOn, driver) >= 0) return;
   std::cerr << "kesdriver: " << interface_ << ": " << ::pcap_geterr(capture_.get()) << '\n';
   loop_.forget(::pcap_get_selectable_fd(capture_.get()));
 }

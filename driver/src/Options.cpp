@@ -9,7 +9,7 @@
 
 namespace kes::driver {
 
-const char kUsage[] =
+const char usage[] =
     "usage: kesdriver [--dir DIR] [--replay FILE.pcap[ng]]... [--live IFACE] [--rate PPS] [--loop]\n"
     "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n";
 
@@ -32,7 +32,7 @@ Oversize parseOversize(const std::string& value) {
   throw UsageError("--oversize takes cut or refuse, not " + value);
 }
 
-const std::map<std::string, Setter> kWithValue{
+const std::map<std::string, Setter> withValue{
     {"--dir", [](Options& o, const std::string& value) { o.directory = value; }},
     {"--replay", [](Options& o, const std::string& value) { o.replays.push_back(value); }},
     {"--live", [](Options& o, const std::string& value) { o.live = value; }},
@@ -42,7 +42,7 @@ const std::map<std::string, Setter> kWithValue{
     {"--script", [](Options& o, const std::string& value) { o.script = value; }},
 };
 
-const std::map<std::string, bool Options::*> kFlags{
+const std::map<std::string, bool Options::*> flags{
     {"--loop", &Options::loop},
     {"--once", &Options::once},
     {"--verbose", &Options::verbose},
@@ -62,14 +62,14 @@ Options parseOptions(const std::vector<std::string>& words) {
   Options options;
   options.directory = iokit::registryDirectory();
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (const auto flag = kFlags.find(words[i]); flag != kFlags.end()) {
+    if (const auto flag = flags.find(words[i]); flag != flags.end()) {
       options.*(flag->second) = true;
       continue;
     }
     const std::size_t equals = words[i].find('=');
     const std::string name = words[i].substr(0, equals);
-    const auto option = kWithValue.find(name);
-    if (option == kWithValue.end()) throw UsageError("unknown option " + words[i]);
+    const auto option = withValue.find(name);
+    if (option == withValue.end()) throw UsageError("unknown option " + words[i]);
     if (equals == std::string::npos && i + 1 == words.size()) throw UsageError(name + " needs a value");
     option->second(options, equals == std::string::npos ? words[++i] : words[i].substr(equals + 1));
   }

@@ -31,6 +31,6 @@ struct UsageError : std::runtime_error {
 /// The options in the words after the program's name. Throws UsageError.
 Options parseOptions(const std::vector<std::string>& words);
 
-extern const char kUsage[];
+extern const char usage[];
 
 }  // namespace kes::driver

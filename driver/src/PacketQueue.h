@@ -13,9 +13,9 @@ using Frame = std::vector<std::uint8_t>;
 /// it is full is dropped and counted.
 class PacketQueue {
  public:
-  static constexpr std::size_t kCapacity = 1024;
+  static constexpr std::size_t usualCapacity = 1024;
 
-  explicit PacketQueue(std::size_t capacity = kCapacity) : capacity_(capacity) {}
+  explicit PacketQueue(std::size_t capacity = usualCapacity) : capacity_(capacity) {}
 
   /// Whether there was room.
   bool push(Frame packet);

@@ -7,8 +7,8 @@
 namespace kes::driver {
 namespace {
 
-constexpr std::array<std::uint8_t, 8> kLevelsStart{0x0e, 0x00, 0x02, 0x00, 0x0a, 0x00, 0x00, 0x01};
-constexpr std::array<std::uint8_t, 4> kTraceStart{0x10, 0x00, 0x00, 0x01};
+constexpr std::array<std::uint8_t, 8> levelsStart{0x0e, 0x00, 0x02, 0x00, 0x0a, 0x00, 0x00, 0x01};
+constexpr std::array<std::uint8_t, 4> traceStart{0x10, 0x00, 0x00, 0x01};
 
 bool startsWith(iokit::Bytes record, iokit::Bytes start) {
   return record.size() >= start.size() && std::equal(start.begin(), start.end(), record.begin());
@@ -19,8 +19,8 @@ std::uint16_t load16(iokit::Bytes record, std::size_t offset) {
 }
 
 CallName controlCallOf(iokit::Bytes record) {
-  if (startsWith(record, kLevelsStart)) return CallName::Levels;
-  if (startsWith(record, kTraceStart)) return CallName::Trace;
+  if (startsWith(record, levelsStart)) return CallName::Levels;
+  if (startsWith(record, traceStart)) return CallName::Trace;
   return CallName::Other;
 }
 
@@ -49,11 +49,11 @@ const char* nameOf(CallName call) {
 CallName callOf(const iokit::Request& request) {
   if (request.header.kind == static_cast<std::uint16_t>(iokit::Kind::Open)) return CallName::Service;
   switch (request.header.selector) {
-    case kSelectorOpen:
+    case openSelector:
       return CallName::Open;
-    case kSelectorPacket:
+    case packetSelector:
       return CallName::Packet;
-    case kSelectorControl:
+    case controlSelector:
       return controlCallOf(request.structure);
     default:
       return CallName::Other;
@@ -61,16 +61,16 @@ CallName callOf(const iokit::Request& request) {
 }
 
 std::optional<Levels> parseLevels(iokit::Bytes record) {
-  if (record.size() != kLevelsRecordSize || !startsWith(record, kLevelsStart)) return std::nullopt;
+  if (record.size() != levelsRecordSize || !startsWith(record, levelsStart)) return std::nullopt;
   return Levels{load16(record, 8), load16(record, 10), load16(record, 12)};
 }
 
 bool isTraceRequest(iokit::Bytes record) {
-  return record.size() == kTraceRequestSize && startsWith(record, kTraceStart);
+  return record.size() == traceRequestSize && startsWith(record, traceStart);
 }
 
 std::vector<std::uint8_t> makeTraceReply(std::string_view text) {
-  const std::size_t count = kTraceHeaderSize + text.size();
+  const std::size_t count = traceHeaderSize + text.size();
   std::vector<std::uint8_t> reply;
   reply.reserve(count);
   reply.push_back(static_cast<std::uint8_t>(count));

@@ -12,19 +12,17 @@ namespace kes::driver {
 /// The driver's own records, inside the datagrams: what the tool sends as structure input, byte for byte.
 /// docs/user-client.md draws them.
 
-constexpr char kServiceClass[] = "kes_vpn_driver_keslbmac";
+constexpr char driverClass[] = "kes_vpn_driver_keslbmac";
 
-enum Selector : std::uint32_t {
-  kSelectorOpen = 0,     ///< one scalar: the connection type
-  kSelectorPacket = 2,   ///< structure out: one packet
-  kSelectorControl = 3,  ///< structure in: a set-debug-levels or a get-trace record
-};
+constexpr std::uint32_t openSelector = 0;     ///< one scalar: the connection type
+constexpr std::uint32_t packetSelector = 2;   ///< structure out: one packet
+constexpr std::uint32_t controlSelector = 3;  ///< structure in: a set-debug-levels or a get-trace record
 
-constexpr std::size_t kLevelsRecordSize = 32;
-constexpr std::size_t kTraceRequestSize = 16;
-constexpr std::size_t kTraceHeaderSize = 2;
-constexpr std::size_t kMaxTraceText = 2045;
-constexpr std::size_t kMaxPacket = iokit::kMaxStructure;
+constexpr std::size_t levelsRecordSize = 32;
+constexpr std::size_t traceRequestSize = 16;
+constexpr std::size_t traceHeaderSize = 2;
+constexpr std::size_t maxTraceText = 2045;
+constexpr std::size_t maxPacket = iokit::maxStructure;
 
 /// The calls by their names in scripts and journals.
 enum class CallName { Connect, Service, Open, Levels, Trace, Packet, Other };

@@ -12,7 +12,7 @@
 namespace kes::driver {
 namespace {
 
-constexpr std::size_t kReadAhead = 1 << 16;
+constexpr std::size_t readAhead = 1 << 16;
 
 [[noreturn]] void fail(const std::string& file, const char* why) {
   throw std::runtime_error("cannot replay " + file + ": " + why);
@@ -21,7 +21,7 @@ constexpr std::size_t kReadAhead = 1 << 16;
 PcapHandle openCapture(const std::string& file) {
   std::FILE* stream = std::fopen(file.c_str(), "rbe");
   if (stream == nullptr) fail(file, std::strerror(errno));
-  std::setvbuf(stream, nullptr, _IOFBF, kReadAhead);
+  std::setvbuf(stream, nullptr, _IOFBF, readAhead);
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   PcapHandle capture(::pcap_fopen_offline(stream, error.data()));
   if (!capture) {

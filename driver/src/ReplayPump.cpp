@@ -10,7 +10,7 @@ using Seconds = std::chrono::duration<double>;
 
 namespace {
 
-constexpr std::chrono::milliseconds kLongestTick(10);
+constexpr std::chrono::milliseconds longestTick(10);
 
 }  // namespace
 
@@ -44,7 +44,7 @@ void ReplayPump::tick(unsigned run) {
   const Clock::time_point begin = Clock::now();
   Clock::time_point now = begin;
   const double due = Seconds(begin - start_).count() * rate_;
-  for (; static_cast<double>(passed_) <= due && now < begin + kLongestTick; now = Clock::now()) {
+  for (; static_cast<double>(passed_) <= due && now < begin + longestTick; now = Clock::now()) {
     if (!passOne()) return;
   }
   const Seconds next(static_cast<double>(passed_) / rate_);

@@ -13,7 +13,7 @@ struct Row {
   kern_return_t code;
 };
 
-constexpr Row kRows[] = {
+constexpr Row rows[] = {
     {"kIOReturnSuccess", kIOReturnSuccess},
     {"kIOReturnError", kIOReturnError},
     {"kIOReturnNoMemory", kIOReturnNoMemory},
@@ -74,8 +74,8 @@ constexpr Row kRows[] = {
 
 std::optional<std::uint32_t> resultNamed(std::string_view name) {
   const auto row =
-      std::find_if(std::begin(kRows), std::end(kRows), [name](const Row& r) { return r.name == name; });
-  if (row == std::end(kRows)) return std::nullopt;
+      std::find_if(std::begin(rows), std::end(rows), [name](const Row& r) { return r.name == name; });
+  if (row == std::end(rows)) return std::nullopt;
   return static_cast<std::uint32_t>(row->code);
 }
 

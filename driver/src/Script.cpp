@@ -29,7 +29,7 @@ const Play* Script::next(CallName call) {
   Position& position = positions_[call];
   if (position.play == lines->second.size()) return nullptr;
   const Play& play = lines->second[position.play];
-  if (play.times != kForever && ++position.played == play.times) position = {position.play + 1, 0};
+  if (play.times != forever && ++position.played == play.times) position = {position.play + 1, 0};
   return &play;
 }
 
@@ -49,7 +49,7 @@ std::uint64_t Script::unplayed() const {
     const auto found = positions_.find(call);
     const Position position = found == positions_.end() ? Position{} : found->second;
     for (std::size_t i = position.play; i < plays.size(); ++i) {
-      if (plays[i].times == kForever) continue;
+      if (plays[i].times == forever) continue;
       count += plays[i].times - (i == position.play ? position.played : 0);
     }
   }

@@ -52,7 +52,7 @@ class Script {
   /// How many plays are still to come; a line for ever is none.
   std::uint64_t unplayed() const;
 
-  static constexpr std::uint64_t kForever = ~std::uint64_t{0};
+  static constexpr std::uint64_t forever = ~std::uint64_t{0};
 
  private:
   struct Position {

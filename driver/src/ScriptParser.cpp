@@ -123,7 +123,7 @@ class Words {
 };
 
 // A datagram above this cannot be sent in one piece anywhere.
-constexpr std::int64_t kMaxCount = 1 << 20;
+constexpr std::int64_t maxCount = 1 << 20;
 
 ByteVector countingBytes(std::size_t count) {
   ByteVector bytes(count);
@@ -133,7 +133,7 @@ ByteVector countingBytes(std::size_t count) {
 
 using WithValue = std::function<void(Play&, const std::string& value)>;
 
-const std::map<std::string, WithValue, std::less<>> kWithValue{
+const std::map<std::string, WithValue, std::less<>> withValue{
     {"expect", [](Play& p, const std::string& v) { p.expected = parseHex(v); }},
     {"delay",
      [](Play& p, const std::string& v) {
@@ -144,18 +144,18 @@ const std::map<std::string, WithValue, std::less<>> kWithValue{
     {"bytes", [](Play& p, const std::string& v) { p.structure = parseHex(v); }},
     {"count",
      [](Play& p, const std::string& v) {
-       p.structure = countingBytes(static_cast<std::size_t>(parseNumber(v, 0, kMaxCount)));
+       p.structure = countingBytes(static_cast<std::size_t>(parseNumber(v, 0, maxCount)));
      }},
     {"scalars", [](Play& p, const std::string& v) { p.scalars = parseUnsigned<std::uint8_t>(v); }},
     {"magic", [](Play& p, const std::string& v) { p.magic = parseUnsigned<std::uint32_t>(v); }},
     {"version", [](Play& p, const std::string& v) { p.version = parseUnsigned<std::uint16_t>(v); }},
     {"kind", [](Play& p, const std::string& v) { p.kind = parseUnsigned<std::uint16_t>(v); }},
-    {"sequence", [](Play& p, const std::string& v) { p.sequence = parseNumber(v, -kMaxCount, kMaxCount); }},
-    {"length", [](Play& p, const std::string& v) { p.length = parseNumber(v, -kMaxCount, kMaxCount); }},
+    {"sequence", [](Play& p, const std::string& v) { p.sequence = parseNumber(v, -maxCount, maxCount); }},
+    {"length", [](Play& p, const std::string& v) { p.length = parseNumber(v, -maxCount, maxCount); }},
     {"raw", [](Play& p, const std::string& v) { p.raw = parseHex(v); }},
 };
 
-const std::map<std::string, Play::Fate, std::less<>> kFates{
+const std::map<std::string, Play::Fate, std::less<>> fates{
     {"pass", Play::Fate::Reply},
     {"twice", Play::Fate::Twice},
     {"silent", Play::Fate::Silent},
@@ -175,10 +175,10 @@ CallName parseCall(const std::string& word) {
 
 bool parseTimes(const std::string& word, Play& play) {
   if (word == "forever") {
-    play.times = Script::kForever;
+    play.times = Script::forever;
   } else if (word.size() > 1 && word[0] == 'x' &&
              word.find_first_not_of("0123456789", 1) == std::string::npos) {
-    play.times = static_cast<std::uint64_t>(parseNumber(word.substr(1), 1, kMaxCount));
+    play.times = static_cast<std::uint64_t>(parseNumber(word.substr(1), 1, maxCount));
   } else {
     return false;
   }
@@ -186,9 +186,9 @@ bool parseTimes(const std::string& word, Play& play) {
 }
 
 void parseWord(const std::string& word, Words& words, Play& play) {
-  if (const auto fate = kFates.find(word); fate != kFates.end()) {
+  if (const auto fate = fates.find(word); fate != fates.end()) {
     play.fate = fate->second;
-  } else if (const auto option = kWithValue.find(word); option != kWithValue.end()) {
+  } else if (const auto option = withValue.find(word); option != withValue.end()) {
     option->second(play, words.value(word));
   } else if (!parseTimes(word, play)) {
     throw BadLine("unknown word " + word);

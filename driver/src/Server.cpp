@@ -1,8 +1,13 @@
 #include "Server.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <system_error>
+
+#include "sys/Retry.h"
 
 namespace kes::driver {
 namespace {
@@ -28,7 +33,7 @@ void Server::listen() {
 }
 
 void Server::acceptAll() {
-  iokit::Descriptor socket;
+  sys::Descriptor socket;
   while ((socket = parts_.listener.accept())) admit(std::move(socket));
   if (!outOfDescriptors(errno)) return;
   // The listener stays readable: look again in a while instead of at once.
@@ -36,7 +41,7 @@ void Server::acceptAll() {
   parts_.loop.at(EventLoop::Clock::now() + 100ms, [this] { listen(); });
 }
 
-void Server::admit(iokit::Descriptor socket) {
+void Server::admit(sys::Descriptor socket) {
   const unsigned number = ++lastNumber_;
   const int fd = socket.get();
   Client& client = clients_[number];
@@ -53,7 +58,7 @@ void Server::admit(iokit::Descriptor socket) {
 void Server::serve(unsigned number) {
   Client& client = clients_.at(number);
   const ssize_t got =
-      iokit::retry([&] { return ::recv(client.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT); });
+      sys::retry([&] { return ::recv(client.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT); });
   if (got > 0) return handle(client, {buffer_.data(), static_cast<std::size_t>(got)});
   if (got == -1 && errno == EAGAIN) return;
   hangUp(number, "by the client");
@@ -125,7 +130,7 @@ bool Server::send(const Client& client, iokit::Bytes datagram) {
   parts_.journal.sent(client.session, datagram);
   const int fd = client.socket.get();
   const ssize_t sent =
-      iokit::retry([&] { return ::send(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT); });
+      sys::retry([&] { return ::send(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT); });
   if (sent == -1) hangUp(client.session.number, std::system_category().message(errno).c_str());
   return sent != -1;
 }

@@ -30,7 +30,7 @@ class Server {
 
  private:
   struct Client {
-    iokit::Descriptor socket;
+    sys::Descriptor socket;
     Session session{};
     std::uint32_t lastSequence = 0;
     bool hasSpoken = false;
@@ -38,7 +38,7 @@ class Server {
 
   void listen();
   void acceptAll();
-  void admit(iokit::Descriptor socket);
+  void admit(sys::Descriptor socket);
   void serve(unsigned number);
   void handle(Client& client, iokit::Bytes datagram);
   bool followsOn(Client& client, const iokit::Request& request);
@@ -57,7 +57,7 @@ class Server {
   unsigned speakers_ = 0;  // connections that made a request: one that only looked for the service is none
   std::uint64_t brokenProtocols_ = 0;
   // One byte more than any request: a longer datagram shows by its length.
-  std::array<std::uint8_t, iokit::kMaxRequest + 1> buffer_{};
+  std::array<std::uint8_t, iokit::maxRequest + 1> buffer_{};
   std::vector<std::uint8_t> reply_;
 };
 

@@ -11,9 +11,9 @@ namespace kes::driver {
 /// lost, in whole lines, and a line in its place says how much.
 class TraceBuffer {
  public:
-  static constexpr std::size_t kCapacity = 65536;
+  static constexpr std::size_t usualCapacity = 65536;
 
-  explicit TraceBuffer(std::size_t capacity = kCapacity) : capacity_(capacity) {}
+  explicit TraceBuffer(std::size_t capacity = usualCapacity) : capacity_(capacity) {}
 
   /// Adds text; NULs in it are left out, for they would end the text of a reply.
   void append(std::string_view text);

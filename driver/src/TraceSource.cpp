@@ -8,10 +8,12 @@
 #include <array>
 #include <system_error>
 
+#include "sys/Retry.h"
+
 namespace kes::driver {
 namespace {
 
-using iokit::Descriptor;
+using sys::Descriptor;
 
 [[noreturn]] void fail(const std::string& name, int error) {
   throw std::system_error(error, std::generic_category(), "cannot read trace text from " + name);
@@ -46,7 +48,7 @@ TraceSource::TraceSource(const std::string& name, EventLoop& loop, Driver& drive
 
 void TraceSource::readOnDemand() {
   driver_.traceWanted = [this] {
-    while (driver_.trace().size() < kMaxTraceText && read(driver_.trace().room())) {
+    while (driver_.trace().size() < maxTraceText && read(driver_.trace().room())) {
     }
   };
 }
@@ -54,7 +56,7 @@ void TraceSource::readOnDemand() {
 void TraceSource::readWhenReadable() {
   try {
     loop_.watch(file_.get(), [this] {
-      if (!read(TraceBuffer::kCapacity)) loop_.forget(file_.get());
+      if (!read(TraceBuffer::usualCapacity)) loop_.forget(file_.get());
     });
   } catch (const std::system_error& error) {
     if (error.code().value() != EPERM) throw;
@@ -65,7 +67,7 @@ void TraceSource::readWhenReadable() {
 bool TraceSource::read(std::size_t limit) {
   std::array<char, 4096> chunk;
   const ssize_t got =
-      iokit::retry([&] { return ::read(file_.get(), chunk.data(), std::min(limit, chunk.size())); });
+      sys::retry([&] { return ::read(file_.get(), chunk.data(), std::min(limit, chunk.size())); });
   if (got <= 0) return false;
   driver_.trace().append({chunk.data(), static_cast<std::size_t>(got)});
   return true;

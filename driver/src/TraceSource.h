@@ -4,7 +4,7 @@
 
 #include "Driver.h"
 #include "EventLoop.h"
-#include "wire/Unix.h"
+#include "sys/Owner.h"
 
 namespace kes::driver {
 
@@ -24,7 +24,7 @@ class TraceSource {
   std::string name_;
   EventLoop& loop_;
   Driver& driver_;
-  iokit::Descriptor file_;
+  sys::Descriptor file_;
 };
 
 }  // namespace kes::driver

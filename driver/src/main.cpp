@@ -18,7 +18,7 @@ using namespace kes::driver;
 
 namespace {
 
-constexpr int kExitUsage = 2;
+constexpr int exitUsage = 2;
 
 Script readScript(const Options& options) {
   if (!options.script) return {};
@@ -29,13 +29,13 @@ Script readScript(const Options& options) {
 
 /// The signals that end the program, as something to read. They are blocked, and SIGPIPE is ignored: a reader
 /// of our output that goes away is no reason to leave the socket behind.
-kes::iokit::Descriptor watchSignals(EventLoop& loop) {
+kes::sys::Descriptor watchSignals(EventLoop& loop) {
   sigset_t ending;
   sigemptyset(&ending);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, number);
   ::sigprocmask(SIG_BLOCK, &ending, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
-  kes::iokit::Descriptor signals(::signalfd(-1, &ending, SFD_CLOEXEC));
+  kes::sys::Descriptor signals(::signalfd(-1, &ending, SFD_CLOEXEC));
   if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
   loop.watch(signals.get(), [&loop] { loop.stop(); });
   return signals;
@@ -79,7 +79,7 @@ class Traffic {
 void announce(const Listener& listener) {
   std::cout << "kesdriver is a stand-in for the VPN kernel driver, for development and tests. It is not the "
                "driver.\n"
-            << "serving " << kServiceClass << " at " << listener.path() << std::endl;
+            << "serving " << driverClass << " at " << listener.path() << std::endl;
 }
 
 int run(const Options& options) {
@@ -89,8 +89,8 @@ int run(const Options& options) {
   const Traffic traffic(options, loop, driver);
   std::optional<TraceSource> trace;
   if (options.trace) trace.emplace(*options.trace, loop, driver);
-  const kes::iokit::Descriptor signals = watchSignals(loop);
-  const Listener listener(options.directory, kServiceClass, socketMode(options));
+  const kes::sys::Descriptor signals = watchSignals(loop);
+  const Listener listener(options.directory, driverClass, socketMode(options));
   Journal journal(stdout, options.verbose);
   const Server server({loop, listener, driver, script, journal}, options.once);
   announce(listener);
@@ -112,14 +112,14 @@ int main(int argc, char** argv) {
   try {
     const Options options = parseOptions({argv + 1, argv + argc});
     if (options.help) {
-      std::cout << kUsage;
+      std::cout << usage;
       return EXIT_SUCCESS;
     }
     allowManyDescriptors();
     return run(options);
   } catch (const UsageError& error) {
-    std::cerr << "kesdriver: " << error.what() << '\n' << kUsage;
-    return kExitUsage;
+    std::cerr << "kesdriver: " << error.what() << '\n' << usage;
+    return exitUsage;
   } catch (const std::exception& error) {
     std::cerr << "kesdriver: " << error.what() << '\n';
     return EXIT_FAILURE;

@@ -1,11 +1,15 @@
 #include "Connection.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
+
+#include "sys/Retry.h"
 
 namespace kes::iokit {
 namespace {
 
-static_assert(kMaxReply <= kMaxRequest, "one buffer serves both directions");
+static_assert(maxReply <= maxRequest, "one buffer serves both directions");
 
 bool isGone(int error) {
   return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ECONNREFUSED;
@@ -47,7 +51,8 @@ IOReturn Connection::send(const Input& input, const Output& output) {
   for (const std::uint64_t scalar : input.scalars) end = encode64(scalar, end);
   end = std::copy(input.structure.begin(), input.structure.end(), end);
   const auto length = static_cast<std::size_t>(end - buffer_.data());
-  const ssize_t sent = retry([&] { return ::send(socket_.get(), buffer_.data(), length, MSG_NOSIGNAL); });
+  const ssize_t sent =
+      sys::retry([&] { return ::send(socket_.get(), buffer_.data(), length, MSG_NOSIGNAL); });
   return sent == -1 ? resultOf(errno) : kIOReturnSuccess;
 }
 
@@ -55,7 +60,7 @@ IOReturn Connection::receive(const Expectation& expected, Output& output) {
   for (;;) {
     // MSG_TRUNC: the datagram's own length comes back, also where it does not fit.
     const ssize_t got =
-        retry([&] { return ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_TRUNC); });
+        sys::retry([&] { return ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_TRUNC); });
     if (got == -1) return resultOf(errno);
     if (got == 0) return MACH_SEND_INVALID_DEST;
     const auto length = static_cast<std::size_t>(got);

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "wire/Unix.h"
+#include "sys/Owner.h"
 #include "wire/Wire.h"
 
 namespace kes::iokit {
@@ -28,7 +28,7 @@ struct Output {
 /// One user client: a socket to the driver, with one exchange at a time. Thread-safe.
 class Connection {
  public:
-  explicit Connection(Descriptor socket) : socket_(std::move(socket)) {}
+  explicit Connection(sys::Descriptor socket) : socket_(std::move(socket)) {}
 
   /// Sends a request and waits for its reply, however long that takes. The results are the driver's, or
   /// MACH_SEND_INVALID_DEST (it is gone), kIOReturnNoSpace (more than fits), kIOReturnIPCError (no reply to
@@ -40,10 +40,10 @@ class Connection {
   IOReturn receive(const Expectation& expected, Output& output);
 
   std::mutex mutex_;
-  Descriptor socket_;
+  sys::Descriptor socket_;
   std::uint32_t sequence_ = 0;
   std::uint32_t unanswered_ = 0;  // the calls since the last one that got its reply
-  std::array<std::uint8_t, kMaxRequest> buffer_{};
+  std::array<std::uint8_t, maxRequest> buffer_{};
 };
 
 }  // namespace kes::iokit

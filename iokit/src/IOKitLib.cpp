@@ -11,14 +11,14 @@
 #include "Service.h"
 
 using kes::iokit::Connection;
-using kes::iokit::Descriptor;
 using kes::iokit::Handles;
 using kes::iokit::Input;
 using kes::iokit::Kind;
-using kes::iokit::kMaxScalars;
-using kes::iokit::kMaxStructure;
+using kes::iokit::maxScalars;
+using kes::iokit::maxStructure;
 using kes::iokit::Output;
 using kes::iokit::Service;
+using kes::sys::Descriptor;
 
 struct __CFDictionary {
   std::string serviceClass;
@@ -110,12 +110,12 @@ kern_return_t IOConnectCallMethod(mach_port_t connection, uint32_t selector, con
                                   uint32_t inputCnt, const void* inputStruct, size_t inputStructCnt,
                                   uint64_t* output, uint32_t* outputCnt, void* outputStruct,
                                   size_t* outputStructCnt) {
-  if (inputCnt > kMaxScalars || inputStructCnt > kMaxStructure) return kIOReturnBadArgument;
+  if (inputCnt > maxScalars || inputStructCnt > maxStructure) return kIOReturnBadArgument;
   if ((input == nullptr && inputCnt > 0) || (inputStruct == nullptr && inputStructCnt > 0)) {
     return kIOReturnBadArgument;
   }
-  const std::size_t scalars = outputCnt == nullptr ? 0 : std::min<std::size_t>(*outputCnt, kMaxScalars);
-  const std::size_t bytes = outputStructCnt == nullptr ? 0 : std::min(*outputStructCnt, kMaxStructure);
+  const std::size_t scalars = outputCnt == nullptr ? 0 : std::min<std::size_t>(*outputCnt, maxScalars);
+  const std::size_t bytes = outputStructCnt == nullptr ? 0 : std::min(*outputStructCnt, maxStructure);
   Output results{spanOf(output, scalars), spanOf(static_cast<std::uint8_t*>(outputStruct), bytes)};
   const Input request{Kind::Call, selector, spanOf(input, inputCnt),
                       spanOf(static_cast<const std::uint8_t*>(inputStruct), inputStructCnt)};

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "sys/Retry.h"
+
 namespace kes::iokit {
 namespace {
 
@@ -14,7 +16,7 @@ bool hasTrustedOwner(const std::string& path) {
 }
 
 // Whoever listens, too: between the look at the file and the connection it may have been replaced.
-bool hasTrustedPeer(const Descriptor& socket) {
+bool hasTrustedPeer(const sys::Descriptor& socket) {
   ucred peer{};
   socklen_t size = sizeof peer;
   return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && isTrusted(peer.uid);
@@ -22,23 +24,23 @@ bool hasTrustedPeer(const Descriptor& socket) {
 
 }  // namespace
 
-std::optional<Descriptor> Service::find(const std::string& serviceClass) {
+std::optional<sys::Descriptor> Service::find(const std::string& serviceClass) {
   if (serviceClass.empty() || serviceClass.find('/') != std::string::npos) return std::nullopt;
   const std::string path = socketPath(registryDirectory(), serviceClass);
   const auto address = addressOf(path);
   if (!address || !hasTrustedOwner(path)) return std::nullopt;
-  Descriptor socket = makeSocket();
+  sys::Descriptor socket = makeSocket();
   if (!socket) return std::nullopt;
   const auto* name = reinterpret_cast<const sockaddr*>(&*address);
-  if (retry([&] { return ::connect(socket.get(), name, sizeof *address); }) != 0) return std::nullopt;
+  if (sys::retry([&] { return ::connect(socket.get(), name, sizeof *address); }) != 0) return std::nullopt;
   if (!hasTrustedPeer(socket)) return std::nullopt;
   return socket;
 }
 
-Descriptor Service::connect() {
+sys::Descriptor Service::connect() {
   const std::lock_guard lock(mutex_);
   if (matched_) return std::move(matched_);
-  return find(serviceClass_).value_or(Descriptor());
+  return find(serviceClass_).value_or(sys::Descriptor());
 }
 
 }  // namespace kes::iokit

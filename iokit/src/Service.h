@@ -13,18 +13,18 @@ namespace kes::iokit {
 class Service {
  public:
   /// The service of a class, or nothing: no socket, nobody listening, or a foreign owner.
-  static std::optional<Descriptor> find(const std::string& serviceClass);
+  static std::optional<sys::Descriptor> find(const std::string& serviceClass);
 
-  Service(std::string serviceClass, Descriptor matched)
+  Service(std::string serviceClass, sys::Descriptor matched)
       : serviceClass_(std::move(serviceClass)), matched_(std::move(matched)) {}
 
   /// A connected socket for one user client; none when the driver has gone.
-  Descriptor connect();
+  sys::Descriptor connect();
 
  private:
   std::string serviceClass_;
   std::mutex mutex_;
-  Descriptor matched_;
+  sys::Descriptor matched_;
 };
 
 }  // namespace kes::iokit

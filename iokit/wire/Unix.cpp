@@ -1,7 +1,6 @@
 #include "wire/Unix.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -9,19 +8,10 @@
 
 namespace kes::iokit {
 
-// A cancellation must not leave a destructor.
-Descriptor::~Descriptor() {
-  if (fd_ < 0) return;
-  int before = 0;
-  ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-  ::close(fd_);
-  ::pthread_setcancelstate(before, &before);
-}
-
-Descriptor makeSocket() {
-  Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+sys::Descriptor makeSocket() {
+  sys::Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!socket || socket.get() > STDERR_FILENO) return socket;
-  return Descriptor(::fcntl(socket.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  return sys::Descriptor(::fcntl(socket.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 std::optional<sockaddr_un> addressOf(const std::string& path) {

@@ -65,7 +65,7 @@ std::uint64_t lengthOf(const Header& header) {
 
 template <typename Header>
 bool speaksOurVersion(const Header& header) {
-  return header.magic == kMagic && header.version == kVersion;
+  return header.magic == wireMagic && header.version == wireVersion;
 }
 
 bool isKnownKind(std::uint16_t kind) {
@@ -91,18 +91,18 @@ template struct Message<RequestHeader>;
 template struct Message<ReplyHeader>;
 
 std::optional<Request> parseRequest(Bytes datagram) {
-  if (datagram.size() < kRequestHeaderSize) return std::nullopt;
+  if (datagram.size() < requestHeaderSize) return std::nullopt;
   const auto header = decode<RequestHeader>(datagram.data());
   if (!speaksOurVersion(header) || !isKnownKind(header.kind)) return std::nullopt;
-  if (header.scalarCount > kMaxScalars || header.structureSize > kMaxStructure) return std::nullopt;
+  if (header.scalarCount > maxScalars || header.structureSize > maxStructure) return std::nullopt;
   if (datagram.size() != lengthOf(header)) return std::nullopt;
   return split(header, datagram);
 }
 
 Verdict judgeReply(Bytes received, std::size_t length, const Expectation& expected, Reply& reply) {
-  if (received.size() < kReplyHeaderSize) return Verdict::Foreign;
+  if (received.size() < replyHeaderSize) return Verdict::Foreign;
   const auto header = decode<ReplyHeader>(received.data());
-  const auto kind = static_cast<std::uint16_t>(static_cast<std::uint16_t>(expected.kind) | kReplyBit);
+  const auto kind = static_cast<std::uint16_t>(static_cast<std::uint16_t>(expected.kind) | replyBit);
   if (!speaksOurVersion(header) || header.kind != kind) return Verdict::Foreign;
   if (length != lengthOf(header)) return Verdict::Foreign;
   const std::uint32_t age = expected.sequence - header.sequence;
@@ -121,7 +121,7 @@ std::uint8_t* encode64(std::uint64_t value, std::uint8_t* out) { return store(va
 
 ReplyHeader replyTo(const RequestHeader& request) {
   ReplyHeader reply;
-  reply.kind = static_cast<std::uint16_t>(request.kind | kReplyBit);
+  reply.kind = static_cast<std::uint16_t>(request.kind | replyBit);
   reply.sequence = request.sequence;
   return reply;
 }
@@ -130,7 +130,7 @@ void makeReply(std::vector<std::uint8_t>& datagram, ReplyHeader header,
                std::span<const std::uint64_t> scalars, Bytes structure) {
   header.scalarCount = static_cast<std::uint32_t>(scalars.size());
   header.structureSize = static_cast<std::uint32_t>(structure.size());
-  datagram.resize(kReplyHeaderSize + 8 * scalars.size() + structure.size());
+  datagram.resize(replyHeaderSize + 8 * scalars.size() + structure.size());
   std::uint8_t* end = encode(header, datagram.data());
   for (const std::uint64_t scalar : scalars) end = encode64(scalar, end);
   std::copy(structure.begin(), structure.end(), end);

@@ -14,11 +14,11 @@ namespace kes::iokit {
 
 using Bytes = std::span<const std::uint8_t>;
 
-constexpr std::uint32_t kMagic = 0x5553454b;  ///< the bytes "KESU"
-constexpr std::uint16_t kVersion = 1;
-constexpr std::uint16_t kReplyBit = 0x8000;  ///< a reply's kind is its request's with this bit
-constexpr std::size_t kMaxScalars = 16;      ///< as the kernel limits them
-constexpr std::size_t kMaxStructure = 4096;  ///< as the kernel limits what travels in a message
+constexpr std::uint32_t wireMagic = 0x5553454b;  ///< the bytes "KESU"
+constexpr std::uint16_t wireVersion = 1;
+constexpr std::uint16_t replyBit = 0x8000;  ///< a reply's kind is its request's with this bit
+constexpr std::size_t maxScalars = 16;      ///< as the kernel limits them
+constexpr std::size_t maxStructure = 4096;  ///< as the kernel limits what travels in a message
 
 enum class Kind : std::uint16_t {
   Open = 1,  ///< IOServiceOpen(): the selector field holds its type argument
@@ -26,8 +26,8 @@ enum class Kind : std::uint16_t {
 };
 
 struct RequestHeader {
-  std::uint32_t magic = kMagic;
-  std::uint16_t version = kVersion;
+  std::uint32_t magic = wireMagic;
+  std::uint16_t version = wireVersion;
   std::uint16_t kind = 0;
   std::uint32_t sequence = 0;
   std::uint32_t selector = 0;
@@ -38,8 +38,8 @@ struct RequestHeader {
 };
 
 struct ReplyHeader {
-  std::uint32_t magic = kMagic;
-  std::uint16_t version = kVersion;
+  std::uint32_t magic = wireMagic;
+  std::uint16_t version = wireVersion;
   std::uint16_t kind = 0;
   std::uint32_t sequence = 0;
   std::uint32_t result = 0;
@@ -47,13 +47,13 @@ struct ReplyHeader {
   std::uint32_t structureSize = 0;
 };
 
-constexpr std::size_t kRequestHeaderSize = 32;
-constexpr std::size_t kReplyHeaderSize = 24;
-static_assert(sizeof(RequestHeader) == kRequestHeaderSize, "no padding: the size is that of the fields");
-static_assert(sizeof(ReplyHeader) == kReplyHeaderSize, "no padding: the size is that of the fields");
+constexpr std::size_t requestHeaderSize = 32;
+constexpr std::size_t replyHeaderSize = 24;
+static_assert(sizeof(RequestHeader) == requestHeaderSize, "no padding: the size is that of the fields");
+static_assert(sizeof(ReplyHeader) == replyHeaderSize, "no padding: the size is that of the fields");
 
-constexpr std::size_t kMaxRequest = kRequestHeaderSize + 8 * kMaxScalars + kMaxStructure;
-constexpr std::size_t kMaxReply = kReplyHeaderSize + 8 * kMaxScalars + kMaxStructure;
+constexpr std::size_t maxRequest = requestHeaderSize + 8 * maxScalars + maxStructure;
+constexpr std::size_t maxReply = replyHeaderSize + 8 * maxScalars + maxStructure;
 
 /// A parsed datagram; the spans lie in the bytes that were parsed.
 template <typename Header>

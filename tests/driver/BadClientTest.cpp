@@ -35,14 +35,14 @@ class RawClient {
   std::uint32_t resultOf(const ByteVector& request) {
     EXPECT_TRUE(send(request));
     const ByteVector reply = receive();
-    if (reply.size() < iokit::kReplyHeaderSize) return 0xdead;
+    if (reply.size() < iokit::replyHeaderSize) return 0xdead;
     return static_cast<std::uint32_t>(reply[12] | reply[13] << 8 | reply[14] << 16) | std::uint32_t{reply[15]}
                                                                                           << 24;
   }
   int fd() const { return socket_.get(); }
 
  private:
-  iokit::Descriptor socket_;
+  sys::Descriptor socket_;
 };
 
 ByteVector request(iokit::Kind kind, std::uint32_t sequence, std::uint32_t selector = 2) {
@@ -51,7 +51,7 @@ ByteVector request(iokit::Kind kind, std::uint32_t sequence, std::uint32_t selec
   header.sequence = sequence;
   header.selector = selector;
   header.structureCapacity = 4096;
-  ByteVector datagram(iokit::kRequestHeaderSize);
+  ByteVector datagram(iokit::requestHeaderSize);
   iokit::encode(header, datagram.data());
   return datagram;
 }
@@ -136,7 +136,7 @@ TEST(BadClientTest, MoreConnectionsThanDescriptorsWaitTheirTurn) {
   pollfd last{crowd.back()->fd(), POLLIN, 0};
   EXPECT_EQ(::poll(&last, 1, 300), 0) << "there is no descriptor for it yet";
   crowd.erase(crowd.begin(), crowd.begin() + 40);
-  EXPECT_EQ(crowd.back()->receive().size(), iokit::kReplyHeaderSize);
+  EXPECT_EQ(crowd.back()->receive().size(), iokit::replyHeaderSize);
   EXPECT_EQ(driver.stop(), 0);
 }
 

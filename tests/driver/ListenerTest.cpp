@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "support/TempDir.h"
+#include "wire/Unix.h"
 
 namespace kes::driver {
 namespace {

@@ -20,8 +20,8 @@ namespace {
 using Packet = std::vector<std::uint8_t>;
 using namespace std::chrono_literals;
 
-constexpr int kPackets = 200;
-const std::string kMark = "kesdriver live test ";
+constexpr int packetCount = 200;
+const std::string mark = "kesdriver live test ";
 
 bool mayCapture() {
   return runDriver({"--live", "lo", "--dir", "/proc"}).output.find("cannot capture") == std::string::npos;
@@ -73,13 +73,13 @@ class Talker {
  private:
   const sockaddr* generic() const { return reinterpret_cast<const sockaddr*>(&address_); }
 
-  iokit::Descriptor socket_;
+  sys::Descriptor socket_;
   sockaddr_in address_{};
 };
 
 bool isOurs(const Packet& packet) {
   const std::string text(packet.begin(), packet.end());
-  return text.find(kMark) != std::string::npos;
+  return text.find(mark) != std::string::npos;
 }
 
 /// The packets of a classic capture in the machine's own byte order.
@@ -121,8 +121,8 @@ TEST(LiveTest, TheDriverAndTcpdumpSeeTheSameTraffic) {
   DriverProcess driver({"--live", "lo"});
   const io_connect_t connect = openClient(2);
   std::vector<Packet> seen;
-  for (int i = 0; i < kPackets; ++i) {
-    talker.say(kMark + std::to_string(i) + std::string(static_cast<std::size_t>(i) * 7, 'x'));
+  for (int i = 0; i < packetCount; ++i) {
+    talker.say(mark + std::to_string(i) + std::string(static_cast<std::size_t>(i) * 7, 'x'));
     ASSERT_TRUE(eventually([&] {  // one after the other: other traffic of this machine may fill the queue
       const CallResult reply = getPacket(connect);
       if (isOurs(reply.bytes)) seen.push_back(reply.bytes);
@@ -130,9 +130,9 @@ TEST(LiveTest, TheDriverAndTcpdumpSeeTheSameTraffic) {
     }));
   }
   const auto written = [&] { return ours(packetsIn(readFile(directory / "tcpdump.pcap"))); };
-  eventually([&] { return written().size() >= kPackets; });
+  eventually([&] { return written().size() >= packetCount; });
   tcpdump.end();
-  EXPECT_EQ(written().size(), static_cast<std::size_t>(kPackets)) << readFile(directory / "tcpdump.log");
+  EXPECT_EQ(written().size(), static_cast<std::size_t>(packetCount)) << readFile(directory / "tcpdump.log");
   EXPECT_EQ(seen, written());
   EXPECT_EQ(driver.stop(), 0);
   EXPECT_THAT(driver.output(), testing::ContainsRegex("lo: [0-9]+ received, [0-9]+ lost in the kernel"));

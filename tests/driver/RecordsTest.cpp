@@ -85,7 +85,7 @@ TEST(RecordsTest, CallsAreToldBySelectorAndRecord) {
 TEST(RecordsTest, ATraceReplyCountsTwoAndTheTextWithoutItsNul) {
   EXPECT_THAT(makeTraceReply(""), testing::ElementsAre(2, 0));
   EXPECT_THAT(makeTraceReply("ab"), testing::ElementsAre(4, 0, 'a', 'b'));
-  const auto longest = makeTraceReply(std::string(kMaxTraceText, 'x'));
+  const auto longest = makeTraceReply(std::string(maxTraceText, 'x'));
   EXPECT_EQ(longest.size(), 2047u);
   EXPECT_EQ(longest[0], 0xff);
   EXPECT_EQ(longest[1], 0x07);

@@ -37,7 +37,7 @@ class PlainListener {
   [[noreturn]] static void listenForever(const std::string& path, uid_t user, int ready) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (user != ::geteuid() && ::setuid(user) != 0) ::_exit(1);
-    const iokit::Descriptor socket = iokit::makeSocket();
+    const sys::Descriptor socket = iokit::makeSocket();
     const auto address = iokit::addressOf(path);
     if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) ::_exit(2);
     if (::listen(socket.get(), 8) != 0 || ::write(ready, "r", 1) != 1) ::_exit(3);

@@ -10,9 +10,9 @@
 
 namespace kes::test {
 
-constexpr char kServiceClass[] = "kes_vpn_driver_keslbmac";
+constexpr char driverClass[] = "kes_vpn_driver_keslbmac";
 
-inline io_service_t matchService(const char* name = kServiceClass) {
+inline io_service_t matchService(const char* name = driverClass) {
   return IOServiceGetMatchingService(kIOMasterPortDefault, IOServiceMatching(name));
 }
 

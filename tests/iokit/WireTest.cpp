@@ -13,7 +13,7 @@ using testing::ElementsAreArray;
 using ByteVector = std::vector<std::uint8_t>;
 
 // A call of selector 3 with the sequence 0x01020304, one scalar and three bytes.
-const ByteVector kRequest{
+const ByteVector anyRequest{
     'K',  'E',  'S',  'U',                           // magic
     0x01, 0x00,                                      // version
     0x02, 0x00,                                      // kind: call
@@ -27,7 +27,7 @@ const ByteVector kRequest{
     0xaa, 0xbb, 0xcc,                                // the structure
 };
 
-const ByteVector kReply{
+const ByteVector anyReply{
     'K',  'E',  'S',  'U',                           // magic
     0x01, 0x00,                                      // version
     0x02, 0x80,                                      // kind: reply to a call
@@ -44,9 +44,9 @@ ByteVector with(ByteVector datagram, std::size_t offset, std::uint8_t value) {
   return datagram;
 }
 
-const Expectation kExpected{Kind::Call, 0x01020304, 0, 1, 2};
+const Expectation expectedBytes{Kind::Call, 0x01020304, 0, 1, 2};
 
-Verdict judge(const ByteVector& datagram, const Expectation& expected = kExpected) {
+Verdict judge(const ByteVector& datagram, const Expectation& expected = expectedBytes) {
   Reply reply;
   return judgeReply(datagram, datagram.size(), expected, reply);
 }
@@ -60,11 +60,11 @@ TEST(WireTest, ARequestHasTheseBytes) {
   header.structureSize = 3;
   header.scalarCapacity = 16;
   header.structureCapacity = 2047;
-  ByteVector bytes(kRequestHeaderSize + 8);
+  ByteVector bytes(requestHeaderSize + 8);
   std::uint8_t* end = encode64(0x1122334455667788, encode(header, bytes.data()));
   EXPECT_EQ(end, bytes.data() + bytes.size());
   bytes.insert(bytes.end(), {0xaa, 0xbb, 0xcc});
-  EXPECT_THAT(bytes, ElementsAreArray(kRequest));
+  EXPECT_THAT(bytes, ElementsAreArray(anyRequest));
 }
 
 TEST(WireTest, AReplyHasTheseBytes) {
@@ -76,11 +76,11 @@ TEST(WireTest, AReplyHasTheseBytes) {
   const std::vector<std::uint64_t> scalars{0x8000000000000001};
   ByteVector bytes(1000, 0xee);
   makeReply(bytes, header, scalars, ByteVector{0xde, 0xad});
-  EXPECT_THAT(bytes, ElementsAreArray(kReply));
+  EXPECT_THAT(bytes, ElementsAreArray(anyReply));
 }
 
 TEST(WireTest, AParsedRequestGivesBackWhatWasSent) {
-  const auto request = parseRequest(kRequest);
+  const auto request = parseRequest(anyRequest);
   ASSERT_TRUE(request);
   EXPECT_EQ(request->header.kind, 2);
   EXPECT_EQ(request->header.sequence, 0x01020304u);
@@ -92,97 +92,97 @@ TEST(WireTest, AParsedRequestGivesBackWhatWasSent) {
 }
 
 TEST(WireTest, ARequestOfAnotherMagicVersionOrKindIsNone) {
-  EXPECT_FALSE(parseRequest(with(kRequest, 0, 'k')));
-  EXPECT_FALSE(parseRequest(with(kRequest, 4, 2)));
-  EXPECT_FALSE(parseRequest(with(kRequest, 5, 1)));
-  EXPECT_FALSE(parseRequest(with(kRequest, 6, 0)));
-  EXPECT_FALSE(parseRequest(with(kRequest, 6, 3)));
-  EXPECT_FALSE(parseRequest(with(kRequest, 7, 0x80)));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 0, 'k')));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 4, 2)));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 5, 1)));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 6, 0)));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 6, 3)));
+  EXPECT_FALSE(parseRequest(with(anyRequest, 7, 0x80)));
 }
 
 TEST(WireTest, ARequestThatIsNotAsLongAsItSaysIsNone) {
-  for (std::size_t length = 0; length < kRequest.size(); ++length) {
-    EXPECT_FALSE(parseRequest(Bytes(kRequest).first(length))) << length;
+  for (std::size_t length = 0; length < anyRequest.size(); ++length) {
+    EXPECT_FALSE(parseRequest(Bytes(anyRequest).first(length))) << length;
   }
-  ByteVector longer = kRequest;
+  ByteVector longer = anyRequest;
   longer.push_back(0);
   EXPECT_FALSE(parseRequest(longer));
 }
 
 TEST(WireTest, CountsAboveTheLimitsAreRefusedWhateverTheLength) {
-  ByteVector many(kRequestHeaderSize + std::size_t{8} * 17);
-  std::copy_n(kRequest.begin(), kRequestHeaderSize, many.begin());
+  ByteVector many(requestHeaderSize + std::size_t{8} * 17);
+  std::copy_n(anyRequest.begin(), requestHeaderSize, many.begin());
   many[16] = 17;
   many[20] = 0;
   EXPECT_FALSE(parseRequest(many));
   many[16] = 16;
-  many.resize(kRequestHeaderSize + std::size_t{8} * 16);
+  many.resize(requestHeaderSize + std::size_t{8} * 16);
   EXPECT_TRUE(parseRequest(many));
 
-  ByteVector large(kRequestHeaderSize + 4097);
-  std::copy_n(kRequest.begin(), kRequestHeaderSize, large.begin());
+  ByteVector large(requestHeaderSize + 4097);
+  std::copy_n(anyRequest.begin(), requestHeaderSize, large.begin());
   large[16] = 0;
   large[20] = 0x01;
   large[21] = 0x10;
   EXPECT_FALSE(parseRequest(large));
   large[20] = 0x00;
-  large.resize(kRequestHeaderSize + 4096);
+  large.resize(requestHeaderSize + 4096);
   EXPECT_TRUE(parseRequest(large));
 }
 
 TEST(WireTest, CountsThatOverflowALengthAreRefused) {
-  ByteVector huge = kRequest;
+  ByteVector huge = anyRequest;
   for (std::size_t i = 16; i < 24; ++i) huge[i] = 0xff;
   EXPECT_FALSE(parseRequest(huge));
-  ByteVector reply = kReply;
+  ByteVector reply = anyReply;
   for (std::size_t i = 16; i < 24; ++i) reply[i] = 0xff;
   EXPECT_EQ(judge(reply), Verdict::Foreign);
 }
 
 TEST(WireTest, TheExpectedReplyIsAccepted) {
   Reply reply;
-  ASSERT_EQ(judgeReply(kReply, kReply.size(), kExpected, reply), Verdict::Accepted);
+  ASSERT_EQ(judgeReply(anyReply, anyReply.size(), expectedBytes, reply), Verdict::Accepted);
   EXPECT_EQ(reply.header.result, 0xe00002dbu);
   EXPECT_EQ(reply.scalar(0), 0x8000000000000001u);
   EXPECT_THAT(reply.structure, ElementsAre(0xde, 0xad));
 }
 
 TEST(WireTest, AReplyOfAnotherMagicVersionKindOrSequenceIsForeign) {
-  EXPECT_EQ(judge(with(kReply, 3, 'u')), Verdict::Foreign);
-  EXPECT_EQ(judge(with(kReply, 4, 0)), Verdict::Foreign);
-  EXPECT_EQ(judge(with(kReply, 6, 1)), Verdict::Foreign);
-  EXPECT_EQ(judge(with(kReply, 7, 0)), Verdict::Foreign);
-  EXPECT_EQ(judge(with(kReply, 8, 3)), Verdict::Foreign);
-  EXPECT_EQ(judge(with(kReply, 11, 0)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 3, 'u')), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 4, 0)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 6, 1)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 7, 0)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 8, 3)), Verdict::Foreign);
+  EXPECT_EQ(judge(with(anyReply, 11, 0)), Verdict::Foreign);
 }
 
 TEST(WireTest, AReplyThatIsNotAsLongAsItSaysIsForeign) {
-  for (std::size_t length = 0; length < kReply.size(); ++length) {
-    EXPECT_EQ(judge({kReply.begin(), kReply.begin() + static_cast<std::ptrdiff_t>(length)}),
+  for (std::size_t length = 0; length < anyReply.size(); ++length) {
+    EXPECT_EQ(judge({anyReply.begin(), anyReply.begin() + static_cast<std::ptrdiff_t>(length)}),
               Verdict::Foreign);
   }
-  ByteVector longer = kReply;
+  ByteVector longer = anyReply;
   longer.push_back(0);
   EXPECT_EQ(judge(longer), Verdict::Foreign);
 }
 
 TEST(WireTest, AReplyAboveACapacityIsTooLarge) {
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 1, 1}), Verdict::TooLarge);
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 0, 2}), Verdict::TooLarge);
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020304, 0, 16, 4096}), Verdict::Accepted);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020304, 0, 1, 1}), Verdict::TooLarge);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020304, 0, 0, 2}), Verdict::TooLarge);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020304, 0, 16, 4096}), Verdict::Accepted);
 }
 
 TEST(WireTest, OnlyTheReplyToAnAbandonedCallIsLate) {
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020305, 1, 1, 2}), Verdict::Late);
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020307, 3, 0, 0}), Verdict::Late);
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020307, 2, 1, 2}), Verdict::Foreign);
-  EXPECT_EQ(judge(kReply, {Kind::Call, 0x01020303, 9, 1, 2}), Verdict::Foreign);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020305, 1, 1, 2}), Verdict::Late);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020307, 3, 0, 0}), Verdict::Late);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020307, 2, 1, 2}), Verdict::Foreign);
+  EXPECT_EQ(judge(anyReply, {Kind::Call, 0x01020303, 9, 1, 2}), Verdict::Foreign);
 }
 
 TEST(WireTest, AReplyThatArrivedCutIsNeverAccepted) {
   Reply reply;
-  const Bytes cut = Bytes(kReply).first(kReply.size() - 1);
-  EXPECT_EQ(judgeReply(cut, kReply.size(), kExpected, reply), Verdict::TooLarge);
+  const Bytes cut = Bytes(anyReply).first(anyReply.size() - 1);
+  EXPECT_EQ(judgeReply(cut, anyReply.size(), expectedBytes, reply), Verdict::TooLarge);
 }
 
 }  // namespace

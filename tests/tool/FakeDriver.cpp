@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+
+#include "kespal/Helper.h"
 
 namespace kes::test {
 
@@ -15,16 +16,6 @@ namespace {
 
 using kes::test::fakeDriver;
 using kes::test::FakeDriver;
-
-std::string hexOf(const void* data, std::size_t size) {
-  std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02X", static_cast<const unsigned char*>(data)[i]);
-    text += digits;
-  }
-  return text;
-}
 
 template <typename T>
 std::string given(const T* pointer) {
@@ -87,8 +78,8 @@ kern_return_t __wrap_IOConnectCallMethod(mach_port_t connection, std::uint32_t s
                                          std::uint32_t* outputCount, void* reply, std::size_t* capacity) {
   note("call " + std::to_string(connection) + " selector " + std::to_string(selector) + " scalars " +
        given(input) + ' ' + std::to_string(inputCount) + " structure " + std::to_string(size) + ": " +
-       hexOf(structure, size) + " out " + given(output) + ' ' + given(outputCount) + " capacity " +
-       given(capacity));
+       kes::hex(structure, size, '\0', /*upper=*/true) + " out " + given(output) + ' ' + given(outputCount) +
+       " capacity " + given(capacity));
   const FakeDriver::Answer answer = nextAnswer();
   if (capacity != nullptr && answer.result == KERN_SUCCESS) {
     std::memcpy(reply, answer.bytes.data(), std::min(*capacity, answer.bytes.size()));
