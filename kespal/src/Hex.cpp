@@ -26,7 +26,7 @@ std::string hexSeparated(const unsigned char* bytes, std::size_t size, char sepa
 bool nextDigit(Decoding& decoding, char& digit) noexcept {
   while (decoding.text != decoding.end) {
     digit = *decoding.text++;
-    if (hexloops::meaningOf(digit) != hexloops::Separator) return true;
+    if (hexloops::meaningOf(digit) != hexloops::separatorCode) return true;
   }
   return false;
 }

@@ -9,17 +9,17 @@
 namespace kes::hexloops {
 
 /// What a character of a hexadecimal text is: the value of a digit of either case, or one of these.
-inline constexpr unsigned char Separator = 0x40, Other = 0x80;
+inline constexpr unsigned char separatorCode = 0x40, otherCode = 0x80;
 
 inline constexpr auto meaning = [] {
   std::array<unsigned char, 256> table{};
-  table.fill(Other);
+  table.fill(otherCode);
   for (unsigned char digit = 0; digit < 10; ++digit) table['0' + digit] = digit;
   for (unsigned char digit = 10; digit < 16; ++digit) {
     table['a' + digit - 10] = digit;
     table['A' + digit - 10] = digit;
   }
-  for (const char c : {':', ' ', '\t', '\n'}) table[static_cast<unsigned char>(c)] = Separator;
+  for (const char c : {':', ' ', '\t', '\n'}) table[static_cast<unsigned char>(c)] = separatorCode;
   return table;
 }();
 

@@ -30,7 +30,7 @@ struct Contributions {
   constexpr Contributions() {
     constexpr std::uint16_t none = 0x100;
     for (unsigned c = 0; c < 256; ++c) {
-      separator[c] = meaning[c] == Separator ? 0 : none;
+      separator[c] = meaning[c] == separatorCode ? 0 : none;
       high[c] = isDigit(meaning[c]) ? static_cast<std::uint16_t>(meaning[c] << 4) : none;
       low[c] = isDigit(meaning[c]) ? meaning[c] : none;
     }

@@ -77,6 +77,15 @@ def no_system_is_named_outside_the_system_folders():
             yield f"{path}: {match.group(0).strip()}"
 
 
+def no_constant_begins_with_a_k():
+    # clang-tidy holds the spelling, but takes this one for camel case. Names of the platform's begin with kIO.
+    constant = re.compile(r"\b(?:constexpr|const|enum)\b[^;()=]*?\b(k[A-Z]\w*)\s*(?:\[[^\]]*\]\s*)*(?:=|\{|;)")
+    for path in sources(*PRODUCTS, "iokit", "driver", "tests", "bench", "fuzz", "examples"):
+        for match in constant.finditer((ROOT / path).read_text()):
+            if not match.group(1).startswith("kIO"):
+                yield f"{path}: {match.group(1)}"
+
+
 def compile_header(compiler, language, header):
     with tempfile.NamedTemporaryFile("w", suffix=".c" if language == "c11" else ".cpp") as unit:
         unit.write(f'#include "{header}"\n#include "{header}"\n')
