@@ -13,7 +13,7 @@ namespace {
 void answer(driver::Driver& driver, driver::Session& session, iokit::Bytes datagram) {
   const auto request = iokit::parseRequest(datagram);
   if (!request) return driver.closed(session);
-  const driver::Answer answer = driver.answer(session, *request);
+  const driver::Answer answer = driver.answer(session, driver::callOf(*request));
   if (answer.structure.size() > request->header.structureCapacity) std::abort();
   if (answer.result != kIOReturnSuccess && !answer.structure.empty()) std::abort();
 }

@@ -33,26 +33,26 @@ std::string textOf(const Levels& levels) {
 Driver::Driver(const Settings& settings)
     : settings_(settings), trace_(settings.traceCapacity), queue_(settings.queueCapacity) {}
 
-Answer Driver::answer(Session& session, const iokit::Request& request) {
-  if (callOf(request) == CallName::Service) return attach(session);
+Answer Driver::answer(Session& session, const Call& call) {
+  if (call.name == CallName::Service) return attach(session);
   if (!session.attached) return {kIOReturnNotOpen};
-  return dispatch(session, request);
+  return dispatch(session, call);
 }
 
-Answer Driver::dispatch(Session& session, const iokit::Request& request) {
-  switch (callOf(request)) {
+Answer Driver::dispatch(Session& session, const Call& call) {
+  switch (call.name) {
     case CallName::Open:
-      return open(session, request);
+      return open(session, call.request);
     case CallName::Levels:
-      return setLevels(session, request);
+      return setLevels(session, call.request.structure);
     case CallName::Trace:
-      return getTrace(session, request);
+      return getTrace(session, call.request);
     case CallName::Packet:
-      return getPacket(session, request);
+      return getPacket(session, call.request.header.structureCapacity);
     default:
       break;
   }
-  const bool known = request.header.selector == controlSelector;
+  const bool known = call.request.header.selector == controlSelector;
   return {known ? kIOReturnBadArgument : kIOReturnUnsupported};
 }
 
@@ -95,9 +95,9 @@ void Driver::closed(Session& session) {
   session = Session{session.number};
 }
 
-Answer Driver::setLevels(const Session& session, const iokit::Request& request) {
+Answer Driver::setLevels(const Session& session, iokit::Bytes record) {
   if (session.role != Role::Trace) return {kIOReturnNotPermitted};
-  const auto levels = parseLevels(request.structure);
+  const auto levels = parseLevels(record);
   if (!levels) return {kIOReturnBadArgument};
   levels_ = *levels;
   say(Area::Oid, 1, "set debug levels: " + textOf(levels_));
@@ -106,7 +106,7 @@ Answer Driver::setLevels(const Session& session, const iokit::Request& request) 
 
 Answer Driver::getTrace(const Session& session, const iokit::Request& request) {
   if (session.role != Role::Trace) return {kIOReturnNotPermitted};
-  if (!isTraceRequest(request.structure)) return {kIOReturnBadArgument};
+  if (request.structure.size() != traceRequestSize) return {kIOReturnBadArgument};
   const std::size_t capacity = request.header.structureCapacity;
   if (capacity < traceHeaderSize) return {kIOReturnNoSpace};
   say(Area::Oid, 3, "get trace: " + std::to_string(trace_.size()) + " bytes pending");
@@ -116,17 +116,17 @@ Answer Driver::getTrace(const Session& session, const iokit::Request& request) {
   return {kIOReturnSuccess, makeTraceReply(text)};
 }
 
-Answer Driver::getPacket(const Session& session, const iokit::Request& request) {
+Answer Driver::getPacket(const Session& session, std::size_t capacity) {
   if (session.role != Role::Dump) return {kIOReturnNotPermitted};
-  if (queue_.empty()) packetWanted();
-  auto packet = queue_.pop();
-  if (!packet) return {};
-  if (wants(Area::Oid, 2)) say(Area::Oid, 2, "get packet: " + std::to_string(packet->size()) + " bytes");
-  return deliver(std::move(*packet), std::min<std::size_t>(request.header.structureCapacity, maxPacket));
+  const std::size_t room = std::min(capacity, maxPacket);
+  if (const auto waiting = queue_.pop()) return deliver(*waiting, room);
+  if (const auto next = nextOfSource()) return deliver(*next, room);
+  return {};
 }
 
-Answer Driver::deliver(Frame packet, std::size_t capacity) {
-  const bool tooLong = packet.size() > capacity;
+Answer Driver::deliver(iokit::Bytes packet, std::size_t room) {
+  if (wants(Area::Oid, 2)) say(Area::Oid, 2, "get packet: " + std::to_string(packet.size()) + " bytes");
+  const bool tooLong = packet.size() > room;
   if (tooLong && settings_.oversize == Oversize::Refuse) {
     ++totals_.packetsRefused;
     say(Area::Ppp, 1, "packet refused: too long for a reply");
@@ -134,19 +134,32 @@ Answer Driver::deliver(Frame packet, std::size_t capacity) {
   }
   if (tooLong) {
     ++totals_.packetsCut;
-    packet.resize(capacity);
+    packet = packet.first(room);
   }
   ++totals_.packetsDelivered;
-  return {kIOReturnSuccess, std::move(packet)};
+  return {kIOReturnSuccess, {packet.begin(), packet.end()}};
 }
 
-void Driver::packetSeen(iokit::Bytes packet) {
+std::optional<iokit::Bytes> Driver::nextOfSource() {
+  while (source_ != nullptr) {
+    const auto packet = source_->next();
+    if (!packet || countSeen(*packet)) return packet;
+  }
+  return std::nullopt;
+}
+
+bool Driver::countSeen(iokit::Bytes packet) {
   ++totals_.packetsSeen;
   if (packet.empty()) {
     ++totals_.packetsEmpty;
-    return;
+    return false;
   }
   describe(packet);
+  return true;
+}
+
+void Driver::packetSeen(iokit::Bytes packet) {
+  if (!countSeen(packet)) return;
   if (!dumping()) {
     ++totals_.packetsUnwatched;
     return;

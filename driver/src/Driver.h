@@ -7,6 +7,7 @@
 #include <string>
 
 #include "PacketQueue.h"
+#include "PacketSource.h"
 #include "Records.h"
 #include "TraceBuffer.h"
 
@@ -42,18 +43,20 @@ class Driver {
   explicit Driver(const Settings& settings);
 
   /// Answers a call and does what it asks for.
-  Answer answer(Session& session, const iokit::Request& request);
+  Answer answer(Session& session, const Call& call);
   /// The client has gone.
   void closed(Session& session);
 
   /// A packet on the wire. It is queued while somebody dumps.
   void packetSeen(iokit::Bytes packet);
+  /// Where a packet comes from that is asked for when none is queued. It must outlive the calls.
+  void fetchFrom(PacketSource& source) { source_ = &source; }
+
   TraceBuffer& trace() { return trace_; }
   /// Adds a line to the trace if the area's level is at least `level`.
   void say(Area area, unsigned level, const std::string& text);
 
-  /// Called when a packet or trace text is asked for and there is none: a supply that can wait adds some.
-  std::function<void()> packetWanted = [] {};
+  /// Called when trace text is asked for and there is none: a supply that can wait adds some.
   std::function<void()> traceWanted = [] {};
   /// Called when the first connection took a role, and when the last such one closed.
   std::function<void(bool active)> activityChanged = [](bool) {};
@@ -65,11 +68,14 @@ class Driver {
  private:
   Answer attach(Session& session);
   Answer open(Session& session, const iokit::Request& request);
-  Answer setLevels(const Session& session, const iokit::Request& request);
+  Answer setLevels(const Session& session, iokit::Bytes record);
   Answer getTrace(const Session& session, const iokit::Request& request);
-  Answer getPacket(const Session& session, const iokit::Request& request);
-  Answer dispatch(Session& session, const iokit::Request& request);
-  Answer deliver(Frame packet, std::size_t capacity);
+  Answer getPacket(const Session& session, std::size_t capacity);
+  Answer dispatch(Session& session, const Call& call);
+  Answer deliver(iokit::Bytes packet, std::size_t room);
+  std::optional<iokit::Bytes> nextOfSource();
+  /// False for an empty packet, which nobody gets.
+  bool countSeen(iokit::Bytes packet);
   unsigned& countOf(Role role) { return role == Role::Trace ? tracers_ : dumpers_; }
   bool wants(Area area, unsigned level) const;
   void describe(iokit::Bytes packet);
@@ -91,6 +97,7 @@ class Driver {
   Levels levels_;
   TraceBuffer trace_;
   PacketQueue queue_;
+  PacketSource* source_ = nullptr;
   Totals totals_;
   unsigned tracers_ = 0;
   unsigned dumpers_ = 0;

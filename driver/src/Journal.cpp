@@ -2,43 +2,33 @@
 
 #include <sstream>
 
-#include "Records.h"
+#include "Hex.h"
 
 namespace kes::driver {
-
-std::string hexOf(iokit::Bytes bytes) {
-  constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * bytes.size());
-  for (const std::uint8_t byte : bytes) {
-    text += digits[byte >> 4];
-    text += digits[byte & 15];
-  }
-  return text;
-}
 
 void Journal::connected(const Session& session) {
   if (verbose_) line(session, "connected");
 }
 
-void Journal::received(const Session& session, const iokit::Request& request) {
+void Journal::received(const Session& session, const Call& call) {
   if (!verbose_) return;
+  const iokit::Request& request = call.request;
   std::ostringstream text;
-  text << "request " << nameOf(callOf(request)) << " sequence=" << request.header.sequence
+  text << "request " << nameOf(call.name) << " sequence=" << request.header.sequence
        << " selector=" << request.header.selector << " scalars=";
   for (std::size_t i = 0; i < request.header.scalarCount; ++i)
     text << (i == 0 ? "" : ",") << request.scalar(i);
-  text << " structure=" << hexOf(request.structure) << " scalar-capacity=" << request.header.scalarCapacity
+  text << " structure=" << toHex(request.structure) << " scalar-capacity=" << request.header.scalarCapacity
        << " structure-capacity=" << request.header.structureCapacity;
   line(session, text.str());
 }
 
 void Journal::malformed(const Session& session, iokit::Bytes datagram) {
-  if (verbose_) line(session, "malformed " + hexOf(datagram));
+  if (verbose_) line(session, "malformed " + toHex(datagram));
 }
 
 void Journal::sent(const Session& session, iokit::Bytes datagram) {
-  if (verbose_) line(session, "reply " + hexOf(datagram));
+  if (verbose_) line(session, "reply " + toHex(datagram));
 }
 
 void Journal::closed(const Session& session, const char* why) {

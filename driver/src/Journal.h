@@ -14,7 +14,7 @@ class Journal {
   Journal(std::FILE* out, bool verbose) : out_(out), verbose_(verbose) {}
 
   void connected(const Session& session);
-  void received(const Session& session, const iokit::Request& request);
+  void received(const Session& session, const Call& call);
   /// A datagram that is no request.
   void malformed(const Session& session, iokit::Bytes datagram);
   void sent(const Session& session, iokit::Bytes datagram);
@@ -26,7 +26,5 @@ class Journal {
   std::FILE* out_;
   bool verbose_;
 };
-
-std::string hexOf(iokit::Bytes bytes);
 
 }  // namespace kes::driver

@@ -5,7 +5,7 @@
 
 #include "Driver.h"
 #include "EventLoop.h"
-#include "Replay.h"
+#include "Pcap.h"
 
 namespace kes::driver {
 

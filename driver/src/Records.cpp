@@ -18,10 +18,24 @@ std::uint16_t load16(iokit::Bytes record, std::size_t offset) {
   return static_cast<std::uint16_t>(record[offset] | record[offset + 1] << 8);
 }
 
-CallName controlCallOf(iokit::Bytes record) {
+CallName controlNameOf(iokit::Bytes record) {
   if (startsWith(record, levelsStart)) return CallName::Levels;
   if (startsWith(record, traceStart)) return CallName::Trace;
   return CallName::Other;
+}
+
+CallName nameIn(const iokit::Request& request) {
+  if (request.header.kind == static_cast<std::uint16_t>(iokit::Kind::Open)) return CallName::Service;
+  switch (request.header.selector) {
+    case openSelector:
+      return CallName::Open;
+    case packetSelector:
+      return CallName::Packet;
+    case controlSelector:
+      return controlNameOf(request.structure);
+    default:
+      return CallName::Other;
+  }
 }
 
 }  // namespace
@@ -46,27 +60,11 @@ const char* nameOf(CallName call) {
   return "other";
 }
 
-CallName callOf(const iokit::Request& request) {
-  if (request.header.kind == static_cast<std::uint16_t>(iokit::Kind::Open)) return CallName::Service;
-  switch (request.header.selector) {
-    case openSelector:
-      return CallName::Open;
-    case packetSelector:
-      return CallName::Packet;
-    case controlSelector:
-      return controlCallOf(request.structure);
-    default:
-      return CallName::Other;
-  }
-}
+Call callOf(const iokit::Request& request) { return {nameIn(request), request}; }
 
 std::optional<Levels> parseLevels(iokit::Bytes record) {
-  if (record.size() != levelsRecordSize || !startsWith(record, levelsStart)) return std::nullopt;
+  if (record.size() != levelsRecordSize) return std::nullopt;
   return Levels{load16(record, 8), load16(record, 10), load16(record, 12)};
-}
-
-bool isTraceRequest(iokit::Bytes record) {
-  return record.size() == traceRequestSize && startsWith(record, traceStart);
 }
 
 std::vector<std::uint8_t> makeTraceReply(std::string_view text) {

@@ -19,7 +19,7 @@ constexpr std::uint32_t packetSelector = 2;   ///< structure out: one packet
 constexpr std::uint32_t controlSelector = 3;  ///< structure in: a set-debug-levels or a get-trace record
 
 constexpr std::size_t levelsRecordSize = 32;
-constexpr std::size_t traceRequestSize = 16;
+constexpr std::size_t traceRequestSize = 16;  ///< the last 12 bytes may be anything
 constexpr std::size_t traceHeaderSize = 2;
 constexpr std::size_t maxTraceText = 2045;
 constexpr std::size_t maxPacket = iokit::maxStructure;
@@ -28,8 +28,15 @@ constexpr std::size_t maxPacket = iokit::maxStructure;
 enum class CallName { Connect, Service, Open, Levels, Trace, Packet, Other };
 const char* nameOf(CallName call);
 
-/// The call that a request makes. A control call is told by the first bytes of its record.
-CallName callOf(const iokit::Request& request);
+/// A request, and the call that it makes.
+struct Call {
+  CallName name;
+  iokit::Request request;
+};
+
+/// Finds what a request calls: by its kind, its selector and, of a control call, the first bytes of its
+/// record.
+Call callOf(const iokit::Request& request);
 
 struct Levels {
   std::uint16_t driver = 0;
@@ -37,12 +44,9 @@ struct Levels {
   std::uint16_t oid = 0;
 };
 
-/// The levels in a set-debug-levels record, or nothing when it is not exactly one. Its last 18 bytes may be
+/// The levels in the record of a levels call, or nothing when it is not 32 bytes. Its last 18 bytes may be
 /// anything.
 std::optional<Levels> parseLevels(iokit::Bytes record);
-
-/// Whether these are the 16 bytes of a get-trace request. Its last 12 bytes may be anything.
-bool isTraceRequest(iokit::Bytes record);
 
 /// The structure of a get-trace reply: a header that holds the byte count, and the text without its NUL.
 std::vector<std::uint8_t> makeTraceReply(std::string_view text);

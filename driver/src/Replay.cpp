@@ -2,50 +2,25 @@
 
 #include <pcap/pcap.h>
 
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <iostream>
 #include <stdexcept>
 
 namespace kes::driver {
-namespace {
 
-constexpr std::size_t readAhead = 1 << 16;
-
-[[noreturn]] void fail(const std::string& file, const char* why) {
-  throw std::runtime_error("cannot replay " + file + ": " + why);
+Replay::Replay(const std::vector<std::string>& files, bool loop) : loop_(loop) {
+  for (const std::string& name : files) files_.push_back(survey(name));
 }
 
-PcapHandle openCapture(const std::string& file) {
-  std::FILE* stream = std::fopen(file.c_str(), "rbe");
-  if (stream == nullptr) fail(file, std::strerror(errno));
-  std::setvbuf(stream, nullptr, _IOFBF, readAhead);
-  std::array<char, PCAP_ERRBUF_SIZE> error{};
-  PcapHandle capture(::pcap_fopen_offline(stream, error.data()));
-  if (!capture) {
-    std::fclose(stream);
-    fail(file, error.data());
+Replay::File Replay::survey(const std::string& name) {
+  File file{.name = name};
+  const PcapHandle capture = openCapture(name);
+  pcap_pkthdr* header = nullptr;
+  const u_char* bytes = nullptr;
+  while (::pcap_next_ex(capture.get(), &header, &bytes) == 1) {
+    ++file.packets;
+    if (header->caplen < header->len) ++file.shortened;
   }
-  mustBeEthernet(capture, file);
-  return capture;
-}
-
-}  // namespace
-
-void PcapCloser::operator()(pcap* handle) const { ::pcap_close(handle); }
-
-void mustBeEthernet(const PcapHandle& handle, const std::string& source) {
-  const int type = ::pcap_datalink(handle.get());
-  if (type == DLT_EN10MB) return;
-  const char* name = ::pcap_datalink_val_to_name(type);
-  const std::string label = name == nullptr ? std::to_string(type) : name;
-  throw std::runtime_error(source + " has link type " + label + "; only Ethernet (EN10MB) is served");
-}
-
-Replay::Replay(std::vector<std::string> files, bool loop) : files_(std::move(files)), loop_(loop) {
-  for (const std::string& file : files_) openCapture(file);
+  return file;
 }
 
 std::optional<iokit::Bytes> Replay::next() {
@@ -59,7 +34,7 @@ std::optional<iokit::Bytes> Replay::next() {
       return iokit::Bytes(bytes, header->caplen);
     }
     if (result == PCAP_ERROR) {
-      std::cerr << "kesdriver: " << files_[index_ - 1] << ": " << ::pcap_geterr(capture_.get()) << '\n';
+      std::cerr << "kesdriver: " << files_[index_ - 1].name << ": " << ::pcap_geterr(capture_.get()) << '\n';
     }
     capture_.reset();
   }
@@ -72,11 +47,19 @@ bool Replay::openNext() {
     sawPacket_ = false;
   }
   try {
-    capture_ = openCapture(files_[index_++]);
+    capture_ = openCapture(files_[index_++].name);
     return true;
   } catch (const std::runtime_error& error) {  // it was there at the start
     std::cerr << "kesdriver: " << error.what() << '\n';
     return openNext();
+  }
+}
+
+void Replay::printShortened(std::ostream& out) const {
+  for (const File& file : files_) {
+    if (file.shortened == 0) continue;
+    out << file.name << ": " << file.shortened << " of " << file.packets
+        << " packets are shorter than they were on the wire\n";
   }
 }
 

@@ -1,37 +1,38 @@
 #pragma once
 
-#include <memory>
-#include <optional>
+#include <cstdint>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
-#include "wire/Wire.h"
-
-struct pcap;
+#include "PacketSource.h"
+#include "Pcap.h"
 
 namespace kes::driver {
 
-struct PcapCloser {
-  void operator()(pcap* handle) const;
-};
-using PcapHandle = std::unique_ptr<pcap, PcapCloser>;
-
-/// Throws std::runtime_error unless the handle's packets begin with an Ethernet header.
-void mustBeEthernet(const PcapHandle& handle, const std::string& source);
-
 /// The packets of capture files, one file after the other. Throws std::runtime_error when made from a file
 /// that is no capture of Ethernet packets; what is wrong further on is printed and ends that file.
-class Replay {
+class Replay : public PacketSource {
  public:
-  Replay(std::vector<std::string> files, bool loop);
+  /// Reads every file once, to know it.
+  Replay(const std::vector<std::string>& files, bool loop);
 
-  /// The next packet, which may be empty; nothing at the end. It stays valid until the next call.
-  std::optional<iokit::Bytes> next();
+  std::optional<iokit::Bytes> next() override;
+
+  /// Says for each file how many of its packets are shorter than they were on the wire, if any are.
+  void printShortened(std::ostream& out) const;
 
  private:
+  struct File {
+    std::string name;
+    std::uint64_t packets = 0;
+    std::uint64_t shortened = 0;
+  };
+
+  static File survey(const std::string& name);
   bool openNext();
 
-  std::vector<std::string> files_;
+  std::vector<File> files_;
   bool loop_;
   std::size_t index_ = 0;  // of the file after the open one
   PcapHandle capture_;

@@ -14,17 +14,8 @@ constexpr std::chrono::milliseconds longestTick(10);
 
 }  // namespace
 
-void ReplayPump::onDemand() {
-  driver_.packetWanted = [this] {
-    while (const auto packet = replay_.next()) {
-      driver_.packetSeen(*packet);
-      if (!packet->empty()) return;
-    }
-  };
-}
-
-void ReplayPump::atRate(double packetsPerSecond) {
-  rate_ = packetsPerSecond;
+ReplayPump::ReplayPump(EventLoop& loop, Driver& driver, PacketSource& source, double packetsPerSecond)
+    : loop_(loop), driver_(driver), source_(source), rate_(packetsPerSecond) {
   driver_.activityChanged = [this](bool active) {
     ++run_;
     if (active) resume();
@@ -52,7 +43,7 @@ void ReplayPump::tick(unsigned run) {
 }
 
 bool ReplayPump::passOne() {
-  const auto packet = replay_.next();
+  const auto packet = source_.next();
   if (!packet) return false;
   driver_.packetSeen(*packet);
   ++passed_;

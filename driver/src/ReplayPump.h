@@ -4,19 +4,15 @@
 
 #include "Driver.h"
 #include "EventLoop.h"
-#include "Replay.h"
+#include "PacketSource.h"
 
 namespace kes::driver {
 
-/// Lets the packets of a replay pass by the driver: at a rate while any connection is open, or, without a
-/// rate, one whenever a packet is asked for, so that none is lost. All parts must outlive the loop's run.
+/// Lets the packets of a source pass by the driver at a rate while any connection is open. All parts must
+/// outlive the loop's run.
 class ReplayPump {
  public:
-  ReplayPump(EventLoop& loop, Driver& driver, Replay& replay)
-      : loop_(loop), driver_(driver), replay_(replay) {}
-
-  void onDemand();
-  void atRate(double packetsPerSecond);
+  ReplayPump(EventLoop& loop, Driver& driver, PacketSource& source, double packetsPerSecond);
 
  private:
   void resume();
@@ -25,8 +21,8 @@ class ReplayPump {
 
   EventLoop& loop_;
   Driver& driver_;
-  Replay& replay_;
-  double rate_ = 0;
+  PacketSource& source_;
+  double rate_;
   EventLoop::Clock::time_point start_;
   std::uint64_t passed_ = 0;  // since start_
   unsigned run_ = 0;          // a tick of an earlier run is stale

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
-#include "Journal.h"
+#include "Hex.h"
 
 namespace kes::driver {
 
@@ -13,13 +13,13 @@ std::vector<std::uint8_t> Play::datagram(const iokit::RequestHeader& request, co
   header.magic = magic.value_or(header.magic);
   header.version = version.value_or(header.version);
   header.kind = kind.value_or(header.kind);
-  header.sequence = static_cast<std::uint32_t>(header.sequence + sequence);
+  header.sequence = static_cast<std::uint32_t>(header.sequence + sequenceShift);
   header.result = result.value_or(static_cast<std::uint32_t>(usual.result));
   std::vector<std::uint8_t> bytes;
   iokit::makeReply(bytes, header, std::vector<std::uint64_t>(scalars),
                    structure ? *structure : usual.structure);
   const auto whole = static_cast<std::int64_t>(bytes.size());
-  bytes.resize(static_cast<std::size_t>(std::max<std::int64_t>(whole + length, 0)));
+  bytes.resize(static_cast<std::size_t>(std::max<std::int64_t>(whole + lengthShift, 0)));
   return bytes;
 }
 
@@ -39,8 +39,8 @@ void Script::check(const Play& play, const iokit::Request& request) {
     return;
   }
   ++failures_;
-  std::cerr << "kesdriver: script line " << play.line << ": expected " << hexOf(*play.expected) << ", got "
-            << hexOf(request.structure) << '\n';
+  std::cerr << "kesdriver: script line " << play.line << ": expected " << toHex(*play.expected) << ", got "
+            << toHex(request.structure) << '\n';
 }
 
 std::uint64_t Script::unplayed() const {

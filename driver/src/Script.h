@@ -26,8 +26,8 @@ struct Play {
   std::optional<std::uint32_t> magic{};
   std::optional<std::uint16_t> version{};
   std::optional<std::uint16_t> kind{};
-  std::int64_t sequence = 0;  ///< added to the right one
-  std::int64_t length = 0;    ///< added to the right one
+  std::int64_t sequenceShift = 0;  ///< added to the right sequence number
+  std::int64_t lengthShift = 0;    ///< added to the right length
   std::optional<std::vector<std::uint8_t>> raw{};
   Fate fate = Fate::Reply;
 

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "Hex.h"
 #include "ResultNames.h"
 #include "Script.h"
 
@@ -12,27 +13,7 @@ namespace {
 
 using ByteVector = std::vector<std::uint8_t>;
 
-struct BadLine : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-int digitOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  throw BadLine(std::string("no hexadecimal digit: ") + c);
-}
-
-std::uint8_t byteOf(char high, char low) {
-  return static_cast<std::uint8_t>(digitOf(high) << 4 | digitOf(low));
-}
-
-ByteVector parseHex(std::string_view text) {
-  if (text.size() % 2 != 0) throw BadLine("an odd number of hexadecimal digits");
-  ByteVector bytes;
-  for (std::size_t i = 0; i < text.size(); i += 2) bytes.push_back(byteOf(text[i], text[i + 1]));
-  return bytes;
-}
+using BadLine = std::runtime_error;
 
 /// A number with an optional sign, in decimal or, after 0x, in hexadecimal.
 std::int64_t parseNumber(std::string_view text, std::int64_t lowest, std::int64_t highest) {
@@ -104,8 +85,8 @@ class Words {
       case '\\':
         return c;
       case 'x': {
-        const char high = take();
-        return static_cast<char>(byteOf(high, take()));
+        const char digits[] = {take(), take()};
+        return static_cast<char>(fromHex({digits, sizeof digits}).front());
       }
       default:
         throw BadLine(std::string("unknown escape \\") + c);
@@ -134,14 +115,14 @@ ByteVector countingBytes(std::size_t count) {
 using WithValue = std::function<void(Play&, const std::string& value)>;
 
 const std::map<std::string, WithValue, std::less<>> withValue{
-    {"expect", [](Play& p, const std::string& v) { p.expected = parseHex(v); }},
+    {"expect", [](Play& p, const std::string& v) { p.expected = fromHex(v); }},
     {"delay",
      [](Play& p, const std::string& v) {
        p.delay = std::chrono::milliseconds(parseUnsigned<std::uint32_t>(v));
      }},
     {"return", [](Play& p, const std::string& v) { p.result = parseResult(v); }},
     {"text", [](Play& p, const std::string& v) { p.structure = makeTraceReply(v); }},
-    {"bytes", [](Play& p, const std::string& v) { p.structure = parseHex(v); }},
+    {"bytes", [](Play& p, const std::string& v) { p.structure = fromHex(v); }},
     {"count",
      [](Play& p, const std::string& v) {
        p.structure = countingBytes(static_cast<std::size_t>(parseNumber(v, 0, maxCount)));
@@ -150,9 +131,10 @@ const std::map<std::string, WithValue, std::less<>> withValue{
     {"magic", [](Play& p, const std::string& v) { p.magic = parseUnsigned<std::uint32_t>(v); }},
     {"version", [](Play& p, const std::string& v) { p.version = parseUnsigned<std::uint16_t>(v); }},
     {"kind", [](Play& p, const std::string& v) { p.kind = parseUnsigned<std::uint16_t>(v); }},
-    {"sequence", [](Play& p, const std::string& v) { p.sequence = parseNumber(v, -maxCount, maxCount); }},
-    {"length", [](Play& p, const std::string& v) { p.length = parseNumber(v, -maxCount, maxCount); }},
-    {"raw", [](Play& p, const std::string& v) { p.raw = parseHex(v); }},
+    {"sequence",
+     [](Play& p, const std::string& v) { p.sequenceShift = parseNumber(v, -maxCount, maxCount); }},
+    {"length", [](Play& p, const std::string& v) { p.lengthShift = parseNumber(v, -maxCount, maxCount); }},
+    {"raw", [](Play& p, const std::string& v) { p.raw = fromHex(v); }},
 };
 
 const std::map<std::string, Play::Fate, std::less<>> fates{
@@ -200,8 +182,8 @@ void checkConnect(const Play& play) {
   const bool isPossible =
       play.fate == Play::Fate::Reply || play.fate == Play::Fate::HangUp || play.fate == Play::Fate::Die;
   const bool hasMore = !play.leavesAnswer() || play.expected || play.delay.count() != 0 ||
-                       play.scalars != 0 || play.magic || play.version || play.kind || play.sequence != 0 ||
-                       play.length != 0;
+                       play.scalars != 0 || play.magic || play.version || play.kind ||
+                       play.sequenceShift != 0 || play.lengthShift != 0;
   if (!isPossible || hasMore) throw BadLine("connect knows pass, hangup and die only");
 }
 

@@ -67,12 +67,13 @@ void Server::serve(unsigned number) {
 void Server::handle(Client& client, iokit::Bytes datagram) {
   const auto request = iokit::parseRequest(datagram);
   if (!request || !followsOn(client, *request)) return breakOff(client, datagram);
-  parts_.journal.received(client.session, *request);
-  const Play* scripted = parts_.script.next(callOf(*request));
-  if (scripted == nullptr) return perform(client, *request);
+  const Call call = callOf(*request);
+  parts_.journal.received(client.session, call);
+  const Play* scripted = parts_.script.next(call.name);
+  if (scripted == nullptr) return perform(client, call);
   parts_.script.check(*scripted, *request);
   const bool asUsual = scripted->leavesAnswer() && repliesFirst(scripted->fate);
-  const Answer answer = asUsual ? parts_.driver.answer(client.session, *request) : Answer();
+  const Answer answer = asUsual ? parts_.driver.answer(client.session, call) : Answer();
   play(client.session.number, *scripted, scripted->datagram(request->header, answer));
 }
 
@@ -87,9 +88,9 @@ bool Server::followsOn(Client& client, const iokit::Request& request) {
   return true;
 }
 
-void Server::perform(Client& client, const iokit::Request& request) {
-  const Answer answer = parts_.driver.answer(client.session, request);
-  iokit::ReplyHeader header = iokit::replyTo(request.header);
+void Server::perform(Client& client, const Call& call) {
+  const Answer answer = parts_.driver.answer(client.session, call);
+  iokit::ReplyHeader header = iokit::replyTo(call.request.header);
   header.result = static_cast<std::uint32_t>(answer.result);
   iokit::makeReply(reply_, header, {}, answer.structure);
   send(client, reply_);
@@ -99,13 +100,13 @@ void Server::play(unsigned number, const Play& play, std::vector<std::uint8_t> d
   if (play.delay > 0ms) {
     parts_.loop.at(
         EventLoop::Clock::now() + play.delay,
-        [this, number, fate = play.fate, later = std::move(datagram)] { end(number, fate, later); });
+        [this, number, fate = play.fate, later = std::move(datagram)] { fulfil(number, fate, later); });
   } else {
-    end(number, play.fate, datagram);
+    fulfil(number, play.fate, datagram);
   }
 }
 
-void Server::end(unsigned number, Fate fate, iokit::Bytes datagram) {
+void Server::fulfil(unsigned number, Fate fate, iokit::Bytes datagram) {
   const auto found = clients_.find(number);
   if (found == clients_.end()) return;  // it left while its reply was delayed
   const bool delivered = !repliesFirst(fate) || send(found->second, datagram);

@@ -42,9 +42,9 @@ class Server {
   void serve(unsigned number);
   void handle(Client& client, iokit::Bytes datagram);
   bool followsOn(Client& client, const iokit::Request& request);
-  void perform(Client& client, const iokit::Request& request);
+  void perform(Client& client, const Call& call);
   void play(unsigned number, const Play& play, std::vector<std::uint8_t> datagram);
-  void end(unsigned number, Play::Fate fate, iokit::Bytes datagram);
+  void fulfil(unsigned number, Play::Fate fate, iokit::Bytes datagram);
   bool send(const Client& client, iokit::Bytes datagram);
   void breakOff(const Client& client, iokit::Bytes datagram);
   void hangUp(unsigned number, const char* why);

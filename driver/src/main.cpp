@@ -10,6 +10,7 @@
 
 #include "LiveCapture.h"
 #include "Options.h"
+#include "Replay.h"
 #include "ReplayPump.h"
 #include "Server.h"
 #include "TraceSource.h"
@@ -55,31 +56,31 @@ mode_t socketMode(const Options& options) { return options.live ? 0600 : 0666; }
 /// Where the packets come from, if from anywhere.
 class Traffic {
  public:
-  Traffic(const Options& options, EventLoop& loop, Driver& driver)
-      : replay_(options.replays, options.loop), pump_(loop, driver, replay_) {
+  Traffic(const Options& options, EventLoop& loop, Driver& driver) : replay_(options.replays, options.loop) {
     if (options.live) live_.emplace(*options.live, loop, driver);
-    if (options.replays.empty()) return;
     if (options.rate) {
-      pump_.atRate(*options.rate);
+      pump_.emplace(loop, driver, replay_, *options.rate);
     } else {
-      pump_.onDemand();
+      driver.fetchFrom(replay_);
     }
   }
 
+  void announce(std::ostream& out) const { replay_.printShortened(out); }
   void printTotals(std::ostream& out) const {
     if (live_) live_->printTotals(out);
   }
 
  private:
   Replay replay_;
-  ReplayPump pump_;
+  std::optional<ReplayPump> pump_;
   std::optional<LiveCapture> live_;
 };
 
-void announce(const Listener& listener) {
+void announce(const Traffic& traffic, const Listener& listener) {
   std::cout << "kesdriver is a stand-in for the VPN kernel driver, for development and tests. It is not the "
-               "driver.\n"
-            << "serving " << driverClass << " at " << listener.path() << std::endl;
+               "driver.\n";
+  traffic.announce(std::cout);
+  std::cout << "serving " << driverClass << " at " << listener.path() << std::endl;
 }
 
 int run(const Options& options) {
@@ -93,7 +94,7 @@ int run(const Options& options) {
   const Listener listener(options.directory, driverClass, socketMode(options));
   Journal journal(stdout, options.verbose);
   const Server server({loop, listener, driver, script, journal}, options.once);
-  announce(listener);
+  announce(traffic, listener);
   loop.run();
   driver.printTotals(std::cout);
   traffic.printTotals(std::cout);

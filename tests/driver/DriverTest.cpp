@@ -13,6 +13,24 @@ using test::CaptureFiles;
 using testing::HasSubstr;
 using ByteVector = std::vector<std::uint8_t>;
 
+/// Gives these packets, one after the other.
+class FakeSource : public PacketSource {
+ public:
+  explicit FakeSource(std::vector<ByteVector> packets) : packets_(std::move(packets)) {}
+
+  std::optional<iokit::Bytes> next() override {
+    ++asked_;
+    if (given_ == packets_.size()) return std::nullopt;
+    return packets_[given_++];
+  }
+  int asked() const { return asked_; }
+
+ private:
+  std::vector<ByteVector> packets_;
+  std::size_t given_ = 0;
+  int asked_ = 0;
+};
+
 /// One user client of a driver, without a socket between them.
 class Client {
  public:
@@ -46,15 +64,15 @@ class Client {
   void close() { driver_.closed(session_); }
 
  private:
-  static iokit::Request request(iokit::Kind kind, std::uint32_t selector, iokit::Bytes scalars,
-                                iokit::Bytes structure, std::size_t capacity) {
+  static Call request(iokit::Kind kind, std::uint32_t selector, iokit::Bytes scalars, iokit::Bytes structure,
+                      std::size_t capacity) {
     iokit::RequestHeader header;
     header.kind = static_cast<std::uint16_t>(kind);
     header.selector = selector;
     header.scalarCount = static_cast<std::uint32_t>(scalars.size() / 8);
     header.structureSize = static_cast<std::uint32_t>(structure.size());
     header.structureCapacity = static_cast<std::uint32_t>(capacity);
-    return {header, scalars, structure};
+    return callOf({header, scalars, structure});
   }
 
   Driver& driver_;
@@ -122,6 +140,11 @@ TEST_F(DriverTest, UnknownSelectorsAndRecordsHaveTheirResults) {
   EXPECT_EQ(trace.call(3, {0x10, 0, 0, 1}, 2047).result, kIOReturnBadArgument) << "16 bytes, not 4";
   EXPECT_EQ(trace.call(3, {0x0e, 0, 2, 0, 0x0a, 0, 0, 1}, 0).result, kIOReturnBadArgument)
       << "32 bytes, not 8";
+  for (const std::size_t size : {15u, 17u, 32u}) {
+    ByteVector record{0x10, 0, 0, 1};
+    record.resize(size);
+    EXPECT_EQ(trace.call(3, record, 2047).result, kIOReturnBadArgument) << size;
+  }
 }
 
 TEST_F(DriverTest, WithLevelsAtZeroTheDriverIsSilent) {
@@ -241,6 +264,31 @@ TEST_F(DriverTest, PacketsAreQueuedOnlyWhileSomebodyDumps) {
   EXPECT_EQ(next.packet().structure.size(), 20u) << "what was queued stays";
   EXPECT_TRUE(next.packet().structure.empty());
   EXPECT_THAT(totals(), HasSubstr("2 unwatched, 0 left"));
+}
+
+TEST_F(DriverTest, ASourceIsAskedForOnePacketAtATimeAndOnlyWhenNoneIsQueued) {
+  FakeSource source({CaptureFiles::packet(10), {}, {}, CaptureFiles::packet(5000)});
+  driver_.fetchFrom(source);
+  Client dump = client(2);
+  pass(20);
+  EXPECT_EQ(dump.packet().structure.size(), 20u);
+  EXPECT_EQ(source.asked(), 0);
+  EXPECT_EQ(dump.packet().structure, CaptureFiles::packet(10));
+  EXPECT_EQ(source.asked(), 1);
+  const ByteVector whole = CaptureFiles::packet(5000);
+  EXPECT_EQ(dump.packet().structure, ByteVector(whole.begin(), whole.begin() + 4096));
+  EXPECT_EQ(source.asked(), 4) << "packets without a byte are passed over";
+  EXPECT_TRUE(dump.packet().structure.empty());
+  EXPECT_THAT(totals(), HasSubstr("packets: 5 seen, 3 delivered, 1 cut, 0 refused, 0 dropped, 2 empty"));
+}
+
+TEST_F(DriverTest, WhatIsNotAPacketCallTakesNothingFromTheSource) {
+  FakeSource source({CaptureFiles::packet(10)});
+  driver_.fetchFrom(source);
+  Client trace = client(1);
+  trace.packet();
+  trace.trace();
+  EXPECT_EQ(source.asked(), 0);
 }
 
 TEST_F(DriverTest, AFullQueueDropsAndCounts) {
