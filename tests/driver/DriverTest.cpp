@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "driver/CaptureFiles.h"
+#include "support/CaptureFiles.h"
 
 namespace kes::driver {
 namespace {

@@ -5,20 +5,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
-#include <set>
-#include <thread>
+#include <algorithm>
 
 #include "iokit/UserClient.h"
 #include "support/DriverProcess.h"
-#include "wire/Unix.h"
+#include "support/Eventually.h"
+#include "support/PcapFile.h"
+#include "sys/Owner.h"
 
 namespace kes::test {
 namespace {
-
-using Packet = std::vector<std::uint8_t>;
-using namespace std::chrono_literals;
 
 constexpr int packetCount = 200;
 const std::string mark = "kesdriver live test ";
@@ -77,34 +73,10 @@ class Talker {
   sockaddr_in address_{};
 };
 
-bool isOurs(const Packet& packet) {
-  const std::string text(packet.begin(), packet.end());
-  return text.find(mark) != std::string::npos;
-}
+bool isOurs(const std::string& packet) { return packet.find(mark) != std::string::npos; }
 
-/// The packets of a classic capture in the machine's own byte order.
-std::vector<Packet> packetsIn(const std::string& file) {
-  std::vector<Packet> packets;
-  for (std::size_t at = 24; at + 16 <= file.size();) {
-    std::uint32_t length = 0;
-    std::memcpy(&length, file.data() + at + 8, sizeof length);
-    if (at + 16 + length > file.size()) break;
-    packets.emplace_back(file.begin() + static_cast<std::ptrdiff_t>(at + 16),
-                         file.begin() + static_cast<std::ptrdiff_t>(at + 16 + length));
-    at += 16 + length;
-  }
-  return packets;
-}
-
-template <typename Condition>
-bool eventually(Condition condition) {
-  const auto limit = std::chrono::steady_clock::now() + 60s;
-  while (!condition() && std::chrono::steady_clock::now() < limit) std::this_thread::sleep_for(2ms);
-  return condition();
-}
-
-std::vector<Packet> ours(const std::vector<Packet>& packets) {
-  std::vector<Packet> kept;
+std::vector<std::string> ours(const std::vector<std::string>& packets) {
+  std::vector<std::string> kept;
   std::copy_if(packets.begin(), packets.end(), std::back_inserter(kept), isOurs);
   return kept;
 }
@@ -120,16 +92,17 @@ TEST(LiveTest, TheDriverAndTcpdumpSeeTheSameTraffic) {
   })) << readFile(directory / "tcpdump.log");
   DriverProcess driver({"--live", "lo"});
   const io_connect_t connect = openClient(2);
-  std::vector<Packet> seen;
+  std::vector<std::string> seen;
   for (int i = 0; i < packetCount; ++i) {
     talker.say(mark + std::to_string(i) + std::string(static_cast<std::size_t>(i) * 7, 'x'));
     ASSERT_TRUE(eventually([&] {  // one after the other: other traffic of this machine may fill the queue
       const CallResult reply = getPacket(connect);
-      if (isOurs(reply.bytes)) seen.push_back(reply.bytes);
+      const std::string packet(reply.bytes.begin(), reply.bytes.end());
+      if (isOurs(packet)) seen.push_back(packet);
       return seen.size() == static_cast<std::size_t>(i) + 1;
     }));
   }
-  const auto written = [&] { return ours(packetsIn(readFile(directory / "tcpdump.pcap"))); };
+  const auto written = [&] { return ours(PcapFile::parse(readFile(directory / "tcpdump.pcap")).packets()); };
   eventually([&] { return written().size() >= packetCount; });
   tcpdump.end();
   EXPECT_EQ(written().size(), static_cast<std::size_t>(packetCount)) << readFile(directory / "tcpdump.log");

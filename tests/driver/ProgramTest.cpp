@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "driver/CaptureFiles.h"
 #include "iokit/UserClient.h"
+#include "support/CaptureFiles.h"
 #include "support/DriverProcess.h"
 
 namespace kes::test {
@@ -286,7 +286,7 @@ TEST(DriverProgramTest, MistakesEndItBeforeThereIsASocket) {
   failsWith({"--script", directory / "missing"}, 1, "cannot read");
   failsWith({"--live", "no-such-interface"}, 1, "cannot capture on no-such-interface");
   failsWith({"--script", writeScript(directory, "nonsense")}, 1, "script line 1: no call is named nonsense");
-  writeFile(directory / "ppp", CaptureFiles::pcap({{1}}, 9));
+  writeFile(directory / "ppp", CaptureFiles::pcap({{1}}, {.linkType = 9}));
   failsWith({"--replay", directory / "ppp"}, 1, "has link type PPP");
 }
 

@@ -2,9 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <sstream>
 #include <stdexcept>
 
-#include "driver/CaptureFiles.h"
+#include "support/CaptureFiles.h"
 #include "support/TempDir.h"
 
 namespace kes::driver {
@@ -52,6 +53,25 @@ TEST_F(ReplayTest, BothFormatsGiveTheirPacketsInOrder) {
   EXPECT_EQ(all(next), packets_);
 }
 
+TEST_F(ReplayTest, APacketIsAsLongAsTheFileHoldsItWhateverTheFilesHeaderPromises) {
+  for (const std::uint32_t promised : {0u, 1u, 64u, 1513u, 65535u, 0x80000000u}) {
+    Replay replay({file("a", CaptureFiles::pcap(packets_, {.snapshotLength = promised}))}, false);
+    EXPECT_EQ(all(replay), packets_) << promised;
+  }
+}
+
+TEST_F(ReplayTest, HowManyPacketsAreShorterThanOnTheWireIsSaidForEachFile) {
+  const std::string cut = CaptureFiles::record(CaptureFiles::packet(60), 61);
+  const std::string some = file("some", CaptureFiles::pcap(packets_) + cut + cut);
+  const std::string none = file("none", CaptureFiles::pcap(packets_));
+  const std::string broken = file("broken", CaptureFiles::pcap({}) + cut + "torn");
+  const Replay replay({some, none, broken}, false);
+  std::ostringstream out;
+  replay.printShortened(out);
+  EXPECT_EQ(out.str(), some + ": 2 of 5 packets are shorter than they were on the wire\n" + broken +
+                           ": 1 of 1 packets are shorter than they were on the wire\n");
+}
+
 TEST_F(ReplayTest, FilesFollowEachOther) {
   Replay replay({file("a", CaptureFiles::pcap({{1}})), file("b", CaptureFiles::pcap({})),
                  file("c", CaptureFiles::pcapng({{2}, {3}}))},
@@ -75,9 +95,9 @@ TEST_F(ReplayTest, ALoopOverNothingEnds) {
 }
 
 TEST_F(ReplayTest, AnotherLinkTypeIsRefusedByName) {
-  EXPECT_THAT(errorOf({file("a", CaptureFiles::pcap({{1}}, 9))}),
+  EXPECT_THAT(errorOf({file("a", CaptureFiles::pcap({{1}}, {.linkType = 9}))}),
               HasSubstr("has link type PPP; only Ethernet (EN10MB) is served"));
-  EXPECT_THAT(errorOf({file("b", CaptureFiles::pcap({{1}}, 113))}), HasSubstr("LINUX_SLL"));
+  EXPECT_THAT(errorOf({file("b", CaptureFiles::pcap({{1}}, {.linkType = 113}))}), HasSubstr("LINUX_SLL"));
 }
 
 TEST_F(ReplayTest, WhatIsNoCaptureIsRefusedAtOnceEvenIfItComesLast) {

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 
+#include "support/CaptureFiles.h"
 #include "support/PcapFile.h"
 #include "tool/ToolFixture.h"
 
@@ -14,13 +15,14 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t capacity = 4096;
 
-/// A capture's packets as its readers see them: cut to the snapshot length that its header promises.
-std::vector<std::string> packetsOf(const std::string& file) {
+/// What a driver says that starts to serve this capture: nothing unless packets are missing bytes.
+std::string noticeOf(const std::string& file) {
   const PcapFile capture = PcapFile::parse(readFile(file));
-  std::vector<std::string> packets = capture.packets();
-  for (std::string& packet : packets)
-    packet.resize(std::min<std::size_t>(packet.size(), capture.snapshotLength));
-  return packets;
+  const auto isShortened = [](const PcapRecord& packet) { return packet.bytes.size() < packet.wireLength; };
+  const auto count = std::count_if(capture.records.begin(), capture.records.end(), isShortened);
+  if (count == 0) return "";
+  return file + ": " + std::to_string(count) + " of " + std::to_string(capture.records.size()) +
+         " packets are shorter than they were on the wire\n";
 }
 
 /// One capture on its way through driver and tool into a second one.
@@ -36,6 +38,8 @@ class Replay {
   /// Waits until every packet has come through, ends the tool and compares.
   void finish() {
     const std::string announced = announcements();
+    EXPECT_THAT(driver_.output(),
+                testing::HasSubstr("It is not the driver.\n" + noticeOf(source_) + "serving"));
     EXPECT_TRUE(tool_.waitForErr(announced)) << source_;
     keyboard_.write("Q");
     EXPECT_EQ(tool_.wait(), 0) << source_;
@@ -74,7 +78,7 @@ class Replay {
   TempDir dir_;
   std::string source_, target_ = dir_ / "capture.pcap";
   bool refuses_;
-  std::vector<std::string> packets_ = packetsOf(source_);
+  std::vector<std::string> packets_ = PcapFile::parse(readFile(source_)).packets();
   TestPipe keyboard_;
   DriverProcess driver_;
   Process tool_;
@@ -127,17 +131,12 @@ std::vector<std::string> ethernetCapturesIn(const std::string& folder) {
   return files;
 }
 
-/// A capture with packets of these lengths.
-void writeCapture(const std::string& path, const std::vector<std::size_t>& lengths) {
-  const auto word = [](std::uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
-  std::string bytes =
-      word(0xA1B2C3D4) + std::string("\2\0\4\0", 4) + word(0) + word(0) + word(65535) + word(1);
-  for (std::size_t length : lengths) {
-    const auto size = static_cast<std::uint32_t>(length);
-    bytes += word(1) + word(2) + word(size) + word(size);
-    for (std::size_t i = 0; i < length; ++i) bytes += static_cast<char>(length + i);
-  }
-  writeFile(path, bytes);
+/// Packets of these lengths.
+std::vector<Packet> packetsOf(const std::vector<std::size_t>& lengths) {
+  std::vector<Packet> packets;
+  for (const std::size_t length : lengths)
+    packets.push_back(CaptureFiles::packet(length, static_cast<std::uint8_t>(length)));
+  return packets;
 }
 
 TEST(ReplayedCaptureTest, TheShippedSamplesComeThroughWhole) {
@@ -148,9 +147,18 @@ TEST(ReplayedCaptureTest, TheShippedSamplesComeThroughWhole) {
 
 TEST(ReplayedCaptureTest, PacketsOfEveryBorderLengthFollowTheirRules) {
   const TempDir dir;
-  writeCapture(dir / "lengths.pcap", {1, 2, 3, 0, 4, 4095, 4096, 4097, 5, 9000, 60});
+  writeFile(dir / "lengths.pcap",
+            CaptureFiles::pcap(packetsOf({1, 2, 3, 0, 4, 4095, 4096, 4097, 5, 9000, 60})));
   replayAll({dir / "lengths.pcap"}, "cut");
   replayAll({dir / "lengths.pcap"}, "refuse");
+}
+
+TEST(ReplayedCaptureTest, PacketsBeyondTheFilesSnapshotLengthComeThroughWholeAndCutOnesAreCounted) {
+  const TempDir dir;
+  writeFile(dir / "long.pcap",
+            CaptureFiles::pcap(packetsOf({60, 1514, 64, 65, 4097}), {.snapshotLength = 64}) +
+                CaptureFiles::record(CaptureFiles::packet(96), 1514));
+  replayAll({dir / "long.pcap"}, "cut");
 }
 
 TEST(ReplayedCaptureTest, EveryCaptureOfTheCollectionComesThroughWhole) {
@@ -163,10 +171,7 @@ TEST(ReplayedCaptureTest, EveryCaptureOfTheCollectionComesThroughWhole) {
 
 TEST(ReplayedCaptureTest, ACaptureOfAnotherKindIsNotServed) {
   const TempDir dir;
-  writeCapture(dir / "raw.pcap", {60});
-  std::string bytes = readFile(dir / "raw.pcap");
-  bytes[20] = 101;
-  writeFile(dir / "raw.pcap", bytes);
+  writeFile(dir / "raw.pcap", CaptureFiles::pcap(packetsOf({60}), {.linkType = 101}));
   EXPECT_FALSE(isEthernet(dir / "raw.pcap"));
   EXPECT_THROW(DriverProcess({"--replay", dir / "raw.pcap"}), std::runtime_error);
 }

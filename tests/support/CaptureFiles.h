@@ -12,13 +12,22 @@ using Packet = std::vector<std::uint8_t>;
 /// Capture files made by hand, so that nothing that reads them is tested against itself.
 class CaptureFiles {
  public:
-  static std::string pcap(const std::vector<Packet>& packets, std::uint32_t linkType = 1) {
-    std::string file =
-        le32(0xa1b2c3d4) + le16(2) + le16(4) + le32(0) + le32(0) + le32(262144) + le32(linkType);
-    for (const Packet& packet : packets) {
-      file += le32(1700000000) + le32(0) + le32(packet.size()) + le32(packet.size()) + text(packet);
-    }
+  struct Header {
+    std::uint32_t linkType = 1;
+    std::uint32_t snapshotLength = 262144;
+  };
+
+  static std::string pcap(const std::vector<Packet>& packets) { return pcap(packets, Header()); }
+  static std::string pcap(const std::vector<Packet>& packets, const Header& header) {
+    std::string file = le32(0xa1b2c3d4) + le16(2) + le16(4) + le32(0) + le32(0) +
+                       le32(header.snapshotLength) + le32(header.linkType);
+    for (const Packet& packet : packets) file += record(packet, packet.size());
     return file;
+  }
+
+  /// A packet in a classic file, which had so many bytes on the wire.
+  static std::string record(const Packet& packet, std::size_t wireLength) {
+    return le32(1700000000) + le32(0) + le32(packet.size()) + le32(wireLength) + text(packet);
   }
 
   static std::string pcapng(const std::vector<Packet>& packets) {
