@@ -138,7 +138,7 @@ class RecipeTest : public ToolTest {
   TestPipe keyboard_;
 };
 
-TEST_F(RecipeTest, TheManualHasTheRecipesThatAreTestedHere) { EXPECT_EQ(recipes().size(), 7U); }
+TEST_F(RecipeTest, TheManualHasTheRecipesThatAreTestedHere) { EXPECT_EQ(recipes().size(), 8U); }
 
 TEST_F(RecipeTest, TraceEverything) {
   play("trace text \"deep trace\\n\"\n");
@@ -170,6 +170,18 @@ TEST_F(RecipeTest, FollowACaptureLive) {
   keyboard_.write("Q");
   EXPECT_EQ(tool.wait(), 0);
   Process({"pkill", "-f", "tail -c .1 -f vpn_eth.pcap", "-P", std::to_string(shell.pid())}).wait();
+}
+
+TEST_F(RecipeTest, LookAtThePacketsWithoutAFileInBetween) {
+  playSample();
+  Process shell = start(recipe("exec 3<>vpn.fifo"));
+  // All packets come, to the last one: the end of one is no end of the file.
+  Process file({"tcpdump", "-t", "-n", "-r", SAMPLES "/loopback.pcap"});
+  ASSERT_EQ(file.wait(), 0) << file.err();
+  const std::size_t last = file.out().rfind('\n', file.out().size() - 2) + 1;
+  ASSERT_TRUE(shell.waitForOut(file.out().substr(last))) << shell.err();
+  keyboard_.write("Q");
+  EXPECT_EQ(shell.wait(), 0) << shell.err();
 }
 
 TEST_F(RecipeTest, LimitARunInTime) {
