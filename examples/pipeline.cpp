@@ -29,8 +29,8 @@ Pipe makePipe() {
   return pipe;
 }
 
-/// Starts a program and closes our copies of its streams at once: as long as somebody else could still
-/// write into a pipe, its reader would wait for more, and a handed-in descriptor stays inheritable.
+/// Starts a program and closes our copies of its streams at once. As long as somebody else could write into a
+/// pipe, its reader would wait for more; and the next child would inherit what was handed to this one.
 void start(Child& child, int in, int out) {
   child.setStdin(in);
   child.setStdout(out);
