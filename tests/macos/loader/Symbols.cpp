@@ -35,7 +35,7 @@ constexpr std::string_view sameOnBoth = R"(
   setvbuf sleep snprintf sprintf sqrt srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l
   strcpy strcspn strdup strerror strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup
   strnlen strpbrk strrchr strspn strstr strtod strtof strtok_r strtol strtold strtoll strtoul strtoull
-  strxfrm strxfrm_l swprintf symlink system time toascii tolower toupper trunc truncate tzset umask ungetc
+  strxfrm strxfrm_l swprintf symlink system tcgetpgrp time toascii tolower toupper trunc truncate tzset umask ungetc
   ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf vsnprintf vsprintf
   vsscanf wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof wcstol wcstold wcstoll wcstoul wcstoull
   wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
