@@ -27,6 +27,23 @@ TEST(SiteTest, AFileOfAnotherProgramKeepsItsFolders) {
   EXPECT_EQ(pathOf<"../../app/main.cpp">, "app/main");
 }
 
+TEST(SiteTest, AFileBelowTheFolderOfItsProgramIsNamedFromThere) {
+  EXPECT_EQ(pathOf<detail::SitePath("/home/x/app/src/main.cpp", "/home/x/app")>, "src/main");
+  EXPECT_EQ(pathOf<detail::SitePath("/home/x/app/src/main.cpp", "/home/x/app/")>, "src/main");
+  EXPECT_EQ(pathOf<detail::SitePath("/app/main.cpp", "/")>, "app/main");
+}
+
+TEST(SiteTest, AFileElsewhereKeepsItsPath) {
+  EXPECT_EQ(pathOf<detail::SitePath("/home/x/apple/main.cpp", "/home/x/app")>, "/home/x/apple/main");
+  EXPECT_EQ(pathOf<detail::SitePath("/opt/other/main.cpp", "/home/x/app")>, "/opt/other/main");
+  EXPECT_EQ(pathOf<detail::SitePath("main.cpp", "/home/x/app")>, "main");
+}
+
+TEST(SiteTest, AFileOfTheLibraryIsNamedTheSameWayInEveryProgram) {
+  EXPECT_EQ(pathOf<detail::SitePath("/home/x/app/kes/include/kespal/fs/Path.h", "/home/x/app")>,
+            "include/fs/Path");
+}
+
 Site here() { return KES_HERE; }
 
 TEST(SiteTest, HereIsThePlaceWhereItStands) {

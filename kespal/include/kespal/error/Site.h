@@ -14,14 +14,23 @@ struct Site {
 
 namespace detail {
 
+/// A path from `root` on; the whole of it when it lies elsewhere or there is no root.
+constexpr std::string_view below(std::string_view root, std::string_view path) {
+  if (root.empty()) return path;
+  if (root.ends_with('/')) root.remove_suffix(1);
+  const bool within = path.starts_with(root) && path.substr(root.size()).starts_with('/');
+  return within ? path.substr(root.size() + 1) : path;
+}
+
 /// The path that an error reports, cut from __FILE__ at compile time: ".../kespal/src/fs/Path.cpp" is
-/// "src/fs/Path", and the public header ".../include/kespal/fs/Path.h" is "include/fs/Path". A file
-/// of another program keeps the folders below where it was built, and loses its extension.
+/// "src/fs/Path", and the public header ".../include/kespal/fs/Path.h" is "include/fs/Path". Any other file
+/// loses its extension and the folder `root`, when it lies there.
 template <std::size_t Size>
 struct SitePath {
   char text[Size]{};
 
-  consteval SitePath(const char (&path)[Size]) {  // NOLINT(google-explicit-constructor)
+  consteval SitePath(const char (&path)[Size],  // NOLINT(google-explicit-constructor)
+                     std::string_view root = {}) {
     std::string_view full(path, Size - 1);
     constexpr std::string_view header = "include/kespal/", source = "kespal/src/";
     std::string_view prefix;
@@ -31,6 +40,8 @@ struct SitePath {
     } else if (at = full.rfind(source); at != full.npos) {
       prefix = "src/";
       full.remove_prefix(at + source.size());
+    } else {
+      full = below(root, full);
     }
     while (full.starts_with("../")) full.remove_prefix(3);
     const std::size_t dot = full.rfind('.');
@@ -48,5 +59,16 @@ inline constexpr const char* sitePath = Path.text;
 }  // namespace detail
 }  // namespace kes
 
+/// The folder whose files are named by their path below it: the top folder of a program that uses this
+/// library, which the CMake package and add_subdirectory() define here. A program that is built in another
+/// way defines it itself, or has its compiler shorten __FILE__ (-ffile-prefix-map). Without either, sites
+/// name the program's files by the path that the compiler was given, which is often an absolute one of the
+/// building machine.
+#ifndef KES_SOURCE_ROOT
+#define KES_SOURCE_ROOT ""
+#endif
+
 /// The place where it stands, as a kes::Site.
-#define KES_HERE (::kes::Site{::kes::detail::sitePath<__FILE__>, __LINE__, __func__})
+#define KES_HERE                                                                                      \
+  (::kes::Site{::kes::detail::sitePath<::kes::detail::SitePath(__FILE__, KES_SOURCE_ROOT)>, __LINE__, \
+               __func__})
