@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "kespal/Helper.h"
-#include "os/Unloads.h"
+#include "os/System.h"
 #include "sys/Owner.h"
 
 namespace kes {

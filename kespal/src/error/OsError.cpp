@@ -1,7 +1,7 @@
 #include "kespal/error/OsError.h"
 
 #include "error/Report.h"
-#include "os/ErrorText.h"
+#include "os/System.h"
 
 namespace kes {
 

@@ -21,11 +21,7 @@
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Clock.h"
-#include "os/Environ.h"
-#include "os/ErrorText.h"
-#include "os/SavedIds.h"
-#include "os/Sync.h"
-#include "os/Unloads.h"
+#include "os/System.h"
 #include "support/ForkedChild.h"
 
 namespace kes {
@@ -119,7 +115,7 @@ TEST(NativeThreadTest, AThreadThatIsCancelledInAWaitLeavesItsLockFree) {
 TEST(NativeProcessTest, TheEnvironmentIsTheOneOfTheProgram) {
   ASSERT_EQ(::setenv("KES_NATIVE_TEST", "seen", 1), 0);
   bool seen = false;
-  for (char** entry = os::environment(); *entry != nullptr; ++entry) {
+  for (char** entry = *os::environment(); *entry != nullptr; ++entry) {
     seen = seen || std::strcmp(*entry, "KES_NATIVE_TEST=seen") == 0;
   }
   EXPECT_TRUE(seen);

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "kespal/error/OsError.h"
-#include "os/Sync.h"
+#include "os/System.h"
 
 namespace kes::fs {
 

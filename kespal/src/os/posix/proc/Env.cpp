@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "kespal/error/OsError.h"
-#include "os/Environ.h"
+#include "os/System.h"
 
 namespace kes::proc {
 
@@ -13,7 +13,7 @@ constexpr const char* noVariables[] = {nullptr};
 }
 
 // A process that cleared its environment may have no array at all.
-Env::Env() noexcept : variables_(os::environment() != nullptr ? os::environment() : noVariables) {}
+Env::Env() noexcept : variables_(*os::environment() != nullptr ? *os::environment() : noVariables) {}
 
 bool Env::get(const char* name, std::string& value) {
   const char* found = ::getenv(name);

@@ -8,7 +8,7 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "os/SavedIds.h"
+#include "os/System.h"
 
 namespace kes::proc {
 

@@ -1,9 +1,30 @@
-#include "os/Unloads.h"
+#include "os/System.h"
 
 #include <link.h>
 #include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+// g++ always defines _GNU_SOURCE, and with it <cstring> declares the GNU strerror_r, which cannot fail.
+// The POSIX form has this name in every C library that offers both.
+extern "C" int __xpg_strerror_r(int, char*, std::size_t);  // NOLINT(bugprone-reserved-identifier)
 
 namespace kes::os {
+
+char*** environment() noexcept { return &::environ; }
+
+bool errorText(int errnum, char* buffer, std::size_t size) {
+  return ::__xpg_strerror_r(errnum, buffer, size) == 0;
+}
+
+bool nothingToSync(int errnum) noexcept { return errnum == EINVAL; }
+
+unsigned savedUserId() noexcept {
+  uid_t real = 0, effective = 0, saved = 0;
+  ::getresuid(&real, &effective, &saved);
+  return saved;
+}
 
 namespace {
 

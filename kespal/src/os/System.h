@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+/// What the systems do differently in a line or two.
+namespace kes::os {
+
+/// The place of the process's array of NAME=value texts, which ends with a null; the array itself is null
+/// when there is none. The place stays, the array moves when a variable is set.
+char*** environment() noexcept;
+
+/// The POSIX form of strerror_r: writes the system's text for an error number; false when it has none.
+bool errorText(int errnum, char* buffer, std::size_t size);
+
+/// Whether this error of fsync() says that the descriptor is of a kind that cannot be synced, as pipes and
+/// terminals are.
+bool nothingToSync(int errnum) noexcept;
+
+/// The saved user id of the process: what seteuid() may return to.
+unsigned savedUserId() noexcept;
+
+/// A number that grows whenever code is unloaded from this process: as long as it stays, an address in a
+/// loaded library means what it meant before. None where asking could wait for ever, as in a forked child.
+std::optional<std::uint64_t> unloads() noexcept;
+
+}  // namespace kes::os

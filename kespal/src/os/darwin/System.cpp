@@ -1,0 +1,47 @@
+#include "os/System.h"
+
+#include <crt_externs.h>
+#include <mach-o/dyld.h>
+#include <sys/sysctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+namespace kes::os {
+
+// A library cannot name `environ` itself on this system.
+char*** environment() noexcept { return ::_NSGetEnviron(); }
+
+bool errorText(int errnum, char* buffer, std::size_t size) { return ::strerror_r(errnum, buffer, size) == 0; }
+
+// What has no vnode, such as a pipe, answers ENOTSUP here.
+bool nothingToSync(int errnum) noexcept { return errnum == EINVAL || errnum == ENOTSUP; }
+
+// No call asks for the saved id alone; the process's own entry in the process table has it.
+unsigned savedUserId() noexcept {
+  int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_PID, ::getpid()};
+  kinfo_proc entry{};
+  std::size_t size = sizeof entry;
+  if (::sysctl(name, 4, &entry, &size, nullptr, 0) != 0) return ::geteuid();
+  return entry.kp_eproc.e_pcred.p_svuid;
+}
+
+namespace {
+
+constinit std::atomic<std::uint64_t> counter{0};
+
+void countRemoval(const mach_header*, std::intptr_t) { counter.fetch_add(1); }
+
+// The loader counts for nobody, but from now on it tells of every removal. Asked before there are threads: a
+// child that is forked meanwhile would wait for ever to ask.
+const bool listening = (::_dyld_register_func_for_remove_image(countRemoval), true);
+
+}  // namespace
+
+std::optional<std::uint64_t> unloads() noexcept {
+  return listening ? std::optional(counter.load()) : std::nullopt;
+}
+
+}  // namespace kes::os
