@@ -21,22 +21,22 @@ void writeRaw(std::string_view text) noexcept {
   }
 }
 
-/// Past the stream itself, whose state or exception mask may forbid output.
+/// Past the stream itself, whose state or exception mask may forbid output. Gives what its buffer took.
 std::size_t writeToStream(std::string_view text) noexcept {
   try {
     if (std::ostream* tied = std::cerr.tie()) tied->flush();
   } catch (...) {  // what is tied to it is not what is to be said
   }
+  std::size_t written = 0;
   try {
-    std::streambuf* buffer = std::cerr.rdbuf();
-    if (buffer == nullptr) return 0;
-    const auto size = static_cast<std::streamsize>(text.size());
-    const std::streamsize written = buffer->sputn(text.data(), size);
-    buffer->pubsync();
-    return static_cast<std::size_t>(written);
-  } catch (...) {
-    return 0;
+    if (std::streambuf* buffer = std::cerr.rdbuf()) {
+      written =
+          static_cast<std::size_t>(buffer->sputn(text.data(), static_cast<std::streamsize>(text.size())));
+      buffer->pubsync();
+    }
+  } catch (...) {  // what it did not take goes another way
   }
+  return written;
 }
 
 void write(std::string_view text) noexcept { writeRaw(text.substr(writeToStream(text))); }

@@ -114,6 +114,20 @@ TEST(ReportTest, ABufferThatThrowsIsPassedBy) {
   EXPECT_EQ(child.err, "still said\n");
 }
 
+TEST(ReportTest, ABufferThatTakesATextAndThenThrowsGetsItOnce) {
+  struct Unsynced : std::stringbuf {
+    int sync() override { throw std::runtime_error("no"); }
+  };
+  const test::ChildResult child = inChild([] {
+    Unsynced buffer;
+    const Captured captured(&buffer);
+    report({"said\n"});
+    return buffer.str() == "said\n" ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+  EXPECT_EQ(child.err, "");
+}
+
 TEST(ReportTest, WithoutMemoryAReportOfPiecesIsWhole) {
   const test::ChildResult child = inChild([] {
     const std::string name(100, 'n');
