@@ -6,10 +6,12 @@
 #include <cctype>
 #include <chrono>
 #include <clocale>
+#include <new>
 #include <random>
 
 #include "kespal/PlainModels.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 
 namespace kes {
 namespace {
@@ -289,6 +291,26 @@ void expectLinear(const std::string& unit, const Work& work) {
     if (ratio <= 64) return;
   }
   ADD_FAILURE() << "1 MiB costs " << ratio << " times as much as 64 KiB";
+}
+
+TEST(HelperMemoryTest, ATextIsChangedInFullOrNotAtAll) {
+  const std::string before = "a text: with, something: to, replace: in, many: places";
+  for (std::size_t allowed = 0;; ++allowed) {
+    std::string replaced = before, charsReplaced = before;
+    bool refused = false;
+    {
+      const test::NoMemory starving(allowed);
+      try {
+        replace(replaced, ": ", " is a much longer text ");
+        replace_chars(charsReplaced, ":,", " is a much longer text ");
+      } catch (const std::bad_alloc&) {
+        refused = true;
+      }
+    }
+    if (!refused) break;
+    EXPECT_TRUE(replaced == before || replaced.find(": ") == std::string::npos) << replaced;
+    EXPECT_EQ(charsReplaced, before);
+  }
 }
 
 TEST(LinearTimeTest, SplitIntoAFreshVectorAndIntoAUsedOne) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+// All of these may be called by any thread and throw std::bad_alloc and nothing else; a text that was to be
+// changed is then as it was.
 namespace kes {
 
 /// The bytes of `data` as hexadecimal digits, two each, `separator` between two bytes unless it is 0.
@@ -14,7 +16,8 @@ std::string hex(const void* data, std::size_t size, char separator, bool upper);
 /// between them are skipped. Empty when the number of digits is odd or a pair is no hexadecimal number.
 std::basic_string<unsigned char> from_hex(const std::string& text);
 
-/// Replaces a mangled symbol name by its readable form; any other text stays as it is.
+/// Replaces a mangled symbol name by its readable form; any other text stays as it is, and for want of memory
+/// this one, too.
 void demangle(std::string& name);
 
 namespace helper {
@@ -29,7 +32,7 @@ std::size_t replace(std::string& text, const std::string& pattern, const std::st
 
 /// Cuts `text` at each delimiter into `parts`, whose earlier content is dropped, while its memory is used
 /// again. Without `keepEmpty` empty pieces are not stored; with `strip` white space is taken from both ends
-/// of every piece first.
+/// of every piece first. When std::bad_alloc is thrown, `parts` holds some of both contents.
 void split(const std::string& text, char delimiter, std::vector<std::string>& parts, bool strip,
            bool keepEmpty);
 

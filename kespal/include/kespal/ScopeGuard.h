@@ -13,7 +13,8 @@ class ScopeGuardBase : NoCopy {
   void dismiss() noexcept { dismissed_ = true; }
   bool dismissed() const noexcept { return dismissed_; }
 
-  /// Reports an error caught in a guard: its whole stack text, to standard error.
+  /// Reports an error caught in a guard: its whole stack text, to standard error, or a shorter one for want
+  /// of memory. Throws nothing, and no cancellation starts in it.
   static void handleEx(const Exception& error);
 
  protected:
@@ -25,7 +26,8 @@ class ScopeGuardBase : NoCopy {
 };
 
 /// Calls a member function of an object when the scope is left, unless dismissed before. A kes::Exception
-/// from that call is reported and goes no further; anything else propagates, also out of the destructor.
+/// from that call is reported and goes no further; anything else propagates, also out of the destructor, and
+/// ends the program there if an exception is on its way already.
 /// The object must outlive the guard.
 template <typename Obj, typename MemFn>
 class ObjScopeGuard0 : public ScopeGuardBase {
@@ -34,7 +36,7 @@ class ObjScopeGuard0 : public ScopeGuardBase {
   ObjScopeGuard0(Obj* object, MemFn function) noexcept : object_(object), function_(function) {}
   ~ObjScopeGuard0() noexcept(false) { shoot(); }
 
-  /// Does now what would be done at the end of the scope, once.
+  /// Does now what would be done at the end of the scope, once; again, when it was reported as failed.
   void shoot() {
     if (dismissed()) return;
     try {

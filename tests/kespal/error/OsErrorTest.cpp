@@ -13,11 +13,11 @@ int askedFor = 0;
 std::size_t room = 0;
 }  // namespace
 
-extern "C" int __real___xpg_strerror_r(int number, char* buffer, std::size_t size);   // NOLINT
-extern "C" int __wrap___xpg_strerror_r(int number, char* buffer, std::size_t size) {  // NOLINT
-  askedFor = number;
+extern "C" int __real___xpg_strerror_r(int errnum, char* buffer, std::size_t size);   // NOLINT
+extern "C" int __wrap___xpg_strerror_r(int errnum, char* buffer, std::size_t size) {  // NOLINT
+  askedFor = errnum;
   room = size;
-  if (!refuse) return __real___xpg_strerror_r(number, buffer, size);
+  if (!refuse) return __real___xpg_strerror_r(errnum, buffer, size);
   std::strcpy(buffer, "not to be shown");
   return EINVAL;
 }
@@ -26,9 +26,9 @@ namespace kes {
 namespace {
 
 TEST(OsErrorTest, TheTextIsTheSystemsFollowedByTheNumberInParentheses) {
-  for (int number : {EPERM, ENOENT, EACCES, EEXIST, EINVAL, EAGAIN, ETIMEDOUT}) {
-    EXPECT_EQ(OsError(number).text(),
-              std::strerror(number) + std::string(" (") + std::to_string(number) + ")");
+  for (int errnum : {EPERM, ENOENT, EACCES, EEXIST, EINVAL, EAGAIN, ETIMEDOUT}) {
+    EXPECT_EQ(OsError(errnum).text(),
+              std::strerror(errnum) + std::string(" (") + std::to_string(errnum) + ")");
   }
 }
 

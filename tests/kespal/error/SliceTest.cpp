@@ -28,6 +28,7 @@ constexpr bool isDyn = std::is_base_of_v<DynError, Error>;
 
 /// What `stream() <<` adds to an error that has a stream.
 enum class Detail { None, Streamed };
+constexpr Detail bothWays[] = {Detail::None, Detail::Streamed};
 
 /// A new error with a site, a backtrace and a cause.
 template <typename Error>
@@ -125,15 +126,13 @@ class SliceTest : public testing::Test {
   using Derived = typename T::From;
   using Base = typename T::To;
 
-  static constexpr Detail details[] = {Detail::None, Detail::Streamed};
-
   static std::unique_ptr<Derived> made(Detail streamed) { return newError<Derived>(streamed); }
   static Said wanted(Detail streamed) { return expected<Derived, Base>(streamed); }
 };
 TYPED_TEST_SUITE(SliceTest, Slices);
 
 TYPED_TEST(SliceTest, ACopyOutlivesTheErrorThatItIsAPartOf) {
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     auto error = this->made(streamed);
     const typename TestFixture::Base slice(*error);
     error.reset();
@@ -142,7 +141,7 @@ TYPED_TEST(SliceTest, ACopyOutlivesTheErrorThatItIsAPartOf) {
 }
 
 TYPED_TEST(SliceTest, AMovedOneOutlivesTheErrorThatItIsAPartOf) {
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     auto error = this->made(streamed);
     const typename TestFixture::Base slice(std::move(*error));
     error.reset();
@@ -151,7 +150,7 @@ TYPED_TEST(SliceTest, AMovedOneOutlivesTheErrorThatItIsAPartOf) {
 }
 
 TYPED_TEST(SliceTest, AnErrorCaughtByTheValueOfItsBaseIsWhole) {
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     try {
       this->made(streamed)->raise();
     } catch (typename TestFixture::Base slice) {  // NOLINT(misc-throw-by-value-catch-by-reference)
@@ -161,7 +160,7 @@ TYPED_TEST(SliceTest, AnErrorCaughtByTheValueOfItsBaseIsWhole) {
 }
 
 TYPED_TEST(SliceTest, AnErrorThatHasExplainedItselfIsCopiedAndMovedAllTheSame) {
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     auto error = this->made(streamed);
     EXPECT_NE(error->what(), nullptr);
     const typename TestFixture::Base copied(*error), moved(std::move(*error));
@@ -172,7 +171,7 @@ TYPED_TEST(SliceTest, AnErrorThatHasExplainedItselfIsCopiedAndMovedAllTheSame) {
 
 TYPED_TEST(SliceTest, ASliceIsClonedRaisedAndCopiedAsWhatItIs) {
   using Part = typename TestFixture::Base;
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     auto slice = std::make_unique<Part>(*this->made(streamed));
     const std::unique_ptr<Exception> clone(slice->clone());
     const Part copy(*slice);
@@ -191,7 +190,7 @@ TYPED_TEST(SliceTest, ASliceIsClonedRaisedAndCopiedAsWhatItIs) {
 }
 
 TYPED_TEST(SliceTest, AThrowSiteThatKnowsOnlyTheBaseThrowsTheWholeError) {
-  for (Detail streamed : this->details) {
+  for (Detail streamed : bothWays) {
     auto error = this->made(streamed);
     const Said whole = saidBy(*error);
     typename TestFixture::Base& base = *error;
@@ -228,7 +227,7 @@ TEST(RootTest, WhatIsLeftOfAnErrorInAStandardExceptionIsThatOnesOwn) {
 // --- what was moved from
 
 TEST(MovedFromErrorTest, ItIsWithoutTextPathAndCauseAndCanBeReadAndRaised) {
-  for (Detail streamed : {Detail::None, Detail::Streamed}) {
+  for (Detail streamed : bothWays) {
     auto error = newError<NoSuchFileError>(streamed);
     EXPECT_NE(error->what(), nullptr);
     const NoSuchFileError moved(std::move(*error));

@@ -143,11 +143,11 @@ TEST(NativeErrorTest, ANumberWithoutATextIsToldApart) {
 TEST(NativeFileTest, APipeCannotBeSynced) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
-  const int result = ::fsync(ends[1]), error = errno;
+  const int result = ::fsync(ends[1]), errnum = errno;
   ::close(ends[0]);
   ::close(ends[1]);
   EXPECT_EQ(result, -1);
-  EXPECT_TRUE(os::nothingToSync(error)) << error;
+  EXPECT_TRUE(os::nothingToSync(errnum)) << errnum;
 }
 
 TEST(NativeLoaderTest, UnloadingALibraryIsNoticed) {

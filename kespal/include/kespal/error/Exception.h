@@ -23,7 +23,8 @@ class Exception : public std::exception {
   ~Exception() override;
   Exception& operator=(const Exception&) = delete;
 
-  /// The whole explanation, several lines without a final newline; valid while the object lives. Being
+  /// The whole explanation, several lines without a final newline; valid while the object lives and is not
+  /// moved from. It is built once: what is set or streamed later is missing, though not in copies. Being
   /// noexcept, as the standard wants it, it ends the program if memory runs out while it builds the text.
   /// Every other operation lets std::bad_alloc through, and may be tried again: no text is ever cut short.
   const char* what() const noexcept override;
