@@ -109,18 +109,16 @@ class Raisable : public Base {
 }
 
 /// The same for an error made on the spot. Where its type is what it is called, raise() becomes a part of the
-/// throw site: every frame that an exception passes is paid for.
+/// throw site: every frame that an exception passes is paid for, and so is every branch that it could take.
 template <typename Error>
 requires std::is_base_of_v<Exception, Error>
 [[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Error&& error) {
+  locateAt(site, error);
   if constexpr (!std::is_abstract_v<Error>) {
-    if (typeid(error) == typeid(Error)) {
-      locateAt(site, error);
-      error.Error::raise();
-      std::terminate();  // never reached, as above
-    }
+    if (typeid(error) == typeid(Error)) error.Error::raise();
   }
-  raiseAt(site, static_cast<Exception&>(error));
+  error.raise();
+  std::terminate();  // never reached, as above
 }
 
 }  // namespace kes
