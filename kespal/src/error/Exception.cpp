@@ -29,7 +29,7 @@ Exception::Exception(const Exception& other)
       backtrace_(other.backtrace_) {}
 
 Exception::Exception(Exception&& other) noexcept
-    : std::exception(std::move(other)),
+    : std::exception(other),
       next_(std::move(other.next_)),
       file_(other.file_),
       line_(other.line_),
