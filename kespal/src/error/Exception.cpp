@@ -29,8 +29,7 @@ Exception::Exception(const Exception& other)
       backtrace_(other.backtrace_) {}
 
 Exception::Exception(Exception&& other) noexcept
-    : std::exception(other),
-      next_(std::move(other.next_)),
+    : next_(std::move(other.next_)),
       file_(other.file_),
       line_(other.line_),
       function_(other.function_),
