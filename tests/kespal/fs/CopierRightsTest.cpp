@@ -72,7 +72,8 @@ TEST_F(CopierTest, NobodyCopiesRightsOfOwnFilesOnly) {
     std::cout << copying({Flags::COPY_ACCESS, Flags::OVERWRITE});
     return 0;
   });
-  EXPECT_EQ(child.out, "600\nnothing raised\nkes::FsError 1 \"\" at src/os/posix/fs/Access (setOwnership)")
+  EXPECT_EQ(child.out,
+            "600\nnothing raised\nkes::FsError 1 \"" + to_ + "\" at src/os/posix/fs/Access (setOwnership)")
       << child.err;
 }
 

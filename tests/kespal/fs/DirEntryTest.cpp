@@ -42,7 +42,7 @@ TEST(DirTest, TheInformationOfAnEntryIsThatOfItsFile) {
     EXPECT_EQ(info.isLink(), name != "file");
     if (name == "dangling") {
       const auto error = raisedAs<NoSuchFileError>([&] { dir.entryInfo(info, true); });
-      EXPECT_EQ(error.path(), "dangling");
+      EXPECT_EQ(error.path(), top / "dangling");
       EXPECT_STREQ(error.function(), "entryInfo");
     } else {
       dir.entryInfo(info, true);
@@ -72,13 +72,13 @@ TEST(DirTest, AnEntryThatVanishedIsMissingWhenAskedAbout) {
   ASSERT_TRUE(dir.nextEntry());
   std::filesystem::remove(top / "file");
   Info info;
-  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { dir.entryInfo(info, false); }).path(), "file");
+  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { dir.entryInfo(info, false); }).path(), top / "file");
   const auto error = raisedAs<NoSuchFileError>([&] { dir.entryDir(sub); });
-  EXPECT_EQ(error.path(), "file");
+  EXPECT_EQ(error.path(), top / "file");
   EXPECT_EQ(error.osError().errnum(), ENOENT);
 }
 
-TEST(DirTest, AnyOtherFailureAboutAnEntryIsAnFsErrorWithItsName) {
+TEST(DirTest, AnyOtherFailureAboutAnEntryIsAnFsErrorWithItsErrno) {
   TempDir top;
   std::filesystem::create_symlink("loop", top / "loop");
   Dir dir(top.path().c_str()), sub;
@@ -182,9 +182,27 @@ TEST(DirTest, AnEntryThatIsNoDirectoryFailsAsOpenDoesAndLeavesTheOtherDirAsItWas
   while (dir.nextEntry()) {
     const auto error = raisedAs<FsError>([&] { dir.entryDir(sub); });
     EXPECT_EQ(error.osError().errnum(), ENOTDIR);
-    EXPECT_EQ(error.path(), dir.entryName());
+    EXPECT_EQ(error.path(), top / dir.entryName());
   }
   EXPECT_EQ(namesIn(sub), Names{"kept"});
+}
+
+TEST(DirTest, AnErrorAboutAnEntryNamesTheWholeWayToIt) {
+  TempDir top;
+  std::filesystem::create_directories(top / "a/b");
+  std::filesystem::create_symlink("none", top / "a/b/dangling");
+  Dir dir((top.path() + '/').c_str());
+  const auto downTo = [&dir](const char* name) {
+    goTo(dir, name);
+    dir.entryDir(dir);
+  };
+  downTo("a");
+  downTo("b");
+  goTo(dir, "dangling");
+  Info info;
+  const std::string path = top.path() + "//a/b/dangling";
+  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { dir.entryInfo(info, true); }).path(), path);
+  EXPECT_EQ(raisedAs<NoSuchFileError>([&] { dir.entryDir(dir); }).path(), path);
 }
 
 TEST(DirTest, ASubdirectoryThatCannotBecomeAStreamLeavesNoDescriptorBehind) {

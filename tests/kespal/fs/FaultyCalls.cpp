@@ -26,13 +26,13 @@ struct Failure {
   int times;
 };
 
-std::map<std::string, Failure>& failures() {
-  static std::map<std::string, Failure> all;
+std::map<std::string, Failure, std::less<>>& failures() {
+  static std::map<std::string, Failure, std::less<>> all;
   return all;
 }
 
-std::map<std::string, std::function<void()>>& actions() {
-  static std::map<std::string, std::function<void()>> all;
+std::map<std::string, std::function<void()>, std::less<>>& actions() {
+  static std::map<std::string, std::function<void()>, std::less<>> all;
   return all;
 }
 
@@ -40,7 +40,7 @@ std::size_t mostWritten = static_cast<std::size_t>(-1);
 bool typesAreKnown = true;
 std::vector<std::string>* trace = nullptr;
 
-/// Whether this call of `name` is to fail, with errno set.
+/// Whether this call of `name` is to fail, with errno set. Takes no memory: a test may have left none.
 bool fails(const char* name) {
   const int before = errno;
   if (trace != nullptr) trace->push_back(name);
@@ -120,7 +120,11 @@ WRAPPED(int, ftruncate, (int fd, off_t length), (fd, length), -1)
 WRAPPED(int, flock, (int fd, int operation), (fd, operation), -1)
 WRAPPED(int, rename, (const char* from, const char* to), (from, to), -1)
 WRAPPED(int, unlink, (const char* path), (path), -1)
-WRAPPED(int, unlinkat, (int folder, const char* path, int flags), (folder, path, flags), -1)
+int __real_unlinkat(int folder, const char* path, int flags);
+int __wrap_unlinkat(int folder, const char* path, int flags) {
+  const bool fails = kes::test::fails((flags & AT_REMOVEDIR) != 0 ? "unlinkat of a directory" : "unlinkat");
+  return fails ? -1 : __real_unlinkat(folder, path, flags);
+}
 WRAPPED(int, rmdir, (const char* path), (path), -1)
 WRAPPED(int, mkdir, (const char* path, mode_t mode), (path, mode), -1)
 WRAPPED(int, symlink, (const char* target, const char* path), (target, path), -1)

@@ -386,7 +386,7 @@ TEST_F(MoveAcrossTest, NobodyMovesOwnFilesAndNoOthers) {
     std::cout << isThere(own) << test::readFile(ownTo) << '\n' << moving();
     return 0;
   });
-  EXPECT_EQ(child.out, "0own\nkes::FsError 1 \"\" at " + std::string(accessSite) + " (setOwnership)")
+  EXPECT_EQ(child.out, "0own\nkes::FsError 1 \"" + to_ + "\" at " + accessSite + " (setOwnership)")
       << child.err;
   EXPECT_EQ(onDisk(), "content|") << "an error of the copy leaves it as far as it got";
 }

@@ -6,6 +6,7 @@
 
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Dir.h"
+#include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
 #include "support/ForkedChild.h"
@@ -100,14 +101,21 @@ std::string outcome(const std::string& path, unsigned seed,
   return text.str();
 }
 
+void removeOurWay(const std::string& tree) { Ops::removeTree(tree.c_str()); }
+
+/// So that every directory above the one that the walk is in has to be opened again.
+void removeOurWayWithOneDescriptor(const std::string& tree) {
+  const test::FewDescriptors few(1);
+  removeOurWay(tree);
+}
+
 /// Removes trees in both ways, and prints how often something was raised, and every difference.
-int compareWays(const std::string& folder) {
+int compareWays(const std::string& folder, void (*ourWay)(const std::string&) = removeOurWay) {
   const std::string path = folder + "/here";
   unsigned failed = 0;
   for (unsigned seed = 0; seed < 400; ++seed) {
     const std::string plain = outcome(path, seed, removePlainly);
-    const std::string ours =
-        outcome(path, seed, [](const std::string& tree) { Ops::removeTree(tree.c_str()); });
+    const std::string ours = outcome(path, seed, ourWay);
     if (!plain.starts_with("nothing raised")) ++failed;
     if (ours != plain) std::cout << "seed " << seed << "\nplainly: " << plain << "but: " << ours;
   }
@@ -119,6 +127,16 @@ TEST(TreeModelTest, ARemovalByTypesRaisesAndLeavesWhatAPlainOneDoes) {
   const auto child = test::inChild([&] { return compareWays(folder.path()); });
   EXPECT_EQ(child.out, "");
   EXPECT_EQ(child.exitCode(), 0) << "some trees can be removed and some cannot: " << child.err;
+}
+
+TEST(TreeModelTest, ARemovalWithOneDescriptorRaisesAndLeavesWhatAPlainOneDoes) {
+  const TempDir folder(test::inMemory());
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0777), 0);
+  for (const auto& in : {test::inChild, test::asNobody}) {
+    const auto child = in([&] { return compareWays(folder.path(), removeOurWayWithOneDescriptor); });
+    EXPECT_EQ(child.out, "");
+    EXPECT_EQ(child.exitCode(), 0) << "some trees can be removed and some cannot: " << child.err;
+  }
 }
 
 TEST(TreeModelTest, ARemovalByTypesIsRefusedToNobodyAsAPlainOneIs) {

@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 
+#include <string>
+
 #include "kespal/NoCopy.h"
 
 namespace kes::fs {
@@ -53,13 +55,13 @@ class Dir : NoCopy {
   static bool isEmpty(const char* path);
 
  private:
-  explicit Dir(DIR* stream) noexcept;
-  /// Closes what is open and takes over what `other` has open.
-  void take(Dir& other);
+  void hold(DIR* stream, std::string&& path) noexcept;
+  std::string entryPath() const;
 
   DIR* stream_ = nullptr;
   int fd_ = -1;
   const dirent* entry_ = nullptr;
+  std::string path_;
 };
 
 }  // namespace kes::fs

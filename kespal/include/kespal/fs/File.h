@@ -75,6 +75,7 @@ class File : NoCopy {
 
  private:
   int fd_ = -1;
+  std::string path_;  // for errors
 };
 
 }  // namespace kes::fs

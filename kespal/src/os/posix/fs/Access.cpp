@@ -3,9 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-
-#include "kespal/error/FsError.h"
+#include "os/posix/fs/At.h"
+#include "os/posix/fs/Errors.h"
 
 namespace kes::fs {
 
@@ -28,12 +27,17 @@ struct Target {
 };
 
 /// Changes hands, keeping those set-id bits that the file has and `asked` names.
-bool chownKeeping(const Target& file, const Access& access, mode_t asked) {
+int chownKeeping(const Target& file, const Access& access, mode_t asked) {
   struct stat before;
-  if (file.stat(before) != 0 || file.chown(access.owner(), access.group()) != 0) return false;
+  if (file.stat(before) != 0 || file.chown(access.owner(), access.group()) != 0) return -1;
   const mode_t kept = before.st_mode & asked;
-  if (kept == 0) return true;
-  return file.chmod((before.st_mode & 01777) | kept) == 0;
+  return kept != 0 ? file.chmod((before.st_mode & 01777) | kept) : 0;
+}
+
+/// -1 with errno where it fails.
+int changeHands(const Target& file, const Access& access) {
+  const mode_t asked = access.mode() & setIdBits;
+  return asked != 0 ? chownKeeping(file, access, asked) : file.chown(access.owner(), access.group());
 }
 
 }  // namespace
@@ -43,11 +47,11 @@ Access Access::setUmask(const Access& mask) noexcept {
 }
 
 void setOwnership(const char* path, int fd, const Access& access) {
-  const Target file{path, fd};
-  const mode_t asked = access.mode() & setIdBits;
-  const bool done =
-      asked != 0 ? chownKeeping(file, access, asked) : file.chown(access.owner(), access.group()) == 0;
-  if (!done) raiseAt(KES_HERE, FsError(path, errno));
+  PathErrors::check(KES_HERE, changeHands({path, fd}, access), path);
+}
+
+void at::setOwnership(int fd, const Access& access, const std::string& path) {
+  PathErrors::check(KES_HERE, changeHands({nullptr, fd}, access), path);
 }
 
 }  // namespace kes::fs

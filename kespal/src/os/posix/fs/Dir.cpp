@@ -7,10 +7,11 @@
 #include <utility>
 
 #include "error/Report.h"
-#include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Info.h"
-#include "sys/NoCancel.h"
+#include "os/posix/fs/At.h"
+#include "os/posix/fs/Errors.h"
+#include "sys/Owner.h"
 
 namespace kes::fs {
 
@@ -18,11 +19,6 @@ namespace {
 
 bool isDotOrDotDot(const char* name) {
   return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
-}
-
-[[noreturn, gnu::always_inline]] inline void raiseFor(const Site& site, const char* path, int code) {
-  if (code == ENOENT) raiseAt(site, NoSuchFileError(path, code));
-  raiseAt(site, FsError(path, code));
 }
 
 [[gnu::always_inline]] inline void needOpen(const Site& site, const DIR* stream) {
@@ -34,17 +30,14 @@ bool isDotOrDotDot(const char* name) {
   if (entry == nullptr) raiseAt(site, UsageError("No current entry"));
 }
 
-/// As opendir() does it, relative to an open directory. Null with errno.
-DIR* openDirAt(int directory, const char* name) {
-  const int fd = ::openat(directory, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  DIR* stream = ::fdopendir(fd);
-  if (stream == nullptr) {
-    const int code = errno;
-    ::close(fd);
-    errno = code;
-  }
-  return stream;
+/// The next entry that is neither "." nor "..". Null at the end, where errno is 0, and for an error.
+const dirent* readEntry(DIR* stream) {
+  const dirent* entry = nullptr;
+  do {
+    errno = 0;  // only errno tells an error from the end
+    entry = ::readdir(stream);
+  } while (entry != nullptr && isDotOrDotDot(entry->d_name));
+  return entry;
 }
 
 }  // namespace
@@ -53,34 +46,31 @@ Dir::~Dir() {
   doReporting({"WARNING: directory not closed:\n"}, [this] { close(); });
 }
 
-Dir::Dir(DIR* stream) noexcept : stream_(stream), fd_(stream != nullptr ? ::dirfd(stream) : -1) { init(); }
-
-void Dir::take(Dir& other) {
-  close();
-  stream_ = std::exchange(other.stream_, nullptr);
-  fd_ = std::exchange(other.fd_, -1);
+void Dir::hold(DIR* stream, std::string&& path) noexcept {
+  stream_ = stream;
+  fd_ = ::dirfd(stream);
+  path_ = std::move(path);
 }
 
 void Dir::open(const char* path) {
-  if (path == nullptr) raiseFor(KES_HERE, path, EFAULT);
-  Dir opened(::opendir(path));
-  if (!opened.isOpen()) raiseFor(KES_HERE, path, errno);
-  take(opened);
+  if (path == nullptr) StatusErrors::raise(KES_HERE, EFAULT, path);
+  std::string name = path;
+  sys::DirStream opened(::opendir(path));
+  if (!opened) StatusErrors::raise(KES_HERE, errno, path);
+  close();
+  hold(opened.release(), std::move(name));
 }
 
 void Dir::close() {
   if (stream_ == nullptr) return;
   init();
   fd_ = -1;
-  if (::closedir(std::exchange(stream_, nullptr)) != 0) raiseAt(KES_HERE, OsError(errno));
+  check(KES_HERE, ::closedir(std::exchange(stream_, nullptr)));
 }
 
 bool Dir::nextEntry() {
   needOpen(KES_HERE, stream_);
-  do {
-    errno = 0;  // only errno tells an error from the end
-    entry_ = ::readdir(stream_);
-  } while (entry_ != nullptr && isDotOrDotDot(entry_->d_name));
+  entry_ = readEntry(stream_);
   if (entry_ == nullptr && errno != 0) raiseAt(KES_HERE, OsError(errno));
   return entry_ != nullptr;
 }
@@ -92,34 +82,28 @@ const char* Dir::entryName() const {
 
 Dir::EntryType Dir::entryType() const {
   needEntry(KES_HERE, stream_, entry_);
-  switch (entry_->d_type) {
-    case DT_DIR:
-      return EntryType::Directory;
-    case DT_REG:
-      return EntryType::Regular;
-    case DT_LNK:
-      return EntryType::Link;
-    case DT_UNKNOWN:
-      return EntryType::Unknown;
-    default:
-      return EntryType::Other;
-  }
+  return at::typeOf(*entry_);
 }
+
+std::string Dir::entryPath() const { return path_ + '/' + entry_->d_name; }
 
 void Dir::entryInfo(Info& info, bool follow) const {
   needEntry(KES_HERE, stream_, entry_);
   struct stat status;
   if (::fstatat(fd_, entry_->d_name, &status, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
-    raiseFor(KES_HERE, entry_->d_name, errno);
+    const int errnum = errno;
+    StatusErrors::raise(KES_HERE, errnum, entryPath());
   }
   info = Info(status);
 }
 
 void Dir::entryDir(Dir& dir) const {
   needEntry(KES_HERE, stream_, entry_);
-  Dir opened(openDirAt(fd_, entry_->d_name));
-  if (!opened.isOpen()) raiseFor(KES_HERE, entry_->d_name, errno);
-  dir.take(opened);
+  std::string name = entryPath();
+  sys::DirStream opened = at::tryOpen(fd_, entry_->d_name);
+  if (!opened) StatusErrors::raise(KES_HERE, errno, name);
+  dir.close();
+  dir.hold(opened.release(), std::move(name));
 }
 
 void Dir::dirInfo(Info& info) const {
@@ -130,6 +114,44 @@ void Dir::dirInfo(Info& info) const {
 bool Dir::isEmpty(const char* path) {
   Dir dir(path);
   return !dir.nextEntry();
+}
+
+sys::DirStream at::tryOpen(int directory, const char* name) {
+  sys::Descriptor fd(::openat(directory, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return {};
+  sys::DirStream stream(::fdopendir(fd.get()));
+  const int errnum = errno;
+  if (stream) fd.release();
+  fd.reset();
+  errno = errnum;
+  return stream;
+}
+
+void at::raiseOpen(int errnum, const std::string& path) {
+  Site site = KES_HERE;
+  site.function = "open";
+  StatusErrors::raise(site, errnum, path);
+}
+
+const dirent* at::nextEntry(DIR* directory) {
+  const dirent* const entry = readEntry(directory);
+  if (entry == nullptr && errno != 0) raiseAt(KES_HERE, OsError(errno));
+  return entry;
+}
+
+Dir::EntryType at::typeOf(const dirent& entry) noexcept {
+  switch (entry.d_type) {
+    case DT_DIR:
+      return Dir::EntryType::Directory;
+    case DT_REG:
+      return Dir::EntryType::Regular;
+    case DT_LNK:
+      return Dir::EntryType::Link;
+    case DT_UNKNOWN:
+      return Dir::EntryType::Unknown;
+    default:
+      return Dir::EntryType::Other;
+  }
 }
 
 }  // namespace kes::fs

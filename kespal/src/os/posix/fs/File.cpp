@@ -11,11 +11,9 @@
 
 #include "error/Report.h"
 #include "fs/TempTemplate.h"
-#include "kespal/error/FsError.h"
-#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/fs/Ops.h"
-#include "os/posix/fs/NullPath.h"
+#include "os/posix/fs/At.h"
+#include "os/posix/fs/Errors.h"
 #include "sys/NoCancel.h"
 
 namespace kes::fs {
@@ -44,24 +42,6 @@ int systemFlags(File::Mode mode, unsigned flags) noexcept {
   return result;
 }
 
-[[noreturn, gnu::always_inline]] inline void raiseOpen(const Site& site, const char* path, int errnum,
-                                                       bool noFollow) {
-  switch (errnum) {
-    case EPERM:
-    case EACCES:
-      raiseAt(site, FileAccessError(path, errnum));
-    case ENOENT:
-      raiseAt(site, NoSuchFileError(path, errnum));
-    case ETXTBSY:
-      raiseAt(site, FileBusyError(path, errnum));
-    case ELOOP:
-      if (noFollow) raiseAt(site, IsASymlinkError(path, errnum));
-      [[fallthrough]];
-    default:
-      raiseAt(site, FsError(path, errnum));
-  }
-}
-
 }  // namespace
 
 File* File::m_null_in = nullptr;
@@ -73,23 +53,28 @@ File::~File() {
 
 void File::open(const char* path, const Mode& mode, const unsigned& flags, const Access* access) {
   close();
+  path_ = path != nullptr ? path : "";
   const mode_t bits = access != nullptr ? mode_t{access->mode()} : ownerOnly;
-  fd_ = path != nullptr ? ::open(path, systemFlags(mode, flags), bits) : refuseNull();
-  if (fd_ == -1) raiseOpen(KES_HERE, path, errno, (flags & NO_FOLLOW) != 0);
+  const int asked = systemFlags(mode, flags);
+  fd_ = onPath([=](const char* name) { return ::open(name, asked, bits); }, path);
+  if (fd_ != -1) return;
+  if ((flags & NO_FOLLOW) != 0) OpenNoFollowErrors::raise(KES_HERE, errno, path);
+  OpenErrors::raise(KES_HERE, errno, path);
 }
 
 void File::open(const TempType& /*type*/, std::string& name) {
   close();
   const std::string pattern = tempTemplate(name);
   // A failing call leaves the characters it tried last in its argument: the error shall name the template.
-  std::string created = pattern;
-  fd_ = ::mkostemp(created.data(), O_CLOEXEC);
-  if (fd_ == -1) raiseAt(KES_HERE, FsError(pattern, errno));
+  std::string created = path_ = pattern;
+  fd_ = PathErrors::check(KES_HERE, ::mkostemp(created.data(), O_CLOEXEC), pattern);
+  path_ = created;  // which takes no memory: the two are of one length
   name = std::move(created);
 }
 
 void File::open(Pipe& pipe, bool readEnd) {
   close();
+  path_.clear();
   fd_ = std::exchange(readEnd ? pipe.readEnd : pipe.writeEnd, -1);
   if (fd_ == -1) raiseAt(KES_HERE, UsageError("bad pipe end passed"));
 }
@@ -98,17 +83,15 @@ void File::close() {
   if (fd_ == -1) return;
   const sys::NoCancel noCancel;  // a thread that is cancelled here would leave the descriptor open
   // The descriptor is gone whatever the call answers: on EINTR, too, another thread may have it by now.
-  if (::close(std::exchange(fd_, -1)) != 0) raiseAt(KES_HERE, OsError(errno));
+  check(KES_HERE, ::close(std::exchange(fd_, -1)));
 }
 
 void File::setAccess(const Access& access) {
   if (fd_ == -1) raiseAt(KES_HERE, UsageError("no file opened"));
-  Ops::setAccess(fd_, access);
+  at::setAccessPriv(fd_, access, path_);
 }
 
-void File::truncate(std::size_t length) {
-  if (::ftruncate(fd_, static_cast<off_t>(length)) != 0) raiseAt(KES_HERE, OsError(errno));
-}
+void File::truncate(std::size_t length) { check(KES_HERE, ::ftruncate(fd_, static_cast<off_t>(length))); }
 
 void File::init() {
   exit();

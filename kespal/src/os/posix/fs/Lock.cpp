@@ -7,7 +7,6 @@
 #include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "sys/NoCancel.h"
 
 namespace kes::fs {
 
@@ -18,9 +17,7 @@ void Lock::set(int fd) {
   fd_ = fd;
 }
 
-void Lock::readLock() const {
-  if (::flock(fd_, LOCK_SH) != 0) raiseAt(KES_HERE, OsError(errno));
-}
+void Lock::readLock() const { check(KES_HERE, ::flock(fd_, LOCK_SH)); }
 
 bool Lock::tryReadLock() const {
   if (::flock(fd_, LOCK_SH | LOCK_NB) == 0) return true;
@@ -28,9 +25,7 @@ bool Lock::tryReadLock() const {
   return false;
 }
 
-void Lock::writeLock() const {
-  if (::flock(fd_, LOCK_EX) != 0) raiseAt(KES_HERE, OsError(errno));
-}
+void Lock::writeLock() const { check(KES_HERE, ::flock(fd_, LOCK_EX)); }
 
 bool Lock::tryWriteLock() const {
   if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
@@ -38,9 +33,7 @@ bool Lock::tryWriteLock() const {
   return false;
 }
 
-void Lock::unlock() const {
-  if (::flock(fd_, LOCK_UN) != 0) raiseAt(KES_HERE, OsError(errno));
-}
+void Lock::unlock() const { check(KES_HERE, ::flock(fd_, LOCK_UN)); }
 
 ScopedLock::~ScopedLock() {
   doReporting({"Exception caught while destroying file lock:\n"}, [this] { lock_.unlock(); });

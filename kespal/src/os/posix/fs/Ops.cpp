@@ -1,5 +1,6 @@
 #include "kespal/fs/Ops.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,10 +10,10 @@
 #include <utility>
 
 #include "fs/TempTemplate.h"
-#include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Info.h"
-#include "os/posix/fs/NullPath.h"
+#include "os/posix/fs/At.h"
+#include "os/posix/fs/Errors.h"
 
 namespace kes::fs {
 
@@ -20,48 +21,6 @@ namespace {
 
 bool changesOwner(const Access& access) {
   return access.owner() != Access::Unchanged || access.group() != Access::Unchanged;
-}
-
-[[noreturn, gnu::always_inline]] inline void raiseUnlink(const Site& site, const char* path, int errnum) {
-  switch (errnum) {
-    case EACCES:
-    case EPERM:
-      raiseAt(site, FileAccessError(path, errnum));
-    default:
-      raiseAt(site, FsError(path, errnum));
-  }
-}
-
-[[noreturn, gnu::always_inline]] inline void raiseReadlink(const Site& site, const char* path, int errnum) {
-  switch (errnum) {
-    case ENOENT:
-    case ENOTDIR:
-      raiseAt(site, NoSuchFileError(path, errnum));
-    case EINVAL:
-      raiseAt(site, NotASymlinkError(path, errnum));
-    default:
-      raiseAt(site, FsError(path, errnum));
-  }
-}
-
-[[noreturn, gnu::always_inline]] inline void raiseSymlink(const Site& site, const char* path, int errnum) {
-  switch (errnum) {
-    case EEXIST:
-      raiseAt(site, FileExistsError(path, errnum));
-    default:
-      raiseAt(site, FsError(path, errnum));
-  }
-}
-
-[[noreturn, gnu::always_inline]] inline void raiseMkdir(const Site& site, const char* path, int errnum) {
-  switch (errnum) {
-    case EEXIST:
-      raiseAt(site, FileExistsError(path, errnum));
-    case ENOENT:
-      raiseAt(site, NoSuchFileError(path, errnum));
-    default:
-      raiseAt(site, FsError(path, errnum));
-  }
 }
 
 }  // namespace
@@ -74,39 +33,37 @@ std::string Ops::cwd() {
   return buffer;
 }
 
-void Ops::setCWD(const char* path) {
-  const int result = path != nullptr ? ::chdir(path) : refuseNull();
-  if (result != 0) raiseAt(KES_HERE, FsError(path, errno));
-}
+void Ops::setCWD(const char* path) { PathErrors::check(KES_HERE, onPath(::chdir, path), path); }
 
 bool Ops::exists(const char* path, bool follow) {
   struct stat status;
-  const int result = path == nullptr ? refuseNull() : follow ? ::stat(path, &status) : ::lstat(path, &status);
-  if (result != 0 && errno != ENOENT) raiseAt(KES_HERE, FsError(path, errno));
-  return result == 0;
+  const auto look = [&](const char* at) { return follow ? ::stat(at, &status) : ::lstat(at, &status); };
+  const bool found = onPath(look, path) == 0;
+  if (!found && errno != ENOENT) raiseAt(KES_HERE, FsError(path, errno));
+  return found;
 }
 
 void Ops::readlink(const char* path, std::string& target) {
   char buffer[PATH_MAX];  // no target is long enough to fill it
-  const ssize_t length = path != nullptr ? ::readlink(path, buffer, sizeof buffer) : refuseNull();
-  if (length < 0) raiseReadlink(KES_HERE, path, errno);
+  const auto read = [&](const char* link) { return ::readlink(link, buffer, sizeof buffer); };
+  const ssize_t length = ReadlinkErrors::check(KES_HERE, onPath(read, path), path);
   target.assign(buffer, static_cast<std::size_t>(length));
 }
 
 void Ops::symlink(const char* linkPath, const char* target) {
-  const bool named = linkPath != nullptr && target != nullptr;
-  const int result = named ? ::symlink(target, linkPath) : refuseNull();
-  if (result != 0) raiseSymlink(KES_HERE, linkPath, errno);
+  SymlinkErrors::check(KES_HERE, onPath(::symlink, target, linkPath), linkPath);
 }
 
-void Ops::removeFile(const char* path) {
-  const int result = path != nullptr ? ::unlink(path) : refuseNull();
-  if (result != 0) raiseUnlink(KES_HERE, path, errno);
+void Ops::removeFile(const char* path) { UnlinkErrors::check(KES_HERE, onPath(::unlink, path), path); }
+
+void Ops::removeDir(const char* path) { PathErrors::check(KES_HERE, onPath(::rmdir, path), path); }
+
+void at::removeFile(int directory, const char* name, const std::string& path) {
+  UnlinkErrors::check(KES_HERE, ::unlinkat(directory, name, 0), path);
 }
 
-void Ops::removeDir(const char* path) {
-  const int result = path != nullptr ? ::rmdir(path) : refuseNull();
-  if (result != 0) raiseAt(KES_HERE, FsError(path, errno));
+void at::removeDir(int directory, const char* name, const std::string& path) {
+  PathErrors::check(KES_HERE, ::unlinkat(directory, name, AT_REMOVEDIR), path);
 }
 
 void Ops::remove(const char* path) {
@@ -127,8 +84,7 @@ bool Ops::tryRemove(const std::string& path) {
 
 void Ops::mkdir(const char* path, const Access* access) {
   const mode_t mode = access != nullptr ? mode_t{access->mode()} : mode_t{S_IRWXU};
-  const int result = path != nullptr ? ::mkdir(path, mode) : refuseNull();
-  if (result != 0) raiseMkdir(KES_HERE, path, errno);
+  MkdirErrors::check(KES_HERE, onPath([=](const char* name) { return ::mkdir(name, mode); }, path), path);
   if (access != nullptr && changesOwner(*access)) setOwnership(path, -1, *access);
 }
 
@@ -141,7 +97,7 @@ void Ops::tempdir(std::string& name) {
 }
 
 void Ops::makeFifo(const std::string& path, const Access& access) {
-  if (::mkfifo(path.c_str(), access.mode()) != 0) raiseAt(KES_HERE, FsError(path, errno));
+  PathErrors::check(KES_HERE, ::mkfifo(path.c_str(), access.mode()), path);
 }
 
 void Ops::setAccess(const char* path, const Access& access) {
@@ -152,9 +108,17 @@ void Ops::setAccess(const char* path, const Access& access) {
 void Ops::setAccess(int fd, const Access& access) { setAccessPriv(nullptr, fd, access); }
 
 void Ops::setAccessPriv(const char* path, int fd, const Access& access) {
-  if (path != nullptr && ::chmod(path, access.mode()) != 0) raiseAt(KES_HERE, FsError(path, errno));
-  if (path == nullptr && ::fchmod(fd, access.mode()) != 0) raiseAt(KES_HERE, OsError(errno));
+  if (path != nullptr) {
+    PathErrors::check(KES_HERE, ::chmod(path, access.mode()), path);
+  } else {
+    check(KES_HERE, ::fchmod(fd, access.mode()));
+  }
   if (changesOwner(access)) setOwnership(path, fd, access);
+}
+
+void at::setAccessPriv(int fd, const Access& access, const std::string& path) {
+  check(KES_HERE, ::fchmod(fd, access.mode()));
+  if (changesOwner(access)) setOwnership(fd, access, path);
 }
 
 }  // namespace kes::fs

@@ -2,13 +2,11 @@
 #include <cstdio>
 #include <string>
 
-#include "kespal/NoCopy.h"
-#include "kespal/error/FsError.h"
-#include "kespal/error/OsError.h"
 #include "kespal/fs/Copier.h"
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
-#include "os/posix/fs/NullPath.h"
+#include "os/posix/fs/Errors.h"
+#include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
 
 namespace kes::fs {
@@ -22,36 +20,15 @@ std::string arrow(const char* from, const char* to) {
   return std::string(from != nullptr ? from : "") + " -> " + (to != nullptr ? to : "");
 }
 
-[[noreturn, gnu::always_inline]] inline void raiseRename(const Site& site, const std::string& paths,
-                                                         int errnum) {
-  switch (errnum) {
-    case EXDEV:
-      raiseAt(site, NotSameDeviceError(paths, errnum));
-    case EROFS:
-      raiseAt(site, ReadOnlyFileSystemError(paths, errnum));
-    default:
-      raiseAt(site, FsError(paths, errnum));
+/// For a copy whose move was not completed. What goes wrong here is of no interest: another error, the reason
+/// for all this, is on its way.
+void removeQuietly(const char* copy) noexcept {
+  const sys::NoCancel untilDone;
+  try {
+    Ops::remove(copy);
+  } catch (...) {  // NOLINT(bugprone-empty-catch)
   }
 }
-
-/// Takes a copy back, unless the move it belongs to was completed. What goes wrong meanwhile is of no
-/// interest: another error, the reason for all this, is on its way.
-class TakeBack : NoCopy {
- public:
-  explicit TakeBack(const char* copy) noexcept : copy_(copy) {}
-  ~TakeBack() {
-    if (copy_ == nullptr) return;
-    const sys::NoCancel noCancel;
-    try {
-      Ops::remove(copy_);
-    } catch (...) {  // NOLINT(bugprone-empty-catch)
-    }
-  }
-  void keepCopy() noexcept { copy_ = nullptr; }
-
- private:
-  const char* copy_;
-};
 
 void copyForMove(const char* from, const char* to, const EnumBitset<Flags>& flags, char* buffer,
                  std::size_t size) {
@@ -74,11 +51,9 @@ bool renamed(const char* from, const char* to, const EnumBitset<Flags>& flags) {
 
 void Ops::rawMove(const char* from, const char* to, const EnumBitset<Flags>& flags) {
   if (!flags.test(Flags::OVERWRITE) && exists(to, /*follow=*/true)) raiseAt(KES_HERE, OsError(EEXIST));
-  const bool named = from != nullptr && to != nullptr;
-  const int result = named ? std::rename(from, to) : refuseNull();
-  if (result == 0) return;
+  if (onPath(std::rename, from, to) == 0) return;
   const int errnum = errno;
-  raiseRename(KES_HERE, arrow(from, to), errnum);
+  RenameErrors::raise(KES_HERE, errnum, arrow(from, to));
 }
 
 void Ops::move(const char* from, const char* to, const EnumBitset<Flags>& flags, char* buffer,
@@ -88,9 +63,9 @@ void Ops::move(const char* from, const char* to, const EnumBitset<Flags>& flags,
   const bool isLink = !flags.test(Flags::NO_FOLLOW) && Info::get(from, /*follow=*/true).isLink();
   if (!isLink && renamed(from, to, flags)) return;
   copyForMove(from, to, flags, buffer, size);
-  TakeBack onFailure(to);
+  sys::AtEnd takingBack([to] { removeQuietly(to); });
   remove(from);
-  onFailure.keepCopy();
+  takingBack.dismiss();
 }
 
 }  // namespace kes::fs

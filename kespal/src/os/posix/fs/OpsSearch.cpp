@@ -6,13 +6,13 @@
 #include <vector>
 
 #include "kespal/Helper.h"
-#include "kespal/NoCopy.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
 #include "os/posix/fs/Executable.h"
+#include "sys/Owner.h"
 
 namespace kes::fs {
 
@@ -22,12 +22,6 @@ std::string foundAt(const std::string& program, bool dirOnly) {
   if (!isExecutable(program.c_str())) return {};
   return dirOnly ? Path(program).assignDirname() : program;
 }
-
-/// The matches of a pattern, as the system allocates them.
-struct Matches : NoCopy {
-  glob_t list{};
-  ~Matches() { ::globfree(&list); }
-};
 
 std::string escaped(const std::string& text) {
   std::string result;
@@ -66,12 +60,13 @@ std::string Ops::which(const char* program, bool dirOnly) {
 }
 
 std::list<std::string> Ops::glob(const std::string& pattern) {
-  Matches matches;
+  glob_t matches{};
+  const sys::GlobMatches freeing(&matches);
   const int result =
-      ::glob(withHome(pattern).c_str(), GLOB_TILDE | GLOB_BRACE | GLOB_NOSORT, nullptr, &matches.list);
+      ::glob(withHome(pattern).c_str(), GLOB_TILDE | GLOB_BRACE | GLOB_NOSORT, nullptr, &matches);
   if (result == GLOB_NOMATCH) return {};
   if (result != 0) raiseAt(KES_HERE, RuntimeError("read error or out of memory"));
-  return {matches.list.gl_pathv, matches.list.gl_pathv + matches.list.gl_pathc};
+  return {matches.gl_pathv, matches.gl_pathv + matches.gl_pathc};
 }
 
 }  // namespace kes::fs

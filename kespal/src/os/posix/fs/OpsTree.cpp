@@ -1,100 +1,219 @@
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "kespal/error/FsError.h"
-#include "kespal/fs/Dir.h"
-#include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
+#include "os/posix/fs/At.h"
+#include "os/posix/fs/Errors.h"
 
 namespace kes::fs {
 
 namespace {
 
-/// The entries of a directory as one text: for each a character for its type, its name and a NUL. Read to
-/// the end before the first one is removed: what a walk sees of removals on its way is the system's secret.
-std::string entriesOf(Dir& dir) {
-  std::string entries;
-  while (dir.nextEntry()) {
-    entries += static_cast<char>(dir.entryType());
-    entries.append(dir.entryName()).push_back('\0');
+/// So many directories a walk keeps open. In a deeper tree it opens the upper ones again on its way back.
+constexpr std::size_t mostOpen = 8;
+
+/// So many links to directories it follows on one path where the path is too long for the system to count.
+constexpr int mostLinks = 40;
+
+/// Opens a directory by a path that may be longer than the system takes: then in several steps. None, with
+/// errno, where that fails.
+sys::DirStream openByPath(const std::string& path) {
+  sys::Descriptor above;
+  const auto from = [&above] { return above ? above.get() : AT_FDCWD; };
+  std::size_t start = 0;
+  while (path.size() - start >= PATH_MAX) {
+    const std::size_t slash = path.rfind('/', start + PATH_MAX - 1);
+    const std::string step = path.substr(start, slash - start);
+    const int fd = ::openat(from(), step.c_str(), O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC);
+    if (fd == -1) return {};
+    above.reset(fd);
+    start = slash + 1;
   }
-  return entries;
+  return at::tryOpen(from(), path.c_str() + start);
 }
 
-/// One walk through a tree. The type that comes with a name saves the look at the entry. Where it does not
-/// say enough, as for links, or where an entry does not go that way, the entry is looked at by its path, so
-/// that errors are those of a plain walk by paths.
+/// A directory between the top of the tree and the place of the walk.
+class Level {
+ public:
+  Level(sys::DirStream dir, std::size_t pathLength) : dir_(std::move(dir)), pathLength_(pathLength) {
+    readEntries();
+  }
+
+  /// How much of the walk's path leads here.
+  std::size_t pathLength() const { return pathLength_; }
+
+  /// The next entry, a character for its type and then its name; null behind the last one.
+  const char* nextEntry() {
+    if (next_ == entries_.size()) return nullptr;
+    const char* const entry = entries_.data() + next_;
+    next_ += std::strlen(entry + 1) + 2;
+    return entry;
+  }
+
+  bool isOpen() const { return static_cast<bool>(dir_); }
+  int fd() const { return ::dirfd(dir_.get()); }
+
+  void close() {
+    struct stat status {};
+    ::fstat(fd(), &status);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    dir_.reset();
+  }
+
+  /// Takes a stream in place of the one that was closed. False, and it is not taken, if it is of another
+  /// directory or none.
+  bool reopen(sys::DirStream dir) {
+    struct stat status;
+    const bool same = dir && ::fstat(::dirfd(dir.get()), &status) == 0 && status.st_dev == device_ &&
+                      status.st_ino == inode_;
+    if (same) dir_ = std::move(dir);
+    return same;
+  }
+
+ private:
+  /// Reads to the end before the first entry is removed: what a stream shows of removals is the system's
+  /// secret.
+  void readEntries() {
+    while (const dirent* entry = at::nextEntry(dir_.get())) {
+      entries_ += static_cast<char>(at::typeOf(*entry));
+      entries_.append(entry->d_name).push_back('\0');
+    }
+  }
+
+  sys::DirStream dir_;
+  std::size_t pathLength_;
+  std::string entries_;
+  std::size_t next_ = 0;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+};
+
+/// One walk through a tree. However deep the tree is, the walk needs little stack and few descriptors, and it
+/// goes from directory to directory by descriptors, since a path may be longer than the system takes. The
+/// type that comes with a name saves the look at the entry. Where it does not say enough, as for links, or
+/// where an entry does not go that way, the entry is looked at, so that errors are those of a plain walk.
 class TreeRemoval {
  public:
   explicit TreeRemoval(const char* path) : path_(path) {}
 
   void run() {
-    Dir dir(path_.c_str());
-    removeAll(dir);
+    enter(at::tryOpen(AT_FDCWD, path_.c_str()));
+    while (!levels_.empty()) {
+      if (const char* entry = levels_.back().nextEntry()) {
+        removeEntry(static_cast<Dir::EntryType>(*entry), entry + 1);
+      } else {
+        leave();
+      }
+    }
   }
 
  private:
-  void removeAll(Dir& dir) {
-    const std::string entries = entriesOf(dir);
-    const char* const end = entries.data() + entries.size();
-    for (const char* entry = entries.data(); entry != end; entry += std::strlen(entry + 1) + 2) {
-      const auto type = static_cast<Dir::EntryType>(*entry);
-      if (!removedByType(dir, type, entry + 1)) removeByPath(dir, type, entry + 1);
-    }
-    Ops::removeDir(path_.c_str());
+  /// Goes on in the directory of the walk's path. Without a stream, errno says why.
+  void enter(sys::DirStream dir) {
+    if (!dir) at::raiseOpen(errno, path_);
+    levels_.emplace_back(std::move(dir), path_.size());
+    if (levels_.size() - firstOpen_ > mostOpen) closeFarthest();
   }
 
-  static bool removedByType(const Dir& dir, Dir::EntryType type, const char* name) {
-    const bool isPlain = type == Dir::EntryType::Regular || type == Dir::EntryType::Other;
-    return isPlain && dir.isOpen() && ::unlinkat(dir.fd(), name, 0) == 0;
-  }
-
-  void removeByPath(Dir& above, Dir::EntryType type, const char* name) {
-    const std::size_t length = path_.size();
-    path_.append(1, '/').append(name);
-    Dir dir;
-    const bool opened = type == Dir::EntryType::Directory && opens(dir, above);
-    if (opened || Info::get(path_.c_str(), /*follow=*/true).isDir()) {
-      if (!opened) open(dir, above);
-      removeAll(dir);
-    } else {
-      Ops::removeFile(path_.c_str());
-    }
+  /// Removes the directory that was emptied and goes on in the one above.
+  void leave() {
+    climb();
+    if (levels_.empty()) return at::removeDir(AT_FDCWD, path_.c_str(), path_);
+    const std::size_t length = levels_.back().pathLength();
+    at::removeDir(fd(), path_.c_str() + length + 1, path_);
     path_.resize(length);
   }
 
-  bool opens(Dir& dir, Dir& above) const {
-    try {
-      open(dir, above);
-      return true;
-    } catch (const FsError&) {
-      return false;
+  /// Takes the last level away. The one above is often the system's "..", but not behind a link.
+  void climb() {
+    const Level left = std::move(levels_.back());
+    levels_.pop_back();
+    firstOpen_ = std::min(firstOpen_, levels_.size());
+    if (levels_.empty() || levels_.back().isOpen() || !left.isOpen()) return;
+    if (levels_.back().reopen(at::tryOpen(left.fd(), ".."))) firstOpen_ = levels_.size() - 1;
+  }
+
+  void removeEntry(Dir::EntryType type, const char* name) {
+    const bool isPlain = type == Dir::EntryType::Regular || type == Dir::EntryType::Other;
+    if (isPlain && ::unlinkat(fd(), name, 0) == 0) return;
+    path_.append(1, '/').append(name);
+    if (sys::DirStream dir = openIfDirectory(type, name)) return enter(std::move(dir));
+    at::removeFile(fd(), name, path_);
+    path_.resize(levels_.back().pathLength());
+  }
+
+  sys::DirStream openIfDirectory(Dir::EntryType type, const char* name) {
+    if (type == Dir::EntryType::Directory) {
+      if (sys::DirStream dir = openEntry(name)) return dir;
+    }
+    if (!look(name).isDir()) return {};
+    sys::DirStream dir = openEntry(name);
+    if (!dir) at::raiseOpen(errno, path_);
+    return dir;
+  }
+
+  /// Looks at the entry of the walk's path, links followed. The system refuses a path with too many links.
+  Info look(const char* name) {
+    if (path_.size() < PATH_MAX) return Info::get(path_.c_str(), /*follow=*/true);
+    const Info info = at::get(fd(), name, path_, /*follow=*/true);
+    const bool leadsOn = info.isDir() && at::get(fd(), name, path_, /*follow=*/false).isLink();
+    if (leadsOn && ++links_ > mostLinks) PathErrors::raise(KES_HERE, ELOOP, path_);
+    return info;
+  }
+
+  /// None, with errno, where the entry of the walk's path cannot be opened as a directory. When there are no
+  /// descriptors left, the directories above give up theirs, and the one that the entry is in does so last.
+  sys::DirStream openEntry(const char* name) {
+    for (;;) {
+      const Level& level = levels_.back();
+      sys::DirStream dir = level.isOpen() ? at::tryOpen(level.fd(), name) : openByPath(path_);
+      const bool lacking = !dir && (errno == EMFILE || errno == ENFILE);
+      if (!lacking || !closeFarthest()) return dir;
     }
   }
 
-  /// Every level of a deep tree holds a descriptor; when there are no more, the one above gives its own up.
-  void open(Dir& dir, Dir& above) const {
-    try {
-      dir.open(path_.c_str());
-    } catch (const FsError& error) {
-      if (error.osError().errnum() != EMFILE || !above.isOpen()) throw;
-      above.close();
-      dir.open(path_.c_str());
-    }
+  bool closeFarthest() {
+    if (firstOpen_ == levels_.size()) return false;
+    levels_[firstOpen_++].close();
+    return true;
+  }
+
+  /// The descriptor of the directory that the walk is in, which is opened again if need be.
+  int fd() {
+    if (!levels_.back().isOpen()) reopen(levels_.back());
+    return levels_.back().fd();
+  }
+
+  void reopen(Level& level) {
+    const std::string path = path_.substr(0, level.pathLength());
+    sys::DirStream dir = openByPath(path);
+    if (!dir) at::raiseOpen(errno, path);
+    // Who has put another directory there meanwhile shall not lose what the names of this one are in it.
+    if (!level.reopen(std::move(dir))) PathErrors::raise(KES_HERE, ESTALE, path);
+    firstOpen_ = levels_.size() - 1;
   }
 
   std::string path_;
+  std::vector<Level> levels_;
+  std::size_t firstOpen_ = 0;  ///< this level and all behind it are open, those before it are not
+  int links_ = 0;              ///< followed; there is no way back from one, since it cannot be removed
 };
 
 }  // namespace
 
 void Ops::removeTree(const char* path) {
-  if (path == nullptr) raiseAt(KES_HERE, FsError(path, EFAULT));
+  if (path == nullptr) PathErrors::raise(KES_HERE, EFAULT, path);
   TreeRemoval(path).run();
 }
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "kespal/error/OsError.h"
 #include "os/System.h"
+#include "os/posix/fs/Errors.h"
 
 namespace kes::fs {
 
@@ -28,27 +28,16 @@ int whence(StreamFile::SeekBase base) noexcept {
   }
 }
 
-[[noreturn, gnu::always_inline]] inline void raiseRead(const Site& site, int errnum) {
-  switch (errnum) {
-    case ESRCH:
-      raiseAt(site, NoSuchProcessError(errnum));
-    default:
-      raiseAt(site, OsError(errnum));
-  }
-}
-
 }  // namespace
 
 std::size_t StreamFile::read(void* buffer, const std::size_t& size) {
-  const ssize_t count = ::read(fd(), buffer, std::min(size, mostAtOnce));
-  if (count == -1) raiseRead(KES_HERE, errno);
-  return static_cast<std::size_t>(count);
+  const std::size_t most = std::min(size, mostAtOnce);
+  return static_cast<std::size_t>(ReadErrors::check(KES_HERE, ::read(fd(), buffer, most)));
 }
 
 std::size_t StreamFile::write(const void* buffer, const std::size_t& size) {
-  const ssize_t count = ::write(fd(), buffer, std::min(size, mostAtOnce));
-  if (count == -1) raiseAt(KES_HERE, OsError(errno));
-  return static_cast<std::size_t>(count);
+  const std::size_t most = std::min(size, mostAtOnce);
+  return static_cast<std::size_t>(check(KES_HERE, ::write(fd(), buffer, most)));
 }
 
 bool StreamFile::flush() {
@@ -59,9 +48,7 @@ bool StreamFile::flush() {
 }
 
 std::size_t StreamFile::seek(const std::size_t& offset, SeekBase base) {
-  const off_t position = ::lseek(fd(), static_cast<off_t>(offset), whence(base));
-  if (position == -1) raiseAt(KES_HERE, OsError(errno));
-  return static_cast<std::size_t>(position);
+  return static_cast<std::size_t>(check(KES_HERE, ::lseek(fd(), static_cast<off_t>(offset), whence(base))));
 }
 
 }  // namespace kes::fs
