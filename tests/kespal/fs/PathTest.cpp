@@ -1,5 +1,6 @@
 #include "kespal/fs/Path.h"
 
+#include <filesystem>
 #include <list>
 #include <map>
 #include <sstream>
@@ -313,6 +314,107 @@ TEST(PathTest, AStringGoesWhereverAPathGoes) {
   EXPECT_EQ(path, "x");
   path = std::string("y/");
   EXPECT_EQ(path, "y");
+}
+
+TEST(PathTest, EveryKindOfTextMakesAPathAndIsAssignedToOne) {
+  const std::string text = "t//";
+  const std::string_view view("v/ and more", 2);
+  const char* const pointer = "p/";
+  const char* const nothing = nullptr;
+  const Path other("o");
+  EXPECT_EQ(Path(view), "v");
+  EXPECT_EQ(Path{view}, "v");
+  EXPECT_EQ(depthOf(view), 1u) << "without a word, too";
+  EXPECT_EQ((Path{'a', '/', 'b', '/'}), "a/b");
+  EXPECT_EQ(Path{'/'}, "/");
+  EXPECT_EQ(Path(std::string_view()), "");
+  EXPECT_EQ(Path(std::string_view("x\0y/", 4)), std::string("x\0y", 3));
+
+  Path path("former");
+  EXPECT_EQ(path = view, "v");
+  EXPECT_EQ(path = 'c', "c");
+  EXPECT_EQ(path = '/', "/");
+  EXPECT_EQ((path = {'a', '/', 'b', '/', '/'}), "a/b");
+  EXPECT_EQ(path = text, "t");
+  EXPECT_EQ(path = std::string("t/"), "t");
+  EXPECT_EQ(path = "l/", "l");
+  EXPECT_EQ(path = pointer, "p");
+  EXPECT_EQ(path = nothing, "");
+  EXPECT_EQ(path = other, "o");
+  EXPECT_EQ(path = Path("o/"), "o");
+  EXPECT_EQ((path = {"abc", 2}), "ab");
+  EXPECT_EQ((path = {text.begin(), text.end()}), "t");
+  EXPECT_EQ((path = {text, Path::CANONICAL}), "t");
+  EXPECT_EQ((path = std::filesystem::path("/f/")), "/f");
+  EXPECT_EQ((path = {}), "");
+  static_assert(std::is_same_v<decltype(path = 'c'), Path&>);
+  static_assert(std::is_same_v<decltype(path = view), Path&>);
+  static_assert(std::is_nothrow_move_assignable_v<Path> && std::is_nothrow_move_constructible_v<Path>);
+}
+
+TEST(PathTest, AnAssignmentMayTakeItsTextFromThePathItself) {
+  Path path("/a/long enough to be in memory of its own/c");
+  path = std::string_view(path).substr(3, 38);
+  EXPECT_EQ(path, "long enough to be in memory of its own");
+  path = path.c_str() + 5;
+  EXPECT_EQ(path, "enough to be in memory of its own");
+  path = exactly("a/");
+  path = std::as_const(path);
+  EXPECT_EQ(path, "a/") << "a copy of a path is not cleansed";
+}
+
+TEST(PathTest, AdditionOfAViewJoinsAsWell) {
+  const std::string_view view("b and more", 1);
+  Path variable("a");
+  static_assert(std::is_same_v<decltype(variable + view), Path>);
+  EXPECT_EQ(variable + view, "a/b");
+  EXPECT_EQ(std::as_const(variable) + view, "a/b");
+  EXPECT_EQ(Path("a") + view, "a/b");
+  EXPECT_EQ(Path("a") + std::string_view("x\0y", 3), std::string("a/x\0y", 5));
+}
+
+TEST(PathTest, AppendingAsAStringInsertsNoSlash) {
+  Path path("a");
+  path += 'b';
+  path += "c";
+  path += std::string("d");
+  path += std::string_view("e");
+  path += {'f', 'g'};
+  path += Path("h");
+  path.append("i").append(1, '/').append(std::string_view("j/"));
+  EXPECT_EQ(path, "abcdefghi/j/");
+}
+
+TEST(PathTest, ExpressionsOfStringsMeanWhatTheyMeanForStrings) {
+  const std::string text = "/b";
+  const std::string_view view = "/b";
+  Path path("/a");
+  const Path other("/b");
+  EXPECT_TRUE(path == "/a" && "/a" == path && path != text && text != path && path != view && view != path);
+  EXPECT_TRUE(path < text && path < view && path < "/b" && path < other && !(other < path));
+  EXPECT_TRUE((path <=> other) < 0 && (path <=> text) < 0 && (path <=> "/b") < 0);
+  EXPECT_LT(path.compare(view), 0);
+  EXPECT_TRUE(path.starts_with('/') && path.ends_with("a"));
+  EXPECT_EQ(path.find(view), Path::npos);
+  EXPECT_EQ(path.insert(0, view).replace(0, 2, text).erase(0, 2), "/a");
+  static_assert(std::is_same_v<decltype(true ? path : "x"), Path>);
+  static_assert(std::is_same_v<decltype(true ? path : text), const std::string&>);
+  static_assert(std::is_same_v<decltype(true ? path : other), const Path&>);
+  static_assert(std::is_convertible_v<Path, std::string_view>);
+  std::string plain = path;
+  plain = other;
+  plain += other;
+  EXPECT_EQ(plain, "/b/b");
+  EXPECT_EQ('x' + other, "x/b");
+  EXPECT_EQ(std::string("x") + other, "x/b");
+  path.swap(plain);
+  EXPECT_EQ(path, "/b/b");
+  Path third("t");
+  std::swap(path, third);
+  EXPECT_EQ(path, "t");
+  path.assign(text).resize(1);
+  EXPECT_EQ(path, "/");
+  EXPECT_EQ((std::map<Path, int>{{"/a/", 1}, {"/b", 2}}.at("/a")), 1);
 }
 
 TEST(PathTest, StringOperationsApplyToAPath) {
