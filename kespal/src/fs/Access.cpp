@@ -40,8 +40,9 @@ class ModeText {
     char letter;
     unsigned bits;
   };
+  static constexpr unsigned everybody = 07777;
   /// To a class belong all its permissions and its set-id or sticky bit.
-  static constexpr Letter classes[] = {{'u', 04700}, {'g', 02070}, {'o', 01007}, {'a', 07777}};
+  static constexpr Letter classes[] = {{'u', 04700}, {'g', 02070}, {'o', 01007}, {'a', everybody}};
   static constexpr Letter permissions[] = {{'r', 0444}, {'w', 0222}, {'x', 0111}};
 
   static bool isOctal(int c) { return c >= '0' && c <= '7'; }
@@ -75,9 +76,11 @@ class ModeText {
   }
 
   void clause() {
-    const unsigned who = takeAll(classes);
-    if (who == 0) refuse("expected u, g, o or a instead of");
-    if (peek() != '+' && peek() != '-' && peek() != '=') refuse("expected +, - or = instead of");
+    const unsigned named = takeAll(classes);
+    const unsigned who = named != 0 ? named : everybody;
+    if (peek() != '+' && peek() != '-' && peek() != '=') {
+      refuse(named != 0 ? "expected +, - or = instead of" : "expected u, g, o, a, +, - or = instead of");
+    }
     for (;;) {
       const bool add = take('+'), remove = !add && take('-');
       if (!add && !remove && !take('=')) return;

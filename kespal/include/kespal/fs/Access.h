@@ -23,8 +23,9 @@ class Access {
 
   /// Changes the mode as chmod(1) changes that of a file for the same text: octal digits, or clauses
   /// separated by commas, each of letters u g o a and one or more times + - = with letters r w x. As there,
-  /// '=' takes the set-id or sticky bit of its class away. Anything else, an omitted class, s, t, X or a
-  /// copied class included, is std::invalid_argument that says what and where; the mode stays then.
+  /// '=' takes the set-id or sticky bit of its class away. Without a letter in front, all are meant, as with
+  /// a: the file creation mask does not count here, where chmod(1) spares its bits. Anything else, such as s,
+  /// t, X or a copied class, is std::invalid_argument that says what and where; the mode stays then.
   void setMode(const std::string& text);
 
   /// Whether rights can be trusted: owner and group are the given ones, others may not write, and may not
