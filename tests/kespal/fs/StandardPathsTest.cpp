@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 
 #include "kespal/fs/FaultyCalls.h"
+#include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
@@ -115,6 +117,39 @@ TEST_F(StandardPathsTest, TheConfigurationIsReadWhereItsVariableSays) {
   test::writeFile(home_ + "/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n");
   EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", "/h"}, {"XDG_CONFIG_HOME", home_}}), "/h/Papers");
   EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", "/h"}}), "/h/Documents");
+}
+
+/// What a program started while the configuration is read would inherit.
+std::size_t inherited = 0;
+
+void countInheritable(const std::string&) {
+  for (const std::string& descriptor : test::openDescriptors()) {
+    if (!test::isCloseOnExec(std::stoi(descriptor)) && std::stoi(descriptor) > 2) ++inherited;
+  }
+}
+
+TEST_F(StandardPathsTest, TheConfigurationIsReadThroughADescriptorThatNoProgramInherits) {
+  stdfs::create_directory(home_ + "/.config");
+  test::writeFile(home_ + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/papers\"\n");
+  const auto child = inChild([&] {
+    ::clearenv();
+    ::setenv("HOME", home_.c_str(), 1);
+    countInheritable("");
+    const std::size_t before = std::exchange(inherited, 0);
+    const test::Before whileReading("read", countInheritable, "");
+    std::cout << StandardPaths::documentsDir() << ' ' << (inherited == before ? "none" : "some") << ' ';
+    const test::Trace trace;
+    StandardPaths::documentsDir();
+    const auto calls = trace.calls();
+    return std::count(calls.begin(), calls.end(), "read") > 0 ? 0 : 1;
+  });
+  EXPECT_EQ(child.out, "/srv/papers none ");
+  EXPECT_EQ(child.exitCode(), 0) << "the reading was not seen";
+}
+
+TEST_F(StandardPathsTest, AConfigurationThatCannotBeReadSaysNothing) {
+  stdfs::create_directories(home_ + "/.config/user-dirs.dirs");
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", home_}}), home_ + "/Documents");
 }
 
 TEST_F(StandardPathsTest, TheTemporaryDirectoryFollowsItsVariableIfThatExists) {

@@ -4,10 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <string_view>
 
+#include "kespal/error/Exception.h"
+#include "kespal/fs/StreamFile.h"
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
 
@@ -61,13 +62,28 @@ std::string userDirOfLine(std::string_view line, std::string_view name) {
   return inHome ? os::homeDir() + value : value;
 }
 
+/// What cannot be read says nothing.
+std::string contentOf(const Path& path) {
+  std::string content;
+  try {
+    StreamFile file;
+    file.open(path.c_str(), File::READ);
+    char buffer[4096];
+    while (const std::size_t count = file.read(buffer, sizeof buffer)) content.append(buffer, count);
+  } catch (const Exception&) {
+    content.clear();
+  }
+  return content;
+}
+
 /// The last usable line counts, as in the shell that the file is written for.
 std::string userDir(std::string_view name) {
-  std::ifstream file(variableOrInHome("XDG_CONFIG_HOME", ".config") + "user-dirs.dirs");
-  std::string line, result;
-  while (std::getline(file, line)) {
-    std::string value = userDirOfLine(line, name);
+  const std::string file = contentOf(variableOrInHome("XDG_CONFIG_HOME", ".config") + "user-dirs.dirs");
+  std::string result;
+  for (std::string_view rest = file; !rest.empty();) {
+    std::string value = userDirOfLine(rest.substr(0, rest.find('\n')), name);
     if (!value.empty()) result = std::move(value);
+    rest.remove_prefix(std::min(rest.find('\n'), rest.size() - 1) + 1);
   }
   return result;
 }
