@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -276,9 +277,50 @@ TEST_F(MoveAcrossTest, ALinkIsFollowedUnlessThatIsRefused) {
 TEST_F(MoveAcrossTest, ADirectoryFailsWithTheReadErrorAndStays) {
   const std::string dir = here_ / "dir";
   stdfs::create_directory(dir);
-  EXPECT_EQ(raisedBy([&] { Ops::move(dir.c_str(), to_.c_str()); }),
-            (Raised{"kes::OsError", EISDIR, "", streamSite, "read"}));
-  EXPECT_TRUE(stdfs::is_directory(dir));
+  for (const EnumBitset<Flags> flags : {EnumBitset<Flags>(), Flags::NO_FOLLOW | Flags::OVERWRITE}) {
+    EXPECT_EQ(raisedBy([&] { Ops::move(dir.c_str(), to_.c_str(), flags); }),
+              (Raised{"kes::OsError", EISDIR, "", streamSite, "read"}));
+    EXPECT_TRUE(stdfs::is_directory(dir));
+    EXPECT_FALSE(isThere(to_)) << "no empty file under the target's name";
+  }
+}
+
+TEST_F(MoveAcrossTest, WhatCannotBeCopiedIsRefusedBeforeAnythingIsOpened) {
+  const std::string fifo = here_ / "fifo", link = here_ / "link", socket = here_ / "socket";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(::mknod(socket.c_str(), S_IFSOCK | 0600, 0), 0);
+  stdfs::create_symlink("fifo", link);
+  const auto refused = [&](const std::string& from, const EnumBitset<Flags>& flags) {
+    const test::Trace trace;
+    EXPECT_EQ(raisedBy([&] { Ops::move(from.c_str(), to_.c_str(), flags); }),
+              (Raised{"kes::FsError", EINVAL, from, moveSite, "move"}));
+    EXPECT_THAT(trace.calls(), ::testing::Not(::testing::Contains("open")));
+    EXPECT_TRUE(isThere(from));
+    EXPECT_FALSE(isThere(to_));
+  };
+  for (const std::string& from : {fifo, socket}) {
+    refused(from, {});
+    refused(from, Flags::NO_FOLLOW);
+    refused(from, Flags::OVERWRITE);
+  }
+  refused(link, {});
+  EXPECT_EQ(raisedBy([&] { Ops::move(link.c_str(), to_.c_str(), Flags::NO_FOLLOW); }),
+            (Raised{"kes::IsASymlinkError", ELOOP, link, fileSite, "open"}));
+}
+
+TEST_F(MoveAcrossTest, ADeviceIsRefusedToo) {
+  const std::string device = here_ / "device";
+  if (::mknod(device.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "only root makes devices";
+  EXPECT_EQ(raisedBy([&] { Ops::move(device.c_str(), to_.c_str()); }),
+            (Raised{"kes::FsError", EINVAL, device, moveSite, "move"}));
+  EXPECT_TRUE(isThere(device));
+}
+
+TEST_F(MoveTest, APipeOnOneDeviceIsRenamed) {
+  stdfs::remove(from_);
+  ASSERT_EQ(::mkfifo(from_.c_str(), 0600), 0);
+  EXPECT_EQ(moving(), Raised{});
+  EXPECT_TRUE(stdfs::is_fifo(to_));
 }
 
 TEST_F(MoveAcrossTest, ACallersBufferIsUsedAndHalfOfOneRefused) {

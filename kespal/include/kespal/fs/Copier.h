@@ -15,7 +15,9 @@ namespace kes::fs {
 /// Copies the bytes of one file into another, with plain reads and writes through one buffer. It can be
 /// used again for the next file; one thread uses it at a time. What it opens by name it closes, whatever
 /// happens; the caller's streams stay open. An error may leave a partly written target: removing it is the
-/// caller's business. Errors are those of File, StreamFile, Info::get() and Ops::setAccess().
+/// caller's business. Errors are those of File::open(), setAccess(), truncate() and close(), of StreamFile's
+/// read(), write() and seek(), and of Info::get(). A write that takes nothing is an OsError (EIO). A
+/// directory as source is refused with the error of reading it (OsError, EISDIR) before a target is touched.
 class Copier : NoCopy {
  public:
   /// A caller's buffer, of `size` bytes, must outlive the copier; without one (null and 0) it uses its own.
@@ -33,11 +35,14 @@ class Copier : NoCopy {
   bool haveBuffer() const noexcept;
 
   /// Copies by name. The target is created with the permission bits that it is to have; without OVERWRITE
-  /// an existing one is left untouched (FsError, EEXIST). A file is not copied onto itself (FsError, EINVAL).
+  /// an existing one is left untouched (FsError, EEXIST). A file is not copied onto itself, under any name
+  /// (FsError with the target's path, EINVAL).
   void copy(const char* from, const char* to);
   /// Copies all of one open file into another, which is emptied first. Both are read and written from
-  /// their start.
+  /// their start: what has none, such as a pipe, is an OsError (ESPIPE). Two streams on one file are an
+  /// OsError (EINVAL), and nothing is emptied.
   void copy(StreamFile& from, StreamFile& to);
+  /// The mixed forms: each side as above. An open target on the named file is an OsError (EINVAL), too.
   void copy(const char* from, StreamFile& to);
   void copy(StreamFile& from, const char* to);
 
@@ -46,7 +51,8 @@ class Copier : NoCopy {
   void borrowSource(StreamFile& source);
   void openTarget(StreamFile& target, const char* to);
   void borrowTarget(StreamFile& target);
-  void examineSource(const StreamFile& source);
+  void examineSource(StreamFile& source);
+  [[noreturn]] static void refuseDirectory(StreamFile& source);
   bool isSource(const Info& target) const noexcept;
   bool isSource(const char* target) const;
   void copyAccess(StreamFile& target);

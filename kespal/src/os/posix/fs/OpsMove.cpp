@@ -30,6 +30,10 @@ void removeQuietly(const char* copy) noexcept {
   }
 }
 
+/// Opening anything else may wait for ever, as a pipe does for its writer. A link that is not followed is
+/// refused when it is opened, and a directory when it is read.
+bool canBeCopied(const Info& source) { return source.isRegular() || source.isDir() || source.isLink(); }
+
 void copyForMove(const char* from, const char* to, const EnumBitset<Flags>& flags, char* buffer,
                  std::size_t size) {
   Copier copier(buffer, size, flags | Flags::COPY_ACCESS);
@@ -60,8 +64,12 @@ void Ops::move(const char* from, const char* to, const EnumBitset<Flags>& flags,
                std::size_t size) {
   // A status that follows links never says "link" on these systems; but it says that there is no source,
   // or that it is a dangling link, before anything else is tried.
-  const bool isLink = !flags.test(Flags::NO_FOLLOW) && Info::get(from, /*follow=*/true).isLink();
-  if (!isLink && renamed(from, to, flags)) return;
+  const bool follow = !flags.test(Flags::NO_FOLLOW);
+  Info source;
+  if (follow) source = Info::get(from, follow);
+  if (!source.isLink() && renamed(from, to, flags)) return;
+  if (!follow) source = Info::get(from, follow);
+  if (!canBeCopied(source)) PathErrors::raise(KES_HERE, EINVAL, from);
   copyForMove(from, to, flags, buffer, size);
   sys::AtEnd takingBack([to] { removeQuietly(to); });
   remove(from);
