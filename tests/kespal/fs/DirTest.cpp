@@ -14,6 +14,7 @@
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/DirEntries.h"
+#include "kespal/fs/DyingWithoutMemory.h"
 #include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Info.h"
 #include "support/Descriptors.h"
@@ -307,6 +308,11 @@ TEST(DirTest, AFailureToCloseIsAnOsErrorAndTheDirectoryCountsAsClosed) {
   EXPECT_STREQ(error.function(), "close");
   EXPECT_FALSE(dir.isOpen());
   dir.close();
+}
+
+TEST(DirTest, ADestructorReportsWithoutMemoryAndThroughABrokenStream) {
+  test::expectReportOfDying(
+      "closedir", [] { return new Dir("/"); }, "WARNING: directory not closed:\n");
 }
 
 TEST(DirTest, ADestructorReportsAFailureToCloseAndLetsNothingOut) {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kespal/error/OsError.h"
+#include "kespal/fs/DyingWithoutMemory.h"
 #include "kespal/fs/FaultyCalls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
@@ -345,6 +346,38 @@ TEST(FileTest, AFailingCloseIsAnOsErrorAndHoldsNothingAfterwards) {
     EXPECT_EQ(file.fd(), -1);
     EXPECT_EQ(raisedBy([&] { file.close(); }), Raised{}) << "nothing is closed twice";
   }
+}
+
+TEST(FileTest, ADestructorReportsWithoutMemoryAndThroughABrokenStream) {
+  const auto make = [] {
+    auto* const file = new File;
+    file->open("/dev/null", File::READ);
+    return file;
+  };
+  test::expectReportOfDying("close", make, "Error closing file:\n\n");
+}
+
+TEST(FileTest, AFailureToChangeTheOwnerNamesTheFileAsItWasOpened) {
+  const TempDir folder;
+  const auto raised = [](File& file) { return raisedBy([&] { file.setAccess(Access(1, 2, 0600)); }); };
+  const auto expected = [](const std::string& path) {
+    return Raised{"kes::FsError", EIO, path, "src/os/posix/fs/Access", "setOwnership"};
+  };
+  File file;
+  std::string name = folder / "temporary";
+  int both[2];
+  ASSERT_EQ(::pipe2(both, O_CLOEXEC), 0);
+  ::close(both[1]);
+  Pipe ends{both[0], -1};
+  const Failing failing("fchown", EIO);
+  file.open((folder / "file").c_str(), File::WRITE, File::CREATE);
+  EXPECT_EQ(raised(file), expected(folder / "file"));
+  file.open(File::TempType(), name);
+  EXPECT_EQ(raised(file), expected(name));
+  file.open(ends, /*readEnd=*/true);
+  EXPECT_EQ(raised(file), expected("")) << "a pipe has no path";
+  const Failing bits("fchmod", EIO);
+  EXPECT_EQ(raised(file), (Raised{"kes::OsError", EIO, "", "src/os/posix/fs/Ops", "setAccessPriv"}));
 }
 
 TEST(FileTest, ADestructorReportsAFailingCloseOnStandardError) {

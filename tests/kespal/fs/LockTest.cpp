@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "kespal/error/OsError.h"
+#include "kespal/fs/DyingWithoutMemory.h"
 #include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/StreamFile.h"
 #include "support/ForkedChild.h"
@@ -284,6 +285,11 @@ TEST_F(FileLockTest, AScopedLockGivesBackAtTheEndOfItsScope) {
 TEST_F(FileLockTest, AScopedLockTakesNothingByItself) {
   const ScopedLock scoped(lock_);
   EXPECT_TRUE(peerGets(path_, "-x"));
+}
+
+TEST_F(FileLockTest, AScopedLockReportsWithoutMemoryAndThroughABrokenStream) {
+  const auto make = [&] { return new ScopedLock(lock_); };
+  test::expectReportOfDying("flock", make, "Exception caught while destroying file lock:\n");
 }
 
 TEST_F(FileLockTest, AScopedLockReportsAFailureOnStandardError) {
