@@ -25,8 +25,9 @@ class Dir : NoCopy {
 
   /// Forgets the current entry.
   void init() noexcept { entry_ = nullptr; }
-  /// Opens a directory, then closes the one that was open; it stays open when this fails. ENOENT:
-  /// NoSuchFileError; anything else: FsError.
+  /// Opens a directory, then closes the one that was open; it stays open when the opening fails. ENOENT:
+  /// NoSuchFileError; anything else, a null path (EFAULT) included: FsError. If the former one cannot be
+  /// closed, close()'s OsError, and none is open then.
   void open(const char* path);
   bool isOpen() const noexcept { return stream_ != nullptr; }
   /// Closes if open. OsError; the directory counts as closed then, too.
@@ -39,10 +40,10 @@ class Dir : NoCopy {
   const char* entryName() const;
   EntryType entryType() const;
   /// The status of the current entry; without `follow` that of a link itself. ENOENT: NoSuchFileError;
-  /// anything else: FsError, with the entry's name as path.
+  /// anything else: FsError. Their path is the directory's as it was opened, a slash, and the entry's name.
   void entryInfo(Info& info, bool follow) const;
-  /// Opens `dir`, which may be this object, on the current entry. Fails as open() does, with the entry's
-  /// name as path.
+  /// Opens `dir`, which may be this object, on the current entry. Fails as open() does, with the path that
+  /// entryInfo() would name.
   void entryDir(Dir& dir) const;
   /// The status of the open directory itself. OsError.
   void dirInfo(Info& info) const;

@@ -39,9 +39,11 @@ class File : NoCopy {
   virtual ~File();
 
   /// Closes what is held and opens a path. A file created here gets the permission bits of `access`, or
-  /// 0600 without it; its owner and group are not changed. Nothing is held after a failure.
-  /// EPERM, EACCES: FileAccessError; ENOENT: NoSuchFileError; ETXTBSY: FileBusyError; ELOOP with
-  /// NO_FOLLOW: IsASymlinkError; otherwise, EEXIST included, FsError.
+  /// 0600 without it, less those of the file creation mask; its owner and group are not changed. Nothing is
+  /// held after a failure. EPERM, EACCES: FileAccessError; ENOENT: NoSuchFileError; ETXTBSY: FileBusyError;
+  /// ELOOP with NO_FOLLOW: IsASymlinkError; otherwise, EEXIST and a null path (EFAULT) included, FsError. If
+  /// the former file cannot be closed, close()'s OsError, and nothing is opened: so it is for all three
+  /// forms.
   void open(const char* path, const Mode& mode, const unsigned& flags = 0, const Access* access = nullptr);
   /// Closes what is held and creates a file (0600, read and write) named `name` and six generated
   /// characters; a name without '/' lies in the temporary directory. `name` becomes the full name; it is
@@ -56,7 +58,7 @@ class File : NoCopy {
   virtual void close();
 
   /// Changes permission bits, and owner and group where they are set. UsageError when nothing is open;
-  /// OsError for the bits, FsError for the owner.
+  /// OsError for the bits, FsError for the owner, with the path that was opened (empty for a pipe).
   void setAccess(const Access& access);
   /// Cuts or extends the file to a length in bytes. OsError.
   void truncate(std::size_t length);

@@ -21,9 +21,9 @@ using enum Flags;
 
 constexpr EnumBitset<Flags> operator|(Flags one, Flags other) noexcept { return {one, other}; }
 
-/// Operations on named files, without state: any thread may call. Paths are NUL-terminated byte strings; a
-/// null path counts as the empty one with EFAULT. Every failure is an FsError with the path and errno, or
-/// the subclass named at the operation.
+/// Operations on named files, without state: any thread may call. Paths are NUL-terminated byte strings. A
+/// null path is an FsError with the empty path and EFAULT. Every failure is an FsError with the path and
+/// errno, or the subclass or other class named at the operation.
 class Ops {
  public:
   /// The working directory. OsError (ENOENT when it was removed, ENAMETOOLONG when the name is longer than
@@ -37,13 +37,19 @@ class Ops {
   /// Creates the link `linkPath`, which leads to `target`. EEXIST: FileExistsError. Errors name the link.
   static void symlink(const char* linkPath, const char* target);
 
-  /// Renames. Errors carry the text "from -> to". A target that exists, without OVERWRITE: OsError (EEXIST);
-  /// EXDEV: NotSameDeviceError; EROFS: ReadOnlyFileSystemError.
+  /// Renames. Errors carry the text "from -> to". EXDEV: NotSameDeviceError; EROFS: ReadOnlyFileSystemError.
+  /// A target that exists, without OVERWRITE: OsError (EEXIST). That is looked at first, and not in one step
+  /// with the renaming: what another process creates in between is replaced, and so is a link that leads
+  /// nowhere. A target that cannot be looked at is the FsError of exists().
   static void rawMove(const char* from, const char* to, const EnumBitset<Flags>& flags = {});
-  /// Renames, or across devices copies data and rights and then removes the source; if the source cannot be
-  /// removed, the copy is removed again. A failed copy stays as far as it got. Copies one file: a directory
-  /// fails with the read error (OsError, EISDIR) and stays where it is. `buffer` of `size` bytes is what to
-  /// copy with; UsageError for one without the other. Errors of rawMove(), Copier and remove().
+  /// Renames. Where the target lies on another device, copies data and rights, and then removes the source.
+  /// If the source cannot be removed, the copy is removed again. A failed copy stays as far as it got. Only a
+  /// regular file is copied: a directory fails with the error of reading it (OsError, EISDIR), a pipe, socket
+  /// or device with FsError (EINVAL), and both stay where they are. A link is followed, and then removed
+  /// itself; with NO_FOLLOW it is an IsASymlinkError. A source that is missing, or a link that leads nowhere,
+  /// is a NoSuchFileError, but with NO_FOLLOW the rename's FsError. `buffer` of `size` bytes is what to copy
+  /// with, 64 KiB of its own without one; UsageError for one without the other, once it comes to copying.
+  /// Errors of Info::get(), rawMove(), Copier and remove().
   static void move(const char* from, const char* to, const EnumBitset<Flags>& flags = {},
                    char* buffer = nullptr, std::size_t size = 0);
 
@@ -53,21 +59,26 @@ class Ops {
   static void removeDir(const char* path);
   /// Removes either; a link itself, never what it leads to. Errors of Info::get() and the two above.
   static void remove(const char* path);
-  /// The same; false when there is nothing to remove.
+  /// The same; false when there is nothing to remove, or no longer.
   static bool tryRemove(const std::string& path);
-  /// Removes a directory and all below it, depth first; the first error ends it, and what is gone is gone.
+  /// Removes a directory and all below it, depth first. The first error ends it, and what is gone is gone.
   /// WARNING: links to directories are followed. What such a link leads to is emptied, wherever it is, and
   /// then the link itself cannot be removed (FsError, ENOTDIR); a dangling link is a NoSuchFileError. Not
-  /// for directories that somebody else can write to.
+  /// for directories that somebody else can write to. A tree may be deeper than a path can be long; at most
+  /// nine descriptors are open at once, and it gets along with two, or with one where paths are short. Errors
+  /// of Dir::open(), Info::get(), removeFile() and removeDir(), each with the path of the entry. A directory
+  /// that cannot be read on: OsError. One that was replaced by another meanwhile: FsError (ESTALE).
   static void removeTree(const char* path);
 
-  /// Creates a directory with the permission bits of `access`, 0700 without it, and with its owner and group
-  /// where they are set. EEXIST: FileExistsError; ENOENT: NoSuchFileError.
+  /// Creates a directory with the permission bits of `access`, 0700 without it, less those of the file
+  /// creation mask, and with its owner and group where they are set. EEXIST: FileExistsError; ENOENT:
+  /// NoSuchFileError. If the owner cannot be set (FsError), the directory stays.
   static void mkdir(const char* path, const Access* access = nullptr);
   /// Creates a directory and those missing above it, each with `access`. Errors of mkdir(): an existing
-  /// directory, also one that somebody else creates meanwhile, is a FileExistsError.
+  /// directory, also one that somebody else creates meanwhile, is a FileExistsError. Where there is no level
+  /// left to try, FsError (ENOENT) with the whole path: for the empty path, and for a null one, too.
   static void makedirs(const char* path, const Access* access = nullptr);
-  /// The same; false when the directory exists.
+  /// The same; false when a directory of this name exists, links followed.
   static bool tryMakedirs(const char* path, const Access* access = nullptr);
   /// Creates a directory (0700) named `name` and six generated characters; a name without '/' lies in the
   /// temporary directory. `name` becomes the full name; it is left alone by a failure, FsError with the name

@@ -5,7 +5,9 @@
 namespace kes::fs {
 
 /// Where the platform keeps things: asked anew by every call, never created, existing or not. The answers
-/// depend on the environment, which other threads must not change meanwhile.
+/// depend on the environment, which other threads must not change meanwhile. On macOS, where the system names
+/// no such directory, RuntimeError: userDataDir(), documentsDir(), userLogDir() and logDir(). Nothing else is
+/// raised: what cannot be examined or read counts as missing.
 class StandardPaths {
  public:
   /// The user's application data. macOS: ~/Library/Application Support. Linux: $XDG_DATA_HOME, else
@@ -16,8 +18,8 @@ class StandardPaths {
   static Path documentsDir();
   /// $TMPDIR when it names something that exists, else /tmp.
   static Path tempDir();
-  /// The user's own temporary directory. Linux: $XDG_RUNTIME_DIR when it is a directory that we own, else
-  /// tempDir().
+  /// The user's own temporary directory. macOS: below /var/folders; empty if the system has none. Linux:
+  /// $XDG_RUNTIME_DIR when it is a directory that we own, else tempDir().
   static Path userTempDir();
   /// The user's logs. macOS: ~/Library/Logs. Linux: "Logs" in $XDG_STATE_HOME, else in ~/.local/state.
   static Path userLogDir();
