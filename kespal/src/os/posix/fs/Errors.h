@@ -23,7 +23,9 @@ template <typename Error, int... Errnums>
 struct Raise {
   template <typename... About>
   [[gnu::always_inline]] static inline void forThese(const Site& site, int errnum, const About&... about) {
-    if (((errnum == Errnums) || ...)) raiseAt(site, Error(about..., errnum));
+    for (const int each : {Errnums...}) {
+      if (errnum == each) raiseAt(site, Error(about..., errnum));
+    }
   }
 };
 
