@@ -1,12 +1,13 @@
 #include "kesos/events.h"
 
 #include <pthread.h>
+#include <string.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <new>
-#include <system_error>
 
 #include "deadline.h"
 #include "kespal/os/thread/Native.h"
@@ -76,11 +77,18 @@ int waitLocal(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
   return waitResult(state, signalled, 1);
 }
 
+// strerror_r() comes in two forms: one returns the text, the other puts it into the buffer and returns 0.
+[[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
+[[maybe_unused]] const char* textOf(int failure, const char* buffer) { return failure == 0 ? buffer : ""; }
+
+/// Takes no memory, which may be what was missing.
 void reportFailedSet(const KesOsEvent* event, int errnum) {
   std::uint64_t thread = 0;
   kes::os::nativeThreadId(thread);
+  std::array<char, 256> buffer{};
   std::fprintf(stderr, "FATAL KesOsEventSet(%p): semctl failed (%d=%s pid=%u tid=%llu)\n",
-               static_cast<const void*>(event), errnum, std::generic_category().message(errnum).c_str(),
+               static_cast<const void*>(event), errnum,
+               textOf(::strerror_r(errnum, buffer.data(), buffer.size()), buffer.data()),
                static_cast<unsigned int>(::getpid()), static_cast<unsigned long long>(thread));
 }
 
