@@ -1,58 +1,35 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
-#include <utility>
 
 #include "kesos/files.h"
 #include "paths.h"
+#include "sys/NoCancel.h"
+#include "sys/Owner.h"
+#include "sys/Retry.h"
 
 namespace {
 
-/// A file descriptor that is closed with its owner.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    const int error = errno;
-    close();
-    errno = error;
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+using kes::kesos::failWith;
+using kes::sys::Descriptor;
+using kes::sys::retry;
 
-  int get() const { return fd_; }
+constexpr mode_t setIdBits = S_ISUID | S_ISGID;
 
-  /// Not to be cancelled: it would leave the file open, or a destructor by way of an exception.
-  bool close() {
-    if (fd_ < 0) return true;
-    int before = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-    const bool closed = ::close(std::exchange(fd_, -1)) == 0;
-    ::pthread_setcancelstate(before, &before);
-    return closed;
-  }
-
- private:
-  int fd_;
-};
-
-template <typename Call>
-ssize_t repeatWhenInterrupted(Call call) {
-  ssize_t result = call();
-  while (result < 0 && errno == EINTR) result = call();
-  return result;
+/// Whether the file could be closed, which is when some file systems say that it could not be written.
+bool close(Descriptor& file) {
+  const kes::sys::NoCancel untilClosed;
+  return ::close(file.release()) == 0;
 }
 
 bool writeAll(int fd, const char* data, std::size_t size) {
   while (size > 0) {
-    const ssize_t count = repeatWhenInterrupted([=] { return ::write(fd, data, size); });
+    const ssize_t count = retry([=] { return ::write(fd, data, size); });
     if (count < 0) return false;
     data += count;
     size -= static_cast<std::size_t>(count);
@@ -62,43 +39,67 @@ bool writeAll(int fd, const char* data, std::size_t size) {
 
 bool copyContent(int from, int to, std::size_t blockSize) {
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[blockSize]);
-  if (buffer == nullptr) return kes::kesos::failWith(ENOMEM) != 0;
+  if (buffer == nullptr) return failWith(ENOMEM) != 0;
   for (;;) {
-    const ssize_t count = repeatWhenInterrupted([&] { return ::read(from, buffer.get(), blockSize); });
+    const ssize_t count = retry([&] { return ::read(from, buffer.get(), blockSize); });
     if (count <= 0) return count == 0;
     if (!writeAll(to, buffer.get(), static_cast<std::size_t>(count))) return false;
   }
 }
 
-/// Gives the copy the source's owner. A change of owner takes away the set-id bits that a new file was
-/// created with; it gets them back.
-bool giveOwner(int fd, const struct stat& source, const struct stat& created, bool isNew) {
-  if (::fchown(fd, source.st_uid, source.st_gid) != 0) return false;
-  if (!isNew || (created.st_mode & (S_ISUID | S_ISGID)) == 0) return true;
-  return ::fchmod(fd, created.st_mode & 07777) == 0;
-}
+/// A file with set-id bits runs with the rights of its owner, so at no moment may it hold what is not yet, or
+/// not at all, its owner's: whoever reads the directory could run it. A new copy gets the bits last of all,
+/// and an existing file loses its own before anything is written.
+class Copy {
+ public:
+  Copy(const char* to, const struct stat& source) : to_(to), source_(source) {}
 
-bool copyTo(const char* to, int from, const struct stat& source) {
-  const bool isNew = ::access(to, F_OK) != 0;
-  Descriptor target(::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, source.st_mode & 07777));
-  struct stat state {};
-  if (target.get() < 0 || ::fstat(target.get(), &state) != 0) return false;
-  const std::size_t blockSize = state.st_blksize > 0 ? static_cast<std::size_t>(state.st_blksize) : 512;
-  if (!copyContent(from, target.get(), blockSize)) return false;
-  const bool given = giveOwner(target.get(), source, state, isNew);
-  if (!target.close() || !given) return false;
-  const utimbuf times{source.st_atime, source.st_mtime};
-  return ::utime(to, &times) == 0;
-}
+  bool open() {
+    const mode_t mode = source_.st_mode & 07777 & ~setIdBits;
+    file_.reset(::open(to_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    isNew_ = file_.get() >= 0;
+    if (!isNew_ && errno == EEXIST) file_.reset(::open(to_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    if (file_.get() < 0 || ::fstat(file_.get(), &state_) != 0) return false;
+    return (state_.st_mode & setIdBits) == 0 ||
+           ::fchmod(file_.get(), state_.st_mode & 07777 & ~setIdBits) == 0;
+  }
+
+  bool fill(int from) {
+    return copyContent(from, file_.get(),
+                       state_.st_blksize > 0 ? static_cast<std::size_t>(state_.st_blksize) : 512);
+  }
+
+  bool finish() {
+    const bool given = giveAway();
+    if (!close(file_) || !given) return false;
+    const utimbuf times{source_.st_atime, source_.st_mtime};
+    return ::utime(to_, &times) == 0;
+  }
+
+ private:
+  /// The source's owner and, for a new file, the source's set-id bits.
+  bool giveAway() {
+    if (::fchown(file_.get(), source_.st_uid, source_.st_gid) != 0) return false;
+    const mode_t setId = source_.st_mode & setIdBits;
+    return !isNew_ || setId == 0 || ::fchmod(file_.get(), (state_.st_mode & 07777) | setId) == 0;
+  }
+
+  const char* to_;
+  const struct stat& source_;
+  Descriptor file_;
+  struct stat state_ {};  ///< of the copy, before anything was written
+  bool isNew_ = false;
+};
 
 }  // namespace
 
 int KesOsCopyFile(const char* from, const char* to, char failIfExists) {
-  if (from == nullptr || to == nullptr) return kes::kesos::failWith(EFAULT);
-  if (failIfExists != 0 && KesOsFileExists(to) != 0) return kes::kesos::failWith(EEXIST);
+  if (from == nullptr || to == nullptr) return failWith(EFAULT);
+  if (failIfExists != 0 && KesOsFileExists(to) != 0) return failWith(EEXIST);
   Descriptor source(::open(from, O_RDONLY | O_CLOEXEC));
   struct stat state {};
-  if (source.get() < 0 || ::fstat(source.get(), &state) != 0) return 0;
-  const bool copied = copyTo(to, source.get(), state);
-  return source.close() && copied ? 1 : 0;
+  if (!source || ::fstat(source.get(), &state) != 0) return 0;
+  Copy copy(to, state);
+  const bool copied = copy.open() && copy.fill(source.get()) && copy.finish();
+  return close(source) && copied ? 1 : 0;
 }

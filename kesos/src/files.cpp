@@ -5,6 +5,7 @@
 #include <utime.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -23,15 +24,27 @@ bool lookAt(const char* name, struct stat& state) {
 
 bool isSeparator(char c) { return c == '/' || c == '\\'; }
 
+/// Whether a directory is there to be searched; `result` is whether it can be written to, too.
+bool canBeSearched(const char* prefix, int& result) {
+  if (::access(prefix, X_OK) != 0) return false;
+  result = ::access(prefix, W_OK) == 0 ? 1 : 0;
+  return true;
+}
+
 /// Makes sure that one directory of a path is there; false ends the walk. `result` is what this test found.
 bool checkOrCreate(const char* prefix, int& result) {
-  if (::access(prefix, X_OK) == 0) {
-    result = ::access(prefix, W_OK) == 0 ? 1 : 0;
-  } else if (::access(prefix, W_OK) != 0) {
-    result = ::mkdir(prefix, 0700) == 0 ? 1 : 0;
-    return result != 0;
-  }
-  return true;
+  if (canBeSearched(prefix, result) || ::access(prefix, W_OK) == 0) return true;
+  result = ::mkdir(prefix, 0700) == 0 ? 1 : 0;
+  if (result != 0) return true;
+  const int errnum = errno;
+  if (errnum == EEXIST && canBeSearched(prefix, result)) return true;  // somebody else was faster
+  return failWith(errnum) != 0;
+}
+
+/// Whether a part of the path has the first `length` bytes: it ends before a separator and at the last byte,
+/// whatever that is. The root needs no test.
+bool endsPart(std::string_view path, std::size_t length) {
+  return length == path.size() || (isSeparator(path[length]) && !isSeparator(path[length - 1]));
 }
 
 }  // namespace
@@ -54,10 +67,7 @@ int KesOsChkAndCreateDir(const char* path) {
   int result = 0;
   for (std::size_t length = 1; length <= whole.size(); ++length) {
     prefix[length - 1] = whole[length - 1];
-    // A part ends before a separator and at the end of the path; the root needs no test.
-    const bool ends = length == whole.size() || isSeparator(whole[length]);
-    if (!ends || isSeparator(whole[length - 1])) continue;
-    if (!checkOrCreate(prefix.data(), result)) break;
+    if (endsPart(whole, length) && !checkOrCreate(prefix.data(), result)) break;
   }
   return result;
 }

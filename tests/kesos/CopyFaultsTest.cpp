@@ -24,6 +24,7 @@ struct Plan {
   blksize_t blockSize = 0;     // 0: the file system's
 
   int interrupted = 0, reads = 0, closes = 0, fstats = 0, utimes = 0;
+  mode_t modesWritten = 0;  // bits of the modes that files had when they were written
   std::vector<std::size_t> readSizes{};
 };
 
@@ -55,11 +56,15 @@ ssize_t __wrap_read(int fd, void* data, std::size_t size) {
   return fail(EIO);
 }
 
+int __real_fstat(int fd, struct stat* state);
+
 ssize_t __real_write(int fd, const void* data, std::size_t size);
 ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
   if (isInterrupted()) return fail(EINTR);
   if (!plan) return __real_write(fd, data, size);
   plan->interrupted = 0;
+  struct stat state {};
+  if (__real_fstat(fd, &state) == 0) plan->modesWritten |= state.st_mode;
   return __real_write(fd, data, std::min(size, plan->mostWritten));
 }
 
@@ -69,7 +74,6 @@ int __wrap_close(int fd) {
   return plan && ++plan->closes == plan->failingClose ? fail(EIO) : result;
 }
 
-int __real_fstat(int fd, struct stat* state);
 int __wrap_fstat(int fd, struct stat* state) {
   const int result = __real_fstat(fd, state);
   const bool isDestination = plan && ++plan->fstats == 2;
@@ -157,6 +161,26 @@ TEST_F(CopyFaultsTest, ASourceThatCannotBeClosedGivesZeroAfterAll) {
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(done_.utimes, 1);
   EXPECT_EQ(readFile(to_), content_);
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat state {};
+  return ::stat(path.c_str(), &state) == 0 ? state.st_mode & 07777 : 0;
+}
+
+TEST_F(CopyFaultsTest, AFileHasNoSetIdBitsWhileItIsWritten) {
+  const mode_t before = ::umask(022);
+  ASSERT_EQ(::chmod(from_.c_str(), 06755), 0);
+  EXPECT_EQ(copy({}), 1);
+  EXPECT_EQ(done_.modesWritten & 06777U, 0755U);
+  EXPECT_EQ(modeOf(to_), 06755U) << "a new file gets them in the end";
+  EXPECT_EQ(copy({}), 1);
+  EXPECT_EQ(done_.modesWritten & 06777U, 0755U);
+  EXPECT_EQ(modeOf(to_), 0755U) << "a file that had them for another content loses them";
+  ASSERT_EQ(::unlink(to_.c_str()), 0);
+  EXPECT_EQ(copy({.lastRead = 1}), 0);
+  EXPECT_EQ(modeOf(to_), 0755U) << "and a copy that broke off never gets them";
+  ::umask(before);
 }
 
 TEST_F(CopyFaultsTest, ACancellationWaitsUntilBothFilesAreClosed) {

@@ -1,10 +1,12 @@
 #include "kesos/files.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -139,6 +141,35 @@ TEST_F(FilesTest, ARelativePathAndABackslashAreTakenApart) {
   EXPECT_EQ(result.exitCode(), 0);
 }
 
+TEST_F(FilesTest, TheLastCharacterOfAPathBelongsToItsLastDirectory) {
+  const ChildResult result = inChild([this] {
+    if (::chdir(dir_.path().c_str()) != 0) return 1;
+    if (KesOsChkAndCreateDir("b\\") != 1 || KesOsChkAndCreateDir("\\") != 1) return 2;
+    if (KesOsChkAndCreateDir("c/") != 1 || KesOsChkAndCreateDir("d\\e\\") != 1) return 3;
+    return KesOsChkAndCreateDir("b\\") == 1 ? 0 : 4;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(shell("cd " + dir_.path() + " && LC_ALL=C ls | tr '\\n' ' '"), "\\ b b\\ c d d\\e d\\e\\ ");
+}
+
+TEST_F(FilesTest, ProcessesThatCreateOnePathAtOnceAllSucceed) {
+  const Shared<std::atomic<int>> arrived;
+  const int processes = 4, rounds = 500;
+  const auto create = [&](int /*index*/) {
+    for (int round = 1; round <= rounds; ++round) {
+      ++*arrived;
+      while (*arrived < round * processes) ::sched_yield();
+      const std::string path = dir_ / std::to_string(round) + "/a/b/c";
+      if (KesOsChkAndCreateDir(path.c_str()) != 1) {
+        *arrived += rounds * processes;  // lets the others go
+        return 1;
+      }
+    }
+    return 0;
+  };
+  EXPECT_THAT(runProcesses(processes, create), testing::Each(0));
+}
+
 TEST_F(FilesTest, ADirectoryThatCannotBeCreatedEndsTheWalk) {
   writeFile(dir_ / "file", "");
   EXPECT_EQ(KesOsChkAndCreateDir((dir_ / "file").c_str()), 1) << "there is something of that name";
@@ -208,7 +239,7 @@ TEST_F(FilesTest, ACopyOfAForeignFileKeepsItsContentAndFails) {
   });
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(readFile(to), "content");
-  EXPECT_EQ(shell("stat -c %U " + to), "nobody");
+  EXPECT_EQ(shell("stat -c '%U %a' " + to), "nobody 755") << "not with the rights of the copier";
   EXPECT_NE(shell("stat -c %Y " + to), "1300000000");
 }
 

@@ -21,8 +21,9 @@ int KesOsFileExists(const char* name);
 int KesOsIsDir(const char* name);
 
 /** Makes sure that a directory exists, with all those above it; new ones get mode 0700. Parts are separated
- * by "/" or "\". 1 when it is there now, as far as can be said: for parts that existed, whether the last one
- * is writable. */
+ * by "/" or "\", but the last character belongs to the last part whatever it is: "a\" makes "a" and then a
+ * directory called "a\". 1 when it is there now, as far as can be said: for parts that existed, whether the
+ * last one is writable. Who makes the same path at the same time does not disturb. */
 int KesOsChkAndCreateDir(const char* path);
 
 /** The size of a file in bytes, cut to 32 bits; 0 in *size when it fails. */
@@ -36,8 +37,10 @@ int KesOsSetFileTime(const char* name, time_t t);
 
 /** Copies a file's content, mode (for a new file, less the umask), owner, group and times (in seconds).
  * With failIfExists a destination that is there already gives 0 (EEXIST); otherwise it is overwritten, and a
- * file that is copied onto itself emptied. When the owner cannot be kept the result is 0, with the content
- * copied and the times not. */
+ * file that is copied onto itself emptied. Set-id bits are taken from an existing file before anything is
+ * written to it, and 0 is the result when that is not permitted; a new file gets those of the source when it
+ * is complete and has its owner. When the owner cannot be kept the result is 0, with the content copied and
+ * the times not. */
 int KesOsCopyFile(const char* from, const char* to, char failIfExists);
 
 /** Deletes a file, an empty directory; renames. */
