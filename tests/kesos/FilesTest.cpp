@@ -380,7 +380,7 @@ TEST_F(FilesTest, TheDeepestTreeThatFitsNeedsASmallStackAndOneDescriptor) {
 }
 
 TEST_F(FilesTest, AWideTreeNeedsOneDescriptor) {
-  for (int index = 0; index < 300; ++index) {
+  for (int index = 0; index < 100; ++index) {
     const std::string top = dir_ / "t/" + std::to_string(index);
     std::filesystem::create_directories(top + "/a/b");
     writeFile(top + "/a/b/f", "");
