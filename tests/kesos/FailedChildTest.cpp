@@ -112,6 +112,7 @@ TEST(FailedChildTest, ADetachedChildRunsNoExitHandlers) {
 }
 
 TEST(FailedChildTest, AProcessWithoutAFreeDescriptorLosesThemAllTheSame) {
+  KES_SKIP_UNDER_SANITIZERS("looks for leaks at exit, and for that needs descriptors and files");
   const ChildResult result = inChild([] {
     return failWithoutDescriptors([] {
       const rlimit few{64, 64};
@@ -125,6 +126,7 @@ TEST(FailedChildTest, AProcessWithoutAFreeDescriptorLosesThemAllTheSame) {
 }
 
 TEST(FailedChildTest, WhereTheSystemListsNoDescriptorsTheyAreClosedInTurn) {
+  KES_SKIP_UNDER_SANITIZERS("looks for leaks at exit, and for that needs descriptors and files");
   if (::geteuid() != 0) GTEST_SKIP() << "only root leaves the file system";
   const TempDir dir;
   const ChildResult result = inChild([&dir] {
@@ -138,7 +140,8 @@ TEST(FailedChildTest, WhereTheSystemListsNoDescriptorsTheyAreClosedInTurn) {
 }
 
 TEST(FailedChildTest, AThreadThatWasCancelledBeforeTheForkIsNotUnwoundInTheChild) {
-  KES_SKIP_UNDER_THREAD_SANITIZER("has cancellations of its own");
+  KES_SKIP_UNDER_SANITIZERS(
+      "has cancellations of its own, and looks for leaks at exit in a thread without others");
   int exitCode = -1;
   const auto start = [](void* arg) -> void* {
     ::pthread_cancel(::pthread_self());
