@@ -1,17 +1,13 @@
 #pragma once
 
-#include <atomic>
-
-#include "kespal/signal/Set.h"
+#include "kespal/ForkPending.h"
 
 namespace kes {
 
-/// What the runtime object tells the layers below it, so that they need not know it. The other such value,
-/// the signal mask that the process started with, is signal::Set::m_original.
+/// The former name of ForkPending.
 class State {
  public:
-  /// The process is about to fork: no thread of the library may be created. Any thread may read it.
-  static inline constinit std::atomic<bool> m_fork_pending{false};
+  static inline constinit std::atomic<bool>& m_fork_pending = ForkPending::m_pending;
 };
 
 }  // namespace kes

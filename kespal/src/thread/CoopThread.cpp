@@ -8,23 +8,63 @@ namespace kes::thread {
 // While the lock is held, whoever waits is a co-owner of the control block, because the thread object may
 // be destroyed as soon as its owner sees the state that was waited for.
 
+struct CoopThread::Control final : BasicThread::Control {
+  Control(std::string threadName, CoopThread& threadObject, ICoopThread* threadBody)
+      : BasicThread::Control(std::move(threadName), /*isDetached=*/false),
+        object(threadObject),
+        body(threadBody) {}
+
+  CoopThread& object;  // only handed to the body, which outlives it if it is not a part of it
+  ICoopThread* const body;
+
+  // --- guarded by the condition's lock
+  CoopState coopState = Running;
+  Request request = Run;
+
+  bool hasBody() const noexcept override { return body != nullptr; }
+  void runBody() override {
+    body->thread(object);
+    {
+      const LockGuardT<Condition> guard(cond);
+      coopState = Returned;
+    }
+    cond.signalAll();
+  }
+  std::shared_ptr<BasicThread::Control> inChild() const override {
+    return std::make_shared<Control>(name, object, body);
+  }
+  void noteEnd() noexcept override { coopState = Returned; }
+  /// What was asked of the thread dies with its run: a request that is made from now on is meant for the
+  /// next.
+  void noteBurial() noexcept override {
+    coopState = Running;
+    request = Run;
+  }
+
+  // --- with the lock held
+  void enter(CoopState next) {
+    if (std::exchange(coopState, next) != next) cond.signalAll();
+  }
+  /// Waits while the thread does this in this run. False when the body has returned, or the run is over.
+  bool awaitEndOf(CoopState doing, std::uint64_t run) const {
+    while (coopState == doing && burials == run) cond.wait();
+    return coopState != Returned && burials == run;
+  }
+};
+
+std::shared_ptr<CoopThread::Control> CoopThread::control() const {
+  return std::static_pointer_cast<Control>(CppThread::control());
+}
+
 CoopThread::CoopThread(const std::string& name, ICoopThread* user, ICoopThread* self)
-    : CppThread(name, nullptr, user != nullptr || self != nullptr ? this : nullptr),
-      user_(user),
-      self_(self) {}
+    : CppThread(std::make_shared<Control>(name, *this, user != nullptr ? user : self)) {}
 
 CoopThread::~CoopThread() { revokeGo(); }
 
 void CoopThread::thread(CppThread&) {
-  Control& shared = *control();  // the native thread is an owner of it
-  ICoopThread* body = user_ != nullptr ? user_ : self_;
-  if (body == nullptr) raiseAt(KES_HERE, UsageError("Tried to run a thread that has no body"));
-  body->thread(*this);
-  {
-    const LockGuardT<Condition> guard(shared.cond);
-    shared.coopState = Returned;
-  }
-  shared.cond.signalAll();
+  const std::shared_ptr<Control> shared = control();
+  if (!shared->hasBody()) raiseAt(KES_HERE, UsageError("Tried to run a thread that has no body"));
+  shared->runBody();
 }
 
 void CoopThread::requestRun() { ask(Run); }
@@ -32,14 +72,16 @@ void CoopThread::requestRun() { ask(Run); }
 void CoopThread::requestReturn() { ask(Return); }
 
 void CoopThread::requestPause() {
-  const LockGuardT<Condition> guard(control()->cond);
-  control()->request = Pause;
+  const std::shared_ptr<Control> shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  shared->request = Pause;
 }
 
 bool CoopThread::requestPauseIfRun() {
-  const LockGuardT<Condition> guard(control()->cond);
-  if (control()->request == Run) control()->request = Pause;
-  return control()->request == Pause;
+  const std::shared_ptr<Control> shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  if (shared->request == Run) shared->request = Pause;
+  return shared->request == Pause;
 }
 
 void CoopThread::ask(Request request) {
@@ -59,11 +101,12 @@ void CoopThread::waitRunning() const {
   if (shared->state == BURIED) {
     raiseAt({"src/thread/Thread", 260, "waitRunning"}, UsageError("Thread is already buried"));
   }
+  const std::uint64_t run = shared->burials;
   if (isCaller()) {
     raiseAt({"src/thread/Thread", 265, "waitRunning"},
             UsageError("Can't wait on myself to enter running state"));
   }
-  if (!shared->outlast(Paused)) {
+  if (!shared->awaitEndOf(Paused, run)) {
     raiseAt({"src/thread/Thread", 277, "waitRunning"}, UsageError("CoopThread has returned"));
   }
 }
@@ -72,10 +115,10 @@ void CoopThread::waitReturned() const {
   const std::shared_ptr<Control> shared = control();
   const LockGuardT<Condition> guard(shared->cond);
   if (shared->state == BURIED) return;
+  const std::uint64_t run = shared->burials;
   if (isCaller()) {
     raiseAt({"src/thread/Thread", 289, "waitReturned"}, UsageError("Can't wait on myself to return"));
   }
-  const std::uint64_t run = shared->burials;
   while (shared->coopState != Returned && shared->burials == run) shared->cond.wait();
 }
 
@@ -85,58 +128,61 @@ void CoopThread::waitPaused() const {
   if (shared->state == BURIED) {
     raiseAt({"src/thread/Thread", 304, "waitPaused"}, UsageError("Thread is already buried"));
   }
+  const std::uint64_t run = shared->burials;
   if (isCaller()) {
     raiseAt({"src/thread/Thread", 309, "waitPaused"}, UsageError("Can't wait on myself to pause"));
   }
-  if (!shared->outlast(Running)) {
+  if (!shared->awaitEndOf(Running, run)) {
     raiseAt({"src/thread/Thread", 321, "waitPaused"}, UsageError("CoopThread has returned"));
   }
 }
 
 void CoopThread::pause() {
-  Control& shared = *control();
+  const std::shared_ptr<Control> shared = control();
   bool wasPaused = false;
   {
-    const LockGuardT<Condition> guard(shared.cond);
+    const LockGuardT<Condition> guard(shared->cond);
     if (!isCaller()) {
       raiseAt({"src/thread/Thread", 330, "pause"}, UsageError("Pause called from foreign thread"));
     }
-    while (shared.request == Pause) {
-      shared.setCoopState(Paused);
-      shared.cond.wait();
+    while (shared->request == Pause) {
+      shared->enter(Paused);
+      shared->cond.wait();
     }
-    wasPaused = std::exchange(shared.coopState, Running) == Paused;
+    wasPaused = std::exchange(shared->coopState, Running) == Paused;
   }
-  if (wasPaused) shared.cond.signalAll();
+  if (wasPaused) shared->cond.signalAll();
 }
 
 bool CoopThread::sleep(const time::RealtimeClock& deadline) {
-  Control& shared = *control();
+  const std::shared_ptr<Control> shared = control();
   bool woken = false;
   {
-    const LockGuardT<Condition> guard(shared.cond);
+    const LockGuardT<Condition> guard(shared->cond);
     if (!isCaller()) {
       raiseAt({"src/thread/Thread", 354, "sleep"}, UsageError("Pause called from foreign thread"));
     }
-    while (shared.request == Run) {
-      shared.setCoopState(Paused);
-      woken = shared.cond.waitTimed(deadline);
+    while (shared->request == Run) {
+      shared->enter(Paused);
+      woken = shared->cond.waitTimed(deadline);
       if (!woken) break;
     }
-    shared.coopState = Running;
+    shared->coopState = Running;
   }
-  shared.cond.signalAll();
+  shared->cond.signalAll();
   return woken;
 }
 
 CoopThread::Request CoopThread::request() const {
-  const LockGuardT<Condition> guard(control()->cond);
-  return control()->request;
+  const std::shared_ptr<Control> shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  return shared->request;
 }
 
 CoopThread::CoopState CoopThread::coopState() const {
-  const LockGuardT<Condition> guard(control()->cond);
-  return control()->coopState;
+  const std::shared_ptr<Control> shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  return shared->coopState;
 }
 
 }  // namespace kes::thread

@@ -5,17 +5,24 @@
 
 namespace kes::thread {
 
-const std::string& BasicThread::name() const noexcept { return control_->name; }
+const std::shared_ptr<BasicThread::Control>& BasicThread::control() const { return control_.get(); }
+
+const std::string& BasicThread::name() const noexcept { return control_.peek().name; }
 
 std::int64_t BasicThread::activeThreads() noexcept { return Control::m_active_threads.load(); }
 
 BasicThread::State BasicThread::state() const {
-  const LockGuardT<Condition> guard(control_->cond);
-  return control_->state;
+  const LockGuardT<Condition> guard(control()->cond);
+  return control()->state;
+}
+
+std::uint64_t BasicThread::burials() const {
+  const LockGuardT<Condition> guard(control()->cond);
+  return control()->burials;
 }
 
 void BasicThread::run() {
-  const std::shared_ptr<Control> shared = control_;
+  const std::shared_ptr<Control> shared = control();
   create();
   {
     const LockGuardT<Condition> guard(shared->cond);
@@ -29,18 +36,18 @@ void BasicThread::run() {
 }
 
 bool BasicThread::prepareJoin() {
-  const LockGuardT<Condition> guard(control_->cond);
-  return control_->prepareJoin();
+  const LockGuardT<Condition> guard(control()->cond);
+  return control()->prepareJoin();
 }
 
 void BasicThread::waitStartOver() const {
-  const std::shared_ptr<Control> shared = control_;
+  const std::shared_ptr<Control> shared = control();
   const LockGuardT<Condition> guard(shared->cond);
   shared->awaitStart();
 }
 
 BasicThread::Id BasicThread::id() const {
-  const std::shared_ptr<Control> shared = control_;
+  const std::shared_ptr<Control> shared = control();
   const LockGuardT<Condition> guard(shared->cond);
   shared->awaitStart();
   if (shared->state == BURIED || shared->state == CREATED) throwGetIdError();
@@ -48,9 +55,12 @@ BasicThread::Id BasicThread::id() const {
 }
 
 bool BasicThread::isCaller() const {
-  control_->awaitStart();
-  if (control_->state == BURIED || control_->state == CREATED) throwGetIdError();
-  return ::pthread_equal(::pthread_self(), control_->handle) != 0;
+  const Control& shared = *control();
+  const std::uint64_t run = shared.burials;
+  shared.awaitStart();
+  if (shared.burials != run) return false;
+  if (shared.state == BURIED || shared.state == CREATED) throwGetIdError();
+  return ::pthread_equal(::pthread_self(), shared.handle) != 0;
 }
 
 void BasicThread::throwGetIdError() const {
@@ -58,17 +68,28 @@ void BasicThread::throwGetIdError() const {
           RuntimeError("Can't get ID for non-existing thread"));
 }
 
+struct CppThread::Control final : BasicThread::Control {
+  Control(std::string threadName, CppThread& threadObject, IThread* threadBody)
+      : BasicThread::Control(std::move(threadName), /*isDetached=*/false),
+        object(threadObject),
+        body(threadBody) {}
+
+  CppThread& object;  // only handed to the body, which outlives it if it is not a part of it
+  IThread* const body;
+
+  bool hasBody() const noexcept override { return body != nullptr; }
+  void runBody() override { body->thread(object); }
+  std::shared_ptr<BasicThread::Control> inChild() const override {
+    return std::make_shared<Control>(name, object, body);
+  }
+};
+
 CppThread::CppThread(const std::string& name, IThread* user, IThread* self)
-    : BasicThread(user != nullptr || self != nullptr ? &threadRelay : nullptr, name, this,
-                  /*detached=*/false, /*stackSize=*/0),
-      user_(user),
-      self_(self) {}
+    : CppThread(std::make_shared<Control>(name, *this, user != nullptr ? user : self)) {}
+
+CppThread::CppThread(std::shared_ptr<BasicThread::Control> control)
+    : BasicThread(std::move(control), /*stackSize=*/0) {}
 
 CppThread::~CppThread() { revokeGo(); }
-
-void CppThread::threadRelay(void* thread) {
-  auto& self = *static_cast<CppThread*>(thread);
-  (self.user_ != nullptr ? self.user_ : self.self_)->thread(self);
-}
 
 }  // namespace kes::thread

@@ -247,6 +247,21 @@ TEST_F(CancelTest, ABodyThatRethrowsWhatItDoesNotKnowIsUnwoundToTheEnd) {
   expectBuried(thread);
 }
 
+TEST_F(CancelTest, AThreadThatTheSystemHasNoKeyForIsCountedDownWhenItIsKilled) {
+  std::atomic<bool> inside{false};
+  Body body = [&] {
+    inside = true;
+    ::poll(nullptr, 0, -1);
+  };
+  TestThread thread(body);
+  const Fault fault(Call::ThreadSetspecific, ENOMEM, Fault::Always);
+  thread.run();
+  ASSERT_TRUE(eventually([&] { return inside.load(); }));
+  EXPECT_TRUE(fault.struck());
+  thread.kill();
+  expectBuried(thread);
+}
+
 TEST_F(CancelTest, AFinishedThreadIsJustBuried) {
   Body body = [] {};
   TestThread thread(body);

@@ -32,6 +32,7 @@ enum class Call {
   ThreadCancel,
   ThreadKill,
   ThreadSetname,
+  ThreadSetspecific,
   ThreadGettid,
   SchedYield,
   Sigmask,

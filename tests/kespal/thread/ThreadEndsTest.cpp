@@ -1,8 +1,11 @@
 // Ends that must neither hang nor crash.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -166,6 +169,69 @@ TEST(ThreadEndsTest, AnObjectMayBeDestroyedByItsOwnBody) {
     thread->run();
     made.open();
     ASSERT_TRUE(aloneInTheEnd());
+  }
+}
+
+/// Destroys a thread object, and overwrites the place where it was, between its native thread's pick-up of
+/// the go and the first step of the body, which is not a part of it.
+template <typename Thread, typename User>
+void destroyBeforeTheBody(User& user) {
+  alignas(Thread) std::byte place[sizeof(Thread)];
+  auto* const thread = new (place) Thread("ends", &user);
+  Gate start, between;
+  std::atomic<bool> pickedUp{false};
+  const Interlude held(Call::ThreadSetname, [&] { start.pass(); });
+  thread->run();
+  const Interlude afterTheGo(Call::CondBroadcast, [&] {
+    pickedUp = true;
+    between.pass();
+  });
+  start.open();
+  ASSERT_TRUE(eventually([&] { return pickedUp.load(); }));
+  thread->~Thread();
+  std::fill(std::begin(place), std::end(place), std::byte{0xa5});
+  between.open();
+  EXPECT_TRUE(aloneInTheEnd());
+}
+
+TEST(ThreadEndsTest, ABodyOfItsOwnRunsAlthoughTheObjectIsGoneBeforeItsFirstStep) {
+  struct User : CppThread::IThread {
+    void thread(CppThread&) override { ran = true; }
+    std::atomic<bool> ran{false};
+  } user;
+  destroyBeforeTheBody<CppThread>(user);
+  EXPECT_TRUE(user.ran);
+}
+
+TEST(ThreadEndsTest, ACooperativeBodyOfItsOwnRunsAlthoughTheObjectIsGoneBeforeItsFirstStep) {
+  struct User : CoopThread::ICoopThread {
+    void thread(CoopThread&) override { ran = true; }
+    std::atomic<bool> ran{false};
+  } user;
+  destroyBeforeTheBody<CoopThread>(user);
+  EXPECT_TRUE(user.ran);
+}
+
+TEST(ThreadEndsTest, WhoWaitsForAThreadThatStartsIsNotToldThatThereIsNoneWhenItIsOver) {
+  struct User : CoopThread::ICoopThread {
+    void thread(CoopThread&) override {}
+  } user;
+  for (int i = 0; i < 100; ++i) {
+    CoopThread coop("ends", &user);
+    Gate start;
+    const Interlude held(Call::ThreadSetname, [&] { start.pass(); });
+    coop.run();
+    const int waits = made(Call::CondWait);
+    std::vector<std::thread> waiters;
+    std::vector<Raised> raised(8);
+    for (Raised& result : raised) {
+      waiters.emplace_back([&] { result = raisedBy([&] { coop.waitReturned(); }); });
+    }
+    ASSERT_TRUE(eventually([&] { return made(Call::CondWait) >= waits + 8; }));
+    start.open();
+    coop.join();
+    for (std::thread& waiter : waiters) waiter.join();
+    for (const Raised& result : raised) ASSERT_EQ(result, Raised{});
   }
 }
 

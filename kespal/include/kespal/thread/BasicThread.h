@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kespal/NoCopy.h"
+#include "kespal/thread/PerProcess.h"
 
 namespace kes::thread {
 
@@ -58,6 +59,10 @@ class BasicThread : NoCopy {
   /// thread leaves without running its body. Raises UsageError for a detached thread, OsError EDEADLK for
   /// the thread itself.
   void join();
+  /// The same, but only of the run that this number of burials names: returns at once when it is buried.
+  void joinRun(std::uint64_t burials);
+  /// How often the thread was buried, which names its present run, or the next one when it is BURIED.
+  std::uint64_t burials() const;
   /// Gets ready for joining: releases a held thread. False when there is nothing to join; raises
   /// UsageError for a detached thread that runs.
   bool prepareJoin();
@@ -65,6 +70,10 @@ class BasicThread : NoCopy {
   /// and only on some systems are the destructors on its stack run. Raises OsError ESRCH when a detached
   /// thread has ended, and what join() raises.
   void kill();
+
+  /// Sends a signal to the native thread, unless it has ended: there is nothing to wake then. Gives the
+  /// result code of pthread_kill.
+  int wakeBySignal(int signal) const;
 
   /// Waits while the state is STARTING.
   void waitStartOver() const;
@@ -86,18 +95,23 @@ class BasicThread : NoCopy {
   /// What the object and its native thread share, so that neither depends on the other's life.
   struct Control;
 
-  const std::shared_ptr<Control>& control() const noexcept { return control_; }
-  /// Whether the calling thread is this one; raises what id() raises. The control block is locked.
+  BasicThread(std::shared_ptr<Control> control, unsigned long stackSize);
+
+  const std::shared_ptr<Control>& control() const;
+  /// Whether the calling thread is this one; false, too, when the run was buried meanwhile. Raises what id()
+  /// raises. The control block is locked.
   bool isCaller() const;
   /// Takes back the go of a thread that has not picked it up, for an object that is about to die.
   void revokeGo() noexcept;  // NOLINT(bugprone-exception-escape): ends the program then
 
  private:
+  struct PlainControl;
   class LastStep;
 
   static void* nativeEntry(void* control);
+  static void live(Control& shared);
 
-  const std::shared_ptr<Control> control_;
+  const PerProcess<Control> control_;
   ::pthread_attr_t attributes_;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "kespal/thread/CppThread.h"
@@ -68,10 +69,10 @@ class CoopThread : public CppThread, public CppThread::IThread {
  private:
   friend class proc::Shepherd;
 
-  void ask(Request request);
+  struct Control;
 
-  ICoopThread* const user_;
-  ICoopThread* const self_;
+  std::shared_ptr<Control> control() const;
+  void ask(Request request);
 };
 
 }  // namespace kes::thread

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "kespal/thread/BasicThread.h"
@@ -28,11 +29,10 @@ class CppThread : public BasicThread {
   /// For a derived object that is a body itself: `self` is run when there is no `user`.
   CppThread(const std::string& name, IThread* user, IThread* self);
 
- private:
-  static void threadRelay(void* thread);
+  explicit CppThread(std::shared_ptr<BasicThread::Control> control);
 
-  IThread* const user_;
-  IThread* const self_;
+ private:
+  struct Control;
 };
 
 }  // namespace kes::thread

@@ -7,12 +7,15 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <csignal>
 #include <limits>
 #include <ostream>
 
 #include "error/Report.h"
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/error/StaticError.h"
+#include "kespal/os/thread/Native.h"
+#include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
 #include "thread/Control.h"
 
@@ -37,86 +40,81 @@ std::size_t acceptableStackSize(std::size_t wanted) {
 /// every system after a return, an exit and a cancellation alike.
 class BasicThread::LastStep {
  public:
-  /// False when the system refuses; then the native thread takes the step itself, if it gets to that.
+  /// False when the system has no key or no memory for it; then a cleanup handler has to take the step.
   static bool willBeTaken(Control& control) {
-    static const LastStep step;
-    return step.usable_ && ::pthread_setspecific(step.key_, &control) == 0;
+    return m_usable.load(std::memory_order_relaxed) && ::pthread_setspecific(m_key, &control) == 0;
   }
+  static void take(void* control) { static_cast<Control*>(control)->finish(); }
 
  private:
-  LastStep()
-      : usable_(::pthread_key_create(&key_,
-                                     [](void* control) { static_cast<Control*>(control)->finish(); }) == 0) {}
+  static bool makeKey() { return ::pthread_key_create(&m_key, &take) == 0; }
 
-  ::pthread_key_t key_{};
-  bool usable_;
+  static ::pthread_key_t m_key;
+  static std::atomic<bool> m_usable;
+};
+
+// When the program is initialised, not at the first use: a fork in the middle of that would leave the child
+// waiting for its end.
+::pthread_key_t BasicThread::LastStep::m_key;
+std::atomic<bool> BasicThread::LastStep::m_usable{makeKey()};
+
+/// The control block of a thread whose body is a function.
+struct BasicThread::PlainControl final : Control {
+  PlainControl(std::string threadName, bool isDetached, void (*body)(void*), void* bodyArgument)
+      : Control(std::move(threadName), isDetached), function(body), argument(bodyArgument) {}
+
+  void (*const function)(void*);
+  void* const argument;
+
+  bool hasBody() const noexcept override { return function != nullptr; }
+  void runBody() override { function(argument); }
+  std::shared_ptr<Control> inChild() const override {
+    return std::make_shared<PlainControl>(name, detached, function, argument);
+  }
 };
 
 BasicThread::BasicThread(void (*function)(void*), const std::string& name, void* argument, bool detached,
                          unsigned long stackSize)
-    : control_(std::make_shared<Control>(function, name, argument, detached)) {
-  if (const int result = ::pthread_attr_init(&attributes_); result != 0) raiseAt(KES_HERE, OsError(result));
-  int result = detached ? ::pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_DETACHED) : 0;
-  if (result == 0) {
-    const std::size_t wanted = stackSize != 0 ? stackSize : defaultStackSize;
-    result = ::pthread_attr_setstacksize(&attributes_, acceptableStackSize(wanted));
+    : BasicThread(std::make_shared<PlainControl>(name, detached, function, argument), stackSize) {}
+
+BasicThread::BasicThread(std::shared_ptr<Control> control, unsigned long stackSize)
+    : control_(std::move(control)) {
+  checkCode(KES_HERE, ::pthread_attr_init(&attributes_));
+  sys::AtEnd undo([this] { ::pthread_attr_destroy(&attributes_); });
+  if (control_.peek().detached) {
+    checkCode(KES_HERE, ::pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_DETACHED));
   }
-  if (result != 0) {
-    ::pthread_attr_destroy(&attributes_);
-    raiseAt(KES_HERE, OsError(result));
-  }
+  const std::size_t wanted = stackSize != 0 ? stackSize : defaultStackSize;
+  checkCode(KES_HERE, ::pthread_attr_setstacksize(&attributes_, acceptableStackSize(wanted)));
+  undo.dismiss();
 }
 
 // A thread whose lock or end the system refuses ends the program: nothing could go on safely.
 BasicThread::~BasicThread() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilBuried;
-  const std::shared_ptr<Control> shared = control_;
-  LockGuardT<Condition> guard(shared->cond);
-  if (shared->mustBury()) {
-    guard.unlock();
-    join();
-  }
+  if (!control_.isInherited() && control()->outliveObject()) join();
   ::pthread_attr_destroy(&attributes_);
 }
 
-/// Called when the object dies. A thread whose body runs is left to itself, and so is its stack; a detached
-/// one cannot be joined, so its end is waited for here.
-bool BasicThread::Control::mustBury() {
-  const bool idle = state == FINISHED || state == CREATED;
-  if (detached) {
-    if (idle) prepareJoin();
-    while (idle && alive) cond.wait();
-    return false;
-  }
-  if ((state == STARTING || state == RUNNING) && !joining && !std::exchange(abandoned, true)) {
-    ::pthread_detach(handle);
-  }
-  return idle && !abandoned;
-}
-
 void BasicThread::revokeGo() noexcept {  // NOLINT(bugprone-exception-escape)
-  const LockGuardT<Condition> guard(control_->cond);
-  if (control_->state != STARTING || control_->joining) return;
-  control_->state = FINISHED;
-  control_->abandoned = true;
-  ::pthread_detach(control_->handle);
-  control_->cond.signalAll();
+  if (!control_.isInherited()) control()->revokeGo();
 }
 
 void BasicThread::create() {
-  const LockGuardT<Condition> guard(control_->cond);
-  Control& shared = *control_;
+  const std::shared_ptr<Control>& own = control();
+  Control& shared = *own;
+  const LockGuardT<Condition> guard(shared.cond);
   if (shared.state != BURIED) {
     raiseAt({"src/os/posix/thread/Thread", 154, "create"},
             UsageError("Tried to start a thread that is not BURIED"));
   }
-  if (kes::State::m_fork_pending) {
+  if (ForkPending::m_pending) {
     raiseAt({"src/os/posix/thread/Thread", 161, "create"},
             RuntimeError("Tried to create a thread before forking!"));
   }
-  if (shared.function == nullptr) raiseAt(KES_HERE, UsageError("Tried to start a thread that has no body"));
+  if (!shared.hasBody()) raiseAt(KES_HERE, UsageError("Tried to start a thread that has no body"));
   shared.nativeId = Control::unknownId;
-  shared.nativeShare = control_;
+  shared.nativeShare = own;
   if (const int result = ::pthread_create(&shared.handle, &attributes_, &nativeEntry, &shared); result != 0) {
     shared.nativeShare.reset();
     raiseAt({"src/os/posix/thread/Thread", 173, "create"}, OsError(result));
@@ -128,7 +126,17 @@ void BasicThread::create() {
 // Not noexcept: a cancellation unwinds through it.
 void* BasicThread::nativeEntry(void* control) {
   auto& shared = *static_cast<Control*>(control);
-  const bool willFinish = LastStep::willBeTaken(shared);
+  if (LastStep::willBeTaken(shared)) {
+    live(shared);
+  } else {
+    pthread_cleanup_push(&LastStep::take, control);
+    live(shared);
+    pthread_cleanup_pop(1);
+  }
+  return nullptr;
+}
+
+void BasicThread::live(Control& shared) {
   os::nameThread(shared.name.c_str());
   std::uint64_t ownId = Control::unknownId;
   try {
@@ -137,16 +145,19 @@ void* BasicThread::nativeEntry(void* control) {
     report({"Failed to get native thread ID\n"});
   }
   shared.entry(ownId);
-  if (!willFinish) shared.finish();
-  return nullptr;
 }
 
 void BasicThread::join() {
+  if (!control_.isInherited()) joinRun(burials());
+}
+
+void BasicThread::joinRun(std::uint64_t burials) {
   constexpr Site site{"src/os/posix/thread/Thread", 190, "join"};
-  const std::shared_ptr<Control> shared = control_;
+  if (control_.isInherited()) return;
+  const std::shared_ptr<Control> shared = control();
   {
     const LockGuardT<Condition> guard(shared->cond);
-    if (!shared->prepareJoin()) return;
+    if (shared->burials != burials || !shared->prepareJoin()) return;
     // What the system would say: of a detached thread that has ended it must not be asked, and a thread
     // that joins itself must not first wait for another that joins it.
     if (shared->detached) raiseAt(site, OsError(EINVAL));
@@ -155,21 +166,19 @@ void BasicThread::join() {
   }
   const int result = shared->awaitEnd();
   shared->endJoin(/*buried=*/result == 0);
-  if (result != 0) raiseAt(site, OsError(result));
+  checkCode(site, result);
 }
 
-int BasicThread::Control::awaitEnd() {
-  int result = 0;
-  const auto giveUp = [](void* control) { static_cast<Control*>(control)->endJoin(/*buried=*/false); };
-  pthread_cleanup_push(giveUp, this);
-  result = ::pthread_join(handle, nullptr);
-  pthread_cleanup_pop(0);
-  return result;
+int BasicThread::wakeBySignal(int signal) const {
+  const std::shared_ptr<Control> shared = control();
+  const LockGuardT<Condition> guard(shared->cond);  // as in kill()
+  return shared->alive ? ::pthread_kill(shared->handle, signal) : 0;
 }
 
 void BasicThread::kill() {
   constexpr Site site{"src/os/posix/thread/Thread", 225, "kill"};
-  const std::shared_ptr<Control> shared = control_;
+  if (control_.isInherited()) return;
+  const std::shared_ptr<Control> shared = control();
   {
     // The lock keeps the native thread from its last step, so that its handle stays valid meanwhile. It is
     // free again before joining, which takes it too.
@@ -177,21 +186,17 @@ void BasicThread::kill() {
     if (shared->state == BURIED) return;
     if (shared->state != FINISHED) {
       if (!shared->alive) raiseAt(site, OsError(ESRCH));
-      if (const int result = ::pthread_cancel(shared->handle); result != 0) raiseAt(site, OsError(result));
+      checkCode(site, ::pthread_cancel(shared->handle));
     }
   }
   join();
 }
 
-void BasicThread::yield() {
-  if (::sched_yield() != 0) raiseAt({"src/os/posix/thread/Thread", 236, "yield"}, OsError(errno));
-}
+void BasicThread::yield() { check({"src/os/posix/thread/Thread", 236, "yield"}, ::sched_yield()); }
 
 std::uint64_t getNativeThreadId() {
   std::uint64_t id = 0;
-  if (const int result = os::nativeThreadId(id); result != 0) {
-    raiseAt({"src/os/posix/thread/Thread", 248, "getNativeThreadId"}, OsError(result));
-  }
+  checkCode({"src/os/posix/thread/Thread", 248, "getNativeThreadId"}, os::nativeThreadId(id));
   return id;
 }
 

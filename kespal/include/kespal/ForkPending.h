@@ -1,0 +1,14 @@
+#pragma once
+
+#include <atomic>
+
+namespace kes {
+
+/// Whether the process is about to fork, so that no thread of the library may be created. The runtime object
+/// sets it; the layers below read it here, and need not know the runtime. Any thread may read it.
+class ForkPending {
+ public:
+  static inline constinit std::atomic<bool> m_pending{false};
+};
+
+}  // namespace kes

@@ -1,0 +1,248 @@
+// Thread objects in a forked child, where their native threads do not exist.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "kespal/thread/ErrorAt.h"
+#include "kespal/thread/Faults.h"
+#include "kespal/thread/NativeThreads.h"
+#include "kespal/thread/Thread.h"
+#include "support/Eventually.h"
+#include "support/ForkedChild.h"
+#include "support/Gate.h"
+#include "support/NoMemory.h"
+#include "support/Sanitizer.h"
+
+namespace kes::thread {
+namespace {
+
+using namespace test;
+
+using Body = std::function<void()>;
+
+class TestThread : public BasicThread {
+ public:
+  explicit TestThread(Body& body, bool detached = false)
+      : BasicThread([](void* argument) { (*static_cast<Body*>(argument))(); }, "fork", &body, detached, 0) {}
+};
+
+/// In a child that does not live long enough to be waited for if it hangs.
+ChildResult inBriefChild(const std::function<int()>& body) {
+  return inChild([&] {
+    ::alarm(20);
+    return body();
+  });
+}
+
+enum class Life { Buried, Created, Starting, Running, Finished, HeldDetached, RunningDetached };
+
+class ForkTest : public testing::TestWithParam<Life> {
+ protected:
+  void SetUp() override {
+    KES_SKIP_UNDER_THREAD_SANITIZER("does not follow threads that a fork left behind");
+    thread_ = std::make_unique<TestThread>(body_, GetParam() >= Life::HeldDetached);
+    bring();
+  }
+  void TearDown() override {
+    start_.open();
+    body_gate_.open();
+    thread_.reset();
+    EXPECT_TRUE(aloneInTheEnd());
+  }
+
+  Gate start_, body_gate_;
+  std::atomic<int> ran_{0};
+  Body body_ = [this] {
+    ++ran_;
+    body_gate_.pass();
+  };
+  std::unique_ptr<TestThread> thread_;
+
+ private:
+  void bring() {
+    switch (GetParam()) {
+      case Life::Buried:
+        return;
+      case Life::Created:
+      case Life::HeldDetached:
+        return thread_->create();
+      case Life::Starting:
+        hold_ = std::make_unique<Interlude>(Call::ThreadSetname, [this] { start_.pass(); });
+        return thread_->run();
+      case Life::Running:
+      case Life::RunningDetached:
+        thread_->run();
+        ASSERT_TRUE(eventually([&] { return ran_ == 1; }));
+        return;
+      case Life::Finished:
+        body_gate_.open();
+        thread_->run();
+        ASSERT_TRUE(eventually([&] { return thread_->state() == BasicThread::FINISHED; }));
+        return;
+    }
+  }
+
+  std::unique_ptr<Interlude> hold_;
+};
+
+TEST_P(ForkTest, TheObjectCanBeDestroyedInTheChild) {
+  const ChildResult child = inBriefChild([&] {
+    const NoMemory starving;
+    thread_.reset();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+}
+
+TEST_P(ForkTest, JoiningAndKillingInTheChildWaitForNothingAndRaiseNothing) {
+  const ChildResult child = inBriefChild([&] {
+    const NoMemory starving;
+    thread_->join();
+    thread_->kill();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+}
+
+TEST_P(ForkTest, TheThreadIsBuriedInTheChildAndCanBeStartedAnew) {
+  const ChildResult child = inBriefChild([&] {
+    body_gate_.open();
+    ran_ = 0;
+    const bool buried = thread_->state() == BasicThread::BURIED && BasicThread::activeThreads() == 0;
+    thread_->run();
+    if (GetParam() < Life::HeldDetached) thread_->join();
+    const bool ran = eventually([&] { return ran_ == 1 && BasicThread::activeThreads() == 0; });
+    return buried && ran && thread_->name() == "fork" ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+}
+
+TEST_P(ForkTest, ALockThatNobodyHoldsInTheChildIsNotWaitedFor) {
+  Gate held, release;
+  const Interlude holding(Call::MutexLock, [&] {
+    held.open();
+    release.pass();
+  });
+  std::thread holder([&] { thread_->state(); });
+  held.pass();
+  const ChildResult child = inBriefChild([&] {
+    body_gate_.open();
+    thread_->join();
+    thread_->kill();
+    thread_->run();
+    thread_.reset();
+    return 0;
+  });
+  release.open();
+  holder.join();
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+}
+
+constexpr const char* names[] = {"Buried",   "Created",      "Starting",       "Running",
+                                 "Finished", "HeldDetached", "RunningDetached"};
+
+INSTANTIATE_TEST_SUITE_P(EveryState, ForkTest,
+                         testing::Values(Life::Buried, Life::Created, Life::Starting, Life::Running,
+                                         Life::Finished, Life::HeldDetached, Life::RunningDetached),
+                         [](const auto& test) { return names[static_cast<int>(test.param)]; });
+
+struct Pauser : CoopThread::ICoopThread {
+  void thread(CoopThread& self) override {
+    while (self.request() != CoopThread::Return) self.pause();
+  }
+};
+
+TEST(CoopForkTest, ACooperativeThreadIsBuriedInTheChildAndObeysThereOnceItIsStartedAnew) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("does not follow threads that a fork left behind");
+  Pauser body;
+  CoopThread coop("coop", &body);
+  coop.requestPause();
+  coop.run();
+  coop.waitPaused();
+  const ChildResult child = inBriefChild([&] {
+    coop.waitReturned();
+    std::cout << raisedBy([&] { coop.waitPaused(); }).what << ", " << coop.request() << coop.coopState();
+    coop.requestPause();
+    coop.run();
+    coop.waitPaused();
+    coop.requestReturn();
+    coop.join();
+    return 0;
+  });
+  EXPECT_EQ(child.out, "Thread is already buried, 00");
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+  EXPECT_EQ(coop.coopState(), CoopThread::Paused);  // the parent's thread knows nothing of it
+  coop.requestReturn();
+  coop.join();
+}
+
+TEST(CoopForkTest, SeveralThreadsOfTheChildMayBeTheFirstToUseAnObject) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("does not follow threads that a fork left behind");
+  Pauser body;
+  CoopThread coop("coop", &body);
+  for (int i = 0; i < 20; ++i) {
+    const ChildResult child = inBriefChild([&] {
+      std::vector<std::thread> users;
+      std::atomic<int> runs{0};
+      Gate go;
+      for (int j = 0; j < 4; ++j) {
+        users.emplace_back([&] {
+          go.pass();
+          coop.requestReturn();
+          if (raisedBy([&] { coop.run(); }).type.empty()) ++runs;
+        });
+      }
+      go.open();
+      for (std::thread& user : users) user.join();
+      coop.requestReturn();
+      coop.join();
+      return runs.load();
+    });
+    ASSERT_EQ(child.exitCode(), 1) << "signal " << child.signal() << child.err;
+  }
+}
+
+TEST(CoopForkTest, AThreadThatForksEndsInTheChildAsInTheParent) {
+  KES_SKIP_UNDER_SANITIZERS("watches how a thread ends a process");
+  std::atomic<pid_t> pid{0};
+  Body body = [&] {
+    pid = ::fork();
+    if (pid == 0) ::alarm(20);
+  };
+  TestThread thread(body);
+  thread.run();
+  thread.join();
+  int status = -1;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);  // its only thread has returned
+  EXPECT_EQ(BasicThread::activeThreads(), 0);
+}
+
+TEST(CoopForkTest, AChildOfAChildHasAThreadOfItsOwnAgain) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("does not follow threads that a fork left behind");
+  Pauser body;
+  CoopThread coop("coop", &body);
+  const auto runsAndReturns = [&] {
+    coop.requestPause();
+    coop.run();
+    coop.waitPaused();
+    return 0;
+  };
+  runsAndReturns();
+  const ChildResult child = inBriefChild([&] {
+    runsAndReturns();
+    return inBriefChild([&] { return runsAndReturns(); }).exitCode();
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
+  coop.requestReturn();
+  coop.join();
+}
+
+}  // namespace
+}  // namespace kes::thread
