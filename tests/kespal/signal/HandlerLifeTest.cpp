@@ -1,11 +1,16 @@
 // The handler's thread: its start, its end, and what makes them fail.
+#include <atomic>
 #include <cerrno>
+#include <thread>
+#include <vector>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/signal/HandlerFixture.h"
 #include "kespal/thread/Faults.h"
 #include "kespal/thread/Thread.h"
 #include "support/ForkedChild.h"
+#include "support/Gate.h"
+#include "support/Sanitizer.h"
 
 namespace kes::signal {
 namespace {
@@ -31,6 +36,19 @@ TEST_F(HandlerTest, AManagementSignalThatCannotBeWaitedForIsRefused) {
   }
   handler.start(SIGUSR1);
   handler.stop();
+}
+
+TEST_F(HandlerTest, AManagementSignalThatNobodyMayHandleIsRefusedBeforeItEndsTheProcess) {
+  const ChildResult child = inChild([] {
+    Handler handler;
+    int refused = 0;
+    for (const int signal : {SIGKILL, SIGSTOP}) {
+      if (raisedBy([&] { handler.start(signal); }).type == "UsageError") ++refused;
+      handler.stop();
+    }
+    return refused;
+  });
+  EXPECT_EQ(child.exitCode(), 2) << "signal " << child.signal();
 }
 
 TEST_F(HandlerTest, StoppingBeforeStartingAndTwiceDoesNothing) {
@@ -70,9 +88,9 @@ TEST_F(HandlerTest, StartingARunningHandlerIsMisuseAndChangesNothing) {
 
 TEST_F(HandlerTest, AStartThatFailsLeavesTheHandlerStopped) {
   Handler handler;
-  State::m_fork_pending = true;
+  ForkPending::m_pending = true;
   EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).type, "RuntimeError");
-  State::m_fork_pending = false;
+  ForkPending::m_pending = false;
   {
     const Fault fault(Call::ThreadCreate, EAGAIN);
     EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).line, 173);
@@ -127,6 +145,90 @@ TEST_F(HandlerTest, AThreadThatIsGoneCountsAsStopped) {
 TEST_F(HandlerTest, AManagementSignalWithoutAThreadIsRefused) {
   Handler handler;
   EXPECT_EQ(raisedBy([&] { handler.sendMgmSig(); }).type, "RuntimeError");
+}
+
+TEST_F(HandlerTest, TheManagementSignalMayBeSentWhileOthersStartAndStopTheThread) {
+  Handler handler;
+  std::atomic<bool> over{false};
+  std::vector<std::thread> senders;
+  for (int i = 0; i < 3; ++i) {
+    senders.emplace_back([&] {
+      while (!over) {
+        const Raised raised = raisedBy([&] { handler.sendMgmSig(); });
+        EXPECT_TRUE(raised.type.empty() || raised.type == "RuntimeError") << raised.type;
+      }
+    });
+  }
+  for (int i = 0; i < 500; ++i) {
+    handler.start(i % 2 == 0 ? SIGUSR1 : SIGUSR2);
+    handler.stop();
+  }
+  over = true;
+  for (std::thread& sender : senders) sender.join();
+}
+
+TEST_F(HandlerTest, WhoStopsAHandlerDoesNotWaitForTheThreadThatAnotherOneHasStartedSince) {
+  for (int i = 0; i < 500; ++i) {
+    Handler handler;
+    handler.start(SIGUSR1);
+    std::vector<std::thread> stoppers;
+    for (int j = 0; j < 4; ++j) stoppers.emplace_back([&] { handler.stop(); });
+    handler.stop();
+    raisedBy([&] { handler.start(SIGUSR1); });
+    const bool restarted = raisedBy([&] { handler.sendMgmSig(); }).type.empty();
+    for (std::thread& stopper : stoppers) stopper.join();  // hung when it joined the new thread
+    if (restarted) handler.stop();
+  }
+}
+
+TEST_F(HandlerTest, AThreadThatIsToldToLeaveSignalsTakesNoMoreAndNobodyWaitsForIt) {
+  Gate inside, go;
+  Notifier busy([&](int) {
+    inside.open();
+    go.pass();
+  });
+  Handler handler;
+  handler.add(SIGTERM, busy);
+  handler.start(SIGUSR1);
+  send(SIGTERM);
+  inside.pass();
+  handler.leaveSignals();  // the handler's lock is held by the thread, which waits
+  send(SIGTERM);
+  go.open();
+  EXPECT_TRUE(eventually([] { return thread::BasicThread::activeThreads() == 0; }));
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_TRUE(Set(pending).contains(SIGTERM));
+  EXPECT_EQ(busy.count, 1);
+  handler.stop();
+  handler.start(SIGUSR1);
+  EXPECT_TRUE(busy.isTold(2));
+  handler.stop();
+}
+
+TEST_F(HandlerTest, AnIdleThreadThatIsToldToLeaveSignalsEnds) {
+  Handler handler;
+  handler.leaveSignals();  // nobody is there to be told
+  handler.start(SIGUSR1);
+  handler.leaveSignals();
+  EXPECT_TRUE(eventually([] { return thread::BasicThread::activeThreads() == 0; }));
+  handler.stop();
+}
+
+TEST_F(HandlerTest, ASignalThatWasTakenWhenTheThreadIsToldToLeaveSignalsGoesBackToTheProcess) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
+  const ChildResult child = inChild([] {
+    ::alarm(20);
+    Notifier notifier;
+    Handler handler;
+    handler.add(SIGTERM, notifier);
+    const Interlude told(Call::Sigwait, [&] { handler.leaveSignals(); });
+    handler.start(SIGUSR1);
+    send(SIGTERM);
+    eventually([&] { return notifier.count > 0; });
+    return 1;
+  });
+  EXPECT_EQ(child.signal(), SIGTERM);
 }
 
 TEST_F(HandlerTest, AHandlerThatIsDestroyedWhileItRunsStopsFirst) {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Thread.h"
 #include "support/Eventually.h"
@@ -102,9 +102,9 @@ TEST_P(ThreadModelTest, OneThreadDoesWhatTheStateTableForetells) {
         break;
       }
       default: {
-        State::m_fork_pending = true;
+        ForkPending::m_pending = true;
         const Raised raised = raisedBy([&] { thread.create(); });
-        State::m_fork_pending = false;
+        ForkPending::m_pending = false;
         EXPECT_EQ(raised.line, model == T::BURIED ? 161 : 154);
       }
     }

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/error/FsError.h"
 #include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Faults.h"
@@ -142,11 +142,11 @@ TEST(ThreadTest, NoThreadIsCreatedWhileAForkIsPending) {
   int ran = 0;
   Body body = [&] { ++ran; };
   TestThread thread(body);
-  kes::State::m_fork_pending = true;
+  ForkPending::m_pending = true;
   EXPECT_EQ(raisedBy([&] { thread.run(); }),
             runtimeError("Tried to create a thread before forking!", osSource, 161, "create"));
   EXPECT_EQ(thread.state(), BasicThread::BURIED);
-  kes::State::m_fork_pending = false;
+  ForkPending::m_pending = false;
   thread.run();
   thread.join();
   EXPECT_EQ(ran, 1);

@@ -1,13 +1,22 @@
 #include "kespal/signal/Handler.h"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
+#include <map>
+#include <set>
 
 #include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/os/thread/Native.h"
 #include "kespal/signal/Mask.h"
+#include "kespal/signal/Sender.h"
+#include "kespal/signal/Set.h"
+#include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
+#include "signal/Blocked.h"
 #include "sys/NoCancel.h"
 
 namespace kes::signal {
@@ -16,20 +25,54 @@ namespace {
 
 using Guard = thread::LockGuardT<thread::Lock>;
 
-/// Blocks a signal for a scope, so that a thread that is started there inherits it blocked: a signal that
-/// comes before the thread's first wait would otherwise end the process.
-class Blocked : NoCopy {
- public:
-  explicit Blocked(int signal) : before_(Mask::get()) { Mask::call({signal}, SIG_BLOCK); }
-  ~Blocked() { ::pthread_sigmask(SIG_SETMASK, &before_.native(), nullptr); }
-
- private:
-  const Set before_;
+/// Who is told about which signal, and what the thread waits for.
+struct Registrations {
+  std::map<int, std::multiset<Handler::INotify*>> notifiers;
+  Set waitSet;
 };
+
+/// The process gets a signal that the thread took although it was told to leave them alone.
+void giveBack(int signal, int mgmSignal) {
+  if (signal == mgmSignal) return;
+  Mask::call({signal}, SIG_UNBLOCK);
+  Sender::signalProc(signal, ::getpid());
+}
+
+/// Nobody may handle the one kind, and sigwait() takes none of the other.
+bool canBeWaitedFor(int signal) {
+  return Set{signal}.contains(signal) && signal != SIGKILL && signal != SIGSTOP;
+}
 
 }  // namespace
 
-Handler::Handler() : worker_("signal handler", this) {}
+/// What the threads of one process share. All is guarded by the lock, except what is told without it.
+struct Handler::Shared : thread::ProcessBound {
+  explicit Shared(Handler& handler, const Registrations& first = {}, int formerMgmSignal = 0)
+      : mgmSignal(formerMgmSignal),
+        registrations(first),
+        owner(handler),
+        worker("signal handler", &handler) {}
+
+  thread::Lock lock{thread::Normal};
+  bool running = false;
+  std::atomic<int> mgmSignal;        ///< may be read without the lock
+  std::atomic<bool> leaving{false};  ///< the thread is to take no signal; set without the lock
+  thread::Replaceable<Registrations> registrations;
+  Handler& owner;
+  thread::CppThread worker;
+
+  std::shared_ptr<Shared> inChild() const {
+    return std::make_shared<Shared>(owner, *registrations, mgmSignal);
+  }
+
+  /// A thread that has ended needs no waking.
+  void sendMgmSig() const { checkCode(KES_HERE, worker.wakeBySignal(mgmSignal)); }
+  std::uint64_t tellToEnd();
+  bool findWaitSet(Set& set) const;
+  void handle(int signal, const siginfo_t& info) const;
+};
+
+Handler::Handler() : shared_(std::make_shared<Shared>(*this)) {}
 
 Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilStopped;
@@ -37,98 +80,126 @@ Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
     stop();
   } catch (const Exception& error) {
     reportStack({"Error stopping the signal thread:\n"}, error);
-    worker_.kill();  // it must not outlive what it works on
+    shared_.get()->worker.kill();  // it must not outlive what it works on
   }
 }
 
 void Handler::start(const int& mgmSignal) {
-  if (!Set{mgmSignal}.contains(mgmSignal)) {
+  if (!canBeWaitedFor(mgmSignal)) {
     raiseAt(KES_HERE, UsageError("tried to manage the signal thread by a signal that cannot be waited for"));
   }
-  const Guard guard(lock_);
-  const Blocked inherited(mgmSignal);
-  worker_.run();  // waits for the lock before it does anything
-  if (!notifiers_.contains(mgmSignal_)) waitSet_.remove(mgmSignal_);
-  mgmSignal_ = mgmSignal;
-  waitSet_.add(mgmSignal);
-  running_ = true;
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  const Guard guard(shared->lock);
+  auto next = std::make_unique<Registrations>(*shared->registrations);
+  if (!next->notifiers.contains(shared->mgmSignal)) next->waitSet.remove(shared->mgmSignal);
+  next->waitSet.add(mgmSignal);
+  {
+    // The thread inherits the signal blocked: one that comes before its first wait would end the process.
+    const Blocked inherited({mgmSignal});
+    shared->worker.run();  // waits for the lock before it does anything
+  }
+  shared->registrations.replace(std::move(next));
+  shared->mgmSignal = mgmSignal;
+  shared->leaving = false;
+  shared->running = true;
 }
 
 void Handler::stop() {
-  {
-    const Guard guard(lock_);
-    try {
-      if (running_) sendMgmSig();
-    } catch (const OsError& error) {
-      if (error.errnum() != ESRCH) throw;  // the thread has ended by itself, as some systems tell
-    }
-    running_ = false;
-  }
-  worker_.join();
+  if (shared_.isInherited()) return;
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  shared->worker.joinRun(shared->tellToEnd());
 }
 
-// Signals are sent under the lock: while `running_` holds, nobody can have joined the thread, so that its
-// handle is valid.
+/// Names the run that ends: by the time it is joined, others may have done so and started the next one.
+std::uint64_t Handler::Shared::tellToEnd() {
+  const Guard guard(lock);
+  try {
+    if (running) sendMgmSig();
+  } catch (const OsError& error) {
+    if (error.errnum() != ESRCH) throw;  // the thread has ended by itself, as some systems tell
+  }
+  running = false;
+  return worker.burials();
+}
+
+void Handler::leaveSignals() {
+  if (shared_.isInherited()) return;
+  const Shared& shared = *shared_.get();
+  shared_.get()->leaving = true;
+  shared.sendMgmSig();
+}
 
 void Handler::add(const int& signal, INotify& notifier) {
-  const Guard guard(lock_);
-  if (!waitSet_.contains(signal)) {
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  const Guard guard(shared->lock);
+  if (!shared->registrations->waitSet.contains(signal)) {
+    auto next = std::make_unique<Registrations>(*shared->registrations);
+    next->notifiers[signal].insert(&notifier);
+    next->waitSet.add(signal);
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
-    if (::sigaction(signal, &action, nullptr) != 0) raiseAt(KES_HERE, OsError(errno));
-    notifiers_[signal].insert(&notifier);
-    waitSet_.add(signal);
+    check(KES_HERE, ::sigaction(signal, &action, nullptr));
+    shared->registrations.replace(std::move(next));
   }
-  if (running_) sendMgmSig();
+  if (shared->running) shared->sendMgmSig();
 }
 
 void Handler::remove(const int& signal, INotify& notifier) {
-  const Guard guard(lock_);
-  const auto registered = notifiers_.find(signal);
-  if (registered == notifiers_.end() || !registered->second.contains(&notifier)) {
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  const Guard guard(shared->lock);
+  auto next = std::make_unique<Registrations>(*shared->registrations);
+  const auto registered = next->notifiers.find(signal);
+  if (registered == next->notifiers.end() || !registered->second.contains(&notifier)) {
     raiseAt(KES_HERE, UsageError("tried to remove non-registered signal"));
   }
   registered->second.erase(registered->second.find(&notifier));
   if (registered->second.empty()) {
-    notifiers_.erase(registered);
-    if (!running_ || signal != mgmSignal_) waitSet_.remove(signal);
+    next->notifiers.erase(registered);
+    if (!shared->running || signal != shared->mgmSignal) next->waitSet.remove(signal);
   }
-  if (running_) sendMgmSig();
+  shared->registrations.replace(std::move(next));
+  if (shared->running) shared->sendMgmSig();
 }
 
 void Handler::sendMgmSig() {
-  if (const int result = ::pthread_kill(worker_.id().handle, mgmSignal_); result != 0) {
-    raiseAt(KES_HERE, OsError(result));
-  }
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  const Guard guard(shared->lock);
+  if (!shared->running) shared->worker.throwGetIdError();
+  shared->sendMgmSig();
 }
 
 /// Copies the set to wait for. False when the thread is to end.
-bool Handler::nextWaitSet(Set& set) {
-  const Guard guard(lock_);
-  set = waitSet_;
-  return running_;
+bool Handler::Shared::findWaitSet(Set& set) const {
+  const Guard guard(lock);
+  set = registrations->waitSet;
+  return running && !leaving;
 }
 
 void Handler::thread(thread::CppThread&) {
-  for (Set set; nextWaitSet(set);) {
+  const std::shared_ptr<Shared>& shared = shared_.get();
+  for (Set set; shared->findWaitSet(set);) {
     const siginfo_t info = {};
     int signal = 0;
     if (const int result = ::sigwait(&set.native(), &signal); result != 0) {
       errno = result;  // the call returns its error; who looks at errno shall see the same
       raiseAt(KES_HERE, OsError(result));
     }
-    const Guard guard(lock_);
-    handle(signal, info);
+    if (shared->leaving) {
+      giveBack(signal, shared->mgmSignal);
+    } else {
+      const Guard guard(shared->lock);
+      shared->handle(signal, info);
+    }
   }
 }
 
 /// Tells the notifiers of a signal. The lock is held.
-void Handler::handle(const int& signal, const siginfo_t& info) {
-  if (signal == mgmSignal_) return;
-  const auto registered = notifiers_.find(signal);
-  if (registered == notifiers_.end()) return;
+void Handler::Shared::handle(int signal, const siginfo_t& info) const {
+  if (signal == mgmSignal) return;
+  const auto registered = registrations->notifiers.find(signal);
+  if (registered == registrations->notifiers.end()) return;
   for (INotify* notifier : registered->second) {
     try {
       notifier->notify(signal, info);
