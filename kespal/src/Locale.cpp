@@ -1,17 +1,18 @@
 #include "kespal/Locale.h"
 
 #include <clocale>
+#include <new>
 
+#include "StaticText.h"
 #include "kespal/error/Exception.h"
 #include "kespal/gettext.h"
 #include "kespal/proc/Env.h"
 
 namespace kes {
 
-std::string Locale::m_locale_dir;
-std::string Locale::m_locale_env = std::string("KES_I18N") + "_DIR";
-
 namespace {
+
+constinit StaticText g_localeDir, g_localeEnv;
 
 const char* localeName(Locale::Language language) {
   switch (language) {
@@ -29,9 +30,9 @@ const char* localeName(Locale::Language language) {
   return "";
 }
 
-void exportToChildren(const std::string& name) {
+void exportToChildren(const char* name) {
   try {
-    proc::Env::set("LC_ALL", name.c_str());
+    proc::Env::set("LC_ALL", name);
   } catch (const Exception&) {
     // Without memory for the variable the children take their locale from elsewhere; ours is set.
   }
@@ -46,10 +47,21 @@ std::string lowerCase(std::string text) {
 
 }  // namespace
 
+constinit std::string& Locale::m_locale_dir = g_localeDir.text;
+constinit std::string& Locale::m_locale_env = g_localeEnv.text;
+
+bool Locale::makeTexts() { return g_localeDir.make() && g_localeEnv.make(std::string("KES_I18N") + "_DIR"); }
+
+[[maybe_unused]] static const bool g_madeAtTheStart = Locale::makeTexts();
+
 void Locale::init(Language language) {
   const char* selected = std::setlocale(LC_ALL, localeName(language));
   if (selected != nullptr && language != System) exportToChildren(selected);
-  findLocaleDir(m_locale_dir);
+  try {
+    findLocaleDir(m_locale_dir);
+  } catch (const std::bad_alloc&) {
+    m_locale_dir.clear();  // without memory there are no catalogues
+  }
 }
 
 Locale::Language Locale::language() {

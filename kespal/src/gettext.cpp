@@ -31,6 +31,7 @@ fs::Path executable() {
 }  // namespace
 
 void findLocaleDir(std::string& dir) {
+  Locale::makeTexts();
   if (proc::Env::get(Locale::m_locale_env.c_str(), dir)) return;
   fs::Path place = executable();
   for (fs::Path below; !place.empty() && place != below;) {

@@ -4,16 +4,21 @@
 
 #include <cstdlib>
 #include <exception>
+#include <set>
 #include <utility>
 
+#include "error/OrTerminate.h"
 #include "error/Report.h"
 #include "kespal/Terminal.h"
 #include "kespal/UnhandledException.h"
 #include "kespal/UserInfo.h"
 #include "kespal/fs/File.h"
 #include "kespal/proc/Child.h"
+#include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/time/Clock.h"
+#include "sys/AtEnd.h"
+#include "sys/NoCancel.h"
 
 namespace kes {
 
@@ -36,50 +41,67 @@ void initModules(Locale::Language language) {
 
 }  // namespace
 
-KesPal::KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app)
-    : KesPalInit(quitHandling, forkPending), lock_(thread::Normal), app_(app) {
-  // What is built goes again if the rest cannot be: the destructor of a half-made object does not run.
-  struct Undo {
-    KesPal* runtime;
-    ~Undo() {
-      if (runtime == nullptr) return;
-      fs::File::exit();
-      runtime->undo();
-      m_instance = nullptr;
-    }
-  } undo{this};
+/// What the threads of one process share.
+struct KesPal::Shared : thread::ProcessBound {
+  using Handlers = std::set<IQuitHandler*>;
 
+  explicit Shared(const Handlers& first = {}) : handlers(first) {}
+
+  thread::Lock lock{thread::Normal};
+  thread::Replaceable<Handlers> handlers;  // guarded by the lock
+
+  std::shared_ptr<Shared> inChild() const { return std::make_shared<Shared>(*handlers); }
+
+  template <typename Change>
+  void changeHandlers(Change change) {
+    const Guard guard(lock);
+    auto next = std::make_unique<Handlers>(*handlers);
+    change(*next);
+    handlers.replace(std::move(next));
+  }
+};
+
+KesPal::KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app)
+    : KesPalInit(quitHandling, forkPending), shared_(std::make_shared<Shared>()), app_(app) {
+  // What is built goes again if the rest cannot be: the destructor of a half-made object does not run.
+  sys::AtEnd undoing([this] {
+    fs::File::exit();
+    undo();
+    m_instance = nullptr;
+  });
   m_instance = this;
   init();
   initModules(language);
   setupTerminateHandling();
-  undo.runtime = nullptr;
+  undoing.dismiss();
 }
 
 KesPal::~KesPal() {
-  stopSignalThread();
-  proc::Child::exit();
-  fs::File::exit();
+  const sys::NoCancel untilEnded;
+  orTerminate([this] {
+    stopSignalThread();
+    proc::Child::exit();
+    fs::File::exit();
+  });
   m_instance = nullptr;
 }
 
 void KesPal::quit() {
   try {
-    const Guard guard(lock_);
-    for (IQuitHandler* handler : quitHandlers_) handler->handleQuit();
+    const Shared& shared = *shared_.get();
+    const Guard guard(shared.lock);
+    for (IQuitHandler* handler : *shared.handlers) handler->handleQuit();
   } catch (const Exception& error) {
     reportStack({"Error processing quit event:\n\n"}, error);
   }
 }
 
 void KesPal::addQuitHandler(IQuitHandler& handler) {
-  const Guard guard(lock_);
-  quitHandlers_.insert(&handler);
+  shared_.get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.insert(&handler); });
 }
 
 void KesPal::delQuitHandler(IQuitHandler& handler) {
-  const Guard guard(lock_);
-  quitHandlers_.erase(&handler);
+  shared_.get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.erase(&handler); });
 }
 
 bool exceptionActive() noexcept {

@@ -6,8 +6,8 @@
 #include <future>
 #include <iostream>
 
+#include "kespal/ForkPending.h"
 #include "kespal/RuntimeCalls.h"
-#include "kespal/State.h"
 #include "kespal/error/OsError.h"
 #include "kespal/fs/File.h"
 #include "kespal/kespal.h"
@@ -95,7 +95,7 @@ std::string afterFailureOf(const std::function<void()>& sabotage, bool forkPendi
            }
            RuntimeCalls::refuseNothing();
            const bool clean = KesPal::m_instance == nullptr && fs::File::m_null_in == nullptr &&
-                              !State::m_fork_pending && blockedSignals() == blockedBefore &&
+                              !ForkPending::m_pending && blockedSignals() == blockedBefore &&
                               thread::BasicThread::activeThreads() == 0;
            std::cout << (clean ? ", clean" : ", not clean");
            return 0;
@@ -150,20 +150,54 @@ TEST(KesPalStepsTest, AfterAConstructionThatFailedTheNextOneSucceeds) {
   EXPECT_EQ(child.exitCode(), 0);
 }
 
-TEST(KesPalStepsTest, ASignalThreadThatCannotBeStartedAfterTheForkIsRaisedOnce) {
+struct ForkWatcher : IForkHandler {
+  explicit ForkWatcher(char letter) : name(letter) {}
+  void afterFork() override {
+    std::cout << name;
+    if (name == '!') raiseAt(KES_HERE, OsError(EIO));
+  }
+  char name;
+};
+
+TEST(KesPalStepsTest, ASignalThreadThatCannotBeStartedAfterTheForkIsTriedAgainAndNoHandlerIsLost) {
   const auto child = inChild([] {
+    ForkWatcher watcher('w');
     KesPal runtime(true, true, Locale::System, nullptr);
-    RuntimeCalls::refuse(RuntimeCalls::ThreadCreate, EAGAIN);
+    runtime.addForkHandler(watcher);
+    for (int i = 0; i < 2; ++i) {
+      RuntimeCalls::refuse(RuntimeCalls::ThreadCreate, EAGAIN);
+      try {
+        runtime.forkDone();
+      } catch (const OsError& error) {
+        std::cout << error.text() << runtime.forkPending() << ForkPending::m_pending << ' ';
+      }
+    }
+    RuntimeCalls::refuseNothing();
+    runtime.forkDone();
+    runtime.forkDone();
+    std::cout << runtime.forkPending() << thread::BasicThread::activeThreads();
+    return 0;
+  });
+  const std::string refused = OsError(EAGAIN).text() + "11 ";
+  EXPECT_THAT(child.out, testing::AnyOf(refused + refused + "w01", refused + refused + "w00"));
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+TEST(KesPalStepsTest, AForkHandlerThatThrowsKeepsNoneBehindItFromBeingCalledByTheNextTry) {
+  const auto child = inChild([] {
+    ForkWatcher a('a'), bad('!'), b('b');
+    KesPal runtime(true, true, Locale::System, nullptr);
+    for (ForkWatcher* handler : {&a, &bad, &b}) runtime.addForkHandler(*handler);
     try {
       runtime.forkDone();
-    } catch (const OsError& error) {
-      std::cout << error.text();
+    } catch (const OsError&) {
+      std::cout << runtime.forkPending();
     }
     runtime.forkDone();
     std::cout << runtime.forkPending();
     return 0;
   });
-  EXPECT_EQ(child.out, OsError(EAGAIN).text() + "0");
+  EXPECT_EQ(child.out, "a!1b0");
   EXPECT_EQ(child.exitCode(), 0);
 }
 
@@ -175,6 +209,23 @@ TEST(KesPalStepsTest, ASignalThreadThatCannotBeStoppedEndsTheProgram) {
   });
   EXPECT_EQ(child.signal(), SIGABRT);
   EXPECT_THAT(child.err, testing::HasSubstr("(sendMgmSig)"));
+  EXPECT_THAT(child.err, testing::EndsWith("Terminating program\n\n"));
+}
+
+TEST(KesPalStepsTest, AMaskThatCannotBeRestoredInTheEndIsReportedAndEndsTheProgram) {
+  const auto child = inChild([] {
+    QuitWatcher watcher;
+    KesPal runtime(true, false, Locale::System, nullptr);
+    runtime.setQuitStatus(true);
+    runtime.addQuitHandler(watcher);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    watcher.quit.get_future().wait();
+    RuntimeCalls::refuse(RuntimeCalls::Sigmask, EINVAL);
+    return 0;
+  });
+  EXPECT_EQ(child.signal(), SIGABRT);
+  EXPECT_THAT(child.err, testing::HasSubstr("(call)"));
+  EXPECT_THAT(child.err, testing::HasSubstr(OsError(EINVAL).text()));
   EXPECT_THAT(child.err, testing::EndsWith("Terminating program\n\n"));
 }
 

@@ -13,7 +13,7 @@
 #include <set>
 #include <thread>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/Terminal.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/File.h"
@@ -113,9 +113,9 @@ TEST(KesPalTest, SignalsThatWereBlockedBeforeStayBlocked) {
 TEST(KesPalTest, WhileAForkIsPendingNoThreadIsStartedUntilItIsDone) {
   const auto child = inChild([] {
     KesPal runtime(true, true, Locale::System, nullptr);
-    std::cout << runtime.forkPending() << State::m_fork_pending << threadsOfProcess();
+    std::cout << runtime.forkPending() << ForkPending::m_pending << threadsOfProcess();
     runtime.forkDone();
-    std::cout << ' ' << runtime.forkPending() << State::m_fork_pending << processGetsThreads(2);
+    std::cout << ' ' << runtime.forkPending() << ForkPending::m_pending << processGetsThreads(2);
     return 0;
   });
   EXPECT_EQ(child.out, "111 001");

@@ -15,6 +15,7 @@
 
 #include "kespal/gettext.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 #include "support/TempDir.h"
 
 // A search through folders that only exist in a test: the linker sends the library's questions here.
@@ -167,6 +168,34 @@ TEST(LocaleTest, TheVariableIsTakenWithoutATest) {
     std::cout << Locale::m_locale_dir;
   });
   EXPECT_EQ(child.out, "/no/such/directory");
+}
+
+TEST(LocaleTest, WithoutMemoryThereAreNoCataloguesAndNothingIsRaised) {
+  const auto child = withLocales([] {
+    ::setenv("KES_I18N_DIR", "/a/path/that/is/too/long/to/lie/within/a/text/object", 1);
+    std::size_t refused = 0;
+    for (const auto language : {Locale::System, Locale::German}) {
+      refused += test::starve([language] {
+        try {
+          Locale::init(language);
+        } catch (const std::bad_alloc&) {
+          std::cout << "raised ";
+        }
+      });
+      std::cout << '<' << Locale::m_locale_dir << '>';
+      Locale::m_locale_dir = std::string();
+    }
+    std::cout << (refused > 0);
+  });
+  EXPECT_EQ(child.out,
+            "</a/path/that/is/too/long/to/lie/within/a/text/object></a/path/that/is/too/long/to/lie/within/a/"
+            "text/object>1");
+}
+
+TEST(LocaleTest, ARuntimeObjectOfNamespaceScopeFindsWhatItNeedsMade) {
+  const auto child = inChild([] { return ::execl(KES_STATIC_RUNTIME_PROBE, "probe", nullptr); });
+  EXPECT_EQ(child.out, "1011 /a/path/that/is/too/long/to/lie/within/a/text/object KES_I18N_DIR forked 0");
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
 }
 
 TEST(LocaleTest, AnEmptyVariableEndsTheSearchToo) {

@@ -21,8 +21,12 @@ class Locale {
   /// texts apply, as they do for every English locale.
   static Language language();
 
-  static std::string m_locale_dir;  ///< where the message catalogues lie; empty when there are none
-  static std::string m_locale_env;  ///< the environment variable that names that directory
+  // Good at any time, also before and after the life of a program's own static objects.
+  static std::string& m_locale_dir;  ///< where the message catalogues lie; empty when there are none
+  static std::string& m_locale_env;  ///< the environment variable that names that directory
+
+  /// Makes the two texts, if they are not there yet, and gives true. For this library.
+  static bool makeTexts();
 };
 
 }  // namespace kes

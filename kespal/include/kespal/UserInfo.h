@@ -27,7 +27,7 @@ struct UserInfo {
   void resolve(bool byName, bool withGroup);
 
   /// The login name of the controlling terminal's user; empty when unknown.
-  static std::string m_login_name;
+  static std::string& m_login_name;
   static void setLoginName();
   /// Finds out who is logged in. Called once, before threads are started.
   static void init() { setLoginName(); }

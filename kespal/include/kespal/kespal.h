@@ -4,13 +4,14 @@
 
 #include <atomic>
 #include <memory>
-#include <set>
+#include <vector>
 
+#include "kespal/ForkPending.h"
 #include "kespal/Locale.h"
 #include "kespal/NoCopy.h"
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Set.h"
-#include "kespal/thread/Lock.h"
+#include "kespal/thread/PerProcess.h"
 
 namespace kes {
 
@@ -27,7 +28,8 @@ class IQuitHandler {
  public:
   virtual ~IQuitHandler() = default;
   /// Called with the runtime object's lock held: it must not add or delete quit handlers, nor call quit()
-  /// or destroy the runtime object. A kes::Exception keeps the handlers behind it from being called.
+  /// or destroy the runtime object; explicitQuit() it may call. A kes::Exception keeps the handlers behind it
+  /// from being called.
   virtual void handleQuit() = 0;
 };
 
@@ -59,26 +61,33 @@ class KesPalInit : NoCopy {
   /// Whether the received signal, which requested the quit, ends the process in the end.
   void setQuitStatus(bool quitStatus) noexcept { quitStatus_ = quitStatus; }
 
-  bool forkPending() const noexcept { return forkPending_; }
+  bool forkPending() const noexcept { return ForkPending::m_pending; }
   /// The fork was made, and this is the process that goes on: starts the signal thread when quit handling
-  /// is on, and calls the fork handlers, once. Errors of the thread's start and of the handlers are raised.
+  /// is on, and calls the fork handlers, each once. Raises what Handler::start() raises, and what a handler
+  /// throws; the fork is then still pending, and the next call goes on behind what was done.
   void forkDone();
   /// Registers a handler, not owned; ignored when no fork is pending. For the one thread there is then.
+  /// Raises nothing but std::bad_alloc.
   void addForkHandler(IForkHandler& handler);
 
   /// Blocks, in the calling thread, the signals that the library takes care of: SIGPIPE, SIGUSR1 and
   /// SIGUSR2, with `quitHandling` also SIGINT and SIGTERM. OsError.
   void setSigmask(bool quitHandling);
-  /// Has SIGINT and SIGTERM turned into quit() by the signal thread, where there is one.
+  /// Has SIGINT and SIGTERM turned into quit() by the signal thread, where there is one. Called by the
+  /// library; by a program in a forked child, to start anew there. Raises what Handler::add() and start()
+  /// raise.
   void setupQuitHandling();
   /// Installs the terminate handler, unless KESPAL_NO_TERMINATE_HANDLER is in the environment.
   void setupTerminateHandling();
 
   /// When a signal requested the quit and the quit status is set, ends the process by that signal, as far
-  /// as the mask that it started with allows; true when that was tried. Stops the signal thread first.
+  /// as the mask that it started with allows; true when that was tried. Waits for nobody: the signal thread
+  /// is told to take no more signals. Raises OsError when that thread cannot be told, or when the mask or the
+  /// signal is refused.
   bool checkSignalQuit();
   /// Ends the process at once, by the signal as checkSignalQuit() does, else with `status`: no destructors,
-  /// no buffered output. True when the signal was sent and did not end the process.
+  /// no buffered output. True when the signal was sent and did not end the process. Any thread and any quit
+  /// handler may call it. Raises as checkSignalQuit() does.
   bool explicitQuit(int status);
 
  protected:
@@ -95,14 +104,14 @@ class KesPalInit : NoCopy {
   friend class QuitSignal;
 
   void startSignalThread();
-  void restoreMask() const;
+  void sendReceivedSignal() const;
   bool quitsBySignal() const noexcept { return quitStatus_ && receivedSignal_ != 0; }
 
   const bool quitHandling_;
   signal::Set blocked_;  // by init(), and by nobody before
   std::unique_ptr<QuitSignal> quitSignal_;
   std::unique_ptr<signal::Handler> signalHandler_;
-  std::atomic<bool> forkPending_;
+  std::vector<IForkHandler*> forkHandlers_;  // used before the first thread is started: without a lock
   std::atomic<int> receivedSignal_{0};
   std::atomic<bool> quitStatus_{false};
 };
@@ -111,11 +120,18 @@ class KesPalInit : NoCopy {
 /// module, blocks the signals that the library takes care of, turns SIGINT and SIGTERM into an orderly quit
 /// if wanted, and reports uncaught exceptions. Construct and destroy it on the main thread, one at a time;
 /// errors of the construction are raised, those of the destruction end the process.
-class KesPal : public KesPalInit {
+///
+/// It blocks those signals only, and leaves them blocked when it ends: a program that wants others blocked in
+/// every thread blocks them after constructing it and before starting threads. Clocks and timed waits need it
+/// (or the clocks' own init()). A SIGTERM that comes before the first quit handler is registered is noted,
+/// and nothing else. In a forked child it has no signal thread, and its end leaves the parent's alone.
+class KesPal final : public KesPalInit {
  public:
   /// `quitHandling`: SIGINT and SIGTERM become quit(). `forkPending`: the process is about to fork, and no
-  /// thread is started until forkDone(). `app`, not owned, may be null.
+  /// thread is started until forkDone(). `app`, not owned, may be null. Raises OsError (of a signal mask, of
+  /// a clock, EAGAIN of the signal thread), FsError for the null device, and std::bad_alloc.
   KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app = nullptr);
+  /// Stops the signal thread and the process collector. Not to be called from a quit handler.
   ~KesPal() override;
 
   /// Calls the quit handlers, on the calling thread; the signal thread calls it for a signal. An error of a
@@ -130,8 +146,9 @@ class KesPal : public KesPalInit {
   static KesPal* m_instance;  ///< the one that lives; null when none does
 
  private:
-  std::set<IQuitHandler*> quitHandlers_;
-  thread::Lock lock_;
+  struct Shared;
+
+  const thread::PerProcess<Shared> shared_;
   const AppBase* app_;
 };
 

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Faults.h"
@@ -97,7 +97,7 @@ TEST(MaskTest, FailuresAreRaisedWithTheirCodeAndShowInErrno) {
   EXPECT_EQ(raised, osError(EINVAL, "include/os/posix/signal/Mask", 0, "call"));
 }
 
-TEST(StateTest, NoForkIsPendingAtFirst) { EXPECT_FALSE(State::m_fork_pending); }
+TEST(ForkPendingTest, NoForkIsPendingAtFirst) { EXPECT_FALSE(ForkPending::m_pending); }
 
 }  // namespace
 }  // namespace kes::signal

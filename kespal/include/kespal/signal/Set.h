@@ -9,8 +9,7 @@ namespace kes::signal {
 /// use can be added; a set that the system filled in, such as a thread's mask, may hold others too.
 class Set {
  public:
-  // Macros serve as sigemptyset and its kind on macOS, so nowhere is their scope named.
-  Set() noexcept { sigemptyset(&signals_); }
+  constexpr Set() noexcept = default;
   Set(std::initializer_list<int> signals) noexcept;
   explicit Set(const ::sigset_t& signals) noexcept : signals_(signals) {}
 
@@ -25,9 +24,12 @@ class Set {
   /// The mask that this process started with, which is what the programs it starts get. Taken when the
   /// program is initialised, and by the runtime object before it changes the mask.
   static Set m_original;
+  /// Stores m_original. What is taken when the program is initialised does not replace it: a runtime object
+  /// of namespace scope may be there before.
+  static void noteOriginal(const Set& mask) noexcept;
 
  private:
-  ::sigset_t signals_;
+  ::sigset_t signals_{};  // zeros are the empty set on every supported system
 };
 
 }  // namespace kes::signal

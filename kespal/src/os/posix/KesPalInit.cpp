@@ -3,14 +3,13 @@
 
 #include <exception>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "kespal/State.h"
+#include "error/OrTerminate.h"
 #include "kespal/kespal.h"
 #include "kespal/proc/Env.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
+#include "sys/AtEnd.h"
 
 namespace kes {
 
@@ -18,14 +17,11 @@ namespace {
 
 constexpr int mgmSignal = SIGUSR1;
 
-// Used before the first thread is started, and therefore without a lock.
-std::vector<IForkHandler*> g_forkHandlers;
-
 constexpr int takenCareOf[] = {SIGPIPE, SIGUSR1, SIGUSR2, SIGINT, SIGTERM};
 
 // What earlier runtime objects have left blocked. A later one must not take it for the process's own mask,
 // which is what the programs get that it starts.
-signal::Set g_leftBlocked;
+constinit signal::Set g_leftBlocked;
 
 thread_local bool t_notifying = false;
 
@@ -48,29 +44,26 @@ signal::Set without(signal::Set signals, const signal::Set& unwanted) {
 }  // namespace
 
 void QuitSignal::notify(const int& signal, const siginfo_t&) {
-  struct Mark {
-    Mark() { t_notifying = true; }
-    ~Mark() { t_notifying = false; }
-  } mark;
+  t_notifying = true;
+  const sys::AtEnd over([] { t_notifying = false; });
   runtime_.receivedSignal_ = signal;
   runtime_.quit();
 }
 
 bool QuitSignal::notifying() noexcept { return t_notifying; }
 
-KesPalInit::KesPalInit(bool quitHandling, bool forkPending) noexcept
-    : quitHandling_(quitHandling), forkPending_(forkPending) {
-  State::m_fork_pending = forkPending;
+KesPalInit::KesPalInit(bool quitHandling, bool forkPending) noexcept : quitHandling_(quitHandling) {
+  ForkPending::m_pending = forkPending;
 }
 
 void KesPalInit::init() {
   const signal::Set before = signal::Mask::get();
-  signal::Set::m_original = without(before, g_leftBlocked);
+  signal::Set::noteOriginal(without(before, g_leftBlocked));
   setSigmask(quitHandling_);
   blocked_ = without(handledSignals(quitHandling_), before);
   if (!quitHandling_) return;
   quitSignal_ = std::make_unique<QuitSignal>(*this);
-  if (!forkPending_) startSignalThread();
+  if (!forkPending()) startSignalThread();
 }
 
 void KesPalInit::setSigmask(bool quitHandling) {
@@ -79,7 +72,9 @@ void KesPalInit::setSigmask(bool quitHandling) {
 
 void KesPalInit::startSignalThread() {
   signalHandler_ = std::make_unique<signal::Handler>();
+  sys::AtEnd withoutThread([this] { signalHandler_.reset(); });
   setupQuitHandling();
+  withoutThread.dismiss();
 }
 
 void KesPalInit::setupQuitHandling() {
@@ -106,25 +101,32 @@ void KesPalInit::undo() noexcept {
 }
 
 void KesPalInit::forkDone() {
-  if (!forkPending_.exchange(false)) return;
-  State::m_fork_pending = false;
-  if (quitSignal_) startSignalThread();
-  for (IForkHandler* handler : std::exchange(g_forkHandlers, {})) handler->afterFork();
+  if (!ForkPending::m_pending.exchange(false)) return;
+  sys::AtEnd trying([] { ForkPending::m_pending = true; });
+  if (quitSignal_ && !signalHandler_) startSignalThread();
+  while (!forkHandlers_.empty()) {
+    IForkHandler* const next = forkHandlers_.front();
+    forkHandlers_.erase(forkHandlers_.begin());
+    next->afterFork();
+  }
+  trying.dismiss();
 }
 
 void KesPalInit::addForkHandler(IForkHandler& handler) {
-  if (forkPending_) g_forkHandlers.push_back(&handler);
+  if (forkPending()) forkHandlers_.push_back(&handler);
 }
 
-void KesPalInit::restoreMask() const { signal::Mask::call(signal::Set::m_original, SIG_SETMASK); }
+void KesPalInit::sendReceivedSignal() const {
+  signal::Mask::call(signal::Set::m_original, SIG_SETMASK);
+  signal::Sender::signalProc(receivedSignal_, ::getpid());
+}
 
 bool KesPalInit::checkSignalQuit() {
   if (!quitsBySignal()) return false;
-  // A waiting signal thread could take the signal for itself. It cannot be stopped from within, and needs
-  // not: it does not wait then.
-  if (!QuitSignal::notifying()) stopSignalThread();
-  restoreMask();
-  signal::Sender::signalProc(receivedSignal_, ::getpid());
+  // A waiting signal thread could take the signal for itself. It needs no telling from within: it does not
+  // wait then, and the management signal would come upon it when the mask is restored.
+  if (signalHandler_ && !QuitSignal::notifying()) signalHandler_->leaveSignals();
+  sendReceivedSignal();
   return true;
 }
 
@@ -137,13 +139,10 @@ KesPalInit::~KesPalInit() {  // NOLINT(bugprone-exception-escape)
   for (int signal : takenCareOf) {
     if (blocked_.contains(signal)) g_leftBlocked.add(signal);
   }
-  State::m_fork_pending = false;
-  g_forkHandlers.clear();
+  ForkPending::m_pending = false;
   signalHandler_.reset();
   quitSignal_.reset();
-  if (!quitsBySignal()) return;
-  restoreMask();
-  signal::Sender::signalProc(receivedSignal_, ::getpid());
+  if (quitsBySignal()) orTerminate([this] { sendReceivedSignal(); });
 }
 
 }  // namespace kes

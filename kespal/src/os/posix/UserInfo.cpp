@@ -5,6 +5,7 @@
 
 #include <ostream>
 
+#include "StaticText.h"
 #include "kespal/GroupInfo.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
@@ -14,9 +15,12 @@ namespace kes {
 namespace {
 /// Not every source of accounts fills in all texts.
 const char* textOf(const char* field) { return field != nullptr ? field : ""; }
+
+constinit StaticText g_loginName;
+[[maybe_unused]] const bool g_madeAtTheStart = g_loginName.make();
 }  // namespace
 
-std::string UserInfo::m_login_name;
+constinit std::string& UserInfo::m_login_name = g_loginName.text;
 
 UserInfo::UserInfo(unsigned id) : uid(id) { resolve(/*byName=*/false, /*withGroup=*/true); }
 
@@ -24,6 +28,7 @@ UserInfo::UserInfo(const std::string& login) : name(login) { resolve(/*byName=*/
 
 void UserInfo::setLoginName() {
   char buffer[32];
+  g_loginName.make();
   m_login_name = ::getlogin_r(buffer, sizeof buffer) == 0 ? buffer : "";
 }
 

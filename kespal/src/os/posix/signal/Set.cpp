@@ -6,16 +6,27 @@ namespace {
 
 constexpr int lastSignal = 32;
 
-Set startUpMask() noexcept {
+constinit bool g_originalNoted = false;
+
+// Macros serve as sigaddset and its kind on macOS, so nowhere is their scope named.
+bool noteStartUpMask() noexcept {
+  if (g_originalNoted) return true;
   ::sigset_t mask;
   sigemptyset(&mask);
-  ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  return Set(mask);
+  if (::pthread_sigmask(SIG_SETMASK, nullptr, &mask) == 0) Set::noteOriginal(Set(mask));
+  return g_originalNoted;
 }
+
+[[maybe_unused]] const bool g_startUpMaskNoted = noteStartUpMask();
 
 }  // namespace
 
-Set Set::m_original = startUpMask();
+constinit Set Set::m_original;
+
+void Set::noteOriginal(const Set& mask) noexcept {
+  m_original = mask;
+  g_originalNoted = true;
+}
 
 Set::Set(std::initializer_list<int> signals) noexcept : Set() {
   for (const int signal : signals) add(signal);
