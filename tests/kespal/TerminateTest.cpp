@@ -1,6 +1,8 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -8,6 +10,7 @@
 #include "kespal/kespal.h"
 #include "kespal/signal/Mask.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 
 namespace kes {
 namespace {
@@ -40,6 +43,30 @@ TEST(TerminateTest, AnUncaughtStandardExceptionIsReportedWithItsText) {
   EXPECT_EQ(child.signal(), SIGABRT);
   EXPECT_EQ(child.err,
             ">>> unhandled iOS exception occured <<<\nstd::exception:\n\nplain\n" + std::string(lastWords));
+}
+
+TEST(TerminateTest, AnUncaughtLackOfMemoryIsReportedWithItsText) {
+  const auto child = terminatedBy([] {
+    static std::optional<test::NoMemory> starving;
+    starving.emplace();
+    throw std::bad_alloc();
+  });
+  EXPECT_EQ(child.signal(), SIGABRT);
+  EXPECT_EQ(child.err, ">>> unhandled iOS exception occured <<<\nstd::exception:\n\nstd::bad_alloc\n" +
+                           std::string(lastWords));
+}
+
+TEST(TerminateTest, AnUncaughtLibraryErrorWithoutMemoryIsReportedByItsKind) {
+  const auto child = terminatedBy([] {
+    static std::optional<test::NoMemory> starving;
+    starving.emplace();
+    raiseAt(KES_HERE, RuntimeError("unexpected"));
+  });
+  EXPECT_EQ(child.signal(), SIGABRT);
+  EXPECT_EQ(child.err,
+            ">>> unhandled iOS exception occured <<<\nkes::Exception:\n"
+            "(no memory left for the rest of this report)\n" +
+                std::string(lastWords));
 }
 
 TEST(TerminateTest, AnythingElseIsAnUnknownExceptionType) {
