@@ -15,7 +15,9 @@ namespace kes::thread {
 /// One thread of the system with an explicit life. The object is made buried, run() starts the thread, and
 /// join() buries it again, after which it can be started anew. Any thread may call any operation. A
 /// detached thread may outlive its object; of a joinable one, everything that its body uses must outlive
-/// the body. Misuse raises UsageError, a failing system call OsError.
+/// the body: a derived class that is used by its body ends the thread in its own destructor, as the base's
+/// comes too late. In a forked child the object is buried; the parent's thread is not its business. Misuse
+/// raises UsageError, a failing system call OsError; every operation raises the OsError of a lock that fails.
 class BasicThread : NoCopy {
  public:
   enum State : int {
@@ -42,22 +44,26 @@ class BasicThread : NoCopy {
   };
 
   /// A thread that will call function(argument). The native thread gets as much of `name` as the system
-  /// takes (15 bytes on Linux). `stackSize` is in bytes, 0 for 512 KiB; the system's minimum is kept.
+  /// takes (15 bytes on Linux). `stackSize` is in bytes, 0 for 512 KiB; the system's minimum is kept. Raises
+  /// OsError (ENOMEM) and std::bad_alloc.
   BasicThread(void (*function)(void*), const std::string& name, void* argument, bool detached,
               unsigned long stackSize);
-  /// Buries a thread that has finished or never ran; one whose body runs is left to itself. Never throws.
+  /// Buries a thread that has finished or never ran; one whose body runs is left to itself. Waits for nothing
+  /// in a forked child. Never throws: a lock or a join that the system refuses ends the program.
   virtual ~BasicThread();  // NOLINT(bugprone-exception-escape): ends the program then
 
   /// Creates the native thread and lets it go. Raises what create() raises, and UsageError when another
   /// thread buried the new one before it could go.
   void run();
   /// Creates the native thread, held before the body. Raises UsageError when the state is not BURIED or
-  /// there is no body, RuntimeError while a fork is pending, OsError (EAGAIN) when the system refuses.
+  /// there is no body, RuntimeError while a fork is pending, OsError when the system refuses: EAGAIN for want
+  /// of resources, EINVAL for a stack that it cannot make.
   void create();
 
   /// Waits until the native thread has ended, and buries it; returns at once when it is BURIED. A held
-  /// thread leaves without running its body. Raises UsageError for a detached thread, OsError EDEADLK for
-  /// the thread itself.
+  /// thread leaves without running its body. Raises UsageError for a detached thread that runs or ran,
+  /// OsError EINVAL for one that was never let go, EDEADLK for the thread itself. In a forked child it does
+  /// nothing for a thread that stayed with the parent; neither does kill().
   void join();
   /// The same, but only of the run that this number of burials names: returns at once when it is buried.
   void joinRun(std::uint64_t burials);
@@ -67,8 +73,9 @@ class BasicThread : NoCopy {
   /// UsageError for a detached thread that runs.
   bool prepareJoin();
   /// Cancels the native thread and joins it. A last resort: the body ends at its next cancellation point,
-  /// and only on some systems are the destructors on its stack run. Raises OsError ESRCH when a detached
-  /// thread has ended, and what join() raises.
+  /// which may never come, and only on some systems (Linux) are the destructors on its stack run. There, a
+  /// body with a `catch (...)` that does not throw on, or with a noexcept function around such a point, ends
+  /// the process. Raises OsError ESRCH when a detached thread has ended, and what join() raises.
   void kill();
 
   /// Sends a signal to the native thread, unless it has ended: there is nothing to wake then. Gives the

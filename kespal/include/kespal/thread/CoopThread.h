@@ -14,7 +14,9 @@ namespace kes::thread {
 
 /// A thread that can be asked to pause, to run on and to return, and that answers at points of its own
 /// choosing: its body calls pause() or sleep() there, and returns when request() is Return. Requests may
-/// come from any thread, also before run(); burying the thread clears them. Misuse raises UsageError.
+/// come from any thread, also before run(); burying the thread clears them, and so does a fork in the child.
+/// A derived class that is its own body asks it to return and joins the thread in its destructor. Misuse
+/// raises UsageError; the other errors are those of BasicThread.
 class CoopThread : public CppThread, public CppThread::IThread {
  public:
   enum CoopState : int { Running = 0, Returned = 1, Paused = 2 };  ///< what the thread does
@@ -22,6 +24,7 @@ class CoopThread : public CppThread, public CppThread::IThread {
 
   class ICoopThread {
    public:
+    /// The body. Called on the native thread; see CppThread::IThread.
     virtual void thread(CoopThread& self) = 0;
 
    protected:
@@ -42,17 +45,20 @@ class CoopThread : public CppThread, public CppThread::IThread {
   /// Wakes nobody: a thread that sleeps sleeps on.
   void requestPause();
 
-  /// Each waits until the thread does what the name says. For other threads only, and not for a buried
-  /// thread, where waitReturned() returns at once; the other two also raise UsageError when the body has
-  /// returned.
+  /// Each waits until the thread does what the name says, without limit. UsageError on the thread itself. For
+  /// a buried thread waitReturned() returns at once, and the other two raise UsageError; they do so, too,
+  /// when the body has returned, also in a run that was buried meanwhile. RuntimeError for a thread that is
+  /// held.
   void waitRunning() const;
   void waitPaused() const;
   void waitReturned() const;
 
-  /// Stays paused while that is the request. For the thread itself only.
+  /// Stays paused while that is the request. For the thread itself only: UsageError on another one,
+  /// RuntimeError when there is none.
   void pause();
   /// Stays paused until the deadline, while the request is Run. True when another request ended the sleep,
-  /// false when the deadline passed or another request was there already. For the thread itself only.
+  /// false when the deadline passed or another request was there already. For the thread itself only, as
+  /// pause(). The deadline is of the calendar clock, and moves when that is set.
   bool sleep(const time::RealtimeClock& deadline);
 
   Request request() const;

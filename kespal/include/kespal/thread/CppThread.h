@@ -7,12 +7,16 @@
 
 namespace kes::thread {
 
-/// A joinable thread whose body is an object. The body is not owned and must outlive the thread's run; an
-/// exception that leaves it is reported on standard error and ends the thread.
+/// A joinable thread with the default stack (512 KiB) whose body is an object. The body is not owned and must
+/// outlive the thread's run; an exception that leaves it is reported on standard error and ends the thread. A
+/// `user` may outlive the thread object, too, if it does not use what it is handed; a derived class that is
+/// its own body joins the thread in its destructor. Errors are those of BasicThread.
 class CppThread : public BasicThread {
  public:
   class IThread {
    public:
+    /// The body. Called on the native thread. What it throws is reported and ends the thread, except a
+    /// cancellation, which a `catch (...)` in it has to throw on.
     virtual void thread(CppThread& self) = 0;
 
    protected:
@@ -21,6 +25,7 @@ class CppThread : public BasicThread {
 
   /// A thread that will run `user`. Without a body run() raises UsageError.
   explicit CppThread(const std::string& name, IThread* user = nullptr) : CppThread(name, user, nullptr) {}
+  /// A thread that was told to go and has not begun yet leaves without running its body.
   ~CppThread() override;
 
   virtual bool isCoopThread() const { return false; }
