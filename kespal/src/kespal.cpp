@@ -48,12 +48,12 @@ struct KesPal::Shared : thread::ProcessBound {
   explicit Shared(const Handlers& first = {}) : handlers(first) {}
 
   thread::Lock lock{thread::Normal};
-  thread::Replaceable<Handlers> handlers;  // guarded by the lock
+  thread::Replaceable<Handlers> handlers KES_GUARDED_BY(lock);
 
-  std::shared_ptr<Shared> inChild() const { return std::make_shared<Shared>(*handlers); }
+  std::shared_ptr<Shared> inChild() const KES_UNCHECKED { return std::make_shared<Shared>(*handlers); }
 
   template <typename Change>
-  void changeHandlers(Change change) {
+  void changeHandlers(Change change) KES_EXCLUDES(lock) {
     const Guard guard(lock);
     auto next = std::make_unique<Handlers>(*handlers);
     change(*next);

@@ -19,12 +19,12 @@ void BasicThread::Control::entry(std::uint64_t ownId) {
   try {
     runBody();
   } catch (const Exception& error) {
-    reportStack({"Thread ", name, " (", Decimal(nativeId), ")", " died with KES exception:\n"}, error);
+    reportStack({"Thread ", name, " (", Decimal(ownId), ")", " died with KES exception:\n"}, error);
   } catch (const std::exception& error) {
-    reportWhat({"Thread ", name, " (", Decimal(nativeId), ")", " died with std::exception: "}, error);
+    reportWhat({"Thread ", name, " (", Decimal(ownId), ")", " died with std::exception: "}, error);
   } catch (...) {
     if (os::isForcedUnwind()) throw;
-    report({"Thread ", name, " (", Decimal(nativeId), ")", " died with an unknown exception\n"});
+    report({"Thread ", name, " (", Decimal(ownId), ")", " died with an unknown exception\n"});
   }
 }
 
@@ -79,11 +79,11 @@ bool BasicThread::Control::claimJoin() {
   return true;
 }
 
-int BasicThread::Control::awaitEnd() {
+int BasicThread::Control::awaitEnd(::pthread_t thread) {
   int result = 0;
   const auto giveUp = [](void* control) { static_cast<Control*>(control)->endJoin(/*buried=*/false); };
   pthread_cleanup_push(giveUp, this);
-  result = ::pthread_join(handle, nullptr);
+  result = ::pthread_join(thread, nullptr);
   pthread_cleanup_pop(0);
   return result;
 }

@@ -22,16 +22,21 @@ struct BasicThread::Control : ProcessBound {
   const std::string name;
   const bool detached;
 
-  // --- guarded by the condition's lock
   Condition cond;
-  State state = BURIED;
-  ::pthread_t handle{};
-  std::uint64_t nativeId = 0;  ///< unknownId until the native thread has looked
-  bool alive = false;          ///< the native thread has not done its last step: its handle may be used
-  bool joining = false;        ///< somebody waits in pthread_join, which only one thread may do
-  bool released = false;       ///< the system was told that nobody will join
-  std::uint64_t burials = 0;   ///< how many runs are over; so it names the present one
-  std::shared_ptr<Control> nativeShare;  ///< the native thread's ownership of this block
+  State state KES_GUARDED_BY(cond) = BURIED;
+  ::pthread_t handle KES_GUARDED_BY(cond){};
+  /// unknownId until the native thread has looked
+  std::uint64_t nativeId KES_GUARDED_BY(cond) = 0;
+  /// The native thread has not done its last step: its handle may be used.
+  bool alive KES_GUARDED_BY(cond) = false;
+  /// Somebody waits in pthread_join, which only one thread may do.
+  bool joining KES_GUARDED_BY(cond) = false;
+  /// The system was told that nobody will join.
+  bool released KES_GUARDED_BY(cond) = false;
+  /// How many runs are over; so it names the present one.
+  std::uint64_t burials KES_GUARDED_BY(cond) = 0;
+  /// The native thread's ownership of this block.
+  std::shared_ptr<Control> nativeShare KES_GUARDED_BY(cond);
 
   static std::atomic<std::int64_t> m_active_threads;
   static constexpr std::uint64_t unknownId = ~std::uint64_t{0};
@@ -41,33 +46,31 @@ struct BasicThread::Control : ProcessBound {
   virtual void runBody() = 0;
   /// The block of a buried thread with the same name and body, for the object in a forked child.
   virtual std::shared_ptr<Control> inChild() const = 0;
-  /// The native thread does its last step, however it came to that; the lock is held.
-  virtual void noteEnd() noexcept {}
-  /// The run is buried; the lock is held.
-  virtual void noteBurial() noexcept {}
+  /// The native thread does its last step, however it came to that.
+  virtual void noteEnd() noexcept KES_REQUIRES(cond) {}
+  /// The run is buried.
+  virtual void noteBurial() noexcept KES_REQUIRES(cond) {}
 
   // --- the native thread's own steps
-  void entry(std::uint64_t ownId);
-  void finish() noexcept;  // NOLINT(bugprone-exception-escape): ends the program then
+  void entry(std::uint64_t ownId) KES_EXCLUDES(cond);
+  void finish() noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): ends the program then
 
-  // --- with the lock held
-  void awaitStart() const {
+  // --- those of others
+  void awaitStart() const KES_REQUIRES(cond) {
     while (state == STARTING) cond.wait();
   }
-  bool prepareJoin();
-  bool claimJoin();
-
-  // --- without it
-  int awaitEnd();
-  void endJoin(bool buried);
-  void revokeGo();
-  bool outliveObject();
+  bool prepareJoin() KES_REQUIRES(cond);
+  bool claimJoin() KES_REQUIRES(cond);
+  int awaitEnd(::pthread_t thread) KES_EXCLUDES(cond);
+  void endJoin(bool buried) KES_EXCLUDES(cond);
+  void revokeGo() KES_EXCLUDES(cond);
+  bool outliveObject() KES_EXCLUDES(cond);
 
  private:
   static const int m_fork_handler;  ///< the system's answer: the threads that are counted stay behind
 
-  bool pickUpGo(std::uint64_t ownId);
-  void release();
+  bool pickUpGo(std::uint64_t ownId) KES_EXCLUDES(cond);
+  void release() KES_REQUIRES(cond);
 };
 
 }  // namespace kes::thread

@@ -17,9 +17,8 @@ struct CoopThread::Control final : BasicThread::Control {
   CoopThread& object;  // only handed to the body, which outlives it if it is not a part of it
   ICoopThread* const body;
 
-  // --- guarded by the condition's lock
-  CoopState coopState = Running;
-  Request request = Run;
+  CoopState coopState KES_GUARDED_BY(cond) = Running;
+  Request request KES_GUARDED_BY(cond) = Run;
 
   bool hasBody() const noexcept override { return body != nullptr; }
   void runBody() override {
@@ -33,20 +32,19 @@ struct CoopThread::Control final : BasicThread::Control {
   std::shared_ptr<BasicThread::Control> inChild() const override {
     return std::make_shared<Control>(name, object, body);
   }
-  void noteEnd() noexcept override { coopState = Returned; }
+  void noteEnd() noexcept override KES_REQUIRES(cond) { coopState = Returned; }
   /// What was asked of the thread dies with its run: a request that is made from now on is meant for the
   /// next.
-  void noteBurial() noexcept override {
+  void noteBurial() noexcept override KES_REQUIRES(cond) {
     coopState = Running;
     request = Run;
   }
 
-  // --- with the lock held
-  void enter(CoopState next) {
+  void enter(CoopState next) KES_REQUIRES(cond) {
     if (std::exchange(coopState, next) != next) cond.signalAll();
   }
   /// Waits while the thread does this in this run. False when the body has returned, or the run is over.
-  bool awaitEndOf(CoopState doing, std::uint64_t run) const {
+  bool awaitEndOf(CoopState doing, std::uint64_t run) const KES_REQUIRES(cond) {
     while (coopState == doing && burials == run) cond.wait();
     return coopState != Returned && burials == run;
   }

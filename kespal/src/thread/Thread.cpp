@@ -12,13 +12,15 @@ const std::string& BasicThread::name() const noexcept { return control_.peek().n
 std::int64_t BasicThread::activeThreads() noexcept { return Control::m_active_threads.load(); }
 
 BasicThread::State BasicThread::state() const {
-  const LockGuardT<Condition> guard(control()->cond);
-  return control()->state;
+  const std::shared_ptr<Control>& shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  return shared->state;
 }
 
 std::uint64_t BasicThread::burials() const {
-  const LockGuardT<Condition> guard(control()->cond);
-  return control()->burials;
+  const std::shared_ptr<Control>& shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  return shared->burials;
 }
 
 void BasicThread::run() {
@@ -36,8 +38,9 @@ void BasicThread::run() {
 }
 
 bool BasicThread::prepareJoin() {
-  const LockGuardT<Condition> guard(control()->cond);
-  return control()->prepareJoin();
+  const std::shared_ptr<Control>& shared = control();
+  const LockGuardT<Condition> guard(shared->cond);
+  return shared->prepareJoin();
 }
 
 void BasicThread::waitStartOver() const {
@@ -54,7 +57,8 @@ BasicThread::Id BasicThread::id() const {
   return Id(shared->handle, shared->nativeId);
 }
 
-bool BasicThread::isCaller() const {
+// Its caller holds the lock, which the header cannot name.
+bool BasicThread::isCaller() const KES_UNCHECKED {
   const Control& shared = *control();
   const std::uint64_t run = shared.burials;
   shared.awaitStart();

@@ -45,7 +45,7 @@ bool canBeWaitedFor(int signal) {
 
 }  // namespace
 
-/// What the threads of one process share. All is guarded by the lock, except what is told without it.
+/// What the threads of one process share.
 struct Handler::Shared : thread::ProcessBound {
   explicit Shared(Handler& handler, const Registrations& first = {}, int formerMgmSignal = 0)
       : mgmSignal(formerMgmSignal),
@@ -54,22 +54,22 @@ struct Handler::Shared : thread::ProcessBound {
         worker("signal handler", &handler) {}
 
   thread::Lock lock{thread::Normal};
-  bool running = false;
+  bool running KES_GUARDED_BY(lock) = false;
   std::atomic<int> mgmSignal;        ///< may be read without the lock
   std::atomic<bool> leaving{false};  ///< the thread is to take no signal; set without the lock
-  thread::Replaceable<Registrations> registrations;
+  thread::Replaceable<Registrations> registrations KES_GUARDED_BY(lock);
   Handler& owner;
   thread::CppThread worker;
 
-  std::shared_ptr<Shared> inChild() const {
+  std::shared_ptr<Shared> inChild() const KES_UNCHECKED {
     return std::make_shared<Shared>(owner, *registrations, mgmSignal);
   }
 
   /// A thread that has ended needs no waking.
   void sendMgmSig() const { checkCode(KES_HERE, worker.wakeBySignal(mgmSignal)); }
-  std::uint64_t tellToEnd();
-  bool findWaitSet(Set& set) const;
-  void handle(int signal, const siginfo_t& info) const;
+  std::uint64_t tellToEnd() KES_EXCLUDES(lock);
+  bool findWaitSet(Set& set) const KES_EXCLUDES(lock);
+  void handle(int signal, const siginfo_t& info) const KES_REQUIRES(lock);
 };
 
 Handler::Handler() : shared_(std::make_shared<Shared>(*this)) {}

@@ -14,7 +14,7 @@ void Sender::signalProc(const int& signal, const int& pid) {
 }
 
 void Sender::signalThread(const int& signal, const ::pthread_t& thread) {
-  if (const int result = ::pthread_kill(thread, signal); result != 0) raiseAt(KES_HERE, OsError(result));
+  checkCode(KES_HERE, ::pthread_kill(thread, signal));
 }
 
 }  // namespace kes::signal

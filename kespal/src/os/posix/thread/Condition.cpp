@@ -1,24 +1,16 @@
 #include "kespal/thread/Condition.h"
 
-#include <memory>
-
 #include "error/Report.h"
 
 namespace kes::thread {
 
-Condition::Condition() : borrowed_(false) {
-  auto own = std::make_unique<Lock>(Normal);
-  init();
-  lock_ = own.release();
-}
+Condition::Condition() : own_(std::make_unique<Lock>(Normal)), lock_(own_.get()) { init(); }
 
-Condition::Condition(Lock& lent) : lock_(&lent), borrowed_(true) { init(); }
+Condition::Condition(Lock& lent) : lock_(&lent) { init(); }
 
 void Condition::init() {
   ::pthread_condattr_t attributes;
-  if (const int result = ::pthread_condattr_init(&attributes); result != 0) {
-    raiseAt({"src/os/posix/thread/Condition", 35, "init"}, OsError(result));
-  }
+  checkCode({"src/os/posix/thread/Condition", 35, "init"}, ::pthread_condattr_init(&attributes));
   if (const int result = ::pthread_cond_init(&condition_, &attributes); result != 0) {
     ::pthread_condattr_destroy(&attributes);
     raiseAt({"src/os/posix/thread/Condition", 53, "init"}, OsError(result));
@@ -30,7 +22,7 @@ void Condition::init() {
 }
 
 Condition::~Condition() {
-  if (!borrowed_) delete lock_;
+  own_.reset();
   if (const int result = ::pthread_cond_destroy(&condition_); result != 0) {
     OsError error(result);
     locateAt({"src/os/posix/thread/Condition", 88, "~Condition"}, error);

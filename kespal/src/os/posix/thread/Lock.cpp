@@ -8,18 +8,14 @@ LockBase::LockBase(LockKind kind) {
   ::pthread_mutexattr_t checking;
   const ::pthread_mutexattr_t* attributes = nullptr;
   if (kind != Normal) {
-    if (const int result = ::pthread_mutexattr_init(&checking); result != 0) {
-      raiseAt({"src/os/posix/thread/Lock", 51, "LockBase"}, OsError(result));
-    }
+    checkCode({"src/os/posix/thread/Lock", 51, "LockBase"}, ::pthread_mutexattr_init(&checking));
     const int type = kind == Recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_ERRORCHECK;
-    if (const int result = ::pthread_mutexattr_settype(&checking, type); result != 0) {
-      raiseAt({"src/os/posix/thread/Lock", 64, "LockBase"}, OsError(result));
-    }
+    checkCode({"src/os/posix/thread/Lock", 64, "LockBase"}, ::pthread_mutexattr_settype(&checking, type));
     attributes = &checking;
   }
   const int result = ::pthread_mutex_init(&mutex_, attributes);
   if (attributes != nullptr) ::pthread_mutexattr_destroy(&checking);
-  if (result != 0) raiseAt({"src/os/posix/thread/Lock", 77, "LockBase"}, OsError(result));
+  checkCode({"src/os/posix/thread/Lock", 77, "LockBase"}, result);
 }
 
 LockBase::~LockBase() {

@@ -155,6 +155,7 @@ void BasicThread::joinRun(std::uint64_t burials) {
   constexpr Site site{"src/os/posix/thread/Thread", 190, "join"};
   if (control_.isInherited()) return;
   const std::shared_ptr<Control> shared = control();
+  ::pthread_t native{};
   {
     const LockGuardT<Condition> guard(shared->cond);
     if (shared->burials != burials || !shared->prepareJoin()) return;
@@ -163,8 +164,9 @@ void BasicThread::joinRun(std::uint64_t burials) {
     if (shared->detached) raiseAt(site, OsError(EINVAL));
     if (::pthread_equal(::pthread_self(), shared->handle) != 0) raiseAt(site, OsError(EDEADLK));
     if (!shared->claimJoin()) return;
+    native = shared->handle;
   }
-  const int result = shared->awaitEnd();
+  const int result = shared->awaitEnd(native);
   shared->endJoin(/*buried=*/result == 0);
   checkCode(site, result);
 }

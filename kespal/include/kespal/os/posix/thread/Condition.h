@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <memory>
 
 #include "kespal/os/thread/Native.h"
 #include "kespal/thread/Lock.h"
@@ -13,24 +14,25 @@ namespace kes::thread {
 
 /// A condition that threads wait for, always together with one lock: its own, or one that was lent to it
 /// and must outlive it. Who waits holds the lock and tests what he waits for in a loop. Nobody may be
-/// waiting when it is destroyed. Every operation raises OsError with the code of the failed call.
-class Condition : NoCopy {
+/// waiting when it is destroyed, also nobody of a parent process in a forked child: the system would wait for
+/// him for ever. Every operation raises OsError with the code of the failed call.
+class KES_CAPABILITY("condition") Condition : NoCopy {
  public:
-  /// A condition with a Normal lock of its own.
+  /// A condition with a Normal lock of its own. Raises OsError (ENOMEM, EAGAIN) and std::bad_alloc.
   Condition();
   /// A condition that uses the caller's lock.
   explicit Condition(Lock& lent);
   /// Never throws: a failure of the system gives a warning on standard error.
   ~Condition();
 
-  [[gnu::always_inline]] void lock() const { lock_->lock(); }
-  [[gnu::always_inline]] void unlock() const { lock_->unlock(); }
+  [[gnu::always_inline]] void lock() const KES_ACQUIRE() KES_UNCHECKED { lock_->lock(); }
+  [[gnu::always_inline]] void unlock() const KES_RELEASE() KES_UNCHECKED { lock_->unlock(); }
 
-  /// Releases the lock, waits to be woken, and takes the lock again; it may wake up without a reason.
+  /// Releases the lock, waits to be woken, and takes the lock again; it may wake up without a reason. A
+  /// thread that is cancelled in there releases the lock. Raises OsError EPERM for who does not hold an
+  /// ErrorCheck lock.
   void wait() const {
-    if (const int result = os::waitOn(condition_, lock_->mutex_); result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Condition", 42, "wait"}, OsError(result));
-    }
+    checkCode({"include/os/posix/thread/Condition", 42, "wait"}, os::waitOn(condition_, lock_->mutex_));
   }
 
   /// The same until a moment of the calendar clock. True when woken, false when the moment has come; what
@@ -38,24 +40,18 @@ class Condition : NoCopy {
   bool waitTimed(const time::RealtimeClock& deadline) const {
     const int result = os::waitUntil(condition_, lock_->mutex_, moment(deadline));
     if (result == ETIMEDOUT) return false;
-    if (result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Condition", 81, "waitTimed"}, OsError(result));
-    }
+    checkCode({"include/os/posix/thread/Condition", 81, "waitTimed"}, result);
     return true;
   }
 
   /// Wakes one of the waiting threads; may be called with the lock or without it.
   void signal() const {
-    if (const int result = ::pthread_cond_signal(&condition_); result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Condition", 22, "signal"}, OsError(result));
-    }
+    checkCode({"include/os/posix/thread/Condition", 22, "signal"}, ::pthread_cond_signal(&condition_));
   }
 
   /// Wakes all of them.
   void signalAll() const {
-    if (const int result = ::pthread_cond_broadcast(&condition_); result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Condition", 32, "signalAll"}, OsError(result));
-    }
+    checkCode({"include/os/posix/thread/Condition", 32, "signalAll"}, ::pthread_cond_broadcast(&condition_));
   }
 
  private:
@@ -76,8 +72,8 @@ class Condition : NoCopy {
   }
 
   mutable ::pthread_cond_t condition_;
+  std::unique_ptr<Lock> own_;  // null when the lock is lent
   Lock* lock_;
-  bool borrowed_;
 };
 
 }  // namespace kes::thread

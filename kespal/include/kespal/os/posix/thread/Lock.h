@@ -4,6 +4,7 @@
 
 #include "kespal/NoCopy.h"
 #include "kespal/error/OsError.h"
+#include "kespal/thread/Annotations.h"
 
 namespace kes::thread {
 
@@ -15,7 +16,7 @@ enum LockKind : int {
 };
 
 /// The mutex of a Lock.
-class LockBase : NoCopy {
+class KES_CAPABILITY("lock") LockBase : NoCopy {
  public:
   /// Raises OsError (ENOMEM, EAGAIN) when the system cannot make a mutex.
   explicit LockBase(LockKind kind);
@@ -24,17 +25,13 @@ class LockBase : NoCopy {
 
   /// Waits until the lock is free and takes it. Raises OsError: EDEADLK for the owner of an ErrorCheck
   /// lock, EAGAIN when a Recursive one was taken too often.
-  [[gnu::always_inline]] void lock() const {
-    if (const int result = ::pthread_mutex_lock(&mutex_); result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Lock", 21, "lock"}, OsError(result));
-    }
+  [[gnu::always_inline]] void lock() const KES_ACQUIRE() KES_UNCHECKED {
+    checkCode({"include/os/posix/thread/Lock", 21, "lock"}, ::pthread_mutex_lock(&mutex_));
   }
 
   /// Releases the lock. Raises OsError: EPERM for who does not own an ErrorCheck or Recursive lock.
-  [[gnu::always_inline]] void unlock() const {
-    if (const int result = ::pthread_mutex_unlock(&mutex_); result != 0) [[unlikely]] {
-      raiseAt({"include/os/posix/thread/Lock", 49, "unlock"}, OsError(result));
-    }
+  [[gnu::always_inline]] void unlock() const KES_RELEASE() KES_UNCHECKED {
+    checkCode({"include/os/posix/thread/Lock", 49, "unlock"}, ::pthread_mutex_unlock(&mutex_));
   }
 
  private:
