@@ -126,7 +126,12 @@ int nameOf(Thread* thread, char* name, std::size_t size) {
   return macError(::pthread_getname_np(thread->host, name, size));
 }
 
+int atFork(void (*prepare)(), void (*parent)(), void (*child)()) {
+  return macError(::pthread_atfork(prepare, parent, child));
+}
+
 const Call calls[] = {
+    {"pthread_atfork", atFork},
     {"pthread_self", self},
     {"pthread_equal", equal},
     {"pthread_create", create},
