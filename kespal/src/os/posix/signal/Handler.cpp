@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <map>
 #include <set>
 
@@ -53,10 +54,13 @@ struct Handler::Shared : thread::ProcessBound {
         owner(handler),
         worker("signal handler", &handler) {}
 
+  static constexpr std::uint64_t noRun = ~std::uint64_t{0};
+
   thread::Lock lock{thread::Normal};
   bool running KES_GUARDED_BY(lock) = false;
-  std::atomic<int> mgmSignal;        ///< may be read without the lock
-  std::atomic<bool> leaving{false};  ///< the thread is to take no signal; set without the lock
+  std::uint64_t run KES_GUARDED_BY(lock) = noRun;  ///< of the worker, the last that was started
+  std::atomic<int> mgmSignal;                      ///< may be read without the lock
+  std::atomic<bool> leaving{false};                ///< the thread is to take no signal; set without the lock
   thread::Replaceable<Registrations> registrations KES_GUARDED_BY(lock);
   Handler& owner;
   thread::CppThread worker;
@@ -101,6 +105,7 @@ void Handler::start(const int& mgmSignal) {
   shared->registrations.replace(std::move(next));
   shared->mgmSignal = mgmSignal;
   shared->leaving = false;
+  shared->run = shared->worker.burials();
   shared->running = true;
 }
 
@@ -110,7 +115,7 @@ void Handler::stop() {
   shared->worker.joinRun(shared->tellToEnd());
 }
 
-/// Names the run that ends: by the time it is joined, others may have done so and started the next one.
+/// Names the run to join: others may have joined it, and started the next one, before its number is used.
 std::uint64_t Handler::Shared::tellToEnd() {
   const Guard guard(lock);
   try {
@@ -119,7 +124,7 @@ std::uint64_t Handler::Shared::tellToEnd() {
     if (error.errnum() != ESRCH) throw;  // the thread has ended by itself, as some systems tell
   }
   running = false;
-  return worker.burials();
+  return run;
 }
 
 void Handler::leaveSignals() {
