@@ -112,6 +112,7 @@ TEST_P(ForkTest, JoiningAndKillingInTheChildWaitForNothingAndRaiseNothing) {
 
 TEST_P(ForkTest, TheThreadIsBuriedInTheChildAndCanBeStartedAnew) {
   const ChildResult child = inBriefChild([&] {
+    start_.open();  // the child's thread may meet the one that the parent's has not passed yet
     body_gate_.open();
     ran_ = 0;
     const bool buried = thread_->state() == BasicThread::BURIED && BasicThread::activeThreads() == 0;
@@ -132,6 +133,7 @@ TEST_P(ForkTest, ALockThatNobodyHoldsInTheChildIsNotWaitedFor) {
   std::thread holder([&] { thread_->state(); });
   held.pass();
   const ChildResult child = inBriefChild([&] {
+    start_.open();  // the child's thread may meet the one that the parent's has not passed yet
     body_gate_.open();
     thread_->join();
     thread_->kill();
