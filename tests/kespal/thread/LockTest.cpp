@@ -154,6 +154,7 @@ TEST(LockTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
 }
 
 TEST(LockTest, AWarningIsPrintedWhateverTheStandardErrorStreamIsIn) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports the misuse of a lock that is tested here");
   const ChildResult child = inChild([] {
     std::cerr.exceptions(std::ios::badbit | std::ios::failbit);
     const Lock lock(Normal);
