@@ -20,6 +20,8 @@ bool nothingToSync(int errnum) noexcept;
 
 /// The saved user id of the process: what seteuid() may return to.
 unsigned savedUserId() noexcept;
+/// The same of the group ids.
+unsigned savedGroupId() noexcept;
 
 /// A number that grows whenever code is unloaded from this process: as long as it stays, an address in a
 /// loaded library means what it meant before. None where asking could wait for ever, as in a forked child.

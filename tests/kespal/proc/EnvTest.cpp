@@ -76,6 +76,22 @@ TEST(EnvTest, IterationGivesEveryVariableAsNameAndValue) {
   EXPECT_EQ(child.out, "ONE=1\nTWO=a=b\n");
 }
 
+TEST(EnvTest, AnIterationSeesTheVariablesThatWereSetSinceTheObjectWasMade) {
+  const auto child = inChild([] {
+    const Env env;
+    for (int number = 0; number < 200; ++number) {
+      Env::set(("KES_TEST_" + std::to_string(number)).c_str(), "value");
+    }
+    int count = 0;
+    for (const char* variable : env) count += std::string(variable).starts_with("KES_TEST_") ? 1 : 0;
+    std::cout << count;
+    ::clearenv();
+    for (const char* variable : env) std::cout << variable;
+    return 0;
+  });
+  EXPECT_EQ(child.out, "200");
+}
+
 TEST(EnvTest, IterationOfAClearedEnvironmentIsEmpty) {
   const auto child = inChild([] {
     ::clearenv();

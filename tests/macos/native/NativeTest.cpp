@@ -129,8 +129,9 @@ TEST(NativeProcessTest, TheProgramIsFoundUnderItsPathAndByItsName) {
   EXPECT_THAT(proc::Info::running(name.substr(0, 15) + "?"), ::testing::IsEmpty());
 }
 
-TEST(NativeProcessTest, TheSavedUserIdIsTheEffectiveOneOfAProgramThatChangedNothing) {
+TEST(NativeProcessTest, TheSavedIdsAreTheEffectiveOnesOfAProgramThatChangedNothing) {
   EXPECT_EQ(os::savedUserId(), ::geteuid());
+  EXPECT_EQ(os::savedGroupId(), ::getegid());
 }
 
 TEST(NativeErrorTest, ANumberWithoutATextIsToldApart) {

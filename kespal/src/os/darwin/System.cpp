@@ -19,13 +19,25 @@ bool errorText(int errnum, char* buffer, std::size_t size) { return ::strerror_r
 // What has no vnode, such as a pipe, answers ENOTSUP here.
 bool nothingToSync(int errnum) noexcept { return errnum == EINVAL || errnum == ENOTSUP; }
 
-// No call asks for the saved id alone; the process's own entry in the process table has it.
-unsigned savedUserId() noexcept {
+namespace {
+
+// No call asks for a saved id alone; the process's own entry in the process table has it.
+bool findProcess(kinfo_proc& entry) noexcept {
   int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_PID, ::getpid()};
-  kinfo_proc entry{};
   std::size_t size = sizeof entry;
-  if (::sysctl(name, 4, &entry, &size, nullptr, 0) != 0) return ::geteuid();
-  return entry.kp_eproc.e_pcred.p_svuid;
+  return ::sysctl(name, 4, &entry, &size, nullptr, 0) == 0;
+}
+
+}  // namespace
+
+unsigned savedUserId() noexcept {
+  kinfo_proc entry{};
+  return findProcess(entry) ? entry.kp_eproc.e_pcred.p_svuid : ::geteuid();
+}
+
+unsigned savedGroupId() noexcept {
+  kinfo_proc entry{};
+  return findProcess(entry) ? entry.kp_eproc.e_pcred.p_svgid : ::getegid();
 }
 
 namespace {

@@ -26,6 +26,12 @@ unsigned savedUserId() noexcept {
   return saved;
 }
 
+unsigned savedGroupId() noexcept {
+  gid_t real = 0, effective = 0, saved = 0;
+  ::getresgid(&real, &effective, &saved);
+  return saved;
+}
+
 namespace {
 
 // The loader answers under a lock that stays as it is in a forked child: another thread of the parent may

@@ -1,6 +1,5 @@
 #include "kespal/proc/Env.h"
 
-#include <cerrno>
 #include <cstdlib>
 
 #include "kespal/error/OsError.h"
@@ -12,8 +11,7 @@ namespace {
 constexpr const char* noVariables[] = {nullptr};
 }
 
-// A process that cleared its environment may have no array at all.
-Env::Env() noexcept : variables_(*os::environment() != nullptr ? *os::environment() : noVariables) {}
+Env::Env() noexcept : place_(os::environment()) {}
 
 bool Env::get(const char* name, std::string& value) {
   const char* found = ::getenv(name);
@@ -22,15 +20,16 @@ bool Env::get(const char* name, std::string& value) {
 }
 
 void Env::set(const char* name, const char* value) {
-  if (::setenv(name, value, /*overwrite=*/1) != 0) {
-    raiseAt({"src/os/posix/proc/Env", 61, "set"}, OsError(errno));
-  }
+  check({"src/os/posix/proc/Env", 61, "set"}, ::setenv(name, value, /*overwrite=*/1));
 }
 
 void Env::del(const char* name) { ::unsetenv(name); }
 
+// A process that cleared its environment may have no array at all.
+const char* const* Env::begin() const noexcept { return *place_ != nullptr ? *place_ : noVariables; }
+
 const char* const* Env::end() const noexcept {
-  const char* const* last = variables_;
+  const char* const* last = begin();
   while (*last != nullptr) ++last;
   return last;
 }
