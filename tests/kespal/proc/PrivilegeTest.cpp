@@ -189,6 +189,37 @@ TEST_F(PrivilegeTest, APermanentChangeToAUserWithTheRootGroupIsRefusedWithEveryU
       notPermanent + " -> " + three(nobody()) + "/0 0 0/\n");
 }
 
+TEST_F(PrivilegeTest, APermanentChangeThatLeavesARealOrSavedIdOfAnotherUserIsRefused) {
+  const std::string user = std::to_string(nobody());
+  struct {
+    unsigned real, saved;
+  } const starts[] = {{stranger, nobody()}, {nobody(), stranger}};
+  for (const auto& start : starts) {
+    EXPECT_EQ(asRoot([&](Privilege& p) {
+                if (::setresgid(nogroup(), nogroup(), nogroup()) != 0) return;
+                if (::setresuid(start.real, nobody(), start.saved) != 0) return;
+                attempt([&] { p.changePrivilegeIds(ids(nobody(), nogroup()), true); });
+              }),
+              notPermanent + " -> " + std::to_string(start.real) + ' ' + user + ' ' +
+                  std::to_string(start.saved) + '/' + three(nogroup()) + "/4 27\n");
+  }
+}
+
+TEST_F(PrivilegeTest, APermanentChangeThatLeavesARealOrSavedIdOfAnotherGroupIsRefused) {
+  struct {
+    unsigned real, saved;
+  } const starts[] = {{stranger, nogroup()}, {nogroup(), stranger}};
+  for (const auto& start : starts) {
+    EXPECT_EQ(asRoot([&](Privilege& p) {
+                if (::setresgid(start.real, nogroup(), start.saved) != 0) return;
+                if (::setresuid(nobody(), nobody(), nobody()) != 0) return;
+                attempt([&] { p.changePrivilegeIds(ids(nobody(), nogroup()), true); });
+              }),
+              notPermanent + " -> " + three(nobody()) + '/' + std::to_string(start.real) + ' ' +
+                  std::to_string(nogroup()) + ' ' + std::to_string(start.saved) + "/4 27\n");
+  }
+}
+
 TEST_F(PrivilegeTest, RootItselfIsNoPermanentChange) {
   EXPECT_EQ(asRoot([](Privilege& p) { attempt([&] { p.changePrivilegeIds(ids(root, root), true); }); }),
             notPermanent + " -> 0 0 0/0 0 0/4 27\n");

@@ -65,6 +65,13 @@ bool canComeBack(const UserInfo& user) {
   return false;
 }
 
+/// Whether nothing of another identity is left. Who is not root changes its effective ids alone, and could
+/// return to what the others are.
+bool isWhollyChanged(const UserInfo& user) {
+  return ::getuid() == user.uid && os::savedUserId() == user.uid && ::getgid() == user.gid &&
+         os::savedGroupId() == user.gid;
+}
+
 }  // namespace
 
 UserInfo Privilege::realProcUser() const { return resolved(::getuid(), ::getgid()); }
@@ -80,12 +87,12 @@ std::set<unsigned> Privilege::supplementaryGroups() const {
     groups.resize(static_cast<std::size_t>(count));
     count = ::getgroups(count, groups.data());
   }
-  if (count < 0) raiseAt(KES_HERE, OsError(errno));
+  check(KES_HERE, count);
   return {groups.begin(), groups.begin() + count};
 }
 
 void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
-  if (setGroups(::setgroups, {groups.begin(), groups.end()}) != 0) raiseAt(KES_HERE, OsError(errno));
+  check(KES_HERE, setGroups(::setgroups, {groups.begin(), groups.end()}));
 }
 
 void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
@@ -107,7 +114,7 @@ void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
   if (::getegid() != user.gid || ::geteuid() != user.uid) {
     raiseAt(KES_HERE, RuntimeError("Privilege change silently failed?!"));
   }
-  if (permanent && canComeBack(user)) {
+  if (permanent && (canComeBack(user) || !isWhollyChanged(user))) {
     raiseAt(KES_HERE, RuntimeError("Permanent privilege change isn't permanent?!"));
   }
 }
