@@ -6,12 +6,11 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
-#include <memory>
 
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
+#include "sys/Owner.h"
 
 namespace kes::proc {
 
@@ -20,19 +19,14 @@ namespace {
 constexpr std::size_t exeLimit = 1024;
 constexpr std::size_t commLimit = 15;
 
-struct CloseDir {
-  void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-};
-
 bool isProcess(const char* entry) { return std::isdigit(static_cast<unsigned char>(*entry)) != 0; }
 
 /// A process's command name; empty when the process is gone or not ours to see.
 std::string commandName(const char* pid) {
-  const int fd = ::open((std::string("/proc/") + pid + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd == -1) return "";
+  const sys::Descriptor file(::open((std::string("/proc/") + pid + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return "";
   char text[64];
-  const ssize_t count = ::read(fd, text, sizeof text);
-  ::close(fd);
+  const ssize_t count = ::read(file.get(), text, sizeof text);
   return count > 0 ? std::string(text, static_cast<std::size_t>(count) - 1) : "";  // without the newline
 }
 
@@ -40,8 +34,7 @@ std::string commandName(const char* pid) {
 
 fs::Path Info::exe() {
   char text[PATH_MAX + 1] = "";
-  const ssize_t length = ::readlink("/proc/self/exe", text, PATH_MAX);
-  if (length == -1) raiseAt(KES_HERE, OsError(errno));
+  const ssize_t length = check(KES_HERE, ::readlink("/proc/self/exe", text, PATH_MAX));
   const std::size_t needed = static_cast<std::size_t>(length) + 1;
   if (needed > exeLimit) {
     DynError error("Executable path too large. Got: ", nullptr);
@@ -54,7 +47,7 @@ fs::Path Info::exe() {
 std::set<int> Info::running(const std::string& name) {
   std::set<int> found;
   const std::string wanted = name.substr(0, commLimit);
-  const std::unique_ptr<DIR, CloseDir> processes(::opendir("/proc"));
+  const sys::DirStream processes(::opendir("/proc"));
   if (!processes || wanted.empty()) return found;
   while (const dirent* entry = ::readdir(processes.get())) {
     if (isProcess(entry->d_name) && commandName(entry->d_name) == wanted)
