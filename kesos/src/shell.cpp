@@ -13,8 +13,22 @@
 
 using kes::proc::Child;
 
+namespace {
+
+/// Keeps an object from being destroyed.
+union Everlasting {
+  constexpr Everlasting() : cleaner() {}
+  ~Everlasting() {}  // NOLINT(modernize-use-equals-default): that would be deleted
+
+  kes::kesos::AsyncChildCleaner cleaner;
+};
+
+constinit Everlasting everlasting;
+
+}  // namespace
+
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
-kes::kesos::AsyncChildCleaner& _async_child_cleaner = *new kes::kesos::AsyncChildCleaner;
+constinit kes::kesos::AsyncChildCleaner& _async_child_cleaner = everlasting.cleaner;
 
 namespace {
 
@@ -63,6 +77,8 @@ void AsyncChildCleaner::exited(Child& child) {
   const std::unique_ptr<Child> owned(&child);
   child.wait();
 }
+
+void AsyncChildCleaner::released(Child& child) { delete &child; }
 
 std::string shellCommand(std::string_view line) {
   std::size_t from = 0;

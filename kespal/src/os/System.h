@@ -13,6 +13,8 @@ char*** environment() noexcept;
 
 /// The POSIX form of strerror_r: writes the system's text for an error number; false when it has none.
 bool errorText(int errnum, char* buffer, std::size_t size);
+/// The text that is not translated; null when there is none. Takes neither memory nor locks.
+const char* plainErrorText(int errnum) noexcept;
 
 /// Whether this error of fsync() says that the descriptor is of a kind that cannot be synced, as pipes and
 /// terminals are.

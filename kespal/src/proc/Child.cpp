@@ -1,6 +1,6 @@
 #include "kespal/proc/Child.h"
 
-#include <sys/wait.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <memory>
@@ -11,89 +11,90 @@
 #include "kespal/State.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/signal/Sender.h"
-#include "proc/Collector.h"
+#include "proc/Flock.h"
 #include "sys/NoCancel.h"
 
 namespace kes::proc {
-
-constinit Shepherd* Child::m_shepherd = nullptr;
-thread::Lock Child::m_init_lock(thread::Normal);
 
 namespace {
 
 using InitGuard = thread::LockGuardT<thread::Lock>;
 
-/// A process that was started with SIGCHLD ignored would never see the end of a child.
-void stopIgnoringChildren() {
-  struct sigaction action {};
-  if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
-    action.sa_handler = SIG_DFL;
-    ::sigaction(SIGCHLD, &action, nullptr);
-  }
+/// Made when it is first wanted, maybe by the initialisation of another file, and never destroyed: children
+/// may end while the process does. A fork finds it free, whatever other threads do.
+thread::Lock& initLock() {
+  static thread::Lock& lock = []() -> thread::Lock& {
+    auto* const made = new thread::Lock(thread::Normal);
+    const auto lockIt = [] { initLock().lock(); };
+    const auto unlockIt = [] { initLock().unlock(); };
+    ::pthread_atfork(lockIt, unlockIt, unlockIt);
+    return *made;
+  }();
+  return lock;
 }
 
 /// A fork inherits the object but not its thread, and nobody knows who held its lock: it is left alone.
 void abandonForeignCollector() {
-  if (Child::m_shepherd != nullptr && Child::m_shepherd->isOfAnotherProcess()) Child::m_shepherd = nullptr;
+  if (Child::m_shepherd != nullptr && Flock::of(*Child::m_shepherd)->isOfAnotherProcess()) {
+    Child::m_shepherd = nullptr;
+  }
 }
 
 /// With the init lock held.
 void makeCollector() {
+  abandonForeignCollector();
   if (Child::m_shepherd != nullptr) return;
   if (State::m_fork_pending) {
     raiseAt({"src/proc/Child", 35, "init"}, RuntimeError("Tried to lazy-initialize shepherd before forking"));
   }
-  stopIgnoringChildren();
   auto shepherd = std::make_unique<Shepherd>();
   shepherd->start();
   Child::m_shepherd = shepherd.release();
 }
 
+/// The collector of today; null when there is none.
+std::shared_ptr<Flock> presentCollector() {
+  const InitGuard guard(initLock());
+  abandonForeignCollector();
+  return Child::m_shepherd != nullptr ? Flock::of(*Child::m_shepherd) : nullptr;
+}
+
 }  // namespace
 
-Collector::Collector(Wanted wanted) {
-  const InitGuard guard(Child::m_init_lock);
-  abandonForeignCollector();
-  if (wanted == Created) makeCollector();
-  if (wanted == Existing && Child::m_shepherd == nullptr) {
-    raiseAt(KES_HERE, RuntimeError("There is no process collector"));
-  }
-  shepherd_ = Child::m_shepherd;
-  if (shepherd_ != nullptr) shepherd_->enter();
-}
-
-Collector::~Collector() {
-  if (shepherd_ != nullptr) shepherd_->leave();
-}
+constinit Shepherd* Child::m_shepherd = nullptr;
+thread::Lock& Child::m_init_lock = initLock();
 
 void Child::init() {
-  const InitGuard guard(m_init_lock);
-  abandonForeignCollector();
+  const InitGuard guard(initLock());
   makeCollector();
 }
 
+std::shared_ptr<Flock> Child::collector() {
+  const InitGuard guard(initLock());
+  makeCollector();
+  return Flock::of(*m_shepherd);
+}
+
 void Child::exit() {
-  {
-    const Collector collector(Collector::IfThere);
-    if (collector && collector->runsHere()) {
-      raiseAt(KES_HERE, RuntimeError("The process collector cannot be ended from its own thread"));
-    }
+  const auto collector = presentCollector();
+  if (collector && collector->runsHere()) {
+    raiseAt(KES_HERE, RuntimeError("The process collector cannot be ended from its own thread"));
   }
   std::unique_ptr<Shepherd> shepherd;
   {
-    const InitGuard guard(m_init_lock);
+    const InitGuard guard(initLock());
     abandonForeignCollector();
     shepherd.reset(std::exchange(m_shepherd, nullptr));
   }
   if (shepherd) shepherd->stop();
 }
 
+bool Child::isOfThisProcess() const noexcept { return flock_ && !flock_->isOfAnotherProcess(); }
+
 Child::~Child() {  // NOLINT(bugprone-exception-escape)
-  if (pid_ == -1 && notify_ == nullptr) return;
+  if (!isOfThisProcess()) return;
   const sys::NoCancel untilForgotten;
-  const Collector collector(Collector::IfThere);
-  if (collector) collector->forget(*this, pid_, registration_);
+  flock_->forget(*this, registeredPid_, registration_);
 }
 
 void Child::setNotify(Notification* notification) {
@@ -101,28 +102,27 @@ void Child::setNotify(Notification* notification) {
     raiseAt({"src/proc/Child", 57, "setNotify"},
             RuntimeError("Can't set notify callback if child is already running"));
   }
-  if (notify_ != nullptr) {
-    const Collector collector(Collector::IfThere);
-    if (collector) collector->awaitNotification(*this);
-  }
+  if (notify_ != nullptr && isOfThisProcess()) flock_->awaitNotification(*this);
   notify_ = notification;
 }
 
+void Child::Notification::released(Child&) {}
+
 void Child::exited() {
   if (notify_ != nullptr) notify_->exited(*this);
+}
+
+void Child::released() {
+  if (notify_ != nullptr) notify_->released(*this);
 }
 
 void Child::kill(const int& signal) { this->signal(KES_HERE, signal); }
 
 void Child::term(const int& signal) { this->signal(KES_HERE, signal); }
 
-/// With the collector's lock held a registered child cannot be reaped, and its id not be another's.
 void Child::signal(const Site& site, int signal) const {
-  const Collector collector(Collector::IfThere);
-  if (pid_ == -1 || !collector) raiseAt(site, NoSuchProcessError(ESRCH));
-  const Shepherd::Guard guard(collector->condition());
-  if (!collector->isRegisteredNoLock(pid_, registration_)) raiseAt(site, NoSuchProcessError(ESRCH));
-  signal::Sender::signalProc(signal, pid_);
+  if (pid_ == -1 || !isOfThisProcess()) raiseAt(site, NoSuchProcessError(ESRCH));
+  flock_->signal(site, signal, pid_, registration_, presentCollector().get());
 }
 
 std::ostream& operator<<(std::ostream& stream, const Child::ExitState& state) {

@@ -1,13 +1,22 @@
 // Children and their collector: its beginning and end, and what notifications may do.
 #include <sys/wait.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <future>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+#include <utility>
 
 #include "kespal/State.h"
+#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/proc/ChildFixture.h"
+#include "kespal/proc/Shepherd.h"
 #include "support/ForkedChild.h"
+#include "support/Gate.h"
 #include "support/Sanitizer.h"
 
 namespace kes::proc {
@@ -64,6 +73,74 @@ TEST_F(ChildTest, AForkOfThisProcessMakesACollectorOfItsOwn) {
   EXPECT_EQ(result.exitCode(), 4);
 }
 
+TEST_F(ChildTest, AForkMadeWhileTheCollectorsLockIsHeldStartsAndForgetsChildren) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("starts no thread in the fork of a process that has some");
+  auto* ours = new Child({"/bin/sleep", "3600"});
+  ours->create();
+  test::Gate held, over;
+  std::thread holder([&] {
+    const Shepherd::Guard guard(Child::m_shepherd->condition());
+    held.open();
+    over.pass();
+  });
+  held.pass();
+  const auto startOne = [] {
+    Child theirs({"/bin/sh", "-c", "exit 4"});
+    theirs.create();
+    return WEXITSTATUS(theirs.wait().status);
+  };
+  const auto result = inChild([&] {
+    std::cout << errorOf<NoSuchProcessError>([&] { ours->kill(); }).substr(0, 15) << '\n'
+              << errorOf<RuntimeError>([&] { ours->wait(); }).substr(0, 29) << '\n'
+              << startOne();
+    const auto deeper = inChild([&] {
+      delete ours;
+      return startOne();
+    });
+    Child::exit();
+    return deeper.exitCode();
+  });
+  over.open();
+  holder.join();
+  EXPECT_EQ(result.exitCode(), 4) << result.err;
+  EXPECT_EQ(result.out, "No such process\nThere is no process collector\n4");
+  ours->kill();
+  ours->wait();
+  delete ours;
+}
+
+TEST_F(ChildTest, AForkMadeWhileAnotherThreadStartsItsFirstChildCanStartOne) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("starts no thread in the fork of a process that has some");
+  std::atomic<bool> done{false};
+  std::thread other([&done] {
+    while (!done) {
+      Child::init();
+      Child::exit();
+    }
+  });
+  int failed = 0;
+  for (int round = 0; round < 50; ++round) {
+    const auto result = inChild([] {
+      Child child({"/bin/sh", "-c", "exit 4"});
+      child.create();
+      return WEXITSTATUS(child.wait().status);
+    });
+    if (result.exitCode() != 4) ++failed;
+  }
+  done = true;
+  other.join();
+  EXPECT_EQ(failed, 0);
+}
+
+TEST_F(ChildTest, TheLockOfTheFirstStartOutlivesTheEndOfTheProcess) {
+  const auto result = inChild([]() -> int {
+    Child::m_init_lock.lock();  // a lock that is destroyed while it is held says so
+    std::exit(3);
+  });
+  EXPECT_EQ(result.exitCode(), 3);
+  EXPECT_EQ(result.err, "");
+}
+
 TEST_F(ChildTest, ANotificationMayWaitForItsChildAndDeleteIt) {
   struct Cleaner : Child::Notification {
     void exited(Child& child) override {
@@ -112,6 +189,33 @@ TEST_F(ChildTest, ANotificationThatThrowsIsReportedAndTheCollectorCarriesOn) {
   EXPECT_EQ(result.exitCode(), 2);
   EXPECT_THAT(result.err, testing::StartsWith("checkCB: callback has thrown an exception:\n\n#1)\n"));
   EXPECT_THAT(result.err, testing::HasSubstr("Runtime error occured. from the notification"));
+}
+
+TEST_F(ChildTest, ForeignExceptionsOfNotificationsAreReportedTooAndTheCollectorCarriesOn) {
+  const auto result = inChild([] {
+    struct Thrower : Child::Notification {
+      void exited(Child&) override {
+        if (++calls == 1) throw std::runtime_error("a standard one");
+        throw 42;
+      }
+      int calls = 0;
+    } thrower;
+    for (int round = 0; round < 2; ++round) {
+      Child child({"/bin/true"});
+      child.setNotify(&thrower);
+      child.create();
+      child.wait();
+    }
+    Child last({"/bin/sh", "-c", "exit 2"});
+    last.create();
+    const int code = WEXITSTATUS(last.wait().status);
+    Child::exit();
+    return code;
+  });
+  EXPECT_EQ(result.exitCode(), 2);
+  EXPECT_EQ(result.err,
+            "checkCB: callback has thrown an exception:\na standard one\n"
+            "checkCB: callback has thrown an exception:\nan unknown exception\n");
 }
 
 TEST_F(ChildTest, TheCollectorCannotBeEndedFromANotification) {

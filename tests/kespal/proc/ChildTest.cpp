@@ -120,6 +120,42 @@ TEST_F(ChildTest, ATimedWaitThatExpiresKeepsTheChildForALaterWait) {
   EXPECT_EQ(state.status, SIGTERM);
 }
 
+TEST_F(ChildTest, ATimeOutThatNoClockCanTellIsNone) {
+  for (const auto timeout : {time::Milliseconds::max(), time::Milliseconds(5'000'000'000'000)}) {
+    Child child({"/bin/sleep", "3600"});
+    child.create();
+    auto waiting = std::async(std::launch::async, [&] { return child.wait(true, timeout); });
+    EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
+    child.term();
+    const auto state = waiting.get();
+    EXPECT_TRUE(state.finished);
+    EXPECT_EQ(state.status, SIGTERM);
+  }
+}
+
+TEST_F(ChildTest, ATimeOutFarInThePastDoesNotWait) {
+  Child child({"/bin/sleep", "3600"});
+  child.create();
+  EXPECT_FALSE(child.wait(true, time::Milliseconds::min()).finished);
+  EXPECT_FALSE(child.wait(true, time::Milliseconds(-4'000'000'000'000)).finished);
+  child.kill();
+  child.wait();
+}
+
+TEST_F(ChildTest, CreateWhileAChildRunsIsAUsageErrorAndThatChildRunsOn) {
+  Child child({"/bin/sleep", "3600"});
+  child.create();
+  const pid_t pid = child.pid();
+  EXPECT_THAT(errorOf<UsageError>([&] { child.create(); }),
+              testing::StartsWith("Can't start another program: the child was not waited for @ "));
+  EXPECT_EQ(child.pid(), pid);
+  child.term();
+  EXPECT_EQ(child.wait().status, SIGTERM);
+  EXPECT_NO_THROW(child.create());
+  child.kill();
+  child.wait();
+}
+
 TEST_F(ChildTest, WaitingWithoutAChildIsAUsageError) {
   Child child({"/bin/true"});
   const std::string expected = "tried to wait on non-existent child @ src/os/posix/proc/Child:340 wait";

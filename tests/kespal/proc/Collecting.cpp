@@ -9,12 +9,14 @@
 #include <fstream>
 
 #include "kespal/time/Clock.h"
+#include "support/NoMemory.h"
 
 namespace kes::test {
 
 std::vector<int> waitFailures;
 std::atomic<int> looks{0}, childlessLooks{0};
 std::atomic<bool> forkFails{false};
+std::atomic<int> forks{0};
 std::atomic<int> threadError{0}, joinError{0};
 
 }  // namespace kes::test
@@ -36,6 +38,7 @@ extern "C" int __wrap_waitid(idtype_t type, id_t id, siginfo_t* info, int option
 
 extern "C" pid_t __real_fork();
 extern "C" pid_t __wrap_fork() {
+  ++forks;
   if (!forkFails) return __real_fork();
   errno = EAGAIN;
   return -1;
@@ -63,13 +66,15 @@ Collecting::Collecting() {
 
 Collecting::~Collecting() { shepherd.stop(); }
 
-pid_t Collecting::add(std::optional<int> code) {
+pid_t Collecting::add(std::optional<int> code, bool starving) {
   const proc::Shepherd::Guard guard(shepherd.condition());
   const pid_t pid = __real_fork();
   if (pid == 0) {
     if (code) ::_exit(*code);
     for (;;) ::pause();
   }
+  std::optional<NoMemory> noMemory;
+  if (starving) noMemory.emplace();
   shepherd.addNoLock(pid, nullptr);
   return pid;
 }

@@ -18,6 +18,7 @@ namespace kes::test {
 extern std::vector<int> waitFailures;
 extern std::atomic<int> looks, childlessLooks;  ///< that were begun, that found no child at all
 extern std::atomic<bool> forkFails;
+extern std::atomic<int> forks;                   ///< that were tried
 extern std::atomic<int> threadError, joinError;  ///< of the next thread's creation, and of its end
 
 /// A collector that runs, and children that are made by hand.
@@ -26,8 +27,8 @@ class Collecting {
   Collecting();
   ~Collecting();
 
-  /// Forks and registers a child that ends with this code, or never.
-  pid_t add(std::optional<int> code);
+  /// Forks and registers a child that ends with this code, or never; without memory if that is wanted.
+  pid_t add(std::optional<int> code, bool starving = false);
 
   proc::Shepherd shepherd;
 };

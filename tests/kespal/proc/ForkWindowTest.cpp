@@ -8,10 +8,16 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <iostream>
 #include <new>
 
+#include "kespal/error/OsError.h"
+#include "kespal/fs/Ops.h"
 #include "kespal/proc/Child.h"
+#include "kespal/signal/Mask.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
@@ -19,8 +25,8 @@ namespace {
 
 /// What the children of this process have done, in memory that they share with it.
 struct Counts {
-  std::atomic<int> allocations, locks, execs;
-  std::atomic<int> failDup2, failSigmask, failUnlock;  // the error that the call is to fail with
+  std::atomic<int> allocations, locks, lookUps, execs;
+  std::atomic<int> failDup2, failSigmask, failExec;  // the error that the call is to fail with
 };
 
 Counts& counts() {
@@ -29,7 +35,8 @@ Counts& counts() {
   return *shared;
 }
 
-pid_t g_watched = 0;  // the process whose children are counted
+pid_t g_watched = 0;                // the process whose children are counted
+const char* translation = nullptr;  // the system's text of every error, if it is to be another one
 
 bool isForkedChild() { return g_watched != 0 && ::getpid() != g_watched; }
 void noteAllocation() {
@@ -49,10 +56,17 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   if (isForkedChild()) ++counts().locks;
   return __real_pthread_mutex_lock(mutex);
 }
-int __real_pthread_mutex_unlock(pthread_mutex_t*);
-int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
-  const int error = isForkedChild() ? counts().failUnlock.load() : 0;
-  return error != 0 ? error : __real_pthread_mutex_unlock(mutex);
+int __real___xpg_strerror_r(int, char*, std::size_t);
+int __wrap___xpg_strerror_r(int errnum, char* buffer, std::size_t size) {
+  if (isForkedChild()) ++counts().lookUps;
+  if (translation == nullptr) return __real___xpg_strerror_r(errnum, buffer, size);
+  std::snprintf(buffer, size, "%s", translation);
+  return 0;
+}
+int __real_backtrace(void**, int);
+int __wrap_backtrace(void** frames, int size) {
+  if (isForkedChild()) ++counts().lookUps;
+  return __real_backtrace(frames, size);
 }
 int __real_pthread_sigmask(int, const sigset_t*, sigset_t*);
 int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* before) {
@@ -67,6 +81,10 @@ int __wrap_execve(const char* path, char* const* arguments, char* const* environ
 int __real_execvp(const char*, char* const*);
 int __wrap_execvp(const char* file, char* const* arguments) {
   if (isForkedChild()) ++counts().execs;
+  if (isForkedChild() && counts().failExec != 0) {
+    errno = counts().failExec;
+    return -1;
+  }
   return __real_execvp(file, arguments);
 }
 int __real_dup2(int, int);
@@ -95,7 +113,7 @@ class ForkWindowTest : public testing::Test {
  protected:
   void SetUp() override {
     counts().allocations = counts().locks = counts().execs = 0;
-    counts().failDup2 = counts().failSigmask = counts().failUnlock = 0;
+    counts().failDup2 = counts().failSigmask = counts().failExec = 0;
     Child::init();
     g_watched = ::getpid();
   }
@@ -154,33 +172,103 @@ TEST_F(ForkWindowTest, AStreamThatCannotBeDuplicatedIsToldAndTheProgramStartsAll
                             "\nError dup2()'ing stdin: " + number + "\n");
 }
 
-/// What a child is told on standard error, and ends with, when one of its first steps fails.
-test::ChildResult startFailingWith(std::atomic<int>& call) {
-  return test::inChild([&call] {
-    call = EPERM;
+/// What a start that has to fail says, and whether its child took memory, a lock, an error's text from the
+/// locale or a backtrace meanwhile.
+test::ChildResult failingStart(const std::function<void(Child&)>& setUp, const char* program = "/bin/true") {
+  return test::inChild([&] {
+    counts().allocations = counts().locks = counts().lookUps = 0;
     g_watched = ::getpid();
-    Child child({"/bin/echo", "not reached"});
+    Child child({program});
+    setUp(child);
     child.create(false);
     const int status = child.wait(false, {}).status;
+    g_watched = 0;
     Child::exit();
-    return status >> 8;
+    std::cout << counts().allocations << ' ' << counts().locks << ' ' << counts().lookUps;
+    return WEXITSTATUS(status);
   });
 }
 
-TEST_F(ForkWindowTest, ASignalMaskThatCannotBeRestoredIsToldAndEndsTheChildWith125) {
-  const auto result = startFailingWith(counts().failSigmask);
-  EXPECT_EQ(result.exitCode(), 125);
-  EXPECT_EQ(result.out, "");
-  EXPECT_THAT(result.err, testing::MatchesRegex("In child process [0-9]+ \\(/bin/echo\\):\n\n#1\\)\n(.|\n)*"
-                                                "Operation not permitted \\(1\\)\n\n"));
+/// The text of a report with its process id left out.
+std::string withoutPid(std::string text) {
+  const std::string before = "In child process ";
+  const std::size_t at = text.find(before);
+  if (at == text.npos) return text;
+  const std::size_t from = at + before.size();
+  return text.erase(from, text.find(' ', from) - from);
 }
 
-// The child must not get back into its parent's frames, which would go on there a second time.
-TEST_F(ForkWindowTest, AnInheritedLockThatCannotBeReleasedIsToldAndEndsTheChildWith125) {
-  const auto result = startFailingWith(counts().failUnlock);
+std::string stackOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const Exception& error) {
+    return error.exStack();
+  }
+  return "";
+}
+
+TEST_F(ForkWindowTest, AProgramThatCannotBeStartedIsToldWithoutMemoryLocksOrLookUps) {
+  OsError error(ENOENT);
+  error.setSite({"src/os/posix/proc/Child", 318, "create"});
+  for (const bool withEnvironment : {false, true}) {
+    const auto result = failingStart(
+        [withEnvironment](Child& child) {
+          if (withEnvironment) child.setEnvironment({"A=1"});
+        },
+        "kes-no-such-program");
+    EXPECT_EQ(result.exitCode(), 125);
+    EXPECT_EQ(result.out, "0 0 0");
+    EXPECT_EQ(withoutPid(result.err), "In child process  (kes-no-such-program):\n" + error.exStack() + "\n");
+  }
+}
+
+TEST_F(ForkWindowTest, ADirectoryThatCannotBeEnteredIsToldAsItsOperationDoes) {
+  for (const char* directory : {"/no/such/directory", "/dev/null"}) {
+    const auto result = failingStart([directory](Child& child) { child.setWorkingDirectory(directory); });
+    EXPECT_EQ(result.exitCode(), 125);
+    EXPECT_EQ(result.out, "0 0 0");
+    EXPECT_EQ(withoutPid(result.err), "In child process  (/bin/true):\n\nCannot change working directory:\n" +
+                                          stackOf([directory] { fs::Ops::setCWD(directory); }));
+  }
+}
+
+TEST_F(ForkWindowTest, AMaskThatCannotBeRestoredIsToldAsItsOperationDoes) {
+  const auto result = failingStart([](Child&) { counts().failSigmask = EINVAL; });
   EXPECT_EQ(result.exitCode(), 125);
-  EXPECT_EQ(result.out, "");
-  EXPECT_THAT(result.err, testing::HasSubstr("include/os/posix/thread/Lock:49 (unlock)"));
+  EXPECT_EQ(result.out, "0 0 0");
+  EXPECT_EQ(withoutPid(result.err),
+            "In child process  (/bin/true):\n" + stackOf([] { signal::Mask::call({}, -1); }) + "\n");
+}
+
+TEST_F(ForkWindowTest, ABacktraceInAFailedStartsReportWasTakenBefore) {
+  Exception::m_gen_backtraces = true;
+  const auto result = failingStart([](Child&) {}, "/no/such/program");
+  Exception::m_gen_backtraces = false;
+  EXPECT_EQ(result.exitCode(), 125);
+  EXPECT_EQ(result.out, "0 0 0");
+  EXPECT_THAT(result.err, testing::HasSubstr("Function call backtrace:\n"));
+  EXPECT_THAT(result.err, testing::HasSubstr("create"));
+  EXPECT_THAT(result.err,
+              testing::EndsWith("\tSystem/Library call error: No such file or directory (2)\n\n"));
+}
+
+TEST_F(ForkWindowTest, TheTextOfAnErrorIsTheOneOfTheParentsLanguage) {
+  translation = "Datei oder Verzeichnis nicht gefunden";
+  const auto result = failingStart([](Child&) {}, "/no/such/program");
+  translation = nullptr;
+  EXPECT_EQ(result.out, "0 0 0");
+  EXPECT_THAT(result.err, testing::HasSubstr("error: Datei oder Verzeichnis nicht gefunden (2)\n"));
+}
+
+TEST_F(ForkWindowTest, AnErrorThatNobodyExpectedHasItsTextWithoutTranslation) {
+  for (const int errnum : {ENOTUNIQ, 4242}) {
+    const auto result = failingStart([errnum](Child&) { counts().failExec = errnum; });
+    counts().failExec = 0;
+    const OsError error(errnum);
+    EXPECT_EQ(result.out, "0 0 0");
+    EXPECT_THAT(result.err, testing::HasSubstr("error: " + error.text() + "\n"));
+    EXPECT_EQ(result.err.starts_with("text: error getting error text from strerror_r!\n"), errnum == 4242);
+  }
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/NoMemory.h"
 #include "support/RaisedAs.h"
 
 namespace kes::proc {
@@ -266,6 +267,37 @@ TEST(ShepherdTest, AForkThatFailsRaisesOsErrorAndReleasesTheLock) {
     return 0;
   });
   EXPECT_EQ(result.out, std::to_string(EAGAIN) + " src/os/posix/proc/Child:129 create");
+}
+
+TEST(ShepherdTest, WithoutMemoryAStartFailsBeforeAnythingIsForked) {
+  Child::init();
+  std::size_t refusals = 0;
+  {
+    Child child({"/bin/true"});
+    child.setEnvironment({"A=1"});
+    child.setWorkingDirectory("/");
+    refusals = test::starve([&child] {
+      const int before = test::forks;
+      try {
+        child.create();
+      } catch (const std::bad_alloc&) {
+        EXPECT_EQ(test::forks, before);
+        EXPECT_EQ(child.pid(), -1);
+        throw;
+      }
+      EXPECT_EQ(child.wait().status, 0);
+    });
+  }
+  EXPECT_GT(refusals, 3U);
+  Child::exit();
+}
+
+TEST(ShepherdTest, AChildIsRegisteredAlthoughThereIsNoMemoryAnyMore) {
+  Collecting collecting;
+  const pid_t pid = collecting.add(7, /*starving=*/true);
+  int status = 0;
+  EXPECT_TRUE(collecting.shepherd.wait(pid, status));
+  EXPECT_EQ(WEXITSTATUS(status), 7);
 }
 
 TEST(ShepherdTest, AChildWithANotificationMayBeDestroyedAtAnyMoment) {

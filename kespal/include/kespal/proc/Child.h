@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "kespal/NoCopy.h"
@@ -16,13 +17,21 @@
 
 namespace kes::proc {
 
+class Flock;
 class Program;
 class Shepherd;
 
-/// A program to start, as a child process or in place of this one, and the child while it runs. Children
-/// are reaped by the one process collector (Shepherd), which also takes those that others forked. An object
-/// is used by one thread at a time; several objects by as many threads as you like. Its end neither waits
-/// for the child nor signals it.
+/// A program to start, as a child process or in place of this one, and the child while it runs. An object is
+/// used by one thread at a time; several objects by as many threads as you like. Its end neither waits for
+/// the child nor signals it; it waits for a notification that runs on another thread.
+///
+/// Children are reaped by the one process collector (Shepherd). While one of them runs it reaps EVERY child
+/// of the process, also those of popen(), system() and forks of your own, whose statuses are then lost: start
+/// such programs by a Child as well. The first create() makes the collector, and with it a SIGCHLD that the
+/// process ignores gets its default action, for good.
+///
+/// A fork without exec has a copy of the object and not the child: there pid() is only a number, wait()
+/// raises RuntimeError, kill() and term() raise NoSuchProcessError, and create() starts a child of its own.
 class Child : NoCopy {
  public:
   /// What wait() learned.
@@ -36,8 +45,12 @@ class Child : NoCopy {
    public:
     virtual ~Notification() = default;
     /// Called on the collector's thread, with no lock held. It may wait for the child (its status is
-    /// there), delete it, and start others; a kes::Exception is reported and goes no further.
+    /// there), delete it, and start others; an exception is reported and goes no further. As long as it runs
+    /// no other child is reaped.
     virtual void exited(Child& child) = 0;
+    /// Called instead when the collector ends while the child still runs: nobody will tell of its end. On the
+    /// same thread; may delete the child.
+    virtual void released(Child& child);
   };
 
   Child() = default;
@@ -53,8 +66,9 @@ class Child : NoCopy {
   /// Empty means that this process's is kept.
   void setWorkingDirectory(const std::string& directory) { workingDirectory_ = directory; }
   /// Descriptors that the child gets as its 0, 1 and 2; -1 means that it inherits this process's. They stay
-  /// the caller's. Their close-on-exec flag is cleared by create() and stays so: hand in descriptors that
-  /// no other child should get at the same time.
+  /// the caller's. create() clears their close-on-exec flag, and leaves it so: every program that this
+  /// process starts from then on, by whatever means, gets them as well, until the caller closes them.
+  /// Installed in the order 1, 2, 0, so that a number may stand for what was installed before it.
   void setStdin(int fd) { stdinFd_ = fd; }
   void setStdout(int fd) { stdoutFd_ = fd; }
   void setStderr(int fd) { stderrFd_ = fd; }
@@ -65,17 +79,26 @@ class Child : NoCopy {
   void setNotify(Notification* notification);
 
   /// Starts the program. With `inPlace` this process becomes it, and the call does not return. Otherwise
-  /// returns once the child is forked and registered; that the program could not be started then shows as
-  /// exit code 125 and on the child's standard error. UsageError without arguments; OsError (EBADF for a
-  /// descriptor that is not open, EAGAIN, ENOMEM for the fork); RuntimeError while a fork is pending.
+  /// returns once the child is made and registered; that the program could not be started then shows as
+  /// exit code 125 and on the child's standard error. The child gets the signal mask that this process
+  /// started with, and of the descriptors those that are not close-on-exec. UsageError without arguments, and
+  /// while pid() is not -1: wait() first. OsError: EBADF for a descriptor that is not open, EAGAIN and ENOMEM
+  /// for the child, EAGAIN for the collector's thread. RuntimeError for the first child while a fork is
+  /// pending, and when the collector has ended and Child::exit() was not called. std::bad_alloc. After an
+  /// error there is no child.
   void create(bool inPlace = false);
 
   /// Waits until the child has ended or, when `timed`, until `timeout` has passed; a child that was waited
-  /// for successfully is forgotten. UsageError when there is no child; RuntimeError when the collector ends
-  /// meanwhile.
+  /// for successfully is forgotten. A time-out that is not positive asks and does not wait; one that no clock
+  /// can tell is none. UsageError when there is no child; RuntimeError when the collector ends or has ended
+  /// before the child did, and on the collector's thread for a child that has not ended; OsError (EINVAL) for
+  /// a timed wait before the clocks were made ready (ClockBase::init(), KesPal). After an error the child is
+  /// forgotten, too.
   ExitState wait(bool timed = false, const time::Milliseconds& timeout = {});
 
-  /// Signals the child. NoSuchProcessError when it does not run any more, whether or not it was waited for.
+  /// Signals the child, also after Child::exit(). NoSuchProcessError when it does not run any more, whether
+  /// or not it was waited for; OsError (EINVAL for a signal that does not exist, EPERM for a program of
+  /// another user).
   void kill(const int& signal = SIGKILL);
   void term(const int& signal = SIGTERM);
 
@@ -86,23 +109,32 @@ class Child : NoCopy {
   void exited();
 
   /// Creates and starts the collector if there is none; create() does it when needed. RuntimeError while a
-  /// fork is pending.
+  /// fork is pending; OsError (EAGAIN) when the system refuses a thread.
   static void init();
-  /// Stops the collector, if there is one, within moments, whatever children still run. Not from a
-  /// notification: RuntimeError.
+  /// Stops the collector, if there is one, within moments. Children that still run are left alone: nobody
+  /// will reap them, and wait() raises RuntimeError. Not from a notification: RuntimeError.
   static void exit();
 
-  static Shepherd* m_shepherd;      ///< null until first needed
-  static thread::Lock m_init_lock;  ///< guards m_shepherd; no collector's lock is taken while it is held
+  static Shepherd* m_shepherd;  ///< null until first needed
+  /// Guards m_shepherd; no collector's lock is taken while it is held. Never destroyed: children may end, and
+  /// other threads start some, while the process exits.
+  static thread::Lock& m_init_lock;
 
  private:
+  friend class Flock;
+
+  static std::shared_ptr<Flock> collector();
+  void released();
   void fork(const Program& program);
   void signal(const Site& site, int signal) const;
+  bool isOfThisProcess() const noexcept;
 
   std::list<std::string> environment_;
   std::list<std::string> arguments_;
   std::atomic<pid_t> pid_{-1};      // a notification may read it while another thread waits
-  std::uint64_t registration_ = 0;  // tells the child from others that had its process id
+  std::shared_ptr<Flock> flock_;    // where the last child was registered
+  pid_t registeredPid_ = -1;        // under this id, which stays when pid_ is -1 again,
+  std::uint64_t registration_ = 0;  // and this number
   std::string workingDirectory_;
   int stdoutFd_ = -1;
   int stderrFd_ = -1;

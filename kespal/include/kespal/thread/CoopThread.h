@@ -6,10 +6,6 @@
 #include "kespal/thread/CppThread.h"
 #include "kespal/time/Clock.h"
 
-namespace kes::proc {
-class Shepherd;
-}
-
 namespace kes::thread {
 
 /// A thread that can be asked to pause, to run on and to return, and that answers at points of its own
@@ -73,9 +69,8 @@ class CoopThread : public CppThread, public CppThread::IThread {
   bool requestPauseIfRun();
 
  private:
-  friend class proc::Shepherd;
-
   struct Control;
+
 
   std::shared_ptr<Control> control() const;
   void ask(Request request);

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace kes::os {
@@ -15,6 +16,10 @@ namespace kes::os {
 char*** environment() noexcept { return ::_NSGetEnviron(); }
 
 bool errorText(int errnum, char* buffer, std::size_t size) { return ::strerror_r(errnum, buffer, size) == 0; }
+
+const char* plainErrorText(int errnum) noexcept {
+  return errnum >= 0 && errnum < ::sys_nerr ? ::sys_errlist[errnum] : nullptr;
+}
 
 // What has no vnode, such as a pipe, answers ENOTSUP here.
 bool nothingToSync(int errnum) noexcept { return errnum == EINVAL || errnum == ENOTSUP; }

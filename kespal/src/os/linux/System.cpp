@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 // g++ always defines _GNU_SOURCE, and with it <cstring> declares the GNU strerror_r, which cannot fail.
 // The POSIX form has this name in every C library that offers both.
@@ -17,6 +18,8 @@ char*** environment() noexcept { return &::environ; }
 bool errorText(int errnum, char* buffer, std::size_t size) {
   return ::__xpg_strerror_r(errnum, buffer, size) == 0;
 }
+
+const char* plainErrorText(int errnum) noexcept { return ::strerrordesc_np(errnum); }
 
 bool nothingToSync(int errnum) noexcept { return errnum == EINVAL; }
 

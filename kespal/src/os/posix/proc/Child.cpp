@@ -10,7 +10,7 @@
 #include "kespal/error/StaticError.h"
 #include "os/posix/proc/Program.h"
 #include "os/posix/proc/RawMessage.h"
-#include "proc/Collector.h"
+#include "proc/Flock.h"
 
 namespace kes::proc {
 
@@ -18,10 +18,11 @@ void Child::create(bool inPlace) {
   if (arguments_.empty()) {
     raiseAt({"src/os/posix/proc/Child", 83, "create"}, UsageError("No executable specified"));
   }
+  if (!inPlace && pid_ != -1 && isOfThisProcess()) {
+    raiseAt(KES_HERE, UsageError("Can't start another program: the child was not waited for"));
+  }
   for (int fd : {stdoutFd_, stderrFd_, stdinFd_}) {
-    if (fd != -1 && ::fcntl(fd, F_SETFD, 0) == -1) {
-      raiseAt({"src/os/posix/proc/Child", 97, "create"}, OsError(errno));
-    }
+    if (fd != -1) check({"src/os/posix/proc/Child", 97, "create"}, ::fcntl(fd, F_SETFD, 0));
   }
   const Program program(arguments_, environment_, workingDirectory_, {stdoutFd_, stderrFd_, stdinFd_});
   if (inPlace) program.become();
@@ -31,17 +32,19 @@ void Child::create(bool inPlace) {
 /// The collector's lock is held from before the fork until the child is registered. Nothing of this object
 /// is touched once it is free: the child's end may already have destroyed it.
 void Child::fork(const Program& program) {
-  const Collector collector(Collector::Created);
-  const Shepherd::Guard guard(collector->condition());
-  if (!collector->isServingNoLock()) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
-  const pid_t pid = ::fork();
-  if (pid == -1) raiseAt({"src/os/posix/proc/Child", 129, "create"}, OsError(errno));
+  pid_ = -1;
+  const std::shared_ptr<Flock> flock = flock_ = collector();
+  const Flock::Guard guard(flock->condition());
+  if (!flock->isServingNoLock()) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
+  flock->reserveNoLock();
+  const pid_t pid = check({"src/os/posix/proc/Child", 129, "create"}, ::fork());
   if (pid == 0) {
+    // Its copy of the lock is left alone: the exec throws it away.
     if (newProcessGroup_) enterNewProcessGroup();
-    program.become(&collector->condition());
+    program.become();
   }
-  pid_ = pid;
-  registration_ = collector->addNoLock(pid, notify_ != nullptr ? this : nullptr);
+  pid_ = registeredPid_ = pid;
+  registration_ = flock->addNoLock(pid, notify_ != nullptr ? this : nullptr);
 }
 
 Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
@@ -50,8 +53,8 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
   }
   ExitState state{0, false};
   try {
-    const Collector collector(Collector::Existing);
-    state.finished = collector->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
+    if (!isOfThisProcess()) raiseAt(KES_HERE, RuntimeError("There is no process collector"));
+    state.finished = flock_->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
   } catch (const std::exception&) {
     pid_ = -1;
     throw;
@@ -62,8 +65,8 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
 
 void enterNewProcessGroup() {
   if (::setpgid(0, 0) == 0) return;
-  const int error = errno;
-  RawMessage().add("Failed to set new process group. Errno = ").add(error).add("\n").send();
+  const int errnum = errno;
+  RawMessage().add("Failed to set new process group. Errno = ").add(errnum).add("\n").send();
 }
 
 }  // namespace kes::proc

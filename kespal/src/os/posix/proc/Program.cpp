@@ -4,14 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <csignal>
 
 #include "kespal/Helper.h"
+#include "kespal/error/FsError.h"
 #include "kespal/error/OsError.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/proc/Env.h"
 #include "kespal/signal/Mask.h"
-#include "kespal/thread/Condition.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
 
@@ -38,11 +38,39 @@ std::vector<std::string> candidatesFor(const std::string& program) {
   return files;
 }
 
-void installAs(int target, const char* name, int fd) {
+void installAs(int target, const char* name, int fd) noexcept {
   if (fd != -1 && ::dup2(fd, target) == -1) {
-    const int error = errno;
-    RawMessage().add("Error dup2()'ing ").add(name).add(": ").add(error).add("\n").send();
+    const int errnum = errno;
+    RawMessage().add("Error dup2()'ing ").add(name).add(": ").add(errnum).add("\n").send();
   }
+}
+
+/// The error of a call whose number will be known later.
+class CallError : public Raisable<CallError, OsError> {
+ public:
+  CallError() noexcept : Raisable(0) {}
+  std::string text() const override { return {}; }
+};
+
+/// Where an operation raises its errors; it is called such that it has to.
+template <typename Refused>
+Site siteOf(Refused operation) {
+  try {
+    operation();
+  } catch (const Exception& error) {
+    return {error.file(), error.line(), error.function()};
+  }
+  return {};
+}
+
+const Site& siteOfMask() {
+  static const Site site = siteOf([] { signal::Mask::call({}, -1); });
+  return site;
+}
+
+const Site& siteOfDirectory() {
+  static const Site site = siteOf([] { fs::Ops::setCWD(nullptr); });
+  return site;
 }
 
 }  // namespace
@@ -50,51 +78,51 @@ void installAs(int target, const char* name, int fd) {
 Program::Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
                  const std::string& workingDirectory, const Streams& streams)
     : directory_(workingDirectory), streams_(streams), argv_(nullTerminated(arguments)) {
-  if (environment.empty()) return;
-  envp_ = nullTerminated(environment);
-  candidates_ = candidatesFor(arguments.front());
-}
-
-void Program::become(const thread::Condition* inherited) const {
-  try {
-    start(inherited);
-  } catch (...) {
-    ::_exit(125);  // no memory even for the report; the parent's frames must not be unwound here
+  if (!environment.empty()) {
+    envp_ = nullTerminated(environment);
+    candidates_ = candidatesFor(arguments.front());
   }
+  noMask_ = ofCall(siteOfMask());
+  noProgram_ = ofCall({"src/os/posix/proc/Child", 318, "create"});
+  if (!directory_.empty()) noDirectory_ = ofDirectory();
 }
 
-void Program::start(const thread::Condition* inherited) const {
-  try {
-    if (inherited != nullptr) inherited->unlock();
-    signal::Mask::call(signal::Set::m_original, SIG_SETMASK);
-  } catch (const Exception& error) {
-    giveUp("\n", error.exStack() + '\n');
+Program::Farewell Program::ofCall(const Site& site) {
+  CallError error;
+  locateAt(site, error);
+  std::string stack = error.exStack();
+  stack.pop_back();  // the end of the line that the error's text will be in
+  return {"):\n" + stack, ")\n\n"};
+}
+
+Program::Farewell Program::ofDirectory() const {
+  FsError error(directory_, 0);
+  locateAt(siteOfDirectory(), error);
+  return {"):\n\nCannot change working directory:\n" + error.exStack() + "\tReason: ", ").\n"};
+}
+
+void Program::become() const noexcept {
+  if (const int errnum = ::pthread_sigmask(SIG_SETMASK, &signal::Set::m_original.native(), nullptr)) {
+    giveUp(noMask_, errnum);
   }
   redirect();
   changeDirectory();
   execute();
-  OsError error(errno);
-  locateAt({"src/os/posix/proc/Child", 318, "create"}, error);
-  giveUp("\n", error.exStack() + '\n');
+  giveUp(noProgram_, errno);
 }
 
-void Program::redirect() const {
+void Program::redirect() const noexcept {
   installAs(STDOUT_FILENO, "stdout", streams_.out);
   installAs(STDERR_FILENO, "stderr", streams_.err);
   installAs(STDIN_FILENO, "stdin", streams_.in);
 }
 
-void Program::changeDirectory() const {
-  if (directory_.empty()) return;
-  try {
-    fs::Ops::setCWD(directory_.c_str());
-  } catch (const Exception& error) {
-    giveUp("\n\nCannot change working directory:\n", error.exStack());
-  }
+void Program::changeDirectory() const noexcept {
+  if (!directory_.empty() && ::chdir(directory_.c_str()) != 0) giveUp(noDirectory_, errno);
 }
 
 /// Returns with errno when the program cannot be started.
-void Program::execute() const {
+void Program::execute() const noexcept {
   if (envp_.empty()) {
     ::execvp(argv_.front(), argv_.data());
     return;
@@ -111,10 +139,15 @@ void Program::execute() const {
   ::execve(argv_.front(), argv_.data(), envp_.data());
 }
 
-void Program::giveUp(const char* what, const std::string& error) const {
-  const std::string text =
-      "In child process " + std::to_string(::getpid()) + " (" + argv_.front() + "):" + what + error;
-  writeRaw(text.data(), text.size());
+void Program::giveUp(const Farewell& farewell, int errnum) const noexcept {
+  RawMessage message;
+  const char* text = errorTexts_.of(errnum);
+  if (text == nullptr) {
+    message.add("text: error getting error text from strerror_r!\n");
+    text = "<unknown-error>";
+  }
+  message.add("In child process ").add(::getpid()).add(" (").add(argv_.front());
+  message.add(farewell.before).add(text).add(" (").add(errnum).add(farewell.after).send();
   ::_exit(125);
 }
 

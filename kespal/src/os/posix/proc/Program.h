@@ -5,14 +5,13 @@
 #include <vector>
 
 #include "kespal/NoCopy.h"
-
-namespace kes::thread {
-class Condition;
-}
+#include "kespal/error/Site.h"
+#include "os/posix/proc/ErrorTexts.h"
 
 namespace kes::proc {
 
-/// What a process is to become: everything that takes memory is prepared here, before a fork. The strings
+/// What a process is to become. Whatever takes memory or a lock is prepared here, before a fork: the
+/// pointers, the files that a search would try, and what the child says when it cannot go on. The strings
 /// that it was made of must outlive it.
 class Program : NoCopy {
  public:
@@ -23,24 +22,37 @@ class Program : NoCopy {
   Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
           const std::string& workingDirectory, const Streams& streams);
 
-  /// Turns the calling process into the program, after releasing the lock that a forked child inherited, if
-  /// it is given. When that fails, says so on standard error and ends the process with status 125. Between
-  /// a fork and a successful exec it makes system calls only: another thread may have held any lock, the
-  /// allocator's included, at the moment of the fork.
-  [[noreturn]] void become(const thread::Condition* inherited = nullptr) const;
+  /// Turns the calling process into the program. When that fails, says so on standard error and ends the
+  /// process with status 125. Up to a successful exec it makes system calls only: another thread may have
+  /// held any lock, the allocator's, the locale's and the loader's included, at the moment of the fork.
+  [[noreturn]] void become() const noexcept;
+
+  /// How many arguments there are, with the null behind them.
+  std::size_t argumentCount() const noexcept { return argv_.size(); }
 
  private:
-  [[noreturn]] void start(const thread::Condition* inherited) const;
-  void redirect() const;
-  void changeDirectory() const;
-  void execute() const;
-  [[noreturn]] void giveUp(const char* what, const std::string& error) const;
+  /// What is said behind the first argument, before and behind the text of an error.
+  struct Farewell {
+    std::string before;
+    const char* after = "";
+  };
+
+  static Farewell ofCall(const Site& site);
+  Farewell ofDirectory() const;
+
+  void redirect() const noexcept;
+  void changeDirectory() const noexcept;
+  void execute() const noexcept;
+  [[noreturn]] void giveUp(const Farewell& farewell, int errnum) const noexcept;
 
   const std::string& directory_;
   const Streams streams_;
   mutable std::vector<char*> argv_;      ///< of the caller's strings, ending with a null
   std::vector<char*> envp_;              ///< the same; empty when the environment is inherited
   std::vector<std::string> candidates_;  ///< where the program may be found along PATH
+
+  const ErrorTexts errorTexts_;
+  Farewell noMask_, noDirectory_, noProgram_;
 };
 
 }  // namespace kes::proc

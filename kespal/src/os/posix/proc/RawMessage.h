@@ -1,52 +1,55 @@
 #pragma once
 
+#include <sys/uio.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
+#include <string_view>
+
+#include "sys/Retry.h"
 
 namespace kes::proc {
 
-/// Writes to standard error with system calls alone; what cannot be written is lost.
-inline void writeRaw(const char* text, std::size_t size) noexcept {
-  while (size != 0) {
-    const ssize_t written = ::write(STDERR_FILENO, text, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    text += written;
-    size -= static_cast<std::size_t>(written);
-  }
-}
-
-/// A short message that takes neither memory nor locks: for a child between fork and exec. What does not
-/// fit its buffer is cut off.
+/// A message for standard error that takes neither memory nor locks: for a child between fork and exec. It
+/// goes out in one write, so that those of several children do not mix. Texts must live until then; pieces
+/// that come too many are left out, and what cannot be written is lost.
 class RawMessage {
  public:
-  RawMessage& add(const char* text) noexcept {
-    const std::size_t room = sizeof text_ - size_, length = ::strnlen(text, room);
-    std::memcpy(text_ + size_, text, length);
-    size_ += length;
+  RawMessage& add(std::string_view text) noexcept {
+    if (count_ != maxPieces) pieces_[count_++] = {const_cast<char*>(text.data()), text.size()};
     return *this;
   }
 
   RawMessage& add(int number) noexcept {
-    char digits[16] = "";
-    char* first = digits + sizeof digits - 1;
-    long rest = number < 0 ? -static_cast<long>(number) : number;
-    do {
-      *--first = static_cast<char>('0' + rest % 10);
-      rest /= 10;
-    } while (rest != 0);
-    if (number < 0) *--first = '-';
-    return add(first);
+    char* const first = digits_ + used_;
+    char* const last = std::to_chars(first, digits_ + sizeof digits_, number).ptr;
+    used_ = static_cast<std::size_t>(last - digits_);
+    return add({first, static_cast<std::size_t>(last - first)});
   }
 
-  void send() const noexcept { writeRaw(text_, size_); }
+  void send() noexcept {
+    for (::iovec* next = pieces_; count_ != 0;) {
+      ssize_t written = sys::retry([&] { return ::writev(STDERR_FILENO, next, count_); });
+      if (written <= 0) return;
+      for (; count_ != 0 && static_cast<std::size_t>(written) >= next->iov_len; ++next, --count_) {
+        written -= static_cast<ssize_t>(next->iov_len);
+      }
+      if (count_ == 0) return;
+      next->iov_base = static_cast<char*>(next->iov_base) + written;
+      next->iov_len -= static_cast<std::size_t>(written);
+    }
+  }
 
  private:
-  char text_[128];
-  std::size_t size_ = 0;
+  static constexpr int maxPieces = 10;
+
+  ::iovec pieces_[maxPieces];
+  int count_ = 0;
+  char digits_[32];  // of two numbers
+  std::size_t used_ = 0;
 };
 
 }  // namespace kes::proc

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "kespal/NoCopy.h"
+#include "kespal/error/Site.h"
+#include "kespal/proc/Shepherd.h"
+#include "kespal/thread/Condition.h"
+#include "kespal/thread/Thread.h"
+#include "kespal/time/Milliseconds.h"
+#include "proc/Records.h"
+
+namespace kes::proc {
+
+/// What a shepherd looks after, and its thread. Owned by the shepherd, by each child that was registered
+/// here, and by whoever is just inside, so that it outlives them all. It belongs to the process that made it:
+/// a fork has a copy without the thread, and with locks that nobody may hold there. Nothing of that copy is
+/// touched, and it is never destroyed.
+class Flock : NoCopy {
+ public:
+  using Guard = Shepherd::Guard;
+
+  static std::shared_ptr<Flock> make(Shepherd& shepherd);
+  static const std::shared_ptr<Flock>& of(const Shepherd& shepherd) noexcept { return shepherd.flock_; }
+
+  bool isOfAnotherProcess() const noexcept { return process_ != ::getpid(); }
+  const thread::Condition& condition() const noexcept { return cond_; }
+  bool isBuried() const { return thread_.state() == thread::CoopThread::BURIED; }
+
+  // As Shepherd has them.
+  void start();
+  void stop();
+  std::uint64_t addNoLock(pid_t pid, Child* child);
+  bool wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number);
+  void checkCB(pid_t pid, Guard& guard);
+  /// The collector's body.
+  void collect();
+
+  // With the lock held.
+
+  /// Takes what memory the next addNoLock() needs.
+  void reserveNoLock() { records_.reserve(); }
+  /// Whether children that are registered will be reaped.
+  bool isServingNoLock() const noexcept { return phase_ == Phase::Serving; }
+  /// Whether this child has not been reaped here.
+  bool runsNoLock(pid_t pid, std::uint64_t number) { return records_.runs(pid, number); }
+
+  /// Sends a child a signal. Raises NoSuchProcessError from the site when it does not run any more. `present`
+  /// is the collector of today, which may have reaped what this one left; null when there is none.
+  void signal(const Site& site, int signal, pid_t pid, std::uint64_t number, Flock* present);
+  /// Nobody will ask about this child any more: its object is being destroyed. Waits while its notification
+  /// runs on another thread.
+  void forget(const Child& child, pid_t pid, std::uint64_t number);
+  /// Waits while the notification of this child runs on another thread.
+  void awaitNotification(const Child& child) const;
+  /// Waits until a thread that was started runs. RuntimeError when there is none.
+  void awaitThread() const { (void)thread_.id(); }
+  /// Whether the calling thread is the collector's.
+  bool runsHere() const noexcept;
+
+ private:
+  /// A collector can be started again once it was stopped.
+  enum class Phase { Idle, Serving, Stopping, Ended };
+
+  /// The collector's thread, which pauses by itself when there is nothing to do.
+  class Thread : public thread::CoopThread {
+   public:
+    using CoopThread::CoopThread;
+    using CoopThread::requestPauseIfRun;
+  };
+
+  /// A child whose only purpose is to end the collector's wait.
+  struct Sentinel {
+    pid_t pid = -1;
+    std::uint64_t number = 0;
+  };
+
+  explicit Flock(Shepherd& shepherd);
+  ~Flock() = default;
+
+  Sentinel makeSentinel();
+  void reapSentinel(const Sentinel& sentinel);
+  bool awaitWork();
+  void reapOne();
+  void waitFailed(int errnum);
+  void reap(pid_t pid);
+  void releaseChildren();
+  void notify(Child& child, void (Child::*tell)(), Guard& guard);
+  void finish();
+
+  const pid_t process_ = ::getpid();
+
+  thread::Lock lock_;
+  thread::Condition cond_;
+
+  // Guarded by the lock.
+  Records records_;
+  Phase phase_ = Phase::Idle;
+  const Child* notifying_ = nullptr;  ///< whose notification runs
+  std::uint64_t newest_ = 0;          ///< the last registration
+  std::uint64_t waitedFor_ = 0;       ///< the last one when the collector began to wait
+  bool childless_ = false;            ///< the system knows no child although some are registered
+
+  Thread thread_;
+};
+
+}  // namespace kes::proc

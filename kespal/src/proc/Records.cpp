@@ -1,0 +1,139 @@
+#include "proc/Records.h"
+
+#include <atomic>
+#include <iterator>
+#include <limits>
+#include <new>
+
+namespace kes::proc {
+
+namespace {
+/// Of all collectors: a child's number means nothing to another one.
+constinit std::atomic<std::uint64_t> registrations{0};
+}  // namespace
+
+void Records::reserve() {
+  if (!spare_.empty()) return;
+  Map one;
+  one.emplace();
+  spare_ = one.extract(one.begin());
+}
+
+std::uint64_t Records::add(pid_t pid, Child* child) {
+  reserve();
+  // Also one without a child, whose waiters will find this one.
+  if (const auto last = find(pid, latest); last != records_.end() && !last->second.ended) erase(last);
+  const std::uint64_t number = ++registrations;
+  Map::node_type node = std::move(spare_);
+  node.key() = {pid, number};
+  node.mapped() = Record{.child = child};
+  records_.insert(records_.end(), std::move(node));
+  ++running_;
+  try {
+    reserve();
+  } catch (const std::bad_alloc&) {  // the next one will have to, before its fork
+  }
+  return number;
+}
+
+Records::Map::iterator Records::find(pid_t pid, std::uint64_t number) {
+  if (number != latest) return records_.find({pid, number});
+  const auto next = records_.upper_bound({pid, std::numeric_limits<std::uint64_t>::max()});
+  if (next == records_.begin() || std::prev(next)->first.first != pid) return records_.end();
+  return std::prev(next);
+}
+
+bool Records::runs(pid_t pid, std::uint64_t number) {
+  const auto record = find(pid, number);
+  return record != records_.end() && record->first.second != latest && !record->second.ended;
+}
+
+std::uint64_t Records::end(pid_t pid, int status) {
+  if (!runs(pid, latest)) return 0;
+  const auto found = find(pid, latest);
+  const std::uint64_t number = found->first.second;
+  if (found->second.abandoned) {
+    erase(found);
+  } else {
+    found->second.status = status;
+    found->second.ended = true;
+    --running_;
+  }
+  return number;
+}
+
+bool Records::fetch(pid_t pid, std::uint64_t number, int& status) {
+  const auto record = find(pid, number);
+  if (record == records_.end() || !record->second.ended) return false;
+  status = record->second.status;
+  erase(record);
+  return true;
+}
+
+void Records::forget(pid_t pid, std::uint64_t number) {
+  const auto record = records_.find({pid, number});
+  if (record == records_.end()) return;
+  record->second.child = nullptr;
+  record->second.abandoned = true;
+  if (record->second.ended) erase(record);
+}
+
+Child* Records::takeChild(pid_t pid) {
+  const auto record = find(pid, latest);
+  return record != records_.end() ? std::exchange(record->second.child, nullptr) : nullptr;
+}
+
+Child* Records::takeRunningChild() {
+  for (auto& [key, record] : records_) {
+    if (!record.ended && record.child != nullptr) return std::exchange(record.child, nullptr);
+  }
+  return nullptr;
+}
+
+void Records::wake(pid_t pid, std::uint64_t number) {
+  const auto record = records_.find({pid, number});
+  if (record != records_.end()) wake(record->second);
+}
+
+void Records::wakeAll() {
+  for (auto record = records_.begin(); record != records_.end();) {
+    wake(record->second);
+    record = record->first.second == latest ? records_.erase(record) : std::next(record);
+  }
+}
+
+/// What a waiter stands on may be gone when he wakes: he is taken off the list at once.
+void Records::wake(Record& record) {
+  while (Waiter* const waiter = record.waiters) {
+    record.waiters = waiter->next_;
+    waiter->record_ = nullptr;
+    waiter->arrived_.signal();
+  }
+}
+
+/// The memory stays for the next child.
+void Records::erase(Map::iterator record) {
+  wake(record->second);
+  if (record->first.second != latest && !record->second.ended) --running_;
+  spare_ = records_.extract(record);
+}
+
+Waiter::Waiter(Records& records, thread::Lock& lock, pid_t pid, std::uint64_t number)
+    : arrived_(lock), records_(records), pid_(pid) {
+  auto found = records.find(pid, number);
+  if (found == records.records_.end()) found = records.records_.try_emplace({pid, Records::latest}).first;
+  number_ = found->first.second;
+  record_ = &found->second;
+  next_ = std::exchange(record_->waiters, this);
+}
+
+Waiter::~Waiter() {
+  if (record_ == nullptr) return;
+  Waiter** place = &record_->waiters;
+  while (*place != this) place = &(*place)->next_;
+  *place = next_;
+  if (number_ == Records::latest && record_->waiters == nullptr)
+    records_.erase(records_.find(pid_, Records::latest));
+}
+
+}  // namespace kes::proc

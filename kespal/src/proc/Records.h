@@ -1,0 +1,95 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <utility>
+
+#include "kespal/NoCopy.h"
+#include "kespal/thread/Condition.h"
+
+namespace kes::proc {
+
+class Child;
+class Waiter;
+
+/// What is known of one child.
+struct Record {
+  Child* child = nullptr;  ///< is told of the end
+  int status = 0;
+  bool ended = false;
+  bool abandoned = false;     ///< nobody will ask for the status
+  Waiter* waiters = nullptr;  ///< the first of a list
+};
+
+/// What is known of children: one record for each, under its process id and the number of its registration,
+/// since ids are used again and numbers are not. A record stays until its status was asked for, or nobody
+/// will ask. The collector's lock guards all of it.
+class Records : NoCopy {
+ public:
+  /// Stands for the last registration of a process id.
+  static constexpr std::uint64_t latest = 0;
+
+  /// Takes the memory for the next record, unless it is there: once a child runs it is too late to have none.
+  void reserve();
+  /// Registers a child that runs, and gives the registration's number. The memory for it is there, unless
+  /// there was none when the last one was registered, and no reserve() since. A process with this id exists
+  /// now: a child that was still thought to run under it is gone, reaped by somebody else.
+  std::uint64_t add(pid_t pid, Child* child);
+
+  bool anyRuns() const noexcept { return running_ != 0; }
+  /// Whether this child has not been reaped yet.
+  bool runs(pid_t pid, std::uint64_t number);
+
+  /// Files the status of a child that was reaped. Gives its number; 0 when nobody registered it.
+  std::uint64_t end(pid_t pid, int status);
+  /// Hands out the status of a child that has ended, and forgets it. False when there is none.
+  bool fetch(pid_t pid, std::uint64_t number, int& status);
+  /// Nobody will ask for the status, or wants to be told.
+  void forget(pid_t pid, std::uint64_t number);
+
+  /// Who is to be told of this child's end, once; null when nobody is.
+  Child* takeChild(pid_t pid);
+  /// The same of any child that runs.
+  Child* takeRunningChild();
+
+  /// Wakes those who wait for this child; for any child.
+  void wake(pid_t pid, std::uint64_t number);
+  void wakeAll();
+
+ private:
+  friend class Waiter;
+
+  using Map = std::map<std::pair<pid_t, std::uint64_t>, Record>;
+
+  Map::iterator find(pid_t pid, std::uint64_t number);
+  void erase(Map::iterator record);
+  static void wake(Record& record);
+
+  Map records_;
+  Map::node_type spare_;
+  std::size_t running_ = 0;
+};
+
+/// Somebody who waits for one child; lives on his stack. Each is woken for his own: waking all for every
+/// status would cost the square of their number. An id that is not known yet gets a record without a child.
+class Waiter : NoCopy {
+ public:
+  Waiter(Records& records, thread::Lock& lock, pid_t pid, std::uint64_t number);
+  ~Waiter();
+
+  const thread::Condition& arrived() const noexcept { return arrived_; }
+
+ private:
+  friend class Records;
+
+  thread::Condition arrived_;
+  Records& records_;
+  const pid_t pid_;
+  std::uint64_t number_ = Records::latest;
+  Record* record_ = nullptr;  ///< in whose list this is; null once it was woken
+  Waiter* next_ = nullptr;
+};
+
+}  // namespace kes::proc
