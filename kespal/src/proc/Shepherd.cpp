@@ -26,8 +26,9 @@ const thread::Condition& Shepherd::condition() const noexcept { return flock_->c
 void Shepherd::addNoLock(const int& pid, Child* child) { flock_->addNoLock(pid, child); }
 
 bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeout) {
-  flock_->awaitThread();
-  return flock_->wait(pid, status, timeout, Records::latest);
+  const std::shared_ptr<Flock> flock = flock_;  // may outlive this object
+  flock->awaitThread();
+  return flock->wait(pid, status, timeout, Records::latest);
 }
 
 void Shepherd::checkCB(const int& pid, Guard& guard) { flock_->checkCB(pid, guard); }

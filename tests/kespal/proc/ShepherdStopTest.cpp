@@ -125,9 +125,10 @@ TEST(ShepherdStopTest, StoppingSendsThoseWhoWaitAway) {
       }
       for (auto& each : ready) each.get_future().wait();
       while (threadNamed("process collect") == 0) std::this_thread::yield();
+      collecting.shepherd.stop();
+      for (auto& waiter : waiters) std::cout << waiter.get() << '\n';
     }
     ::kill(pid, SIGKILL);
-    for (auto& waiter : waiters) std::cout << waiter.get() << '\n';
     return 0;
   });
   EXPECT_EQ(result.exitCode(), 0) << result.err;
