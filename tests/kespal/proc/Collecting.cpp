@@ -16,7 +16,7 @@ namespace kes::test {
 std::vector<int> waitFailures;
 std::atomic<int> looks{0}, childlessLooks{0};
 std::atomic<bool> forkFails{false};
-std::atomic<int> forks{0};
+std::atomic<int> forks{0}, clones{0}, cloneError{0};
 std::atomic<int> threadError{0}, joinError{0};
 
 }  // namespace kes::test
@@ -41,6 +41,14 @@ extern "C" pid_t __wrap_fork() {
   ++forks;
   if (!forkFails) return __real_fork();
   errno = EAGAIN;
+  return -1;
+}
+
+extern "C" int __real_clone(int (*)(void*), void*, int, void*, ...);
+extern "C" int __wrap_clone(int (*body)(void*), void* stack, int flags, void* argument, ...) {
+  ++clones;
+  if (cloneError == 0) return __real_clone(body, stack, flags, argument);
+  errno = cloneError;
   return -1;
 }
 

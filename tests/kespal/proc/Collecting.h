@@ -18,7 +18,8 @@ namespace kes::test {
 extern std::vector<int> waitFailures;
 extern std::atomic<int> looks, childlessLooks;  ///< that were begun, that found no child at all
 extern std::atomic<bool> forkFails;
-extern std::atomic<int> forks;                   ///< that were tried
+extern std::atomic<int> forks, clones;           ///< that were tried
+extern std::atomic<int> cloneError;              ///< of a child that is to share its parent's memory
 extern std::atomic<int> threadError, joinError;  ///< of the next thread's creation, and of its end
 
 /// A collector that runs, and children that are made by hand.

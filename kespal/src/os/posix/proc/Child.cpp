@@ -10,6 +10,7 @@
 #include "kespal/error/StaticError.h"
 #include "os/posix/proc/Program.h"
 #include "os/posix/proc/RawMessage.h"
+#include "os/posix/proc/Start.h"
 #include "proc/Flock.h"
 
 namespace kes::proc {
@@ -37,12 +38,7 @@ void Child::fork(const Program& program) {
   const Flock::Guard guard(flock->condition());
   if (!flock->isServingNoLock()) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
   flock->reserveNoLock();
-  const pid_t pid = check({"src/os/posix/proc/Child", 129, "create"}, ::fork());
-  if (pid == 0) {
-    // Its copy of the lock is left alone: the exec throws it away.
-    if (newProcessGroup_) enterNewProcessGroup();
-    program.become();
-  }
+  const pid_t pid = check({"src/os/posix/proc/Child", 129, "create"}, start(program, newProcessGroup_));
   pid_ = registeredPid_ = pid;
   registration_ = flock->addNoLock(pid, notify_ != nullptr ? this : nullptr);
 }

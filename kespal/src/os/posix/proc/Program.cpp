@@ -38,13 +38,6 @@ std::vector<std::string> candidatesFor(const std::string& program) {
   return files;
 }
 
-void installAs(int target, const char* name, int fd) noexcept {
-  if (fd != -1 && ::dup2(fd, target) == -1) {
-    const int errnum = errno;
-    RawMessage().add("Error dup2()'ing ").add(name).add(": ").add(errnum).add("\n").send();
-  }
-}
-
 /// The error of a call whose number will be known later.
 class CallError : public Raisable<CallError, OsError> {
  public:
@@ -77,7 +70,11 @@ const Site& siteOfDirectory() {
 
 Program::Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
                  const std::string& workingDirectory, const Streams& streams)
-    : directory_(workingDirectory), streams_(streams), argv_(nullTerminated(arguments)) {
+    : directory_(workingDirectory),
+      redirections_{{{STDOUT_FILENO, "stdout", streams.out},
+                     {STDERR_FILENO, "stderr", streams.err},
+                     {STDIN_FILENO, "stdin", streams.in}}},
+      argv_(nullTerminated(arguments)) {
   if (!environment.empty()) {
     envp_ = nullTerminated(environment);
     candidates_ = candidatesFor(arguments.front());
@@ -102,23 +99,36 @@ Program::Farewell Program::ofDirectory() const {
 }
 
 void Program::become() const noexcept {
-  if (const int errnum = ::pthread_sigmask(SIG_SETMASK, &signal::Set::m_original.native(), nullptr)) {
-    giveUp(noMask_, errnum);
+  if (const int errnum = restoreMask()) giveUp(noMask_, errnum);
+  for (const Redirection& each : redirections_) {
+    if (each.make()) continue;
+    const int errnum = errno;
+    RawMessage().add("Error dup2()'ing ").add(each.name).add(": ").add(errnum).add("\n").send();
   }
-  redirect();
-  changeDirectory();
+  if (!enterDirectory()) giveUp(noDirectory_, errno);
   execute();
   giveUp(noProgram_, errno);
 }
 
-void Program::redirect() const noexcept {
-  installAs(STDOUT_FILENO, "stdout", streams_.out);
-  installAs(STDERR_FILENO, "stderr", streams_.err);
-  installAs(STDIN_FILENO, "stdin", streams_.in);
+void Program::becomeSilently() const noexcept {
+  if (restoreMask() != 0) return;
+  for (const Redirection& each : redirections_) {
+    if (!each.make()) return;
+  }
+  if (!enterDirectory()) return;
+  char* const name = argv_.front();
+  execute();
+  argv_.front() = name;  // who tries again begins with it
 }
 
-void Program::changeDirectory() const noexcept {
-  if (!directory_.empty() && ::chdir(directory_.c_str()) != 0) giveUp(noDirectory_, errno);
+int Program::restoreMask() noexcept {
+  return ::pthread_sigmask(SIG_SETMASK, &signal::Set::m_original.native(), nullptr);
+}
+
+bool Program::Redirection::make() const noexcept { return fd == -1 || ::dup2(fd, target) != -1; }
+
+bool Program::enterDirectory() const noexcept {
+  return directory_.empty() || ::chdir(directory_.c_str()) == 0;
 }
 
 /// Returns with errno when the program cannot be started.

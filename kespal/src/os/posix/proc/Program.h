@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <list>
 #include <string>
 #include <vector>
@@ -26,27 +28,40 @@ class Program : NoCopy {
   /// process with status 125. Up to a successful exec it makes system calls only: another thread may have
   /// held any lock, the allocator's, the locale's and the loader's included, at the moment of the fork.
   [[noreturn]] void become() const noexcept;
+  /// The same, but returns without a word as soon as there is something to tell.
+  void becomeSilently() const noexcept;
 
-  /// How many arguments there are, with the null behind them.
-  std::size_t argumentCount() const noexcept { return argv_.size(); }
+  /// The stack that becoming takes. The C library makes a copy of the arguments there, when the program turns
+  /// out to be a script without a first line, and of each file that a search along PATH tries.
+  std::size_t stackSize() const noexcept { return stackForCalls + argv_.size() * sizeof(char*); }
 
  private:
+  struct Redirection {
+    int target;
+    const char* name;
+    int fd;
+
+    bool make() const noexcept;
+  };
+
   /// What is said behind the first argument, before and behind the text of an error.
   struct Farewell {
     std::string before;
     const char* after = "";
   };
 
+  static constexpr std::size_t stackForCalls = std::size_t{192} << 10;
+
   static Farewell ofCall(const Site& site);
   Farewell ofDirectory() const;
 
-  void redirect() const noexcept;
-  void changeDirectory() const noexcept;
+  static int restoreMask() noexcept;
+  bool enterDirectory() const noexcept;
   void execute() const noexcept;
   [[noreturn]] void giveUp(const Farewell& farewell, int errnum) const noexcept;
 
   const std::string& directory_;
-  const Streams streams_;
+  const std::array<Redirection, 3> redirections_;
   mutable std::vector<char*> argv_;      ///< of the caller's strings, ending with a null
   std::vector<char*> envp_;              ///< the same; empty when the environment is inherited
   std::vector<std::string> candidates_;  ///< where the program may be found along PATH

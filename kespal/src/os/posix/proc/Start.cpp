@@ -1,0 +1,82 @@
+#include "os/posix/proc/Start.h"
+
+#include <signal.h>  // NOLINT(modernize-deprecated-headers): <csignal> need not have NSIG
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kespal/proc/Child.h"
+#include "os/SharingChild.h"
+#include "os/posix/proc/Program.h"
+#include "sys/NoCancel.h"
+
+namespace kes::proc {
+
+namespace {
+
+/// Holds all signals of the calling thread back, but those that the C library keeps for itself.
+class NoSignals {
+ public:
+  NoSignals() noexcept {
+    ::sigset_t all;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~NoSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  NoSignals(const NoSignals&) = delete;
+  NoSignals& operator=(const NoSignals&) = delete;
+
+ private:
+  ::sigset_t before_;
+};
+
+/// Gives up the handlers that a child has from its parent: they may take locks, and change what is shared. An
+/// exec does the same, but the signals come back before.
+void resetHandlers() noexcept {
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction action;
+    if (::sigaction(signal, nullptr, &action) != 0) continue;
+    if (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = SIG_DFL;
+    action.sa_flags = 0;
+    ::sigaction(signal, &action, nullptr);
+  }
+}
+
+struct Order {
+  const Program& program;
+  bool newProcessGroup;
+};
+
+void becomeSilently(void* order) {
+  const auto& wanted = *static_cast<const Order*>(order);
+  resetHandlers();
+  if (!wanted.newProcessGroup || ::setpgid(0, 0) == 0) wanted.program.becomeSilently();
+}
+
+pid_t forkChild(const Order& order) noexcept {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  // The copy of the collector's lock is left alone: the exec throws it away.
+  resetHandlers();
+  if (order.newProcessGroup) enterNewProcessGroup();
+  order.program.become();
+}
+
+}  // namespace
+
+// A child that shares memory with its parent holds it up, so it must not write to a pipe that is full, or a
+// terminal that stops it. Whatever there is to tell, it ends without a word, and a plain fork does it all
+// again.
+pid_t start(const Program& program, bool newProcessGroup) noexcept {
+  const int errnum = errno;
+  const sys::NoCancel untilStarted;
+  const NoSignals untilReset;
+  Order order{program, newProcessGroup};
+  pid_t pid = os::startSharing(&becomeSilently, &order, program.stackSize());
+  if (pid == 0) pid = forkChild(order);
+  if (pid != -1) errno = errnum;
+  return pid;
+}
+
+}  // namespace kes::proc
