@@ -2,7 +2,8 @@
 // collector does by hand what this library's does: one thread in wait(), statuses filed under their ids.
 //
 // Goals, as ratios of medians of one run (--benchmark_repetitions=7):
-//   createAndWait/MiB   at most 1.1 x rawCreateAndWait/MiB, at 10 and at 1,024 MiB of parent memory
+//   createAndWait/MiB   at most 1.15 x rawVforkAndWaitpid/MiB, at 10 and at 1,024 MiB of parent memory
+//   startAndCollect     at most 1.3 x rawStartAndCollect
 //   collect             at most 1.25 x rawCollect, per child that has ended
 //   forkAndCollect      at most 1.9 x rawForkAndCollect
 //   manyWaiters         at most 1.2 x rawManyWaiters
@@ -224,6 +225,25 @@ void rawSpawnAndWaitpid(benchmark::State& state) {
 }
 BENCHMARK(rawSpawnAndWaitpid)->Arg(10)->Arg(1024)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
+/// Makes a child that shares this process's memory until its exec, in raw calls.
+pid_t rawVfork() {
+  const pid_t pid = ::vfork();
+  if (pid == 0) {
+    static char name[] = "/bin/true";
+    static char* const arguments[] = {name, nullptr};
+    ::execv(program, arguments);
+    ::_exit(125);
+  }
+  return pid;
+}
+
+/// The floor of a start: nothing is prepared, held back or handed over.
+void rawVforkAndWaitpid(benchmark::State& state) {
+  const Ballast ballast(state);
+  for (auto _ : state) awaitChild(state, rawVfork());
+}
+BENCHMARK(rawVforkAndWaitpid)->Arg(10)->Arg(1024)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
 #ifdef KES_BENCH_POCO
 void pocoLaunchAndWait(benchmark::State& state) {
   const Ballast ballast(state);
@@ -342,6 +362,27 @@ void rawForkAndCollect(benchmark::State& state) {
   }
 }
 BENCHMARK(rawForkAndCollect)->UseRealTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+/// A storm of programs: all started, then all collected.
+void startAndCollect(benchmark::State& state) {
+  std::list<kes::proc::Child> children;
+  for (int i = 0; i < manyChildren; ++i) children.emplace_back(std::list<std::string>{program});
+  for (auto _ : state) {
+    for (kes::proc::Child& child : children) child.create();
+    for (kes::proc::Child& child : children) expectSuccess(state, child.wait().status);
+  }
+  children.clear();
+  kes::proc::Child::exit();
+}
+BENCHMARK(startAndCollect)->UseRealTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+void rawStartAndCollect(benchmark::State& state) {
+  for (auto _ : state) {
+    for (int i = 0; i < manyChildren; ++i) rawVfork();
+    for (int i = 0; i < manyChildren; ++i) awaitChild(state, -1);
+  }
+}
+BENCHMARK(rawStartAndCollect)->UseRealTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
 // --- many who wait
 

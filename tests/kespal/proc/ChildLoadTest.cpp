@@ -1,18 +1,26 @@
 // Children in large numbers, from many threads, with pids that come again.
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <list>
+#include <locale>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,6 +92,137 @@ TEST(ChildLoadTest, NoChildHangsWhileOtherThreadsAllocateLogAndTakeLocks) {
     return failed == 0 ? 0 : 1;
   });
   EXPECT_EQ(result.exitCode(), 0);
+}
+
+/// How many times as long a test is to go on as it does every day.
+int soakFactor() {
+  const char* const factor = std::getenv("KES_TEST_SOAK");
+  return factor != nullptr ? std::max(1, std::atoi(factor)) : 1;
+}
+
+// What a child inherits from a plain fork: the locks of the streams' locales and of the loader, maybe held.
+TEST(ChildLoadTest, NoStartHangsWhileOthersMakeStreamsUnderAForeignLocaleAndLoadLibraries) {
+  const auto result = test::inChild([] {
+    std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
+    std::atomic<bool> done{false};
+    std::atomic<int> failed{0};
+    std::vector<std::thread> noise;
+    for (int number = 0; number < 2; ++number) {
+      noise.emplace_back([&done] {
+        while (!done) std::ostringstream() << 1234.5;
+      });
+      noise.emplace_back([&done] {
+        while (!done) {
+          if (void* const library = ::dlopen("libresolv.so.2", RTLD_NOW)) ::dlclose(library);
+        }
+      });
+    }
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    inThreads(64, [&failed, null](int thread) {
+      for (int round = 0; round < scaled(10) * soakFactor(); ++round) {
+        const bool fails = (thread + round) % 4 == 0;
+        Child child({fails ? "/no/such/program" : "/bin/true"});
+        child.setStderr(null);
+        if (round % 2 == 1) child.setEnvironment({"A=1"});
+        child.create();
+        if (child.wait().status != (fails ? 125 << 8 : 0)) ++failed;
+      }
+    });
+    done = true;
+    for (std::thread& thread : noise) thread.join();
+    Child::exit();
+    return failed == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0) << result.err;
+}
+
+std::atomic<pid_t> g_parent{0};
+std::atomic<int>* g_strays = nullptr;  ///< handlers that ran in children; in shared memory
+
+TEST(ChildLoadTest, NoHandlerOfTheParentRunsInAChildWhateverMomentTheSignalComes) {
+  const auto result = test::inChild([] {
+    ::setpgid(0, 0);
+    g_strays = static_cast<std::atomic<int>*>(
+        ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    g_parent = ::getpid();
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+      if (::getpid() != g_parent) ++*g_strays;
+    };
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> done{false};
+    std::thread sender([&done] {
+      while (!done) ::kill(0, SIGUSR1);  // to all that were started here, too
+    });
+    int others = 0;
+    for (int round = 0; round < scaled(300) * soakFactor(); ++round) {
+      Child child({"/bin/true"});
+      child.create();
+      const int status = child.wait().status;
+      if (status != 0 && status != SIGUSR1) ++others;
+    }
+    done = true;
+    sender.join();
+    Child::exit();
+    std::cout << *g_strays << ' ' << others;
+    return 0;
+  });
+  EXPECT_EQ(result.out, "0 0") << result.err;
+}
+
+TEST(ChildLoadTest, AReportIntoAFullPipeHoldsUpTheChildAndNotItsParent) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  const char block[4096] = "";
+  while (::write(ends[1], block, sizeof block) > 0) {
+  }
+  ::fcntl(ends[1], F_SETFL, 0);
+  Child child({"/no/such/program"});
+  child.setStderr(ends[1]);
+  child.create();
+  EXPECT_FALSE(child.wait(true, std::chrono::milliseconds(20)).finished);
+  ::close(ends[1]);
+  std::string text;
+  ::fcntl(ends[0], F_SETFL, 0);
+  char piece[4096];
+  for (ssize_t count; (count = ::read(ends[0], piece, sizeof piece)) > 0;) {
+    text.append(piece, static_cast<std::size_t>(count));
+  }
+  ::close(ends[0]);
+  EXPECT_EQ(child.wait().status, 125 << 8);
+  EXPECT_NE(text.find("In child process "), text.npos);
+  Child::exit();
+}
+
+TEST(ChildLoadTest, StartersThatAreCancelledLeaveNothingHalfDone) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("reports races that are not there when a thread is cancelled");
+  const auto result = test::inChild([] {
+    Child::init();
+    for (int round = 0; round < scaled(200) * soakFactor(); ++round) {
+      ::pthread_t starter{};
+      ::pthread_create(
+          &starter, nullptr,
+          [](void*) -> void* {
+            for (;;) {
+              Child child({"/bin/true"});
+              child.create();
+              child.wait();
+            }
+          },
+          nullptr);
+      for (int turn = 0; turn < round % 50; ++turn) std::this_thread::yield();
+      ::pthread_cancel(starter);
+      ::pthread_join(starter, nullptr);
+    }
+    Child child({"/bin/true"});
+    child.create();
+    const int status = child.wait().status;
+    Child::exit();
+    return status;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.err, "");
 }
 
 /// Runs a function as the first process of a pid namespace of its own; -1 where that is not permitted.
