@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -21,13 +22,11 @@ namespace {
 using InitGuard = thread::LockGuardT<thread::Lock>;
 
 /// Made when it is first wanted, maybe by the initialisation of another file, and never destroyed: children
-/// may end while the process does. A fork finds it free, whatever other threads do.
+/// may end while the process does. A fork makes it anew, as another thread may have held it at that moment.
 thread::Lock& initLock() {
   static thread::Lock& lock = []() -> thread::Lock& {
     auto* const made = new thread::Lock(thread::Normal);
-    const auto lockIt = [] { initLock().lock(); };
-    const auto unlockIt = [] { initLock().unlock(); };
-    ::pthread_atfork(lockIt, unlockIt, unlockIt);
+    ::pthread_atfork(nullptr, nullptr, [] { new (&initLock()) thread::Lock(thread::Normal); });
     return *made;
   }();
   return lock;
