@@ -9,7 +9,7 @@ LAYERS = [
                "os/*/thread/Native.h"]),
     ("sync", ["thread/Lock.h", "thread/Condition.h", "thread/LockGuard.h", "thread/PerProcess.h",
               "os/*/thread/Lock.h", "os/*/thread/Condition.h"]),
-    ("state", ["ForkPending.h", "State.h"]),
+    ("state", ["ForkPending.h"]),
     ("threads", ["thread/"]),
     ("signals", ["signal/Handler.h"]),
     ("files: paths", ["fs/Path.h"]),

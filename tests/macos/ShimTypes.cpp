@@ -40,6 +40,7 @@ static_assert(is_same_v<decltype(extern_proc::p_pid), int>);
 static_assert(is_same_v<decltype(extern_proc::p_comm), char[MAXCOMLEN + 1]>);
 static_assert(is_same_v<decltype(kinfo_proc::kp_proc), extern_proc>);
 static_assert(is_same_v<decltype(kinfo_proc{}.kp_eproc.e_pcred.p_svuid), uid_t>);
+static_assert(is_same_v<decltype(kinfo_proc{}.kp_eproc.e_pcred.p_svgid), gid_t>);
 static_assert(is_same_v<decltype(sysctl), int(int*, unsigned int, void*, std::size_t*, void*, std::size_t)>);
 
 static_assert(is_same_v<decltype(pthread_threadid_np(nullptr, std::declval<std::uint64_t*>())), int>);

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "proc/Flock.h"
@@ -43,7 +43,7 @@ void abandonForeignCollector() {
 void makeCollector() {
   abandonForeignCollector();
   if (Child::m_shepherd != nullptr) return;
-  if (State::m_fork_pending) {
+  if (ForkPending::m_pending) {
     raiseAt({"src/proc/Child", 35, "init"}, RuntimeError("Tried to lazy-initialize shepherd before forking"));
   }
   auto shepherd = std::make_unique<Shepherd>();

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "kespal/State.h"
+#include "kespal/ForkPending.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/proc/ChildFixture.h"
@@ -26,22 +26,22 @@ using namespace std::chrono_literals;
 using test::inChild;
 
 TEST_F(ChildTest, CreateWhileAForkIsPendingFailsWithoutACollector) {
-  State::m_fork_pending = true;
+  ForkPending::m_pending = true;
   Child child({"/bin/true"});
   EXPECT_EQ(errorOf<RuntimeError>([&] { child.create(false); }),
             "Tried to lazy-initialize shepherd before forking @ src/proc/Child:35 init");
-  State::m_fork_pending = false;
+  ForkPending::m_pending = false;
   EXPECT_NO_THROW(child.create(false));
   child.wait(false, {});
 }
 
 TEST_F(ChildTest, APendingForkIsNoHindranceOnceThereIsACollector) {
   Child::init();
-  State::m_fork_pending = true;
+  ForkPending::m_pending = true;
   Child child({"/bin/true"});
   EXPECT_NO_THROW(Child::init());
   EXPECT_NO_THROW(child.create(false));
-  State::m_fork_pending = false;
+  ForkPending::m_pending = false;
   EXPECT_EQ(child.wait(false, {}).status, 0);
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -66,6 +67,7 @@ int giveSelf(void* old, std::size_t* oldSize) {
   kinfo_proc self{};
   uid_t real = 0, effective = 0;
   ::getresuid(&real, &effective, &self.kp_eproc.e_pcred.p_svuid);
+  ::getresgid(&real, &effective, &self.kp_eproc.e_pcred.p_svgid);
   self.kp_proc.p_pid = ::getpid();
   *oldSize = std::min(*oldSize, sizeof self);
   std::memcpy(old, &self, *oldSize);
@@ -73,6 +75,17 @@ int giveSelf(void* old, std::size_t* oldSize) {
 }
 
 }  // namespace
+
+int kes_shim_error_count() { return 134; }
+
+const char* const* kes_shim_error_list() {
+  static const std::vector<const char*> texts = [] {
+    std::vector<const char*> list;
+    for (int errnum = 0; errnum < kes_shim_error_count(); ++errnum) list.push_back(::strerrordesc_np(errnum));
+    return list;
+  }();
+  return texts.data();
+}
 
 // Knows two questions.
 int sysctl(int* name, unsigned int length, void* old, std::size_t* oldSize, void*, std::size_t) {

@@ -71,7 +71,6 @@ class CoopThread : public CppThread, public CppThread::IThread {
  private:
   struct Control;
 
-
   std::shared_ptr<Control> control() const;
   void ask(Request request);
 };

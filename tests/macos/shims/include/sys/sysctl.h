@@ -17,6 +17,7 @@ struct extern_proc {
 };
 struct _pcred {
   uid_t p_svuid;
+  gid_t p_svgid;
 };
 struct eproc {
   _pcred e_pcred;
