@@ -54,7 +54,7 @@ int run(void* task) {
 /// Takes away a child that ended without becoming a program. Until it does, a child that has no signal for
 /// its end is seen by those alone who ask for such children: not by the collector, nor by any other wait().
 bool hasEndedBefore(pid_t pid) noexcept {
-  return sys::retry([pid] { return ::waitpid(pid, nullptr, __WCLONE); }) == pid;
+  return sys::retry([pid] { return ::waitpid(pid, nullptr, static_cast<int>(__WCLONE)); }) == pid;
 }
 
 }  // namespace
