@@ -22,8 +22,10 @@ struct UserInfo {
   explicit UserInfo(const std::string& name);
 
   /// Fills the record from the account with this name, or else with this user id. The group id stays
-  /// unless `withGroup`; the group's name is that of the id in either case. OsError; RuntimeError
-  /// "No such user"; errors of GroupInfo.
+  /// unless `withGroup`; the group's name is that of the id in either case. The texts of an account may take
+  /// 2,048 bytes together: OsError (ERANGE) for one that needs more, and what else the database says (EIO,
+  /// EMFILE, EINTR, ...); RuntimeError "No such user"; errors of GroupInfo. Looks into files or asks servers,
+  /// so never between fork and exec.
   void resolve(bool byName, bool withGroup);
 
   /// The login name of the controlling terminal's user; empty when unknown.

@@ -11,13 +11,16 @@ namespace kes::proc {
 /// errno of the call that failed, and those of UserInfo. What a change did before it failed stays in force.
 class Privilege {
  public:
+  /// The account of the real, or effective, user id, with the group of that kind. Errors of
+  /// UserInfo::resolve(): a user without an account is one, as in many containers.
   UserInfo realProcUser() const;
   UserInfo effectiveProcUser() const;
   /// Fills in the account of the record's user id; the group id stays.
   void resolveUser(UserInfo& user) const;
 
+  /// OsError (EINVAL when another thread adds a group meanwhile).
   std::set<unsigned> supplementaryGroups() const;
-  /// Needs root.
+  /// OsError (EPERM) for who is not root; EINVAL for more groups than the system has room for.
   void setSupplementaryGroups(const std::set<unsigned>& groups);
 
   /// Becomes `user`: for good, or until restorePrivilege(). With `changeGroups` the supplementary groups are
@@ -25,15 +28,19 @@ class Privilege {
   /// effective user must have an account. Errors of changePrivilegeIds().
   void changePrivilege(const UserInfo& user, bool permanent, bool changeGroups);
   /// Changes the ids and checks them. A change for a while sets the effective user id only, and is refused
-  /// afterwards when the user's group id is not the effective one. A permanent change sets every user and
-  /// group id and then tries to come back; to be complete it needs a process whose real user is root (a
-  /// set-uid program calls setuid(0) first). RuntimeError "Privilege change silently failed?!" or
-  /// "Permanent privilege change isn't permanent?!"; what the trial regained is given up before that.
+  /// afterwards when the user's group id is not the effective one; the user id stays changed then. A
+  /// permanent change sets every user and group id, tries to come back, and compares the real, effective and
+  /// saved ids with the wanted ones; to be complete it needs a process whose real user is root (a set-uid
+  /// program calls setuid(0) first), or one whose ids are the wanted ones already. OsError (EPERM, EAGAIN,
+  /// EINVAL); RuntimeError "Privilege change silently failed?!" or "Permanent privilege change isn't
+  /// permanent?!"; what the trial regained is given up before that.
   void changePrivilegeIds(const UserInfo& user, bool permanent) const;
-  /// Undoes the last change that was not permanent. UsageError when there is none.
+  /// Undoes the last change that was not permanent. UsageError when there is none; errors of
+  /// changePrivilegeIds(), after which it can be repeated, and of setSupplementaryGroups(), after which the
+  /// groups are not restored any more.
   void restorePrivilege();
 
-  /// Whether the effective user or group is root or can become it; if it can, it then is.
+  /// Whether the effective user or group is root or can become it; if it can, it then is. Raises nothing.
   static bool haveRootPrivilege();
 
  private:
