@@ -49,8 +49,8 @@ bool Records::runs(pid_t pid, std::uint64_t number) {
 }
 
 std::uint64_t Records::end(pid_t pid, int status) {
-  if (!runs(pid, latest)) return 0;
   const auto found = find(pid, latest);
+  if (found == records_.end() || found->first.second == latest || found->second.ended) return 0;
   const std::uint64_t number = found->first.second;
   if (found->second.abandoned) {
     erase(found);
