@@ -198,7 +198,7 @@ TEST(ChildLoadTest, AReportIntoAFullPipeHoldsUpTheChildAndNotItsParent) {
 }
 
 TEST(ChildLoadTest, StartersThatAreCancelledLeaveNothingHalfDone) {
-  KES_SKIP_UNDER_THREAD_SANITIZER("reports races that are not there when a thread is cancelled");
+  KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
   const auto result = test::inChild([] {
     Child::init();
     for (int round = 0; round < scaled(200) * soakFactor(); ++round) {
