@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kespal/Terminal.h"
+#include "kespal/error/Exception.h"
 #include "kespal/fs/Dir.h"
 #include "kespal/fs/Info.h"
 #include "kespal/kespal.h"

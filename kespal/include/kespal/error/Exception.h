@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kespal/Backtrace.h"
+#include "kespal/UnhandledException.h"  // who handles errors may report the one that nobody did
 #include "kespal/error/Site.h"
 
 namespace kes {

@@ -2,6 +2,9 @@
 
 #include <csignal>
 
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
+#include "kespal/signal/Set.h"
 #include "kespal/thread/CppThread.h"
 #include "kespal/thread/PerProcess.h"
 
