@@ -161,7 +161,7 @@ TEST(FailedChildTest, AThreadThatWasCancelledBeforeTheForkIsNotUnwoundInTheChild
 
 TEST(FailedChildTest, AStaticRuntimeObjectOfTheParentLeavesTheExitCodeAlone) {
   const ChildResult result = inChild([] {
-    static const kes::KesPal runtime(false, false, kes::Locale::System);
+    static const kes::KesPal runtime(true, false, kes::Locale::System);
     ::alarm(30);  // ends a process that hangs
     return exitCodeOfFailedChild();
   });

@@ -227,7 +227,9 @@ void Flock::waitFailed(int errnum) {
   report({thread_.name(), ": Error waiting for childs ...\n"});
 }
 
-void Flock::reap(pid_t pid) {
+// The analysis of locks does not follow a guard that is handed on, or may be none.
+
+void Flock::reap(pid_t pid) KES_UNCHECKED {
   Guard guard(cond_);
   int status = 0;
   if (::waitpid(pid, &status, WNOHANG) != pid) return;  // somebody else was faster
@@ -244,12 +246,12 @@ void Flock::reap(pid_t pid) {
   records_.wake(pid, number);
 }
 
-void Flock::checkCB(pid_t pid, Guard& guard) {
+void Flock::checkCB(pid_t pid, Guard& guard) KES_UNCHECKED {
   if (Child* const child = records_.takeChild(pid)) notify(*child, &Child::exited, guard);
 }
 
 /// Whoever would be told of an end that nobody will see learns that instead.
-void Flock::releaseChildren() {
+void Flock::releaseChildren() KES_UNCHECKED {
   for (;;) {
     Guard guard(cond_);
     Child* const child = records_.takeRunningChild();
@@ -259,7 +261,7 @@ void Flock::releaseChildren() {
 }
 
 /// Called without the lock, which is released through the guard; the child may be gone afterwards.
-void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) {
+void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) KES_UNCHECKED {
   notifying_ = &child;
   guard.unlock();
   const sys::AtEnd done([this] {
@@ -282,7 +284,8 @@ void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) {
 
 /// Holding the lock, a child that runs cannot be reaped, and its id not become another's. What a collector
 /// left when it ended may have been reaped by anybody since.
-void Flock::signal(const Site& site, int signal, pid_t pid, std::uint64_t number, Flock* present) {
+void Flock::signal(const Site& site, int signal, pid_t pid, std::uint64_t number,
+                   Flock* present) KES_UNCHECKED {
   const Guard guard(cond_);
   if (!records_.runs(pid, number)) raiseAt(site, NoSuchProcessError(ESRCH));
   if (phase_ != Phase::Ended) return signal::Sender::signalProc(signal, pid);

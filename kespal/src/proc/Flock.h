@@ -9,6 +9,7 @@
 #include "kespal/NoCopy.h"
 #include "kespal/error/Site.h"
 #include "kespal/proc/Shepherd.h"
+#include "kespal/thread/Annotations.h"
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Milliseconds.h"
@@ -28,13 +29,13 @@ class Flock : NoCopy {
   static const std::shared_ptr<Flock>& of(const Shepherd& shepherd) noexcept { return shepherd.flock_; }
 
   bool isOfAnotherProcess() const noexcept { return process_ != ::getpid(); }
-  const thread::Condition& condition() const noexcept { return cond_; }
+  const thread::Condition& condition() const noexcept KES_RETURNS_LOCK(cond_) { return cond_; }
   bool isBuried() const { return thread_.state() == thread::CoopThread::BURIED; }
 
   // As Shepherd has them.
   void start();
   void stop();
-  std::uint64_t addNoLock(pid_t pid, Child* child);
+  std::uint64_t addNoLock(pid_t pid, Child* child) KES_REQUIRES(cond_);
   bool wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number);
   void checkCB(pid_t pid, Guard& guard);
   /// The collector's body.
@@ -43,11 +44,11 @@ class Flock : NoCopy {
   // With the lock held.
 
   /// Takes what memory the next addNoLock() needs.
-  void reserveNoLock() { records_.reserve(); }
+  void reserveNoLock() KES_REQUIRES(cond_) { records_.reserve(); }
   /// Whether children that are registered will be reaped.
-  bool isServingNoLock() const noexcept { return phase_ == Phase::Serving; }
+  bool isServingNoLock() const noexcept KES_REQUIRES(cond_) { return phase_ == Phase::Serving; }
   /// Whether this child has not been reaped here.
-  bool runsNoLock(pid_t pid, std::uint64_t number) { return records_.runs(pid, number); }
+  bool runsNoLock(pid_t pid, std::uint64_t number) KES_REQUIRES(cond_) { return records_.runs(pid, number); }
 
   /// Sends a child a signal. Raises NoSuchProcessError from the site when it does not run any more. `present`
   /// is the collector of today, which may have reaped what this one left; null when there is none.
@@ -82,12 +83,12 @@ class Flock : NoCopy {
   explicit Flock(Shepherd& shepherd);
   ~Flock() = default;
 
-  Sentinel makeSentinel();
+  Sentinel makeSentinel() KES_REQUIRES(cond_);
   void reapSentinel(const Sentinel& sentinel);
   bool awaitWork();
   void reapOne();
   void waitFailed(int errnum);
-  void reap(pid_t pid);
+  void reap(pid_t pid) KES_EXCLUDES(cond_);
   void releaseChildren();
   void notify(Child& child, void (Child::*tell)(), Guard& guard);
   void finish();
@@ -98,12 +99,12 @@ class Flock : NoCopy {
   thread::Condition cond_;
 
   // Guarded by the lock.
-  Records records_;
-  Phase phase_ = Phase::Idle;
-  const Child* notifying_ = nullptr;  ///< whose notification runs
-  std::uint64_t newest_ = 0;          ///< the last registration
-  std::uint64_t waitedFor_ = 0;       ///< the last one when the collector began to wait
-  bool childless_ = false;            ///< the system knows no child although some are registered
+  Records records_ KES_GUARDED_BY(cond_);
+  Phase phase_ KES_GUARDED_BY(cond_) = Phase::Idle;
+  const Child* notifying_ KES_GUARDED_BY(cond_) = nullptr;  ///< whose notification runs
+  std::uint64_t newest_ KES_GUARDED_BY(cond_) = 0;          ///< the last registration
+  std::uint64_t waitedFor_ KES_GUARDED_BY(cond_) = 0;       ///< the last one when the collector began to wait
+  bool childless_ KES_GUARDED_BY(cond_) = false;  ///< the system knows no child although some are registered
 
   Thread thread_;
 };

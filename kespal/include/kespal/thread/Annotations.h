@@ -6,7 +6,7 @@
 // A thread that holds several locks of this library has taken them in this order:
 //   1. a signal handler's, under which its notifiers are called
 //   2. the runtime object's, under which the quit handlers are called
-//   3. the one that guards the start of the process collector
+//   3. the one that tells which process collector there is
 //   4. the process collector's
 //   5. a thread object's own, that of its condition
 // Under the last three nothing of the library's user is called.
@@ -23,4 +23,5 @@
 #define KES_EXCLUDES(...) KES_ANNOTATION(locks_excluded(__VA_ARGS__))  ///< call it without: it takes the lock
 #define KES_ACQUIRE(...) KES_ANNOTATION(acquire_capability(__VA_ARGS__))  ///< takes the lock
 #define KES_RELEASE(...) KES_ANNOTATION(release_capability(__VA_ARGS__))  ///< gives it back
+#define KES_RETURNS_LOCK(lock) KES_ANNOTATION(lock_returned(lock))        ///< gives a reference to it
 #define KES_UNCHECKED KES_ANNOTATION(no_thread_safety_analysis)           ///< the analysis cannot follow it

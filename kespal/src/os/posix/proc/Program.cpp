@@ -14,6 +14,7 @@
 #include "kespal/signal/Mask.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
+#include "sys/AtEnd.h"
 
 namespace kes::proc {
 
@@ -48,6 +49,7 @@ class CallError : public Raisable<CallError, OsError> {
 /// Where an operation raises its errors; it is called such that it has to.
 template <typename Refused>
 Site siteOf(Refused operation) {
+  const sys::AtEnd unseen([errnum = errno] { errno = errnum; });
   try {
     operation();
   } catch (const Exception& error) {
