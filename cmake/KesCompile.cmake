@@ -20,10 +20,6 @@ target_compile_options(kes_compile INTERFACE
   # Throw sites and assertions name files below the source tree, on every machine alike.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fno-omit-frame-pointer)
-if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  # Which lock guards what stands in the code, in the words of kespal/thread/Annotations.h.
-  target_compile_options(kes_compile INTERFACE -Wthread-safety)
-endif()
 if(KES_SANITIZE)
   target_compile_options(kes_compile INTERFACE -fsanitize=${KES_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(kes_compile INTERFACE -fsanitize=${KES_SANITIZE})

@@ -8,6 +8,11 @@ function(kes_library name)
     PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kes_compile> $<BUILD_INTERFACE:kes_sys> PUBLIC Threads::Threads)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # Which lock guards what stands in the code, in the words of kespal/thread/Annotations.h. Not for tests,
+    # which misuse locks on purpose.
+    target_compile_options(${name} PRIVATE -Wthread-safety)
+  endif()
 endfunction()
 
 # kes_program(NAME SOURCES...): a program of this project. It exports its symbols, or the frames

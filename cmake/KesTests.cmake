@@ -9,9 +9,6 @@ option(KES_THREADED_TESTS_ONLY "Build and run only the tests that have threads" 
 
 # Tests spend their time in the libraries, and compilers spend theirs in optimising tests.
 set(KES_TEST_OPTIONS -O0)
-if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  list(APPEND KES_TEST_OPTIONS -Wno-thread-safety)  # the misuse of locks is what they test
-endif()
 
 function(kes_test name)
   cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LOCK" ${ARGN})
