@@ -84,15 +84,7 @@ void Copier::borrowSource(StreamFile& source) {
 
 void Copier::examineSource(StreamFile& source) {
   source_ = Info::get(source.fd());
-  if (source_.isDir()) refuseDirectory(source);
   access_ = givenAccess_ != nullptr ? *givenAccess_ : source_.access();
-}
-
-/// It is the first read that fails. That comes too late where the target was made or emptied before.
-void Copier::refuseDirectory(StreamFile& source) {
-  char byte;
-  source.read(&byte, sizeof byte);
-  raiseAt(KES_HERE, OsError(EISDIR));  // some systems let a directory be read
 }
 
 // Emptying the target must not empty the source: the two may be one file under two names, or twice open.

@@ -194,7 +194,7 @@ TEST_F(DeepTreeTest, ALoopOfLinksEndsWhereNoPathReaches) {
   dig(3000);
   link("loop", ".");
   const Raised raised = removing();
-  EXPECT_EQ(raised, (Raised{"kes::FsError", ELOOP, raised.text, treeSite, "look"}));
+  EXPECT_EQ(raised, (Raised{"kes::FsError", ELOOP, raised.text, treeSite, "removeTree"}));
   EXPECT_THAT(raised.text, ::testing::EndsWith("/loop/loop/loop"));
   ASSERT_EQ(::unlinkat(last_, "loop", 0), 0);
 }
@@ -225,7 +225,7 @@ TEST_F(DeepTreeTest, ADirectoryPutInThePlaceOfOneOfTheWalkIsLeftAlone) {
     for (const char* name : {"1", "2"}) test::writeFile(top + "/tree/d/d/" + name, "precious");
   };
   const test::Before before("unlinkat of a directory", swap, folder_.path());
-  EXPECT_EQ(removing(), (Raised{"kes::FsError", ESTALE, at("tree/d/d"), treeSite, "reopen"}));
+  EXPECT_EQ(removing(), (Raised{"kes::FsError", ESTALE, at("tree/d/d"), treeSite, "removeTree"}));
   for (const char* name : {"1", "2"})
     EXPECT_EQ(test::readFile(at(std::string("tree/d/d/") + name)), "precious");
 }

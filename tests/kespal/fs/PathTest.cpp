@@ -324,7 +324,8 @@ TEST(PathTest, EveryKindOfTextMakesAPathAndIsAssignedToOne) {
   const Path other("o");
   EXPECT_EQ(Path(view), "v");
   EXPECT_EQ(Path{view}, "v");
-  EXPECT_EQ(depthOf(view), 1u) << "without a word, too";
+  static_assert(!std::is_convertible_v<std::string_view, Path>, "a path would be one of two equal choices");
+  EXPECT_EQ(true ? other : std::string_view("x"), "o");
   EXPECT_EQ((Path{'a', '/', 'b', '/'}), "a/b");
   EXPECT_EQ(Path{'/'}, "/");
   EXPECT_EQ(Path(std::string_view()), "");
@@ -339,6 +340,8 @@ TEST(PathTest, EveryKindOfTextMakesAPathAndIsAssignedToOne) {
   EXPECT_EQ(path = std::string("t/"), "t");
   EXPECT_EQ(path = "l/", "l");
   EXPECT_EQ(path = pointer, "p");
+  EXPECT_EQ(path = NULL, "") << "a null pointer, and no character";
+  EXPECT_EQ(Path(nothing, Path::CANONICAL), "");
   EXPECT_EQ(path = nothing, "");
   EXPECT_EQ(path = other, "o");
   EXPECT_EQ(path = Path("o/"), "o");

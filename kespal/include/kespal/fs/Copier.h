@@ -17,7 +17,7 @@ namespace kes::fs {
 /// happens; the caller's streams stay open. An error may leave a partly written target: removing it is the
 /// caller's business. Errors are those of File::open(), setAccess(), truncate() and close(), of StreamFile's
 /// read(), write() and seek(), and of Info::get(). A write that takes nothing is an OsError (EIO). A
-/// directory as source is refused with the error of reading it (OsError, EISDIR) before a target is touched.
+/// directory as source is the error of reading it (OsError, EISDIR), when the target is there already.
 class Copier : NoCopy {
  public:
   /// A caller's buffer, of `size` bytes, must outlive the copier; without one (null and 0) it uses its own.
@@ -52,7 +52,6 @@ class Copier : NoCopy {
   void openTarget(StreamFile& target, const char* to);
   void borrowTarget(StreamFile& target);
   void examineSource(StreamFile& source);
-  [[noreturn]] static void refuseDirectory(StreamFile& source);
   bool isSource(const Info& target) const noexcept;
   bool isSource(const char* target) const;
   void copyAccess(StreamFile& target);

@@ -39,10 +39,13 @@ class Path : public std::string {
   Path(const std::string& text) : std::string(text) { cleanse(); }
   Path(std::string&& text) noexcept : std::string(std::move(text)) { cleanse(); }
   Path(std::initializer_list<char> text) : std::string(text) { cleanse(); }
-  template <typename Text>
-  requires isView<Text> Path(const Text& text) : std::string(text) { cleanse(); }
   // NOLINTEND(google-explicit-constructor)
+  /// Not implicit, as that of a string is not: a path is a view as well, and each would become the other.
+  template <typename Text>
+  requires isView<Text>
+  explicit Path(const Text& text) : std::string(text) { cleanse(); }
   Path(const std::string& text, const canonical_t&) : Path(text) {}
+  Path(const char* text, const canonical_t&) : Path(text) {}
 
   Path& operator=(const Path&) = default;
   Path& operator=(Path&&) noexcept = default;
@@ -50,7 +53,10 @@ class Path : public std::string {
   Path& operator=(const std::string& text) { return cleansed(assign(text)); }
   Path& operator=(std::string&& text) noexcept { return cleansed(assign(std::move(text))); }
   Path& operator=(const char* text) { return cleansed(assign(text != nullptr ? text : "")); }
-  Path& operator=(char text) { return cleansed(assign(1, text)); }
+  template <std::same_as<char> Char>  // so that a 0 is a null pointer
+  Path& operator=(Char text) {
+    return cleansed(assign(1, text));
+  }
   Path& operator=(std::initializer_list<char> text) { return cleansed(assign(text)); }
   template <typename Text>
   requires isView<Text> Path& operator=(const Text& text) { return cleansed(assign(text)); }

@@ -5,6 +5,7 @@
 #include "kespal/fs/Copier.h"
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
+#include "kespal/fs/StreamFile.h"
 #include "os/posix/fs/Errors.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
@@ -33,6 +34,15 @@ void removeQuietly(const char* copy) noexcept {
 /// Opening anything else may wait for ever, as a pipe does for its writer. A link that is not followed is
 /// refused when it is opened, and a directory when it is read.
 bool canBeCopied(const Info& source) { return source.isRegular() || source.isDir() || source.isLink(); }
+
+/// It is the first read that fails. That comes too late where the target was made before.
+[[noreturn]] void refuseDirectory(const char* from) {
+  StreamFile source;
+  source.open(from, File::READ);
+  char byte;
+  source.read(&byte, sizeof byte);
+  raiseAt(KES_HERE, OsError(EISDIR));  // some systems let a directory be read
+}
 
 void copyForMove(const char* from, const char* to, const EnumBitset<Flags>& flags, char* buffer,
                  std::size_t size) {
@@ -70,6 +80,7 @@ void Ops::move(const char* from, const char* to, const EnumBitset<Flags>& flags,
   if (!source.isLink() && renamed(from, to, flags)) return;
   if (!follow) source = Info::get(from, follow);
   if (!canBeCopied(source)) PathErrors::raise(KES_HERE, EINVAL, from);
+  if (source.isDir()) refuseDirectory(from);
   copyForMove(from, to, flags, buffer, size);
   sys::AtEnd takingBack([to] { removeQuietly(to); });
   remove(from);

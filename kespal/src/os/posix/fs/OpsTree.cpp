@@ -119,6 +119,12 @@ class TreeRemoval {
   }
 
  private:
+  /// What no system call has refused is the operation's own error.
+  [[noreturn, gnu::always_inline]] static inline void fail(Site site, int errnum, const std::string& path) {
+    site.function = "removeTree";
+    PathErrors::raise(site, errnum, path);
+  }
+
   /// Goes on in the directory of the walk's path. Without a stream, errno says why.
   void enter(sys::DirStream dir) {
     if (!dir) at::raiseOpen(errno, path_);
@@ -168,7 +174,7 @@ class TreeRemoval {
     if (path_.size() < PATH_MAX) return Info::get(path_.c_str(), /*follow=*/true);
     const Info info = at::get(fd(), name, path_, /*follow=*/true);
     const bool leadsOn = info.isDir() && at::get(fd(), name, path_, /*follow=*/false).isLink();
-    if (leadsOn && ++links_ > mostLinks) PathErrors::raise(KES_HERE, ELOOP, path_);
+    if (leadsOn && ++links_ > mostLinks) fail(KES_HERE, ELOOP, path_);
     return info;
   }
 
@@ -200,7 +206,7 @@ class TreeRemoval {
     sys::DirStream dir = openByPath(path);
     if (!dir) at::raiseOpen(errno, path);
     // Who has put another directory there meanwhile shall not lose what the names of this one are in it.
-    if (!level.reopen(std::move(dir))) PathErrors::raise(KES_HERE, ESTALE, path);
+    if (!level.reopen(std::move(dir))) fail(KES_HERE, ESTALE, path);
     firstOpen_ = levels_.size() - 1;
   }
 
