@@ -42,21 +42,26 @@ class BasicThread::LastStep {
  public:
   /// False when the system has no key or no memory for it; then a cleanup handler has to take the step.
   static bool willBeTaken(Control& control) {
-    return m_usable.load(std::memory_order_relaxed) && ::pthread_setspecific(m_key, &control) == 0;
+    return m_usable.load(std::memory_order_acquire) && ::pthread_setspecific(m_key, &control) == 0;
   }
   static void take(void* control) { static_cast<Control*>(control)->finish(); }
 
  private:
-  static bool makeKey() { return ::pthread_key_create(&m_key, &take) == 0; }
+  static bool makeKey() {
+    m_usable = ::pthread_key_create(&m_key, &take) == 0;
+    return m_usable;
+  }
 
   static ::pthread_key_t m_key;
   static std::atomic<bool> m_usable;
+  static const bool m_made;
 };
 
-// When the program is initialised, not at the first use: a fork in the middle of that would leave the child
-// waiting for its end.
-::pthread_key_t BasicThread::LastStep::m_key;
-std::atomic<bool> BasicThread::LastStep::m_usable{makeKey()};
+// The key is made when the program is initialised, not at the first use: a fork in the middle of that would
+// leave the child waiting for its end. A thread that a static object has started before does without it.
+constinit ::pthread_key_t BasicThread::LastStep::m_key{};
+constinit std::atomic<bool> BasicThread::LastStep::m_usable{false};
+const bool BasicThread::LastStep::m_made = makeKey();
 
 /// The control block of a thread whose body is a function.
 struct BasicThread::PlainControl final : Control {
