@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "inheritance.h"
 #include "paths.h"
 
 kes::kesos::SemCounter* sem_counter = nullptr;
@@ -57,6 +58,7 @@ void takeSlot(int semid) {
 
 kes::kesos::SemCounter* inherited = nullptr;  // the parent's record, kept for this process's own use
 std::uint32_t forks = 0;
+bool childrenAttach = false;  // whether a child has the table attached without having asked for it
 
 std::unique_ptr<kes::kesos::SemCounter> newCounter() {
   std::unique_ptr<kes::kesos::SemCounter> counter(std::exchange(inherited, nullptr));
@@ -69,11 +71,12 @@ std::unique_ptr<kes::kesos::SemCounter> newCounter() {
 void holdTable() { ::pthread_mutex_lock(&kes::kesos::usageMutex()); }
 void releaseTable() { ::pthread_mutex_unlock(&kes::kesos::usageMutex()); }
 
-/// In the child, nothing is counted for this process yet, and its parent's attachment goes: it would keep the
-/// table when the parent leaves. No memory is taken or given back: other threads may have been at that.
+/// In the child, nothing is counted for this process yet. If it has its parent's attachment, that goes: it
+/// would keep the table when the parent leaves; and when the parent has left already, the table goes with it.
+/// No memory is taken or given back: other threads may have been at that.
 void beginAnew() {
   if (sem_counter != nullptr) {
-    ::shmdt(sem_counter->memory.address);
+    if (childrenAttach) KesOsMmfClose(&sem_counter->memory);
     kesos_shm = nullptr;
     inherited = std::exchange(sem_counter, nullptr);
   }
@@ -103,6 +106,7 @@ int initSemCounter(void) {
     ::shmdt(counter->memory.address);
     return failWith(EINVAL);
   }
+  childrenAttach = !kes::os::keepFromChildren(counter->memory.address, counter->memory.size);
   sem_counter = counter.release();
   kesos_shm = static_cast<UsageTable*>(sem_counter->memory.address);
   if (sem_counter->memory.created != 0) {

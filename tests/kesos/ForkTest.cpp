@@ -1,9 +1,13 @@
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <string>
 #include <thread>
 
 #include "kesos/Ipc.h"
+#include "kesos/IpcFaults.h"
 #include "kesos/events.h"
 #include "kesos/mutexes.h"
 
@@ -41,6 +45,9 @@ TEST_F(ForkTest, AChildThatIsForkedWhileAnotherThreadOpensAndClosesCanUseKeys) {
   EXPECT_FALSE(tableExists());
 }
 
+/// How many processes have the table attached.
+int attachments() { return std::stoi(shell("ipcs -m | awk '$1 == \"0x00008009\" {print $6}'")); }
+
 /// A child that lives until the object goes.
 class LivingChild {
  public:
@@ -62,6 +69,39 @@ TEST_F(ForkTest, AChildDoesNotHoldTheTableOfItsParent) {
   KesOsMutex* mutex = mutexOf(freshKey());
   const LivingChild child;
   EXPECT_EQ(usage(), (Usage{1, 1, 1, 1})) << "the child counts for nothing";
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_FALSE(tableExists());
+}
+
+/// Opens an object, forks, and closes it before the child lets go of the table, if it has it.
+void leaveBeforeTheChildBegins() {
+  KesOsMutex* mutex = mutexOf(freshKey());
+  const Shared<std::atomic<bool>> left;
+  beforeNext(IpcCall::shmdt, [&left, parent = ::getpid()] {
+    if (::getpid() != parent) eventually([&left] { return left->load(); });
+  });
+  const pid_t child = startProcess([] { return 0; });
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  *left = true;
+  EXPECT_EQ(waitForProcess(child), 0);
+}
+
+TEST_F(ForkTest, AChildThatBeginsAfterItsParentHasLeftLeavesNoTable) {
+  leaveBeforeTheChildBegins();
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(ForkTest, AChildThatGetsTheTableAllTheSameRemovesItAfterItsParent) {
+  refuse(IpcCall::madvise, EINVAL, MADV_DONTFORK);
+  leaveBeforeTheChildBegins();
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(ForkTest, AChildThatGetsTheTableAllTheSameDoesNotHoldIt) {
+  refuse(IpcCall::madvise, EINVAL, MADV_DONTFORK);
+  KesOsMutex* mutex = mutexOf(freshKey());
+  const LivingChild child;
+  EXPECT_TRUE(eventually([] { return attachments() == 1; }));
   EXPECT_EQ(KesOsMutexClose(mutex), 1);
   EXPECT_FALSE(tableExists());
 }

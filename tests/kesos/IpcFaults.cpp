@@ -1,5 +1,6 @@
 #include "kesos/IpcFaults.h"
 
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 
@@ -23,11 +24,13 @@ struct Refusal {
 };
 
 thread_local std::optional<Refusal> refusal;
-std::array<std::atomic<int>, 6> counts;
+thread_local std::optional<std::pair<IpcCall, std::function<void()>>> interlude;
+std::array<std::atomic<int>, 8> counts;
 thread_local void (*nap)() = nullptr;
 
-/// Counts the call; whether it is refused, with errno set.
+/// Does what was to happen before the call, and counts it; whether it is refused, with errno set.
 bool refused(IpcCall call, std::optional<int> command = {}) {
+  if (interlude && interlude->first == call) std::exchange(interlude, std::nullopt)->second();
   ++counts[static_cast<std::size_t>(call)];
   if (!refusal || refusal->call != call || (refusal->command && refusal->command != command)) return false;
   if (refusal->skipped-- > 0) return false;
@@ -45,6 +48,7 @@ void refuse(IpcCall call, int error, std::optional<int> command, int skipped) {
 }
 void refuseNothing() { refusal.reset(); }
 int countOf(IpcCall call) { return counts[static_cast<std::size_t>(call)]; }
+void beforeNext(IpcCall call, std::function<void()> action) { interlude = {call, std::move(action)}; }
 void duringNextNap(void (*action)()) { nap = action; }
 
 }  // namespace kes::test
@@ -93,5 +97,13 @@ void* __wrap_shmat(int id, const void* address, int flags) {
 int __real_shmctl(int id, int command, shmid_ds* state);
 int __wrap_shmctl(int id, int command, shmid_ds* state) {
   return refused(IpcCall::shmctl, command) ? -1 : __real_shmctl(id, command, state);
+}
+
+int __real_shmdt(const void* address);
+int __wrap_shmdt(const void* address) { return refused(IpcCall::shmdt) ? -1 : __real_shmdt(address); }
+
+int __real_madvise(void* address, std::size_t size, int advice);
+int __wrap_madvise(void* address, std::size_t size, int advice) {
+  return refused(IpcCall::madvise, advice) ? -1 : __real_madvise(address, size, advice);
 }
 }
