@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "ipc.h"
+#include "paths.h"
 
 namespace {
 
@@ -109,13 +110,14 @@ bool measure(KesOsMmf& mapping) {
   return true;
 }
 
-/// Lets go of a segment that could not be taken into use.
+/// Lets go of a segment that could not be taken into use. What fails on the way does not say why it could
+/// not.
 int abandonSegment(KesOsMmf& mapping, bool remove) {
   failed(mapping);
   if (mapping.address != nullptr) ::shmdt(std::exchange(mapping.address, nullptr));
   const int shmid = std::exchange(mapping.shmid, -1);
   if (remove) ::shmctl(shmid, IPC_RMID, nullptr);
-  return 0;
+  return kes::kesos::failWith(mapping.error);
 }
 
 int openSegment(KesOsMmf& mapping, key_t key) {

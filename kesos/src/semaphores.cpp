@@ -16,6 +16,7 @@
 #include "mutex_guard.h"
 #include "paths.h"
 #include "shutdown.h"
+#include "sys/AtEnd.h"
 #include "usage_table.h"
 
 namespace {
@@ -44,16 +45,26 @@ enum class Outcome { failed, gone, counted, noTable };
 
 Outcome failure() { return kes::kesos::isGone(errno) ? Outcome::gone : Outcome::failed; }
 
+/// A process that did not see it counted may have removed the semaphore: then the count is taken back.
+Outcome lookAgain(int semid) {
+  if (KesOsSemaphoreVal(semid) >= 0 || !kes::kesos::isGone(errno)) return Outcome::counted;
+  kes::kesos::dropReference(semid);
+  kes::kesos::dropHandle();
+  kes::kesos::leaveUsage();
+  errno = EIDRM;
+  return Outcome::gone;
+}
+
 Outcome openAndCount(int& semid, key_t key) {
   semid = ::semget(key, 0, 0);
   if (semid < 0) return failure();
-  return countUse(semid, true) ? Outcome::counted : Outcome::noTable;
+  return countUse(semid, true) ? lookAgain(semid) : Outcome::noTable;
 }
 
 /// Takes a new semaphore into use. Who opened it meanwhile may have closed it, too: then it is gone.
 Outcome prepareAndCount(int semid, bool keyed, int initialValue) {
   if (!setSemaphoreOwner(semid) || !kes::kesos::setValue(semid, initialValue)) return failure();
-  return countUse(semid, keyed) ? Outcome::counted : Outcome::failed;
+  return countUse(semid, keyed) ? lookAgain(semid) : Outcome::failed;
 }
 
 Outcome createAndCount(int& semid, key_t key, int initialValue) {
@@ -84,7 +95,9 @@ Outcome undisturbed(Step step) {
   return step();
 }
 
+/// Leaves errno as it is: it says why.
 void reportMissingTable(int semid, char tag) {
+  const kes::sys::AtEnd restoring([errnum = errno] { errno = errnum; });
   std::uint64_t thread = 0;
   kes::os::nativeThreadId(thread);
   std::fprintf(stderr, "FATAL KesOsOpen%c(%d): pstLog is not created (pid=%d tid=%llu)\n", tag, semid,

@@ -3,6 +3,7 @@
 #include <sys/shm.h>
 
 #include <cerrno>
+#include <string>
 
 #include "kesos/Ipc.h"
 #include "kesos/IpcFaults.h"
@@ -49,6 +50,51 @@ TEST_F(RemovalTest, ANewSemaphoreThatSomebodyElseHasOpenedAndClosedIsCreatedAgai
   EXPECT_FALSE(tableExists());
 }
 
+/// Another process's close, in the middle of a create of this one: removes the semaphore with the key.
+void removeBeforeTheTableIsSought(unsigned int key) {
+  beforeNext(IpcCall::shmget, [key] { ::semctl(::semget(static_cast<key_t>(key), 0, 0), 0, IPC_RMID); });
+}
+
+void makeSemaphore(unsigned int key) {
+  perl("semget(" + std::to_string(key) + ", 1, 0666 | " + std::to_string(IPC_CREAT) + ") // die;");
+}
+
+TEST_F(RemovalTest, ASemaphoreThatGoesBeforeItIsCountedIsCreatedAgain) {
+  for (const bool exists : {false, true}) {
+    const unsigned int key = freshKey();
+    if (exists) makeSemaphore(key);
+    removeBeforeTheTableIsSought(key);
+    KesOsMutex* mutex = nullptr;
+    EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
+    EXPECT_EQ(valueOf(key), 1);
+    EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
+    EXPECT_EQ(slotCount(semaphoreOf(key)), 1U);
+    EXPECT_EQ(KesOsMutexClose(mutex), 1);
+    EXPECT_EQ(semaphoreOf(key), -1);
+    EXPECT_FALSE(tableExists());
+  }
+}
+
+TEST_F(RemovalTest, AnOpenOfASemaphoreThatGoesBeforeItIsCountedFailsAndCountsNothing) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = nullptr;
+  makeSemaphore(key);
+  removeBeforeTheTableIsSought(key);
+  EXPECT_EQ(KesOsMutexOpen(&mutex, key), 0);
+  EXPECT_EQ(errno, EIDRM);
+  EXPECT_EQ(mutex, nullptr);
+  EXPECT_FALSE(tableExists());
+}
+
+TEST_F(RemovalTest, ASemaphoreThatMayNotBeReadIsNotTakenForARemovedOne) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = nullptr;
+  refuse(IpcCall::semctl, EACCES, GETVAL);
+  EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
+  EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+}
+
 TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
   const auto key = static_cast<key_t>(freshKey());
   KesOsMmf first, mapping;
@@ -66,6 +112,18 @@ TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
     EXPECT_EQ(mapping.error, 0) << errnum;
     EXPECT_EQ(KesOsMmfClose(&mapping), 1);
   }
+}
+
+TEST_F(RemovalTest, WhatFailsAfterTheAttachingDoesNotHideWhyThatFailed) {
+  const auto key = static_cast<key_t>(freshKey());
+  KesOsMmf first, mapping;
+  ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
+  refuse(IpcCall::shmat, EACCES);
+  beforeNext(IpcCall::shmctl, [id = first.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
+  ::shmdt(first.address);  // with the removal before it, the second removal finds nothing
+  EXPECT_EQ(KesOsMmfOpen(&mapping, 0, key), 0);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(mapping.error, EACCES);
 }
 
 TEST_F(RemovalTest, ASegmentThatCannotBeMadeIsTriedOnce) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include "kesos/Ipc.h"
@@ -237,6 +238,19 @@ TEST_F(UsageTableTest, AnOpenWithoutATableSaysSoAndFails) {
   }
   EXPECT_EQ(semaphoreOf(key), id) << "another one's semaphore is left alone";
   perl("semctl(" + std::to_string(id) + ", 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+}
+
+TEST_F(UsageTableTest, AnOpenWithoutATableSaysWhyAlthoughItsMessageIsLost) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = mutexOf(key);
+  const ChildResult result = inChild([key] {
+    KesOsMutex* opened = nullptr;
+    ::close(STDERR_FILENO);
+    refuse(IpcCall::shmget, ENOSPC);
+    return KesOsMutexOpen(&opened, key) == 0 && errno == ENOSPC ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
 }
 
 TEST_F(UsageTableTest, NewObjectsGetTheModeAndOwnerThatWereSet) {

@@ -12,8 +12,8 @@ extern "C" {
  *
  * The last user removes a keyed object. Users are counted in a shared-memory segment of the whole machine
  * with the key 32777 (0x8009), which nobody else may use:
- * - A process that dies without closing stays counted: its objects outlive it until a program such as ipcrm
- *   removes them.
+ * - A process that dies without closing stays counted: its objects outlive it until a later user happens to
+ *   be the last, or a program such as ipcrm removes them.
  * - It counts 60 objects of all processes. One more works as well, but the first who closes it removes it.
  * - A child made by fork() is a user from the first object on that it opens itself. It may use the handles
  *   it inherited for as long as their parent does; closing one frees the child's copy and changes nothing. */
@@ -22,7 +22,7 @@ typedef struct KesOsMutex KesOsMutex;
 
 /** Creates a mutex, or opens the keyed one that exists. 1 with a handle in *out, which KesOsMutexClose frees,
  * or 0 with null; of a keyed one errno then says why (EACCES, ENOSPC, ENOMEM, ...). A new one is unlocked.
- * One that another process removes at the moment is created anew. */
+ * One that another process removes at the moment is created anew, as far as that can be seen. */
 int KesOsMutexCreate(KesOsMutex** out, unsigned int key);
 
 /** Opens an existing keyed mutex; 0 with null for key 0 and when there is none. */
