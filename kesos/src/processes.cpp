@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -86,8 +87,8 @@ int startDetached(const CommandLine& commandLine) {
   return pid > 0 && waitFor(pid, status, 0) == pid && status == 0 ? 1 : 0;
 }
 
+/// Stores the handle of the child, if there is one.
 int startChild(const CommandLine& commandLine, KesOsProcess** out) {
-  *out = nullptr;
   std::unique_ptr<KesOsProcess> process(new (std::nothrow) KesOsProcess{});
   if (process == nullptr) return 0;
   process->pid = ::fork();
@@ -103,7 +104,9 @@ int startChild(const CommandLine& commandLine, KesOsProcess** out) {
 }  // namespace
 
 int KesOsCreateProcessAsyn(const char* cmd, unsigned long /*flags*/, KesOsProcess** out) {
+  if (out != nullptr) *out = nullptr;
   const CommandLine commandLine(parseProcessCommandline(cmd));
+  if (!commandLine && errno == ENOMEM) return 0;
   return out != nullptr ? startChild(commandLine, out) : startDetached(commandLine);
 }
 

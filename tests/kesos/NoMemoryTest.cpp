@@ -1,8 +1,10 @@
 #include "support/NoMemory.h"
 
 #include <array>
+#include <cerrno>
 #include <functional>
 #include <iostream>
+#include <utility>
 
 #include "kesos/Ipc.h"
 #include "kesos/kesos.h"
@@ -10,6 +12,22 @@
 #include "support/TempDir.h"
 
 // What the flat functions do when there is no memory: they fail, and let no exception out.
+namespace {
+
+thread_local bool noMemoryForTheNextText = false;
+
+}  // namespace
+
+extern "C" {
+
+char* __real_strdup(const char* text);
+char* __wrap_strdup(const char* text) {
+  if (!std::exchange(noMemoryForTheNextText, false)) return __real_strdup(text);
+  errno = ENOMEM;
+  return nullptr;
+}
+}
+
 namespace {
 
 using namespace kes::test;
@@ -124,6 +142,18 @@ TEST_F(NoMemoryTest, CommandLinesAndProgramsLetNothingOut) {
 TEST_F(NoMemoryTest, ACommandLineThatCannotBeTakenApartGivesItsErrorNumber) {
   const NoMemory starving;
   EXPECT_EQ(parseProcessCommandline("a program with arguments"), nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(NoMemoryTest, ACommandLineThatCannotBeTakenApartStartsNothing) {
+  char other = 0;
+  auto* process = reinterpret_cast<KesOsProcess*>(&other);
+  noMemoryForTheNextText = true;
+  EXPECT_EQ(KesOsCreateProcessAsyn("true", 0, &process), 0);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(process, nullptr);
+  noMemoryForTheNextText = true;
+  EXPECT_EQ(KesOsCreateProcessAsyn("true", 0, nullptr), 0);
   EXPECT_EQ(errno, ENOMEM);
 }
 

@@ -261,6 +261,16 @@ TEST(ProcessTest, NullHandlesGiveZero) {
   EXPECT_EQ(exitCode, 127U);
 }
 
+TEST(ProcessTest, ALineOfTooManyArgumentsShowsAsExitCode127) {
+  std::string line = "true";
+  for (int argument = 0; argument < 5000; ++argument) line += " a";
+  KesOsProcess* process = nullptr;
+  ASSERT_EQ(KesOsCreateProcessAsyn(line.c_str(), 0, &process), 1);
+  unsigned int exitCode = 77;
+  EXPECT_EQ(KesOsProcessWait(process, &exitCode), 1);
+  EXPECT_EQ(exitCode, 127U);
+}
+
 TEST(ProcessTest, ADescriptorIsClosedOnce) {
   const int fd = ::dup(1);
   EXPECT_EQ(KesOsCloseHdl(fd), 1);

@@ -30,11 +30,12 @@ typedef struct KesOsProcess KesOsProcess;
 
 /** Starts a program without a shell. The command line is taken apart by parseProcessCommandline; the flags
  * are ignored. With `out`, 1 once the child is forked, or 0 with null in *out. A program that cannot be
- * started, or a command line that cannot be taken apart, shows as exit code 127. The child that fails so
- * first closes all its descriptors and then calls exit(): this program's exit handlers and the destructors of
- * its static objects run in it, without the other threads, and what they write is lost. Without `out` the
- * program runs in a session of its own and is nobody's child; 1 when it was forked. If it cannot be started
- * then, nobody is told, and no exit handler runs. */
+ * started, or a command line that is null or too long to be taken apart, shows as exit code 127. The child
+ * that fails so first closes all its descriptors and then calls exit(): this program's exit handlers and the
+ * destructors of its static objects run in it, without the other threads, and what they write is lost.
+ * Without `out` the program runs in a session of its own and is nobody's child; 1 when it was forked. If it
+ * cannot be started then, nobody is told, and no exit handler runs. Either way 0 with errno ENOMEM when there
+ * is no memory to take the command line apart; then nothing is forked. */
 int KesOsCreateProcessAsyn(const char* cmd, unsigned long flags, KesOsProcess** out);
 
 /** Whether the child has not ended yet. One that somebody else has reaped counts as running for ever; only
