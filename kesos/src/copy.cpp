@@ -56,10 +56,9 @@ class Copy {
 
   bool open() {
     const mode_t mode = source_.st_mode & 07777 & ~setIdBits;
-    file_.reset(::open(to_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-    isNew_ = file_.get() >= 0;
-    if (!isNew_ && errno == EEXIST) file_.reset(::open(to_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    file_.reset(openDestination(mode));
     if (file_.get() < 0 || ::fstat(file_.get(), &state_) != 0) return false;
+    if (state_.st_uid != ::geteuid()) isNew_ = false;  // somebody else was first where a link leads
     return (state_.st_mode & setIdBits) == 0 ||
            ::fchmod(file_.get(), state_.st_mode & 07777 & ~setIdBits) == 0;
   }
@@ -77,6 +76,16 @@ class Copy {
   }
 
  private:
+  /// Notes whether the file is new. It is, too, where a link was that led nowhere: the link stays.
+  int openDestination(mode_t mode) {
+    isNew_ = true;
+    int fd = ::open(to_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd >= 0 || errno != EEXIST) return fd;
+    fd = ::open(to_, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    isNew_ = fd < 0 && errno == ENOENT;
+    return isNew_ ? ::open(to_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode) : fd;
+  }
+
   /// The source's owner and, for a new file, the source's set-id bits.
   bool giveAway() {
     if (::fchown(file_.get(), source_.st_uid, source_.st_gid) != 0) return false;

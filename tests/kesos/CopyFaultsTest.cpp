@@ -22,6 +22,7 @@ struct Plan {
   bool cancelsItself = false;  // together with that
   int failingClose = 0;        // counts from 1: the destination is closed before the source
   blksize_t blockSize = 0;     // 0: the file system's
+  bool isAnothers = false;     // the destination, once it is open
 
   int interrupted = 0, reads = 0, closes = 0, fstats = 0, utimes = 0;
   mode_t modesWritten = 0;  // bits of the modes that files had when they were written
@@ -78,6 +79,7 @@ int __wrap_fstat(int fd, struct stat* state) {
   const int result = __real_fstat(fd, state);
   const bool isDestination = plan && ++plan->fstats == 2;
   if (isDestination && plan->blockSize != 0) state->st_blksize = plan->blockSize;
+  if (isDestination && plan->isAnothers) ++state->st_uid;
   return result;
 }
 
@@ -180,6 +182,32 @@ TEST_F(CopyFaultsTest, AFileHasNoSetIdBitsWhileItIsWritten) {
   ASSERT_EQ(::unlink(to_.c_str()), 0);
   EXPECT_EQ(copy({.lastRead = 1}), 0);
   EXPECT_EQ(modeOf(to_), 0755U) << "and a copy that broke off never gets them";
+  ::umask(before);
+}
+
+TEST_F(CopyFaultsTest, AFileThatIsMadeThroughALinkGetsTheSetIdBitsAsAnyNewOne) {
+  const mode_t before = ::umask(022);
+  ASSERT_EQ(::chmod(from_.c_str(), 06755), 0);
+  ASSERT_EQ(::symlink("target", to_.c_str()), 0);
+  EXPECT_EQ(copy({}), 1);
+  EXPECT_EQ(done_.modesWritten & 06000U, 0U);
+  EXPECT_EQ(modeOf(dir_ / "target"), 06755U);
+  EXPECT_EQ(copy({}), 1);
+  EXPECT_EQ(modeOf(dir_ / "target"), 0755U) << "that was an existing file";
+  EXPECT_EQ(readFile(dir_ / "target"), content_);
+  ASSERT_EQ(::unlink(to_.c_str()), 0);
+  ASSERT_EQ(::symlink("missing/target", to_.c_str()), 0);
+  EXPECT_EQ(copy({}), 0);
+  EXPECT_EQ(errno, ENOENT);
+  ::umask(before);
+}
+
+TEST_F(CopyFaultsTest, AFileThatSomebodyElseMadeWhereALinkLeadsGetsNoSetIdBits) {
+  const mode_t before = ::umask(022);
+  ASSERT_EQ(::chmod(from_.c_str(), 06755), 0);
+  ASSERT_EQ(::symlink("target", to_.c_str()), 0);
+  EXPECT_EQ(copy({.isAnothers = true}), 1);
+  EXPECT_EQ(modeOf(dir_ / "target"), 0755U);
   ::umask(before);
 }
 
