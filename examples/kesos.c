@@ -91,16 +91,21 @@ static void countInProcesses(const char* program) {
   char command[KESOS_PATH_SIZE];
   Meeting meeting;
   KesOsProcess* helper;
-  unsigned int exitCode = 1;
+  unsigned int exitCode = 127; /* as for one that cannot be started */
   meet(&meeting, keyOfThisRun());
+  /* The program's name ends at the first blank. A path with blanks needs quotes and the shell, which
+   * KesOsCreateProcessSw uses. */
   sprintf_kes(command, sizeof command, "%s %u", program, keyOfThisRun());
-  KesOsCreateProcessAsyn(command, 0, &helper);
+  if (!KesOsCreateProcessAsyn(command, 0, &helper)) perror("helper");
   countOn(meeting.mutex, meeting.count.address);
   /* Its exit code first: for a helper that could not be started the event would not be set, ever. */
   if (KesOsProcessWait(helper, &exitCode) && exitCode == 0) KesOsEventWait(meeting.done, infinite, NULL);
   printf("two processes counted to %d\n", *(int*)meeting.count.address);
   part(&meeting);
-  if (exitCode != 0) fail("helper");
+  if (exitCode != 0) {
+    fprintf(stderr, "helper: exit code %u\n", exitCode);
+    exit(1);
+  }
 }
 
 /* --- Files. */
