@@ -79,12 +79,23 @@ Outcome createAndCount(int& semid, key_t key, int initialValue) {
   return outcome;
 }
 
-Outcome createWhateverIsRemoved(int& semid, key_t key, int initialValue) {
+/// Tries again with the table attached all the while: a semaphore is counted sooner then, and its users who
+/// come and go have less time to remove it before.
+Outcome createAgain(int& semid, key_t key, int initialValue) {
+  const bool held = kes::kesos::holdUsage();
   Outcome outcome = Outcome::gone;
-  for (int tries = 0; outcome == Outcome::gone && tries < kes::kesos::mostTries; ++tries) {
+  for (int tries = 1; outcome == Outcome::gone && tries < kes::kesos::mostTries; ++tries) {
     outcome = createAndCount(semid, key, initialValue);
   }
+  const int errnum = errno;
+  if (held) kes::kesos::leaveUsage();
+  errno = errnum;
   return outcome;
+}
+
+Outcome createWhateverIsRemoved(int& semid, key_t key, int initialValue) {
+  const Outcome outcome = createAndCount(semid, key, initialValue);
+  return outcome == Outcome::gone ? createAgain(semid, key, initialValue) : outcome;
 }
 
 /// Holds the table's mutex from the look for a semaphore until it is counted: no other thread of this process

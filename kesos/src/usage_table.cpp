@@ -134,6 +134,12 @@ bool joinUsage() {
   return true;
 }
 
+bool holdUsage() {
+  if (!joinUsage()) return false;
+  ++sem_counter->references;
+  return true;
+}
+
 void addUse(int semid, bool keyed) {
   ++sem_counter->references;
   add(kesos_shm->handles, 1);

@@ -57,6 +57,9 @@ std::uint32_t forkCount() noexcept;
 /// Attaches the table unless this process has it already.
 bool joinUsage();
 
+/// The same, and keeps it attached until leaveUsage().
+bool holdUsage();
+
 /// Counts a handle of this process and, for a keyed semaphore, a reference to it.
 void addUse(int semid, bool keyed);
 

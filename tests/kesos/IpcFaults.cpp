@@ -46,7 +46,10 @@ namespace kes::test {
 void refuse(IpcCall call, int error, std::optional<int> command, int skipped) {
   refusal = {call, error, command, skipped};
 }
-void refuseNothing() { refusal.reset(); }
+void refuseNothing() {
+  refusal.reset();
+  interlude.reset();
+}
 int countOf(IpcCall call) { return counts[static_cast<std::size_t>(call)]; }
 void beforeNext(IpcCall call, std::function<void()> action) { interlude = {call, std::move(action)}; }
 void duringNextNap(void (*action)()) { nap = action; }

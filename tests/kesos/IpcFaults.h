@@ -11,6 +11,7 @@ enum class IpcCall { semget, semop, semctl, shmget, shmat, shmctl, shmdt, madvis
 
 /// The next call with this command (any, when none is given) fails with `error`, after `skipped` others.
 void refuse(IpcCall call, int error, std::optional<int> command = {}, int skipped = 0);
+/// From now on nothing is refused, and nothing happens before a call.
 void refuseNothing();
 int countOf(IpcCall call);
 

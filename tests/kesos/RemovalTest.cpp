@@ -50,9 +50,11 @@ TEST_F(RemovalTest, ANewSemaphoreThatSomebodyElseHasOpenedAndClosedIsCreatedAgai
   EXPECT_FALSE(tableExists());
 }
 
-/// Another process's close, in the middle of a create of this one: removes the semaphore with the key.
+void removeNow(unsigned int key) { ::semctl(::semget(static_cast<key_t>(key), 0, 0), 0, IPC_RMID); }
+
+/// Another process's close, in the middle of a create of this one.
 void removeBeforeTheTableIsSought(unsigned int key) {
-  beforeNext(IpcCall::shmget, [key] { ::semctl(::semget(static_cast<key_t>(key), 0, 0), 0, IPC_RMID); });
+  beforeNext(IpcCall::shmget, [key] { removeNow(key); });
 }
 
 void makeSemaphore(unsigned int key) {
@@ -73,6 +75,23 @@ TEST_F(RemovalTest, ASemaphoreThatGoesBeforeItIsCountedIsCreatedAgain) {
     EXPECT_EQ(semaphoreOf(key), -1);
     EXPECT_FALSE(tableExists());
   }
+}
+
+void removeWheneverTheTableIsSought(unsigned int key) {
+  beforeNext(IpcCall::shmget, [key] {
+    removeNow(key);
+    removeWheneverTheTableIsSought(key);
+  });
+}
+
+TEST_F(RemovalTest, ARepeatedCreateSeeksTheTableOnlyOnceMore) {
+  const unsigned int key = freshKey();
+  removeWheneverTheTableIsSought(key);
+  KesOsMutex* mutex = nullptr;
+  EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
+  EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
+  EXPECT_EQ(KesOsMutexClose(mutex), 1);
+  EXPECT_FALSE(tableExists());
 }
 
 TEST_F(RemovalTest, AnOpenOfASemaphoreThatGoesBeforeItIsCountedFailsAndCountsNothing) {
