@@ -50,9 +50,12 @@ class UntornWrite : public kes::NoCopy {
 class CaptureFile : public kes::NoCopy {
  public:
   CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | flags, 0666)) {
-    if (fd_) end_ = ::lseek(fd_.get(), 0, SEEK_END);
-    // A device may say 0, too; what has no position at all, a FIFO or a terminal, says -1.
-    isFile_ = end_ > 0 || (end_ == 0 && isRegular());
+    struct stat status {};
+    if (!fd_ || ::fstat(fd_.get(), &status) != 0) return;
+    isFile_ = S_ISREG(status.st_mode);
+    end_ = status.st_size;
+    // O_APPEND means nothing to a disk: a record would take the place of the header.
+    if (S_ISBLK(status.st_mode) && (flags & O_APPEND) != 0) ::lseek(fd_.get(), 0, SEEK_END);
   }
 
   bool isOpen() const { return static_cast<bool>(fd_); }
@@ -69,11 +72,6 @@ class CaptureFile : public kes::NoCopy {
   }
 
  private:
-  bool isRegular() const {
-    struct stat status {};
-    return ::fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode);
-  }
-
   ssize_t write(std::span<iovec> pieces) const {
     return kes::sys::retry(
         [&] { return ::writev(fd_.get(), pieces.data(), static_cast<int>(pieces.size())); });
@@ -118,7 +116,7 @@ class CaptureFile : public kes::NoCopy {
   }
 
   kes::sys::Descriptor fd_;
-  off_t end_ = -1;
+  off_t end_ = 0;
   bool isFile_ = false;
 };
 

@@ -1,8 +1,10 @@
 #include "pcaplib/capture.h"
 
 #include <fcntl.h>
+#include <linux/loop.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -427,6 +429,48 @@ TEST_F(CaptureTest, ADeviceGetsOneHeaderAndThenTheRecordsWithoutComplaint) {
     EXPECT_TRUE(dump("abcd"));
     EXPECT_EQ(writeSizes, (std::vector<std::size_t>{24, 16 + 3, 16 + 4})) << device;
   }
+}
+
+/// A file that the system shows as a disk while this lives.
+class LoopDevice {
+ public:
+  explicit LoopDevice(const std::string& file) {
+    const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+    const int number = ::ioctl(control, LOOP_CTL_GET_FREE);
+    ::close(control);
+    path_ = "/dev/loop" + std::to_string(number);
+    fd_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+    const int backing = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+    isThere_ = ::ioctl(fd_, LOOP_SET_FD, backing) == 0;
+    ::close(backing);
+  }
+  ~LoopDevice() {
+    if (isThere_) ::ioctl(fd_, LOOP_CLR_FD, 0);
+    ::close(fd_);
+  }
+  LoopDevice(const LoopDevice&) = delete;
+  LoopDevice& operator=(const LoopDevice&) = delete;
+
+  bool isThere() const { return isThere_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  bool isThere_ = false;
+};
+
+TEST_F(CaptureTest, ADiskGetsTheHeaderAtItsStartAndKeepsItWhateverFollows) {
+  writeFile(dir_ / "disk", std::string(65'536, 'd'));
+  const LoopDevice disk(dir_ / "disk");
+  if (!disk.isThere()) GTEST_SKIP() << "making a disk of a file is not permitted here";
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  const std::string header = readFile(file_);
+  ASSERT_TRUE(DumpOpen(disk.path().c_str(), 0));
+  EXPECT_TRUE(dump("abc")) << "failed writes are not reported";
+  const std::string bytes = readFile(disk.path());
+  EXPECT_EQ(bytes.size(), 65'536U);
+  EXPECT_EQ(bytes.substr(0, 32), header + "dddddddd");
 }
 
 TEST_F(CaptureTest, AWriteCutShortByASizeLimitIsTakenBackAtOnceAndTheWriterGoesOn) {
