@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -31,16 +32,17 @@ using kes::pcap::FileHeader;
 using kes::pcap::RecordHeader;
 
 /// A signal that ends the process can end a write to a file between two memory pages; what has been written
-/// stays. While this lives, those that people send wait until the record is whole or taken back.
-class UntornWrite : public kes::NoCopy {
+/// stays. While this lives, those that people send wait: until the record is whole or taken back, or until
+/// the file that was emptied has its header.
+class HeldSignals : public kes::NoCopy {
  public:
-  UntornWrite() {
+  HeldSignals() {
     sigset_t ending;
     sigemptyset(&ending);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) sigaddset(&ending, number);
     ::pthread_sigmask(SIG_BLOCK, &ending, &before_);
   }
-  ~UntornWrite() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  ~HeldSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
  private:
   sigset_t before_;
@@ -79,7 +81,7 @@ class CaptureFile : public kes::NoCopy {
 
   /// A torn record would make every later one unreadable. Nothing is left to try should taking it back fail.
   void appendWholeOrNotAtAll(std::span<iovec> pieces) const {
-    const UntornWrite untilWholeOrBack;
+    const HeldSignals untilWholeOrBack;
     const ssize_t written = write(pieces);
     if (written <= 0 || static_cast<std::size_t>(written) == sizeOf(pieces)) return;
     const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR);
@@ -145,17 +147,30 @@ void buildPath(CaptureType& entry, const char* fileName) {
   std::memcpy(entry.path, fits ? path.c_str() : "", fits ? path.size() + 1 : 1);
 }
 
+/// What opening it makes or empties. To open anything else may take long: a serial line waits for its peer.
+bool isOrBecomesFile(const char* path) {
+  struct stat status {};
+  return ::stat(path, &status) != 0 || S_ISREG(status.st_mode);
+}
+
+bool start(const CaptureType& entry) {
+  CaptureFile file(entry.path, O_TRUNC);
+  if (!file.isOpen()) return false;
+  const FileHeader header{.linkType = entry.linkType};
+  iovec pieces[] = {piece(header)};
+  file.append(pieces);
+  return true;
+}
+
 }  // namespace
 
 bool DumpOpen(const char* fileName, PCAP_TYPE type) {
   if (type >= std::size(cap_types)) return false;
   CaptureType& entry = cap_types[type];
   buildPath(entry, fileName);
-  CaptureFile file(entry.path, O_TRUNC);
-  if (!file.isOpen()) return false;
-  const FileHeader header{.linkType = entry.linkType};
-  iovec pieces[] = {piece(header)};
-  file.append(pieces);
+  std::optional<HeldSignals> untilItHasItsHeader;
+  if (isOrBecomesFile(entry.path)) untilItHasItsHeader.emplace();
+  if (!start(entry)) return false;
   entry.opened = 1;
   return true;
 }

@@ -31,6 +31,7 @@ namespace {
 int lastOpenFlags = 0;
 bool opensCancelled = false;  // the thread is cancelled once it has the file
 std::vector<std::size_t> writeSizes;
+int signalAfterOpen = 0;
 int signalAfterWrite = 0;  // comes when the bytes are out and the call has not returned
 bool writesInTwo = false;  // the next write takes its first piece only
 }  // namespace
@@ -39,6 +40,7 @@ extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   lastOpenFlags = flags;
   const int fd = __real_open(path, flags, mode);
   if (opensCancelled) ::pthread_cancel(::pthread_self());
+  if (signalAfterOpen != 0) ::raise(signalAfterOpen);
   return fd;
 }
 
@@ -511,6 +513,53 @@ void lookAtTheFile(int) {
   writesAtSignal = static_cast<int>(writeSizes.size());
 }
 
+TEST_F(CaptureTest, ASignalAtTheStartFindsAnEmptiedFileWithItsHeader) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    writeFile(file_, "an older capture");
+    const auto child = inChild([&] {
+      signalAfterOpen = number;
+      DumpOpen(file_.c_str(), 0);
+      return 1;
+    });
+    EXPECT_EQ(child.signal(), number);
+    EXPECT_EQ(readFile(file_).size(), 24U);
+  }
+}
+
+TEST_F(CaptureTest, ASignalAtTheStartFindsANewFileWithItsHeader) {
+  const auto child = inChild([this] {
+    signalAfterOpen = SIGTERM;
+    DumpOpen(file_.c_str(), 0);
+    return 1;
+  });
+  EXPECT_EQ(child.signal(), SIGTERM);
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, ASignalWhileWhatIsNoFileIsOpenedIsNotHeldBack) {
+  for (const char* name : {"/dev/null", "fifo"}) {
+    const auto child = inChild([&] {
+      if (::chdir(dir_.path().c_str()) != 0 || (::mkfifo("fifo", 0600) != 0 && errno != EEXIST)) return 1;
+      ::signal(SIGINT, lookAtTheFile);
+      signalAfterOpen = SIGINT;
+      if (!DumpOpen(name, 0)) return 2;
+      return writesAtSignal == 0 && writeSizes.size() == 1 ? 0 : 3;
+    });
+    EXPECT_EQ(child.exitCode(), 0) << name;
+  }
+}
+
+TEST_F(CaptureTest, WithNoRoomForAHeaderTheLimitsSignalFindsAnEmptyFile) {
+  const auto child = inChild([this] {
+    const rlimit none{0, 0};
+    if (::setrlimit(RLIMIT_FSIZE, &none) != 0) return 1;
+    DumpOpen(file_.c_str(), 0);
+    return 2;
+  });
+  EXPECT_EQ(child.signal(), SIGXFSZ);
+  EXPECT_EQ(readFile(file_), "");
+}
+
 TEST_F(CaptureTest, ASignalDuringAWriteWaitsUntilTheRecordIsTakenBack) {
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) {
     const auto child = inChild([&] {
@@ -539,18 +588,25 @@ TEST_F(CaptureTest, ASignalDuringAWriteToAFifoIsNotHeldBackForItsReaderMayBeSlow
   EXPECT_EQ(child.exitCode(), 0);
 }
 
-TEST_F(CaptureTest, TheMaskIsAsBeforeAfterAPacket) {
+TEST_F(CaptureTest, TheMaskIsAsBeforeAfterAnOpenAndAfterAPacket) {
   sigset_t before, after;
   sigemptyset(&before);
   sigaddset(&before, SIGTERM);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const auto expectAsBefore = [&] {
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    EXPECT_EQ(sigismember(&after, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&after, SIGINT), 0);
+    EXPECT_EQ(sigismember(&after, SIGXFSZ), 0);
+  };
   ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  expectAsBefore();
   ASSERT_TRUE(dump("abc"));
+  expectAsBefore();
+  ASSERT_FALSE(DumpOpen((dir_ / "no/such/folder").c_str(), 0));
+  expectAsBefore();
   sigemptyset(&before);
-  ::pthread_sigmask(SIG_SETMASK, &before, &after);
-  EXPECT_EQ(sigismember(&after, SIGTERM), 1);
-  EXPECT_EQ(sigismember(&after, SIGINT), 0);
-  EXPECT_EQ(sigismember(&after, SIGXFSZ), 0);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(CaptureTest, AHeaderCutShortIsTakenBackAndWrittenWithTheNextPacket) {

@@ -24,13 +24,17 @@ extern CaptureType cap_types[3];
 /// `fileName` itself, with printf's flags, width and precision; "%%" is "%"; all else is taken as it
 /// stands. Null or empty means "/kes_dump_%s.pcap". False when the file cannot be opened, there is no such
 /// type, or the name has more than 1,023 characters, as it was given or as it was expanded.
+///
+/// SIGINT, SIGTERM, SIGHUP and SIGXFSZ wait in the calling thread until a file has its header. To open a FIFO
+/// or a device may take long: that is open to all signals.
 bool DumpOpen(const char* fileName, PCAP_TYPE type);
 
 /// Appends one packet of `length` bytes, stamped with the wall clock, in one write; the file is opened and
 /// closed around it. Between two packets the file is complete. Who reads it during the write may find the
 /// last record in progress, and finds it whole at a second look.
 ///
-/// A file that is empty gets its header first; a FIFO or a device has it from DumpOpen(). A type that was not
+/// A file that is empty gets its header first; a FIFO or a device has it from DumpOpen(), and a disk takes no
+/// more than that. A type that was not
 /// opened is opened under the default name. False when the file cannot be opened or there is no such type. A
 /// write that does not fit (a full disk, a size limit) is taken back: it loses the packet without a word and
 /// leaves the file readable. Raises kes::OsError when the clock cannot be read.
