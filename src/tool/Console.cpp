@@ -1,5 +1,6 @@
 #include "Console.h"
 
+#include <signal.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -27,7 +28,10 @@ int pollKeyboard() {
   return ready;
 }
 
-/// Since the terminal was switched, this program was stopped and runs again.
+/// This program has switched the terminal and not put it back.
+bool hasSwitched = false;
+
+/// Since then it was stopped and runs again.
 volatile std::sig_atomic_t hasContinued = 0;
 
 void noteContinuation(int) { hasContinued = 1; }
@@ -37,11 +41,29 @@ bool switchToSingleKeys(termios attributes) {
   return ::tcsetattr(STDIN_FILENO, TCSANOW, &attributes) == 0;
 }
 
-/// Who changes the terminal from the background is stopped for it.
 bool isInBackground() {
   const pid_t foreground = ::tcgetpgrp(STDIN_FILENO);
   return foreground != -1 && foreground != ::getpgrp();
 }
+
+/// In the background the terminal is somebody else's, unless this program has left it switched: a shell takes
+/// it back from a program that was stopped.
+bool mayReset() { return !isInBackground() || (hasSwitched && hasContinued == 0); }
+
+/// Who changes the terminal from the background is stopped for it. While this lives, it changes.
+class UnstoppedOutput : public kes::NoCopy {
+ public:
+  UnstoppedOutput() {
+    sigset_t stopping;
+    sigemptyset(&stopping);
+    sigaddset(&stopping, SIGTTOU);
+    ::pthread_sigmask(SIG_BLOCK, &stopping, &before_);
+  }
+  ~UnstoppedOutput() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
 
 }  // namespace
 
@@ -57,12 +79,18 @@ bool keyb_proc() { return pollKeyboard() != 0 && std::getc(stdin) == 'Q'; }
 
 void signalHandler(int) { _exitflg = 1; }
 
-void reset_terminal_mode() { ::tcsetattr(STDIN_FILENO, TCSANOW, &orig_termios); }
+void reset_terminal_mode() {
+  const UnstoppedOutput untilReset;
+  if (!mayReset()) return;
+  ::tcsetattr(STDIN_FILENO, TCSANOW, &orig_termios);
+  hasSwitched = false;
+}
 
 TerminalMode::TerminalMode() {
   ::tcgetattr(STDIN_FILENO, &orig_termios);
   std::atexit(reset_terminal_mode);
-  if (switchToSingleKeys(orig_termios)) std::signal(SIGCONT, noteContinuation);
+  hasSwitched = switchToSingleKeys(orig_termios);
+  if (hasSwitched) std::signal(SIGCONT, noteContinuation);
 }
 
 TerminalMode::~TerminalMode() { reset_terminal_mode(); }

@@ -12,7 +12,8 @@ bool keyb_proc();
 /// Sets _exitflg; for SIGTERM and SIGINT.
 void signalHandler(int);
 
-/// Gives standard input the attributes it had at the start. Nothing happens when it is no terminal.
+/// Gives standard input the attributes it had at the start. Nothing happens when it is no terminal, nor in
+/// the background, unless this program has switched the terminal and was not stopped since. Never stops.
 void reset_terminal_mode();
 
 /// While it lives, a key is seen without Return; echo and signal keys stay as they were. The terminal is put

@@ -153,13 +153,28 @@ class JobControlTest : public TerminalModeTest {
   /// Starts the tool as a person does. The shell has its terminal's echo, so that the screen tells nothing
   /// apart here: the terminal's attributes and the driver's log do.
   void startAsJob(const std::string& arguments) {
+    startShell();
+    pty_.type(kestrace({})[0] + ' ' + arguments + '\n');
+    ASSERT_TRUE(waitForRequests("open", 1));
+    ASSERT_TRUE(pty_.becomes(isKeyByKey));
+  }
+
+  void startShell() {
     play("");
     shell_.emplace(
         std::vector<std::string>{"bash", "--norc", "--noprofile", "--noediting", "-i"},
         Process::Setup{
             .in = pty_.terminal(), .out = pty_.terminal(), .err = pty_.terminal(), .isSessionLeader = true});
-    pty_.type(kestrace({})[0] + ' ' + arguments + '\n');
-    ASSERT_TRUE(waitForRequests("open", 1));
+  }
+
+  /// The shell's answer to a command, once it contains `answer`, which the command itself must not.
+  bool answers(const std::string& command, const std::string& answer) {
+    pty_.type(command + '\n');
+    return pty_.screen(answer).find(answer) != std::string::npos;
+  }
+
+  void bringBack() {
+    pty_.type("fg\n");
     ASSERT_TRUE(pty_.becomes(isKeyByKey));
   }
 
@@ -201,6 +216,43 @@ TEST_F(JobControlTest, InTheBackgroundItRunsOnAndLeavesTheTerminalAloneUntilItIs
   pty_.type("fg\n");
   ASSERT_TRUE(pty_.becomes(isKeyByKey));
   endWithQ();
+}
+
+TEST_F(JobControlTest, ASignalEndsTheTraceModeInTheBackgroundAndTheTerminalStaysTheShells) {
+  for (const char* number : {"TERM", "INT"}) {
+    startAsJob("-trace");
+    stop();
+    const std::size_t before = count("trace");
+    pty_.type("bg\n");
+    ASSERT_TRUE(waitForRequests("trace", before + 1));
+    pty_.type("stty -ixon\n");
+    ASSERT_TRUE(pty_.becomes([](const termios& now) { return (now.c_iflag & IXON) == 0; }));
+    const std::string kill = std::string("kill -") + number + " %1; wait %1; ";
+    EXPECT_TRUE(answers(kill + "echo ended $((40 + 2))/$?", "ended 42/0")) << number;
+    EXPECT_EQ(pty_.attributes().c_iflag & IXON, 0U);
+    EXPECT_TRUE(isInLines(pty_.attributes()));
+    pty_.type("stty ixon\n");
+    ASSERT_TRUE(pty_.becomes([](const termios& now) { return (now.c_iflag & IXON) != 0; }));
+  }
+}
+
+TEST_F(JobControlTest, StartedInTheBackgroundItWaitsForTheForegroundBeforeItSwitches) {
+  startShell();
+  pty_.type(kestrace({})[0] + " -trace &\n");
+  EXPECT_TRUE(answers("until jobs -s | grep -q .; do :; done; echo stopped $((40 + 2))", "stopped 42"));
+  EXPECT_TRUE(isInLines(pty_.attributes()));
+  EXPECT_EQ(count("open"), 0U);
+  bringBack();
+  endWithQ();
+}
+
+TEST_F(JobControlTest, WhoseShellIgnoresItsStopSwitchesInTheBackgroundAndPutsBackAtItsEnd) {
+  startShell();
+  pty_.type("trap '' TTOU; " + kestrace({})[0] + " -trace & trap - TTOU\n");
+  ASSERT_TRUE(waitForRequests("trace", 1));
+  EXPECT_TRUE(pty_.becomes(isKeyByKey));
+  EXPECT_TRUE(answers("kill %1; wait %1; echo ended $((40 + 2))/$?", "ended 42/0"));
+  EXPECT_TRUE(isInLines(pty_.attributes()));
 }
 
 TEST_F(JobControlTest, WhatWasChangedMeanwhileStaysButForTheKeys) {
