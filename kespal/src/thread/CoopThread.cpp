@@ -23,6 +23,7 @@ struct CoopThread::Control final : BasicThread::Control {
   bool hasBody() const noexcept override { return body != nullptr; }
   void runBody() override {
     body->thread(object);
+    if (isInherited()) return;  // the body forked: in the child nobody may hold the lock, or wait
     {
       const LockGuardT<Condition> guard(cond);
       coopState = Returned;

@@ -1,9 +1,11 @@
 // Thread objects in a forked child, where their native threads do not exist.
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -224,6 +226,65 @@ TEST(CoopForkTest, AThreadThatForksEndsInTheChildAsInTheParent) {
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
   EXPECT_EQ(status, 0);  // its only thread has returned
   EXPECT_EQ(BasicThread::activeThreads(), 0);
+}
+
+TEST(CoopForkTest, ACooperativeThreadThatForksEndsInTheChildAlthoughAnotherHeldItsLock) {
+  KES_SKIP_UNDER_SANITIZERS("watches how a thread ends a process");
+  struct Forker : CoopThread::ICoopThread {
+    void thread(CoopThread&) override {
+      start.pass();
+      pid = ::fork();
+      if (pid == 0) ::alarm(20);
+    }
+    Gate start;
+    std::atomic<pid_t> pid{0};
+  } body;
+  CoopThread coop("coop", &body);
+  coop.run();
+  coop.id();
+  Gate held, release;
+  const Interlude holding(Call::MutexLock, [&] {
+    held.open();
+    release.pass();
+  });
+  std::thread holder([&] { coop.request(); });
+  held.pass();
+  body.start.open();
+  EXPECT_TRUE(eventually([&] { return body.pid != 0; }));
+  release.open();
+  holder.join();
+  coop.join();
+  int status = -1;
+  ASSERT_EQ(::waitpid(body.pid, &status, 0), body.pid);
+  EXPECT_EQ(status, 0);  // its only thread has returned
+}
+
+/// Makes a child without the fork handlers, of which nobody tells the library.
+template <typename Body>
+int exitOfSilentChild(Body body) {
+  const auto pid = static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+  if (pid == 0) {
+    ::alarm(20);
+    ::_exit(body());
+  }
+  int status = -1;
+  ::waitpid(pid, &status, 0);
+  return status;
+}
+
+TEST_P(ForkTest, AChildOfWhichNobodyTellsMayEndTheThreadAsAnyOther) {
+  for (const bool destroying : {false, true}) {
+    EXPECT_EQ(exitOfSilentChild([&] {
+                if (destroying) {
+                  thread_.reset();
+                  return 0;
+                }
+                thread_->join();
+                thread_->kill();
+                return thread_->state() == BasicThread::BURIED ? 0 : 1;
+              }),
+              0);
+  }
 }
 
 TEST(CoopForkTest, AChildOfAChildHasAThreadOfItsOwnAgain) {

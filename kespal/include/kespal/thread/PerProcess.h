@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -8,20 +9,36 @@
 
 namespace kes::thread {
 
-/// Knows which process it was made in: a forked child inherits a copy that is not its own.
+/// Knows which process it was made in: a forked child inherits a copy that is not its own. The system tells
+/// of a fork(); of a child that was made by _Fork() or a bare clone() nobody tells, and to ask for the number
+/// of the process costs far more than a lock. So only the operations that end something ask; once one has,
+/// all know. A child that shares the memory of its parent (vfork(), CLONE_VM) must use nothing of this.
 class ProcessBound : NoCopy {
  public:
-  bool isInherited() const noexcept { return depth_ != m_depth.load(std::memory_order_relaxed); }
+  /// Asks the system.
+  bool isInherited() const noexcept { return depth_ != askDepth(); }
+  /// As far as is known without asking.
+  bool isKnownInherited() const noexcept {
+    return depth_ != depthOf(m_process.load(std::memory_order_relaxed));
+  }
 
  protected:
-  ProcessBound() = default;
+  ProcessBound() noexcept : depth_(askDepth()) {}
   ~ProcessBound() = default;
 
  private:
-  static std::atomic<unsigned> m_depth;  ///< how many forks led to this process
-  static const int m_counting;           ///< what the system said to the fork handler that counts them
+  /// How many forks led to this process; the first has counted itself.
+  static std::uint32_t askDepth() noexcept;
+  static std::uint32_t ownNumber() noexcept;
+  static std::uint64_t forkFrom(std::uint64_t process, std::uint32_t number) noexcept;
+  static constexpr std::uint32_t depthOf(std::uint64_t process) noexcept {
+    return static_cast<std::uint32_t>(process >> 32);
+  }
 
-  const unsigned depth_ = m_depth.load(std::memory_order_relaxed);
+  static std::atomic<std::uint64_t> m_process;  ///< its depth, and below that its number; 0 until asked for
+  static const int m_counting;                  ///< what the system said to the fork handler that counts them
+
+  const std::uint32_t depth_;
 };
 
 /// What the threads of one process share. A forked child has only one of them: a lock that another one held
@@ -45,11 +62,11 @@ class PerProcess : NoCopy {
   /// forked child.
   const std::shared_ptr<Value>& get() const {
     Holder* const holder = current_.load(std::memory_order_acquire);
-    return (holder->value->isInherited() ? replace(holder) : holder)->value;
+    return (holder->value->isKnownInherited() ? replace(holder) : holder)->value;
   }
   /// The value as it is, be it another process's: for what never changes in it.
   const Value& peek() const noexcept { return *current_.load(std::memory_order_acquire)->value; }
-  /// Whether this process has no value of its own: nothing was started here.
+  /// Whether this process has no value of its own: nothing was started here. Asks the system.
   bool isInherited() const noexcept { return peek().isInherited(); }
 
  private:
