@@ -56,6 +56,11 @@ struct BasicThread::Control : ProcessBound {
   void finish() noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): ends the program then
 
   // --- those of others
+  /// Whether the calling thread is this one. The system may have given the handle of one that has ended to
+  /// the next.
+  bool isSelf() const noexcept KES_REQUIRES(cond) {
+    return alive && ::pthread_equal(::pthread_self(), handle) != 0;
+  }
   void awaitStart() const KES_REQUIRES(cond) {
     while (state == STARTING) cond.wait();
   }

@@ -64,7 +64,7 @@ bool BasicThread::isCaller() const KES_UNCHECKED {
   shared.awaitStart();
   if (shared.burials != run) return false;
   if (shared.state == BURIED || shared.state == CREATED) throwGetIdError();
-  return ::pthread_equal(::pthread_self(), shared.handle) != 0;
+  return shared.isSelf();
 }
 
 void BasicThread::throwGetIdError() const {

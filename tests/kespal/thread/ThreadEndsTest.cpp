@@ -1,4 +1,6 @@
 // Ends that must neither hang nor crash.
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -6,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -16,6 +19,7 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Sanitizer.h"
 
 namespace kes::thread {
 namespace {
@@ -98,6 +102,79 @@ TEST(ThreadEndsTest, AJoinerOfARunThatWasBuriedMeanwhileIsNotLeftToTheNextRun) {
     for (std::thread& joiner : joiners) joiner.join();
     thread.join();
   }
+}
+
+TEST(ThreadEndsTest, WhoKillsAThreadDoesNotWaitForTheNextRunOfIt) {
+  Gate gate;
+  std::atomic<bool> first{true};
+  Body body = [&] {
+    if (!first.exchange(false)) return gate.pass();
+    for (;;) ::pause();
+  };
+  TestThread thread(body);
+  thread.run();
+  thread.id();
+  std::optional<Interlude> beforeJoining;
+  const Interlude cancelled(Call::ThreadCancel, [&] {
+    beforeJoining.emplace(Call::MutexUnlock, [&] {
+      thread.join();
+      thread.run();
+    });
+  });
+  std::atomic<bool> killed{false};
+  std::thread killer([&] {
+    thread.kill();
+    killed = true;
+  });
+  EXPECT_TRUE(eventually([&] { return killed.load(); }));
+  EXPECT_EQ(thread.burials(), 1U);
+  gate.open();
+  killer.join();
+  thread.join();
+}
+
+/// Uses a thread in another one that got its handle from the system: between the end of the one and its
+/// burial by whoever joins it.
+Raised raisedByTheNextOwnerOfTheHandle(BasicThread& thread, const std::function<void()>& use) {
+  Raised result;
+  result.type = "unused";
+  std::atomic<bool> done{false};
+  bool reused = false;
+  Gate go;
+  Body body = [&] {
+    go.pass();
+    result = raisedBy(use);
+    done = true;
+  };
+  TestThread next(body);
+  thread.run();
+  const ::pthread_t handle = thread.id().handle;
+  {
+    const Interlude ended(Call::ThreadJoin, [&] {
+      next.run();
+      reused = ::pthread_equal(next.id().handle, handle) != 0;
+      const int waits = made(Call::CondWait);
+      go.open();
+      eventually([&] { return done || made(Call::CondWait) > waits; });
+    });
+    thread.join();
+  }
+  next.join();
+  EXPECT_TRUE(reused);
+  return result;
+}
+
+TEST(ThreadEndsTest, AThreadWithTheHandleOfOneThatHasEndedIsNotTakenForIt) {
+  KES_SKIP_UNDER_SANITIZERS("keeps the memory of a thread that has ended from the next");
+  struct User : CoopThread::ICoopThread {
+    void thread(CoopThread&) override {}
+  } user;
+  CoopThread thread("ends", &user);
+  const Raised nothing;
+  EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.join(); }), nothing);
+  EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.waitReturned(); }), nothing);
+  EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.pause(); }).what,
+            "Pause called from foreign thread");
 }
 
 TEST(ThreadEndsTest, ADetachedThreadOutlivesItsObject) {

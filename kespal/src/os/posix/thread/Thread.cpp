@@ -167,7 +167,7 @@ void BasicThread::joinRun(std::uint64_t burials) {
     // What the system would say: of a detached thread that has ended it must not be asked, and a thread
     // that joins itself must not first wait for another that joins it.
     if (shared->detached) raiseAt(site, OsError(EINVAL));
-    if (::pthread_equal(::pthread_self(), shared->handle) != 0) raiseAt(site, OsError(EDEADLK));
+    if (shared->isSelf()) raiseAt(site, OsError(EDEADLK));
     if (!shared->claimJoin()) return;
     native = shared->handle;
   }
@@ -186,17 +186,19 @@ void BasicThread::kill() {
   constexpr Site site{"src/os/posix/thread/Thread", 225, "kill"};
   if (control_.isInherited()) return;
   const std::shared_ptr<Control> shared = control();
+  std::uint64_t run = 0;  // others may join this one, and start the next, before this thread joins
   {
     // The lock keeps the native thread from its last step, so that its handle stays valid meanwhile. It is
     // free again before joining, which takes it too.
     const LockGuardT<Condition> guard(shared->cond);
+    run = shared->burials;
     if (shared->state == BURIED) return;
     if (shared->state != FINISHED) {
       if (!shared->alive) raiseAt(site, OsError(ESRCH));
       checkCode(site, ::pthread_cancel(shared->handle));
     }
   }
-  join();
+  joinRun(run);
 }
 
 void BasicThread::yield() { check({"src/os/posix/thread/Thread", 236, "yield"}, ::sched_yield()); }
