@@ -11,6 +11,7 @@
 #include "kespal/NoCopy.h"
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Set.h"
+#include "kespal/thread/Lock.h"
 #include "kespal/thread/PerProcess.h"
 
 namespace kes {
