@@ -13,6 +13,7 @@
 #include "kespal/kespal.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
+#include "kespal/thread/Thread.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
@@ -164,6 +165,40 @@ TEST(ExplicitQuitTest, TheSignalIsNotTakenByTheSignalThreadAgain) {
       return 2;
     });
     ASSERT_EQ(child.signal(), SIGTERM) << child.exitCode();
+  }
+}
+
+TEST(ExplicitQuitTest, ASignalThatTheProcessWasStartedWithBlockedIsNotTakenForEver) {
+  const ChildResult child = inBriefChild([] {
+    signal::Mask::call({SIGTERM}, SIG_BLOCK);
+    Quitter quitter([] { KesPal::m_instance->explicitQuit(3); });
+    KesPal runtime(true, false, Locale::System, nullptr);
+    runtime.setQuitStatus(true);
+    runtime.addQuitHandler(quitter);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    if (!quitter.isCalled(1)) return 1;
+    const bool ended = test::eventually([] { return thread::BasicThread::activeThreads() == 0; });
+    return ended && quitter.calls == 1 ? 4 : 5;
+  });
+  EXPECT_EQ(child.exitCode(), 4) << "signal " << child.signal() << child.err;
+}
+
+TEST(ExplicitQuitTest, TheProcessEndsByTheSignalThoughOthersArePendingThatTheLibraryBlocked) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
+  for (const bool explicitly : {true, false}) {
+    const ChildResult child = inBriefChild([explicitly] {
+      Quitter quitter;
+      KesPal runtime(true, false, Locale::System, nullptr);
+      runtime.setQuitStatus(true);
+      runtime.addQuitHandler(quitter);
+      signal::Sender::signalProc(SIGTERM, ::getpid());
+      if (!quitter.isCalled(1)) return 1;
+      for (const int signal : {SIGPIPE, SIGUSR1, SIGUSR2}) ::pthread_kill(::pthread_self(), signal);
+      signal::Sender::signalProc(SIGUSR2, ::getpid());
+      if (explicitly) runtime.explicitQuit(3);
+      return 2;
+    });
+    EXPECT_EQ(child.signal(), SIGTERM) << child.exitCode();
   }
 }
 

@@ -12,11 +12,13 @@
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/File.h"
+#include "kespal/kespal.h"
 #include "kespal/proc/ChildFixture.h"
 #include "kespal/signal/Mask.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Process.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::proc {
@@ -265,6 +267,19 @@ TEST_F(ChildTest, AProgramInPlaceGetsTheStartUpMaskTheStreamsAndNothingThatTheLi
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "SigBlk:\t0000000000000000\nclosed\n");
+}
+
+TEST_F(ChildTest, AProgramInPlaceIsNotEndedByASignalThatTheLibraryHeldBack) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
+  const auto result = inChild([] {
+    const KesPal runtime(false, false, Locale::System, nullptr);
+    for (const int signal : {SIGPIPE, SIGUSR1, SIGUSR2}) ::raise(signal);
+    ::kill(::getpid(), SIGUSR2);
+    Child({"/bin/sh", "-c", "exit 3"}).create(true);
+    return 1;
+  });
+  EXPECT_EQ(result.signal(), 0);
+  EXPECT_EQ(result.exitCode(), 3);
 }
 
 TEST_F(ChildTest, AProgramInPlaceThatCannotBeStartedEndsThisProcessWith125) {

@@ -9,6 +9,7 @@
 #include "kespal/proc/Env.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
+#include "signal/Pending.h"
 #include "sys/AtEnd.h"
 
 namespace kes {
@@ -117,15 +118,18 @@ void KesPalInit::addForkHandler(IForkHandler& handler) {
 }
 
 void KesPalInit::sendReceivedSignal() const {
-  signal::Mask::call(signal::Set::m_original, SIG_SETMASK);
+  signal::takePending();
+  signal::Set mask = signal::Set::m_original;
+  if (QuitSignal::notifying()) mask.add(mgmSignal);  // who stops the thread sends it, and means no harm
+  signal::Mask::call(mask, SIG_SETMASK);
   signal::Sender::signalProc(receivedSignal_, ::getpid());
 }
 
 bool KesPalInit::checkSignalQuit() {
   if (!quitsBySignal()) return false;
-  // A waiting signal thread could take the signal for itself. It needs no telling from within: it does not
-  // wait then, and the management signal would come upon it when the mask is restored.
-  if (signalHandler_ && !QuitSignal::notifying()) signalHandler_->leaveSignals();
+  // The signal thread could take the signal for itself: now, or after the notification when the process lives
+  // on.
+  if (signalHandler_) signalHandler_->leaveSignals();
   sendReceivedSignal();
   return true;
 }

@@ -132,6 +132,13 @@ int waitForSignal(const std::uint32_t* set, int* mac) {
   return macError(result);
 }
 
+int pendingSignals(std::uint32_t* mac) {
+  sigset_t host;
+  const int result = ::sigpending(&host);
+  if (result == 0) *mac = macSet(host);
+  return result;
+}
+
 char* signalText(int mac) { return ::strsignal(hostSignal(mac)); }
 
 /// A status of wait() has the number of the signal that ended or stopped the process.
@@ -155,6 +162,7 @@ const Call calls[] = {
     {"pthread_sigmask", changeMask},
     {"sigprocmask", changeProcessMask},
     {"sigaction", setAction},
+    {"sigpending", pendingSignals},
     {"sigwait", waitForSignal},
     {"signal", setHandler},
     {"strsignal", signalText},

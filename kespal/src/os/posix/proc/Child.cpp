@@ -12,6 +12,7 @@
 #include "os/posix/proc/RawMessage.h"
 #include "os/posix/proc/Start.h"
 #include "proc/Flock.h"
+#include "signal/Pending.h"
 
 namespace kes::proc {
 
@@ -26,7 +27,10 @@ void Child::create(bool inPlace) {
     if (fd != -1) check({"src/os/posix/proc/Child", 97, "create"}, ::fcntl(fd, F_SETFD, 0));
   }
   const Program program(arguments_, environment_, workingDirectory_, {stdoutFd_, stderrFd_, stdinFd_});
-  if (inPlace) program.become();
+  if (inPlace) {
+    signal::takePending();
+    program.become();
+  }
   fork(program);
 }
 

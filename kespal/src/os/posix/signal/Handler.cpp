@@ -32,6 +32,9 @@ struct Registrations {
   Set waitSet;
 };
 
+/// The handler, if any, whose thread this is.
+thread_local const void* t_served = nullptr;
+
 /// The process gets a signal that the thread took although it was told to leave them alone.
 void giveBack(int signal, int mgmSignal) {
   if (signal == mgmSignal) return;
@@ -129,9 +132,9 @@ std::uint64_t Handler::Shared::tellToEnd() {
 
 void Handler::leaveSignals() {
   if (shared_.isInherited()) return;
-  const Shared& shared = *shared_.get();
-  shared_.get()->leaving = true;
-  shared.sendMgmSig();
+  Shared& shared = *shared_.get();
+  shared.leaving = true;
+  if (t_served != &shared) shared.sendMgmSig();  // the thread itself does not wait
 }
 
 void Handler::add(const int& signal, INotify& notifier) {
@@ -184,6 +187,7 @@ bool Handler::Shared::findWaitSet(Set& set) const {
 
 void Handler::thread(thread::CppThread&) {
   const std::shared_ptr<Shared>& shared = shared_.get();
+  t_served = shared.get();
   for (Set set; shared->findWaitSet(set);) {
     const siginfo_t info = {};
     int signal = 0;
