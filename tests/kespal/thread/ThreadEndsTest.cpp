@@ -20,6 +20,7 @@
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
 #include "support/Sanitizer.h"
+#include "sys/AtEnd.h"
 
 namespace kes::thread {
 namespace {
@@ -105,18 +106,20 @@ TEST(ThreadEndsTest, AJoinerOfARunThatWasBuriedMeanwhileIsNotLeftToTheNextRun) {
 }
 
 TEST(ThreadEndsTest, WhoKillsAThreadDoesNotWaitForTheNextRunOfIt) {
-  Gate gate;
+  Gate gate, unlocked;
   std::atomic<bool> first{true};
   Body body = [&] {
     if (!first.exchange(false)) return gate.pass();
+    const sys::AtEnd untilUnlocked([&] { unlocked.pass(); });  // its own end takes the lock, too
     for (;;) ::pause();
   };
   TestThread thread(body);
   thread.run();
-  thread.id();
+  ASSERT_TRUE(eventually([&] { return !first; }));  // it needs no lock any more
   std::optional<Interlude> beforeJoining;
   const Interlude cancelled(Call::ThreadCancel, [&] {
     beforeJoining.emplace(Call::MutexUnlock, [&] {
+      unlocked.open();
       thread.join();
       thread.run();
     });
