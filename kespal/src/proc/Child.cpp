@@ -51,11 +51,16 @@ void makeCollector() {
   Child::m_shepherd = shepherd.release();
 }
 
+/// With the init lock held.
+std::shared_ptr<Flock> presentCollectorNoLock() {
+  abandonForeignCollector();
+  return Child::m_shepherd != nullptr ? Flock::of(*Child::m_shepherd) : nullptr;
+}
+
 /// The collector of today; null when there is none.
 std::shared_ptr<Flock> presentCollector() {
   const InitGuard guard(initLock());
-  abandonForeignCollector();
-  return Child::m_shepherd != nullptr ? Flock::of(*Child::m_shepherd) : nullptr;
+  return presentCollectorNoLock();
 }
 
 }  // namespace
@@ -79,13 +84,12 @@ void Child::exit() {
   if (collector && collector->runsHere()) {
     raiseAt(KES_HERE, RuntimeError("The process collector cannot be ended from its own thread"));
   }
+  if (!collector) return;
+  // First of all, as two collectors that run would take each other's children.
+  collector->stop();
   std::unique_ptr<Shepherd> shepherd;
-  {
-    const InitGuard guard(initLock());
-    abandonForeignCollector();
-    shepherd.reset(std::exchange(m_shepherd, nullptr));
-  }
-  if (shepherd) shepherd->stop();
+  const InitGuard guard(initLock());  // free again before the collector dies
+  if (presentCollectorNoLock() == collector) shepherd.reset(std::exchange(m_shepherd, nullptr));
 }
 
 bool Child::isOfThisProcess() const noexcept { return flock_ && !flock_->isOfAnotherProcess(); }
@@ -93,7 +97,8 @@ bool Child::isOfThisProcess() const noexcept { return flock_ && !flock_->isOfAno
 Child::~Child() {  // NOLINT(bugprone-exception-escape)
   if (!isOfThisProcess()) return;
   const sys::NoCancel untilForgotten;
-  flock_->forget(*this, registeredPid_, registration_);
+  flock_->forget(registeredPid_, registration_);
+  flock_->awaitNotification(*this);
 }
 
 void Child::setNotify(Notification* notification) {

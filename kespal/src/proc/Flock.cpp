@@ -16,6 +16,7 @@
 #include "kespal/proc/Child.h"
 #include "kespal/signal/Sender.h"
 #include "sys/AtEnd.h"
+#include "sys/NoCancel.h"
 #include "sys/Retry.h"
 
 namespace kes::proc {
@@ -32,7 +33,8 @@ class Noticing {
     if (::sigaction(SIGCHLD, nullptr, &before_) != 0) return;
     struct sigaction action = before_;
     action.sa_flags &= ~SA_NOCLDWAIT;
-    const bool ignored = (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_IGN;
+    const bool ignored =
+        action.sa_handler == SIG_IGN;  // whatever its flags say: the system, too, asks no more
     if (ignored) action.sa_handler = SIG_DFL;
     changed_ = ignored || action.sa_flags != before_.sa_flags;
     if (changed_) ::sigaction(SIGCHLD, &action, nullptr);
@@ -82,29 +84,29 @@ std::shared_ptr<Flock> Flock::make(Shepherd& shepherd) {
           }};
 }
 
+/// The lock is held until the thread runs: to stop() there is either no run, or one that it can end.
 void Flock::start() {
   Noticing noticing;
-  Phase before = Phase::Idle;
-  {
-    const Guard guard(cond_);
-    before = std::exchange(phase_, Phase::Serving);
-    childless_ = false;
-  }
-  sys::AtEnd takingBack([this, before] {
-    const Guard guard(cond_);
-    phase_ = before;
-  });
+  const Guard guard(cond_);
+  // Of a stop() that came when the last run was over.
+  if (phase_ == Phase::Idle || phase_ == Phase::Ended) thread_.requestRun();
   thread_.run();
-  takingBack.dismiss();
+  phase_ = Phase::Serving;
+  childless_ = false;
   noticing.keep();
 }
 
+/// Not cancelled in the middle: nobody else would reap the sentinel.
 void Flock::stop() {
+  const sys::NoCancel untilReaped;
   const Noticing untilEnded;
   Sentinel sentinel;
   try {
+    std::uint64_t run = 0;
     {
       const Guard guard(cond_);
+      run = thread_.burials();  // a run that begins later is not this call's business
+      if (isBuried()) return;
       if (phase_ == Phase::Serving) {
         phase_ = Phase::Stopping;
         sentinel = makeSentinel();
@@ -112,7 +114,7 @@ void Flock::stop() {
       thread_.requestReturn();
       cond_.signalAll();
     }
-    thread_.join();
+    thread_.joinRun(run);
   } catch (const Exception& error) {
     reportStack({"Error joining ", thread_.name(), " thread:\n"}, error, /*end=*/"");
   }
@@ -296,12 +298,9 @@ void Flock::signal(const Site& site, int signal, pid_t pid, std::uint64_t number
   signal::Sender::signalProc(signal, pid);
 }
 
-void Flock::forget(const Child& child, pid_t pid, std::uint64_t number) {
-  {
-    const Guard guard(cond_);
-    records_.forget(pid, number);
-  }
-  awaitNotification(child);
+void Flock::forget(pid_t pid, std::uint64_t number) {
+  const Guard guard(cond_);
+  records_.forget(pid, number);
 }
 
 void Flock::awaitNotification(const Child& child) const {

@@ -53,9 +53,8 @@ class Flock : NoCopy {
   /// Sends a child a signal. Raises NoSuchProcessError from the site when it does not run any more. `present`
   /// is the collector of today, which may have reaped what this one left; null when there is none.
   void signal(const Site& site, int signal, pid_t pid, std::uint64_t number, Flock* present);
-  /// Nobody will ask about this child any more: its object is being destroyed. Waits while its notification
-  /// runs on another thread.
-  void forget(const Child& child, pid_t pid, std::uint64_t number);
+  /// Nobody will ask about this child any more, or wants to be told of its end.
+  void forget(pid_t pid, std::uint64_t number);
   /// Waits while the notification of this child runs on another thread.
   void awaitNotification(const Child& child) const;
   /// Waits until a thread that was started runs. RuntimeError when there is none.

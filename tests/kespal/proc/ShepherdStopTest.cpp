@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -15,11 +16,13 @@
 #include <vector>
 
 #include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
 #include "kespal/proc/Child.h"
 #include "kespal/proc/Collecting.h"
 #include "kespal/time/Clock.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
+#include "support/Gate.h"
 #include "support/RaisedAs.h"
 #include "support/Sanitizer.h"
 
@@ -106,6 +109,135 @@ TEST(ShepherdStopTest, StoppingTwiceAndBeforeTheStartIsHarmless) {
   Collecting collecting;
   collecting.shepherd.stop();
   collecting.shepherd.stop();
+}
+
+TEST(ShepherdStopTest, AStopWithoutAThreadLeavesNothingForTheNextStart) {
+  for (int round = 1; round <= 20; ++round) {
+    Shepherd never;
+    never.stop();
+    never.start();
+    never.stop();
+    Collecting collecting;
+    collecting.shepherd.stop();
+    collecting.shepherd.stop();
+    collecting.shepherd.start();
+    while (threadNamed("process collect") == 0) std::this_thread::yield();
+    const pid_t pid = collecting.add(round);
+    int status = 0;
+    ASSERT_EQ(errorOf([&] { collecting.shepherd.wait(pid, status); }), "nothing was raised");
+    EXPECT_EQ(WEXITSTATUS(status), round);
+  }
+}
+
+TEST(ShepherdStopTest, AStopWaitsForTheRunThatItFoundAndNotForTheNext) {
+  Collecting collecting;
+  for (int round = 0; round < 2000; ++round) {
+    auto other = std::async(std::launch::async, [&] { collecting.shepherd.stop(); });
+    collecting.shepherd.stop();
+    collecting.shepherd.start();
+    ASSERT_EQ(other.wait_for(20s), std::future_status::ready);
+    collecting.shepherd.stop();
+    collecting.shepherd.start();
+  }
+}
+
+TEST(ShepherdStopTest, AStartThatComesTooEarlyDoesNotHideTheEnd) {
+  Child child({"/bin/sleep", "3600"});
+  for (int round = 0; round < 300; ++round) {
+    child.create();
+    const pid_t pid = child.pid();
+    std::atomic<bool> done{false};
+    auto starter = std::async(std::launch::async, [&done] {
+      while (!done) {
+        try {
+          Child::m_shepherd->start();
+          return true;
+        } catch (const UsageError&) {
+        }
+      }
+      return false;
+    });
+    Child::m_shepherd->stop();
+    done = true;
+    const bool serves = starter.get();
+    bool raised = false;
+    try {
+      child.wait(true, 0ms);
+    } catch (const RuntimeError&) {
+      raised = true;
+    }
+    ASSERT_NE(raised, serves);
+    ::kill(pid, SIGKILL);
+    if (serves) {
+      EXPECT_TRUE(child.wait().finished);
+    } else {
+      ::waitpid(pid, nullptr, 0);
+    }
+    Child::exit();
+  }
+}
+
+TEST(ShepherdStopTest, AStopThatIsCancelledGoesOnToItsEndAndLeavesNoZombie) {
+  const auto result = inChild([] {
+    struct Slow : Child::Notification {
+      void exited(Child&) override {
+        begun = true;
+        hold.pass();
+      }
+      test::Gate hold;
+      std::atomic<bool> begun{false};
+    } slow;
+    Child ended({"/bin/true"}), left({"/bin/sleep", "3600"});
+    left.create();
+    ended.setNotify(&slow);
+    ended.create();
+    if (!eventually([&slow] { return slow.begun.load(); })) return 2;
+    const int before = test::forks;
+    bool over = false;
+    std::thread stopper([&over] {
+      Child::m_shepherd->stop();
+      over = true;
+    });
+    if (!eventually([before] { return test::forks > before; })) return 3;
+    ::pthread_cancel(stopper.native_handle());
+    slow.hold.open();
+    stopper.join();
+    const pid_t pid = left.pid();
+    ::kill(pid, SIGKILL);
+    const bool theOnlyOne = ::waitpid(-1, nullptr, 0) == pid && ::wait(nullptr) == -1;
+    Child::exit();
+    return over && theOnlyOne ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST(ShepherdStopTest, NoChildIsStartedWhileTheCollectorIsBeingEnded) {
+  struct Slow : Child::Notification {
+    void exited(Child&) override {}
+    void released(Child&) override {
+      begun.set_value();
+      hold.pass();
+    }
+    test::Gate hold;
+    std::promise<void> begun;
+  } slow;
+  Child left({"/bin/sleep", "3600"}), next({"/bin/true"});
+  left.setNotify(&slow);
+  left.create();
+  const pid_t pid = left.pid();
+  auto first = std::async(std::launch::async, [] { Child::exit(); });
+  slow.begun.get_future().wait();
+  auto second = std::async(std::launch::async, [] { Child::exit(); });
+  EXPECT_EQ(errorOf([&next] { next.create(); }), "The process collector has ended");
+  EXPECT_EQ(next.pid(), -1);
+  slow.hold.open();
+  first.get();
+  second.get();
+  next.create();
+  EXPECT_EQ(next.wait().status, 0);
+  Child::exit();
+  ::kill(pid, SIGKILL);
+  EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
 }
 
 TEST(ShepherdStopTest, StoppingSendsThoseWhoWaitAway) {

@@ -251,6 +251,55 @@ TEST(ShepherdTest, ItsOwnThreadGetsAStatusThatIsThereAndAnErrorForOneThatIsNot) 
   Child::exit();
 }
 
+TEST(ShepherdTest, AfterAnErrorOfWaitingNobodyIsToldOfTheEnd) {
+  struct Told : Child::Notification {
+    void exited(Child&) override { ++calls; }
+    std::atomic<int> calls{0};
+  } told;
+  struct Asker : Child::Notification {
+    void exited(Child&) override {
+      answer.set_value(errorOf([this] { other->wait(); }));
+    }
+    Child* other = nullptr;
+    std::promise<std::string> answer;
+  } asker;
+  auto forgotten = std::make_unique<Child>(std::list<std::string>{"/bin/sleep", "3600"});
+  Child ended({"/bin/true"}), last({"/bin/true"});
+  forgotten->setNotify(&told);
+  forgotten->create();
+  const pid_t pid = forgotten->pid();
+  asker.other = forgotten.get();
+  ended.setNotify(&asker);
+  ended.create();
+  EXPECT_EQ(asker.answer.get_future().get(), "need no lock but my result's not there?!");
+  forgotten->setArguments({"/bin/true"});
+  forgotten->create();
+  forgotten->wait();
+  forgotten.reset();
+  EXPECT_EQ(told.calls, 1);
+  last.create();  // so that the collector waits
+  ::kill(pid, SIGKILL);
+  EXPECT_TRUE(eventually([pid] { return ::kill(pid, 0) == -1; }));
+  Child::exit();
+  EXPECT_EQ(told.calls, 1);
+}
+
+TEST(ShepherdTest, ASigchldThatIsIgnoredWithAnyFlagsIsNoticed) {
+  const auto result = inChild([] {
+    time::ClockBase::init();
+    struct sigaction ignoring {};
+    ignoring.sa_handler = SIG_IGN;
+    ignoring.sa_flags = SA_SIGINFO;
+    ::sigaction(SIGCHLD, &ignoring, nullptr);
+    Child child({"/bin/sh", "-c", "exit 4"});
+    child.create();
+    const auto state = child.wait(true, 20s);
+    Child::exit();
+    return state.finished ? WEXITSTATUS(state.status) : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 4);
+}
+
 TEST(ShepherdTest, WhereNoChildMayShareItsParentsMemoryAPlainForkDoes) {
   for (const int refused : {EPERM, ENOSYS, EINVAL}) {
     test::cloneError = refused;

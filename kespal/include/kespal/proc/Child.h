@@ -84,8 +84,8 @@ class Child : NoCopy {
   /// started with, and of the descriptors those that are not close-on-exec. UsageError without arguments, and
   /// while pid() is not -1: wait() first. OsError: EBADF for a descriptor that is not open, EAGAIN and ENOMEM
   /// for the child, EAGAIN for the collector's thread. RuntimeError for the first child while a fork is
-  /// pending, and when the collector has ended and Child::exit() was not called. std::bad_alloc. After an
-  /// error there is no child.
+  /// pending, while Child::exit() runs, and when the collector has ended and Child::exit() was not called.
+  /// std::bad_alloc. After an error there is no child.
   void create(bool inPlace = false);
 
   /// Waits until the child has ended or, when `timed`, until `timeout` has passed; a child that was waited
@@ -93,7 +93,7 @@ class Child : NoCopy {
   /// can tell is none. UsageError when there is no child; RuntimeError when the collector ends or has ended
   /// before the child did, and on the collector's thread for a child that has not ended; OsError (EINVAL) for
   /// a timed wait before the clocks were made ready (ClockBase::init(), KesPal). After an error the child is
-  /// forgotten, too.
+  /// forgotten, too, and nobody is told of its end.
   ExitState wait(bool timed = false, const time::Milliseconds& timeout = {});
 
   /// Signals the child, also after Child::exit(). NoSuchProcessError when it does not run any more, whether
@@ -111,8 +111,9 @@ class Child : NoCopy {
   /// Creates and starts the collector if there is none; create() does it when needed. RuntimeError while a
   /// fork is pending; OsError (EAGAIN) when the system refuses a thread.
   static void init();
-  /// Stops the collector, if there is one, within moments. Children that still run are left alone: nobody
-  /// will reap them, and wait() raises RuntimeError. Not from a notification: RuntimeError.
+  /// Stops the collector, if there is one, within moments, and is not cancelled meanwhile. Children that
+  /// still run are left alone: nobody will reap them, and wait() raises RuntimeError. A create() on another
+  /// thread raises it, too, until this has returned. Not from a notification: RuntimeError.
   static void exit();
 
   static Shepherd* m_shepherd;  ///< null until first needed

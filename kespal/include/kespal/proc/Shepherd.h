@@ -37,9 +37,9 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
   /// RuntimeError while a fork is pending.
   void start();
   /// Ends the thread within moments, even while children run, which are left alone; waits for a notification
-  /// that runs. Sends whoever waits away with a RuntimeError. Only if the system refuses a process at that
-  /// moment, the end of the next child is waited for. An error is reported on standard error and goes no
-  /// further.
+  /// that runs. Does nothing when there is no thread, and is not cancelled. Sends whoever waits away with a
+  /// RuntimeError. Only if the system refuses a process at that moment, the end of the next child is waited
+  /// for. An error is reported on standard error and goes no further.
   void stop();
 
   /// The condition whose lock has to be held from before a fork until the child is registered, so that the

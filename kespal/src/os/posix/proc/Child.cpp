@@ -57,6 +57,8 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
     state.finished = flock_->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
   } catch (const std::exception&) {
     pid_ = -1;
+    // The next child of this object is registered in its place, and its end would find no record of this one.
+    if (isOfThisProcess()) flock_->forget(registeredPid_, registration_);
     throw;
   }
   if (state.finished) pid_ = -1;
