@@ -30,6 +30,7 @@ const bool startedEarly = startAlone("true") == 1;
 TEST(AsyncChildrenTest, OneCanBeStartedBeforeTheProgramsInitialisationIsOver) { EXPECT_TRUE(startedEarly); }
 
 TEST(AsyncChildrenTest, WhatRunsAtTheEndOfTheCollectorRunsOnAndNothingIsSaid) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("starts no threads in the child of a process that has some");
   const TempDir dir;
   ASSERT_EQ(::mkfifo((dir / "end").c_str(), 0600), 0);
   const auto result = inChild([&dir] {

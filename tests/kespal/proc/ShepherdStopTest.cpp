@@ -142,6 +142,7 @@ TEST(ShepherdStopTest, AStopWaitsForTheRunThatItFoundAndNotForTheNext) {
 }
 
 TEST(ShepherdStopTest, AStartThatComesTooEarlyDoesNotHideTheEnd) {
+  time::ClockBase::init();
   Child child({"/bin/sleep", "3600"});
   for (int round = 0; round < 300; ++round) {
     child.create();
@@ -153,6 +154,7 @@ TEST(ShepherdStopTest, AStartThatComesTooEarlyDoesNotHideTheEnd) {
           Child::m_shepherd->start();
           return true;
         } catch (const UsageError&) {
+          std::this_thread::yield();  // the start holds the lock that the stop wants
         }
       }
       return false;
