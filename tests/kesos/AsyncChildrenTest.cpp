@@ -27,9 +27,15 @@ int startAlone(const std::string& command) {
 /// Set while this file is initialised, maybe before the library is.
 const bool startedEarly = startAlone("true") == 1;
 
-TEST(AsyncChildrenTest, OneCanBeStartedBeforeTheProgramsInitialisationIsOver) { EXPECT_TRUE(startedEarly); }
+class AsyncChildrenTest : public testing::Test {
+ protected:
+  /// As long as the early one runs, its collector would take the children of the test, too.
+  void SetUp() override { kes::proc::Child::exit(); }
+};
 
-TEST(AsyncChildrenTest, WhatRunsAtTheEndOfTheCollectorRunsOnAndNothingIsSaid) {
+TEST_F(AsyncChildrenTest, OneCanBeStartedBeforeTheProgramsInitialisationIsOver) { EXPECT_TRUE(startedEarly); }
+
+TEST_F(AsyncChildrenTest, WhatRunsAtTheEndOfTheCollectorRunsOnAndNothingIsSaid) {
   KES_SKIP_UNDER_THREAD_SANITIZER("starts no threads in the child of a process that has some");
   const TempDir dir;
   ASSERT_EQ(::mkfifo((dir / "end").c_str(), 0600), 0);
@@ -49,7 +55,7 @@ TEST(AsyncChildrenTest, WhatRunsAtTheEndOfTheCollectorRunsOnAndNothingIsSaid) {
   EXPECT_EQ(result.out.size(), 20 * 8U);
 }
 
-TEST(AsyncChildrenTest, TheCleanerFreesAChildThatStillRuns) {
+TEST_F(AsyncChildrenTest, TheCleanerFreesAChildThatStillRuns) {
   struct Counted : kes::proc::Child {
     explicit Counted(int& ends) : Child({"/bin/sleep", "3600"}), ends_(ends) {}
     ~Counted() override { ++ends_; }
@@ -66,7 +72,7 @@ TEST(AsyncChildrenTest, TheCleanerFreesAChildThatStillRuns) {
   EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
 }
 
-TEST(AsyncChildrenTest, AProcessThatLeavesSomeEndsInOrder) {
+TEST_F(AsyncChildrenTest, AProcessThatLeavesSomeEndsInOrder) {
   KES_SKIP_UNDER_SANITIZERS("says at exit that a thread runs on");
   for (int round = 0; round < 40; ++round) {
     const auto result = inChild([]() -> int {
