@@ -1,7 +1,9 @@
-# kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [LOCK resource...] [TIMEOUT seconds])
+# kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [CALLS name...] [LOCK resource...] [TIMEOUT seconds])
 # One test program; each of its tests runs in a process of its own and is counted by itself. LOCK names
 # machine-wide things (System V keys, ids, a fixed file) that two tests must not touch at once. THREADED
-# marks those that have threads: a build for the thread sanitizer is for them alone.
+# marks those that have threads: a build for the thread sanitizer is for them alone. CALLS names what
+# tests/support/Calls.h comes between in this program: calls of the C library or whole sections of
+# tests/support/Calls.def (files, threads, ...), or all.
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
@@ -10,10 +12,42 @@ option(KES_THREADED_TESTS_ONLY "Build and run only the tests that have threads" 
 # Tests spend their time in the libraries, and compilers spend theirs in optimising tests.
 set(KES_TEST_OPTIONS -O0)
 
+# Reads the names of all calls into KES_CALLS, and those of each section into KES_CALLS_<section>.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/support/Calls.def)
+file(STRINGS ${PROJECT_SOURCE_DIR}/tests/support/Calls.def lines REGEX "^(// --- |CALL\\(|VARIADIC\\()")
+set(KES_CALLS)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^// --- (.+)$")
+    set(section ${CMAKE_MATCH_1})
+    set(KES_CALLS_${section})
+  elseif(line MATCHES "^[A-Z]+\\(([a-zA-Z0-9_]+),")
+    list(APPEND KES_CALLS ${CMAKE_MATCH_1})
+    list(APPEND KES_CALLS_${section} ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+
+# Sends calls of a program to the wrappers of the tests: calls or sections, or all.
+function(kes_wrap_calls target)
+  foreach(name IN LISTS ARGN)
+    if(name STREQUAL "all")
+      set(calls ${KES_CALLS})
+    elseif(DEFINED KES_CALLS_${name})
+      set(calls ${KES_CALLS_${name}})
+    elseif(name IN_LIST KES_CALLS)
+      set(calls ${name})
+    else()
+      message(FATAL_ERROR "${target}: tests/support/Calls.def has no call and no section ${name}")
+    endif()
+    list(TRANSFORM calls PREPEND LINKER:--wrap=)
+    target_link_options(${target} PRIVATE ${calls})
+  endforeach()
+endfunction()
+
 function(kes_test name)
-  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LOCK" ${ARGN})
+  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;CALLS;LOCK" ${ARGN})
   kes_program(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kes_test_support)
+  kes_wrap_calls(${name} ${arg_CALLS})
   target_compile_options(${name} PRIVATE ${KES_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM kes_test_support)
   if(KES_THREADED_TESTS_ONLY AND NOT arg_THREADED)

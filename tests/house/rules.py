@@ -151,6 +151,76 @@ def no_file_names_the_machine_it_was_written_on():
             yield f"{name}: {match.group(0)}"
 
 
+def listed(name):
+    """The lines of a list in a file: reason and names."""
+    for line in (ROOT / name).read_text().splitlines():
+        if line and not line.startswith("#"):
+            reason, _, names = line.rpartition(": ")
+            yield reason, names.split()
+
+
+def every_call_that_can_fail_is_in_the_table_of_calls(*archives):
+    table = set(re.findall(r"^(?:CALL|VARIADIC)\((\w+)", (ROOT / "tests/support/Calls.def").read_text(), re.MULTILINE))
+    harmless = {name for _, names in listed("tests/house/harmless_calls.txt") for name in names}
+    asked, own = set(), set()
+    for archive in archives:
+        for line in run("nm", archive).stdout.splitlines():
+            symbol = re.match(r"(?:[0-9a-f]+)? *([A-Za-z]) (\w+)$", line)
+            if symbol is not None:
+                (asked if symbol.group(1) in "Uw" else own).add(symbol.group(2))
+    calls = {name for name in asked - own if not name.startswith(("_Z", "__asan", "__ubsan", "__tsan", "__gcov"))}
+    for name in sorted(calls - table - harmless):
+        yield f"{name}: is called, but neither in tests/support/Calls.def nor in tests/house/harmless_calls.txt"
+    for name in sorted(table & harmless):
+        yield f"{name}: is both in tests/support/Calls.def and in tests/house/harmless_calls.txt"
+
+
+def public_part(header):
+    """A header without the private parts of its classes."""
+    lines, hidden = [], None
+    for line in (ROOT / header).read_text().splitlines():
+        indent = len(line) - len(line.lstrip())
+        if re.match(r"\s*(private|protected):", line):
+            hidden = indent
+        elif re.match(r"\s*public:", line) or (hidden is not None and line.lstrip().startswith("}") and indent < hidden):
+            hidden = None
+        if hidden is None:
+            lines.append(line)
+    return "\n".join(lines)
+
+
+def is_declared(name, texts):
+    """Whether one of the texts declares a function, and the class that it is of."""
+    *scopes, own = name.split("::")
+    words = [re.compile(rf"(?<![\w~]){re.escape(own)}\s*\(")]
+    if scopes and not scopes[-1].islower():
+        words.append(re.compile(rf"\b(?:class|struct)\b[^;]*?\b{scopes[-1]}\b"))
+    return any(all(word.search(text) for word in words) for text in texts)
+
+
+def every_public_operation_has_a_scenario(*archives):
+    texts = [public_part(f"{library}/include/{header}") for library in ("kespal", "kesos", "pcaplib")
+             for header in public_headers(library)]
+    operations = set()
+    for archive in archives:
+        for line in run("nm", "-C", "--defined-only", "--extern-only", archive).stdout.splitlines():
+            symbol = re.match(r"[0-9a-f]+ T ((?:kes::)?[\w:~]+)(?:\[abi:\w+\])?(?:\(|$)", line)
+            if symbol is not None and not symbol.group(1).startswith("_") and is_declared(symbol.group(1), texts):
+                operations.add(symbol.group(1))
+    played = set()
+    for path in (path for path in (ROOT / "tests/everyfailure").glob("*.cpp") if path.name != "EngineTest.cpp"):
+        for names in re.findall(r"\.operations\s*=\s*\{([^}]*)\}", path.read_text()):
+            played.update(re.findall(r'"([^"]+)"', names))
+    lists = {name for file in ("needless", "awaited") for _, names in listed(f"tests/everyfailure/{file}.txt")
+             for name in names}
+    for name in sorted(operations - played - lists):
+        yield f"{name}: no scenario in tests/everyfailure, nor a line in needless.txt that says why"
+    for name in sorted(name for name in played | lists if not is_declared(name, texts)):
+        yield f"{name}: is no public operation, but has a scenario or is in a list"
+    for name in sorted(lists & played):
+        yield f"{name}: has a scenario; take it out of the list"
+
+
 # The shell of a Mac is bash 3.2, and its tools are BSD's.
 MAC_SCRIPTS = ("scripts/test", "scripts/mac-report", "scripts/lib/common.sh", "tests/house/install_test")
 NOT_ON_A_MAC = re.compile(r"\b(?:mapfile|readarray|coproc|nproc)\b|declare -A|local -n|\$\{\w+(?:\^|,|@)|&>>|\|&|wait -n|"

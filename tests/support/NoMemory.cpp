@@ -1,5 +1,6 @@
 #include "support/NoMemory.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
@@ -10,6 +11,12 @@ constexpr std::size_t unlimited = ~std::size_t{0};
 // Plain thread-local values: operator new runs before constructors do.
 thread_local constinit std::size_t t_allowed = unlimited;
 thread_local constinit bool t_refused = false;
+constinit std::atomic<bool (*)()> asked{nullptr};
+
+bool isRefused() {
+  const auto refuses = asked.load(std::memory_order_relaxed);
+  return t_allowed == 0 || (refuses != nullptr && refuses());
+}
 
 }  // namespace
 
@@ -24,16 +31,19 @@ NoMemory::~NoMemory() { t_allowed = unlimited; }
 
 bool NoMemory::refused() noexcept { return t_refused; }
 
+void NoMemory::ask(bool (*refuses)()) { asked = refuses; }
+
 }  // namespace kes::test
 
 // Not inlined: the compiler would then see new paired with free, and warn.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  if (t_allowed == 0) {
+  if (isRefused()) {
     t_refused = true;
     throw std::bad_alloc();
   }
   if (t_allowed != unlimited) --t_allowed;
-  if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
+  // Not malloc(), which a test may count for itself.
+  if (void* memory = std::realloc(nullptr, size != 0 ? size : 1)) return memory;
   throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }

@@ -15,6 +15,9 @@ class NoMemory {
 
   /// Whether an allocation was refused so far.
   static bool refused() noexcept;
+
+  /// Has somebody else decide, too, whether there is memory: true means there is none.
+  static void ask(bool (*refuses)());
 };
 
 /// Calls `action` with no memory at all, then after one allocation, after two, and so on, until it ran
