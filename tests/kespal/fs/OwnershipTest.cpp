@@ -133,6 +133,16 @@ TEST_F(RootOwnershipTest, SetIdBitsThatTheFileDidNotHaveAreNotAdded) {
   EXPECT_EQ(found(), "7:8 711");
 }
 
+TEST_F(RootOwnershipTest, BitsThatTheSystemLeavesAloneStayThoughNobodyAskedForThem) {
+  std::filesystem::remove(file_);
+  std::filesystem::create_directory(file_);
+  setMode(06755);
+  setOwnership(file_.c_str(), -1, Access(7, 8, 04755));
+  EXPECT_EQ(found(), "7:8 6755");
+  setOwnership(file_.c_str(), -1, Access(9, 8, 02755));
+  EXPECT_EQ(found(), "9:8 6755");
+}
+
 TEST_F(RootOwnershipTest, SetIdBitsThatCannotBeSetAgainAreAnError) {
   setMode(04755);
   const test::Failing failing("chmod", EROFS);

@@ -26,12 +26,14 @@ struct Target {
   int chmod(mode_t mode) const { return path != nullptr ? ::chmod(path, mode) : ::fchmod(fd, mode); }
 };
 
-/// Changes hands, keeping those set-id bits that the file has and `asked` names.
+/// Changes hands, keeping those set-id bits that the file has and `asked` names. What the system drops
+/// depends on what the file is: so it is asked.
 int chownKeeping(const Target& file, const Access& access, mode_t asked) {
-  struct stat before;
+  struct stat before, after;
   if (file.stat(before) != 0 || file.chown(access.owner(), access.group()) != 0) return -1;
-  const mode_t kept = before.st_mode & asked;
-  return kept != 0 ? file.chmod((before.st_mode & 01777) | kept) : 0;
+  if (file.stat(after) != 0) return -1;
+  const mode_t dropped = before.st_mode & ~after.st_mode & asked;
+  return dropped != 0 ? file.chmod((after.st_mode & 07777) | dropped) : 0;
 }
 
 /// -1 with errno where it fails.
