@@ -14,6 +14,7 @@
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
+#include "sys/AtEnd.h"
 
 namespace kes::fs {
 namespace {
@@ -465,6 +466,20 @@ TEST_F(MakedirsTest, RacingCreatorsEndWithTheDirectoryThere) {
       EXPECT_EQ(status, 0);
     }
     EXPECT_TRUE(stdfs::is_directory(at(name)));
+  }
+}
+
+TEST_F(OpsTreeTest, TheBacktraceOfAFailedOpenBeginsInTheWalk) {
+  Exception::m_gen_backtraces = true;
+  const sys::AtEnd off([] { Exception::m_gen_backtraces = false; });
+  try {
+    Ops::removeTree(at("none").c_str());
+    ADD_FAILURE() << "removed";
+  } catch (const NoSuchFileError& error) {
+    // The walk's own functions have no names in a backtrace.
+    for (auto frame = error.backtrace().rbegin(); frame->find("removeTree") == frame->npos; ++frame) {
+      EXPECT_EQ(frame->find("kes::"), frame->npos) << *frame;
+    }
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "kespal/error/Site.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Dir.h"
 #include "kespal/fs/Info.h"
@@ -20,8 +21,8 @@ void removeDir(int directory, const char* name, const std::string& path);
 
 /// None, with errno, where there is no such directory or it cannot be opened.
 sys::DirStream tryOpen(int directory, const char* name);
-/// Raises what Dir::open() raises for this errno.
-[[noreturn]] void raiseOpen(int errnum, const std::string& path);
+/// The site of Dir::open()'s errors, for whoever raises them in its place without a frame more.
+Site openSite() noexcept;
 
 /// Null at the end; "." and ".." are left out.
 const dirent* nextEntry(DIR* directory);

@@ -127,10 +127,10 @@ sys::DirStream at::tryOpen(int directory, const char* name) {
   return stream;
 }
 
-void at::raiseOpen(int errnum, const std::string& path) {
+Site at::openSite() noexcept {
   Site site = KES_HERE;
   site.function = "open";
-  StatusErrors::raise(site, errnum, path);
+  return site;
 }
 
 const dirent* at::nextEntry(DIR* directory) {

@@ -125,9 +125,14 @@ class TreeRemoval {
     PathErrors::raise(site, errnum, path);
   }
 
+  /// For the stream of a directory that could not be opened, with errno.
+  [[gnu::always_inline]] static inline void needOpen(const sys::DirStream& dir, const std::string& path) {
+    if (!dir) StatusErrors::raise(at::openSite(), errno, path);
+  }
+
   /// Goes on in the directory of the walk's path. Without a stream, errno says why.
   void enter(sys::DirStream dir) {
-    if (!dir) at::raiseOpen(errno, path_);
+    needOpen(dir, path_);
     levels_.emplace_back(std::move(dir), path_.size());
     if (levels_.size() - firstOpen_ > mostOpen) closeFarthest();
   }
@@ -165,7 +170,7 @@ class TreeRemoval {
     }
     if (!look(name).isDir()) return {};
     sys::DirStream dir = openEntry(name);
-    if (!dir) at::raiseOpen(errno, path_);
+    needOpen(dir, path_);
     return dir;
   }
 
@@ -204,7 +209,7 @@ class TreeRemoval {
   void reopen(Level& level) {
     const std::string path = path_.substr(0, level.pathLength());
     sys::DirStream dir = openByPath(path);
-    if (!dir) at::raiseOpen(errno, path);
+    needOpen(dir, path);
     // Who has put another directory there meanwhile shall not lose what the names of this one are in it.
     if (!level.reopen(std::move(dir))) fail(KES_HERE, ESTALE, path);
     firstOpen_ = levels_.size() - 1;
