@@ -81,6 +81,7 @@ void appendLine(Pieces& pieces, Bytes line, std::string_view separator, bool upp
 
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump) {
   if (dump.data == nullptr) return stream << "nullptr";
+  if (dump.size == 0) return stream;
   stream.width(0);
   const bool upper = (stream.flags() & std::ios::uppercase) != 0;
   const Bytes bytes(dump.data, dump.size);

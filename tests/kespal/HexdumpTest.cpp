@@ -125,10 +125,18 @@ TEST(HexdumpTest, EveryByteIsTwoDigitsWhateverFlagsTheStreamHas) {
 
 TEST(HexdumpTest, AWidthIsUsedUpAndWidensNoByte) {
   std::ostringstream stream;
-  stream << std::setw(9) << Hexdump{five, 2, 0, " "} << '|' << std::setw(9) << Hexdump{five, 0, 0, " "}
-         << '|';
-  EXPECT_EQ(stream.str(), "01 ab||");
+  stream << std::setw(9) << Hexdump{five, 2, 0, " "} << '|';
+  EXPECT_EQ(stream.str(), "01 ab|");
   EXPECT_EQ(stream.width(), 0);
+}
+
+TEST(HexdumpTest, NoBytesLeaveTheWidthToWhatFollowsAndTheStreamAsItIs) {
+  std::ostringstream stream;
+  stream << std::setw(3) << Hexdump{five, 0, 0, " "} << '|';
+  EXPECT_EQ(stream.str(), "  |");
+  stream.setstate(std::ios::eofbit);
+  stream << Hexdump{five, 0, 0, " "};
+  EXPECT_EQ(stream.rdstate(), std::ios::eofbit);
 }
 
 /// Groups every single digit.

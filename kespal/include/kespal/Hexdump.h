@@ -18,7 +18,7 @@ struct Hexdump {
 /// Writes every byte with two digits, the bytes of a line apart by the separator and the lines by a newline,
 /// with none at the end; "nullptr" when there is no data. Of the stream's flags only std::uppercase counts,
 /// which gives "AB"; its fill and its locale do not. Flags and fill stay as they are, even if it throws; the
-/// width is used up, as by every output.
+/// width is used up, unless there are no bytes: nothing at all happens then.
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump);
 
 }  // namespace kes
