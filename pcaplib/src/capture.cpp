@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
@@ -51,19 +52,22 @@ class HeldSignals : public kes::NoCopy {
 /// An open capture file, closed on the way out.
 class CaptureFile : public kes::NoCopy {
  public:
-  CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | flags, 0666)) {
+  CaptureFile(const char* path, int flags) : fd_(::open(path, O_RDWR | O_CLOEXEC | flags, 0666)) {
     struct stat status {};
-    if (!fd_ || ::fstat(fd_.get(), &status) != 0) return;
+    if (fd_ && ::fstat(fd_.get(), &status) != 0) fd_.reset();  // nobody knows what it would take
     isFile_ = S_ISREG(status.st_mode);
-    end_ = status.st_size;
+    isEmpty_ = status.st_size == 0;
     // O_APPEND means nothing to a disk: a record would take the place of the header.
-    if (S_ISBLK(status.st_mode) && (flags & O_APPEND) != 0) ::lseek(fd_.get(), 0, SEEK_END);
+    const bool isDisk = S_ISBLK(status.st_mode) && (flags & O_APPEND) != 0;
+    if (isDisk && ::lseek(fd_.get(), 0, SEEK_END) == -1) fd_.reset();
   }
 
   bool isOpen() const { return static_cast<bool>(fd_); }
 
   /// False for what is no file: its header went out when it was opened first.
-  bool isEmptyFile() const { return isFile_ && end_ == 0; }
+  bool isEmptyFile() const { return isFile_ && isEmpty_; }
+  /// Not of what is no file.
+  bool hasContent() const { return isFile_ && !isEmpty_; }
 
   void append(std::span<iovec> pieces) const {
     if (isFile_) {
@@ -85,7 +89,7 @@ class CaptureFile : public kes::NoCopy {
     const ssize_t written = write(pieces);
     if (written <= 0 || static_cast<std::size_t>(written) == sizeOf(pieces)) return;
     const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR);
-    if (end >= written) static_cast<void>(::ftruncate(fd_.get(), end - written) == 0);
+    if (end >= written) kes::sys::retry([&] { return ::ftruncate(fd_.get(), end - written); });
   }
 
   /// Passes all pieces on to a reader, who may take them in parts. What is on its way cannot be taken back,
@@ -118,8 +122,8 @@ class CaptureFile : public kes::NoCopy {
   }
 
   kes::sys::Descriptor fd_;
-  off_t end_ = 0;
   bool isFile_ = false;
+  bool isEmpty_ = false;
 };
 
 template <typename T>
@@ -153,12 +157,26 @@ bool isOrBecomesFile(const char* path) {
   return ::stat(path, &status) != 0 || S_ISREG(status.st_mode);
 }
 
-bool start(const CaptureType& entry) {
-  CaptureFile file(entry.path, O_TRUNC);
+/// Makes what is missing. What has no content, or none any more, gets its header.
+bool start(const CaptureType& entry, int flags) {
+  std::optional<HeldSignals> untilItHasItsHeader;
+  if (isOrBecomesFile(entry.path)) untilItHasItsHeader.emplace();
+  CaptureFile file(entry.path, O_CREAT | flags);
   if (!file.isOpen()) return false;
   const FileHeader header{.linkType = entry.linkType};
   iovec pieces[] = {piece(header)};
-  file.append(pieces);
+  if (!file.hasContent()) file.append(pieces);
+  return true;
+}
+
+/// False, with errno, if the file cannot be opened.
+bool append(const CaptureType& entry, const unsigned char* data, unsigned int length) {
+  CaptureFile file(entry.path, O_APPEND);
+  if (!file.isOpen()) return false;
+  const FileHeader fileHeader{.linkType = entry.linkType};
+  const RecordHeader recordHeader = stampedHeader(length);
+  iovec pieces[] = {piece(fileHeader), piece(recordHeader), {const_cast<unsigned char*>(data), length}};
+  file.append(file.isEmptyFile() ? std::span(pieces) : std::span(pieces).subspan(1));
   return true;
 }
 
@@ -168,9 +186,7 @@ bool DumpOpen(const char* fileName, PCAP_TYPE type) {
   if (type >= std::size(cap_types)) return false;
   CaptureType& entry = cap_types[type];
   buildPath(entry, fileName);
-  std::optional<HeldSignals> untilItHasItsHeader;
-  if (isOrBecomesFile(entry.path)) untilItHasItsHeader.emplace();
-  if (!start(entry)) return false;
+  if (!start(entry, O_TRUNC)) return false;
   entry.opened = 1;
   return true;
 }
@@ -179,11 +195,6 @@ bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type) 
   if (type >= std::size(cap_types)) return false;
   const CaptureType& entry = cap_types[type];
   if (entry.opened == 0) DumpOpen(nullptr, type);
-  CaptureFile file(entry.path, O_APPEND);
-  if (!file.isOpen()) return false;
-  const FileHeader fileHeader{.linkType = entry.linkType};
-  const RecordHeader recordHeader = stampedHeader(length);
-  iovec pieces[] = {piece(fileHeader), piece(recordHeader), {const_cast<unsigned char*>(data), length}};
-  file.append(file.isEmptyFile() ? std::span(pieces) : std::span(pieces).subspan(1));
-  return true;
+  if (append(entry, data, length)) return true;
+  return errno == ENOENT && start(entry, O_APPEND) && append(entry, data, length);
 }

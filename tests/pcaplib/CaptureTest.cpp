@@ -32,15 +32,17 @@ int lastOpenFlags = 0;
 bool opensCancelled = false;  // the thread is cancelled once it has the file
 std::vector<std::size_t> writeSizes;
 int signalAfterOpen = 0;
-int signalAfterWrite = 0;  // comes when the bytes are out and the call has not returned
-bool writesInTwo = false;  // the next write takes its first piece only
+bool signalAfterMaking = false;  // not after an open that makes nothing
+int signalAfterWrite = 0;        // comes when the bytes are out and the call has not returned
+bool writesInTwo = false;        // the next write takes its first piece only
 }  // namespace
 extern "C" int __real_open(const char* path, int flags, mode_t mode);
 extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
   lastOpenFlags = flags;
   const int fd = __real_open(path, flags, mode);
   if (opensCancelled) ::pthread_cancel(::pthread_self());
-  if (signalAfterOpen != 0) ::raise(signalAfterOpen);
+  if (signalAfterOpen != 0 && (!signalAfterMaking || (fd >= 0 && (flags & O_CREAT) != 0)))
+    ::raise(signalAfterOpen);
   return fd;
 }
 
@@ -533,6 +535,28 @@ TEST_F(CaptureTest, ASignalAtTheStartFindsANewFileWithItsHeader) {
     return 1;
   });
   EXPECT_EQ(child.signal(), SIGTERM);
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, ASignalWhileAPacketMakesARemovedFileAnewFindsTheHeader) {
+  const auto child = inChild([this] {
+    DumpOpen(file_.c_str(), 0);
+    ::unlink(file_.c_str());
+    signalAfterOpen = SIGTERM;
+    signalAfterMaking = true;
+    dump("abc");
+    return 1;
+  });
+  EXPECT_EQ(child.signal(), SIGTERM);
+  EXPECT_EQ(readFile(file_).size(), 24U);
+}
+
+TEST_F(CaptureTest, AFileMadeAnewHasItsHeaderThoughTheClockFails) {
+  ScriptedClock script(1, 0);
+  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
+  ASSERT_EQ(::unlink(file_.c_str()), 0);
+  script.fail(EPERM);
+  EXPECT_THROW(dump("abc"), kes::OsError);
   EXPECT_EQ(readFile(file_).size(), 24U);
 }
 

@@ -33,11 +33,11 @@ bool DumpOpen(const char* fileName, PCAP_TYPE type);
 /// closed around it. Between two packets the file is complete. Who reads it during the write may find the
 /// last record in progress, and finds it whole at a second look.
 ///
-/// A file that is empty gets its header first; a FIFO or a device has it from DumpOpen(), and a disk takes no
-/// more than that. A type that was not
-/// opened is opened under the default name. False when the file cannot be opened or there is no such type. A
-/// write that does not fit (a full disk, a size limit) is taken back: it loses the packet without a word and
-/// leaves the file readable. Raises kes::OsError when the clock cannot be read.
+/// A file that is empty gets its header first, and one that was removed is made anew; a FIFO or a device has
+/// its header from DumpOpen(), and a disk takes no more than that. A type that was not opened is opened under
+/// the default name. False when the file cannot be opened or there is no such type. A write that does not fit
+/// (a full disk, a size limit) is taken back: it loses the packet without a word and leaves the file
+/// readable. Raises kes::OsError when the clock cannot be read.
 ///
 /// SIGINT, SIGTERM, SIGHUP and SIGXFSZ that come during the write to a file wait for its end in the calling
 /// thread, so that none of them tears a record in a program of one thread. SIGKILL, and any other signal that
