@@ -1,9 +1,10 @@
-// Every x86-64 processor has these instructions.
+// Every x86-64 processor has these instructions, and no other one.
+#include "HexLoops.h"
+
+#ifdef __SSE2__
 #include <emmintrin.h>
 
 #include <cstring>
-
-#include "HexLoops.h"
 
 namespace kes::hexloops::best {
 
@@ -127,3 +128,4 @@ void decode(Decoding& decoding) noexcept {
 }
 
 }  // namespace kes::hexloops::best
+#endif

@@ -41,7 +41,6 @@ void Copier::copy(const char* from, const char* to) {
   StreamFile source, target;
   openSource(source, from);
   openTarget(target, to);
-  copyAccess(target);
   copyData(source, target);
   source.close();
   target.close();
@@ -50,7 +49,6 @@ void Copier::copy(const char* from, const char* to) {
 void Copier::copy(StreamFile& from, StreamFile& to) {
   borrowSource(from);
   borrowTarget(to);
-  copyAccess(to);
   copyData(from, to);
 }
 
@@ -58,7 +56,6 @@ void Copier::copy(const char* from, StreamFile& to) {
   StreamFile source;
   openSource(source, from);
   borrowTarget(to);
-  copyAccess(to);
   copyData(source, to);
   source.close();
 }
@@ -67,7 +64,6 @@ void Copier::copy(StreamFile& from, const char* to) {
   StreamFile target;
   borrowSource(from);
   openTarget(target, to);
-  copyAccess(target);
   copyData(from, target);
   target.close();
 }
@@ -95,11 +91,8 @@ bool Copier::isSource(const Info& target) const noexcept {
 }
 
 bool Copier::isSource(const char* target) const {
-  try {
-    return isSource(Info::get(target, /*follow=*/true));
-  } catch (const FsError&) {
-    return false;
-  }
+  struct stat status;
+  return target != nullptr && ::stat(target, &status) == 0 && isSource(Info(status));
 }
 
 void Copier::openTarget(StreamFile& target, const char* to) {
@@ -114,11 +107,8 @@ void Copier::borrowTarget(StreamFile& target) {
   target.truncate(0);
 }
 
-void Copier::copyAccess(StreamFile& target) {
-  if (givenAccess_ != nullptr || flags_.test(Flags::COPY_ACCESS)) target.setAccess(access_);
-}
-
 void Copier::copyData(StreamFile& source, StreamFile& target) {
+  if (givenAccess_ != nullptr || flags_.test(Flags::COPY_ACCESS)) target.setAccess(access_);
   allocateBuffer(ownBufferSize);
   char* const buffer = getBufferPointer();
   while (const std::size_t count = source.read(buffer, bufferSize_)) {

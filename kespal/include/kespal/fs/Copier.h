@@ -54,7 +54,7 @@ class Copier : NoCopy {
   void examineSource(StreamFile& source);
   bool isSource(const Info& target) const noexcept;
   bool isSource(const char* target) const;
-  void copyAccess(StreamFile& target);
+  /// The rights first, if they are to be copied.
   void copyData(StreamFile& source, StreamFile& target);
 
   EnumBitset<Flags> flags_;

@@ -39,8 +39,8 @@ class Dir : NoCopy {
   /// The name of the current entry, without its directory; valid until the next nextEntry() or close().
   const char* entryName() const;
   EntryType entryType() const;
-  /// The status of the current entry; without `follow` that of a link itself. ENOENT: NoSuchFileError;
-  /// anything else: FsError. Their path is the directory's as it was opened, a slash, and the entry's name.
+  /// The status of the current entry. Fails as Info::get() does, with the path of the directory as it was
+  /// opened, a slash, and the entry's name.
   void entryInfo(Info& info, bool follow) const;
   /// Opens `dir`, which may be this object, on the current entry. Fails as open() does, with the path that
   /// entryInfo() would name.

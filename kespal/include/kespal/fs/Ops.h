@@ -80,9 +80,7 @@ class Ops {
   static void makedirs(const char* path, const Access* access = nullptr);
   /// The same; false when a directory of this name exists, links followed.
   static bool tryMakedirs(const char* path, const Access* access = nullptr);
-  /// Creates a directory (0700) named `name` and six generated characters; a name without '/' lies in the
-  /// temporary directory. `name` becomes the full name; it is left alone by a failure, FsError with the name
-  /// that ends in "XXXXXX".
+  /// Creates a directory (0700) with a name made as that of a temporary File, and fails as there.
   static void tempdir(std::string& name);
   /// Creates a named pipe with the permission bits of `access`.
   static void makeFifo(const std::string& path, const Access& access);

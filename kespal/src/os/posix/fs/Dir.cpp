@@ -30,13 +30,14 @@ bool isDotOrDotDot(const char* name) {
   if (entry == nullptr) raiseAt(site, UsageError("No current entry"));
 }
 
-/// The next entry that is neither "." nor "..". Null at the end, where errno is 0, and for an error.
-const dirent* readEntry(DIR* stream) {
+/// The next entry that is neither "." nor ".."; null at the end.
+[[gnu::always_inline]] inline const dirent* readEntry(const Site& site, DIR* stream) {
   const dirent* entry = nullptr;
   do {
     errno = 0;  // only errno tells an error from the end
     entry = ::readdir(stream);
   } while (entry != nullptr && isDotOrDotDot(entry->d_name));
+  if (entry == nullptr && errno != 0) raiseAt(site, OsError(errno));
   return entry;
 }
 
@@ -70,8 +71,8 @@ void Dir::close() {
 
 bool Dir::nextEntry() {
   needOpen(KES_HERE, stream_);
-  entry_ = readEntry(stream_);
-  if (entry_ == nullptr && errno != 0) raiseAt(KES_HERE, OsError(errno));
+  init();
+  entry_ = readEntry(KES_HERE, stream_);
   return entry_ != nullptr;
 }
 
@@ -133,11 +134,7 @@ Site at::openSite() noexcept {
   return site;
 }
 
-const dirent* at::nextEntry(DIR* directory) {
-  const dirent* const entry = readEntry(directory);
-  if (entry == nullptr && errno != 0) raiseAt(KES_HERE, OsError(errno));
-  return entry;
-}
+const dirent* at::nextEntry(DIR* directory) { return readEntry(KES_HERE, directory); }
 
 Dir::EntryType at::typeOf(const dirent& entry) noexcept {
   switch (entry.d_type) {

@@ -62,9 +62,7 @@ using MkdirErrors = Errors<FsError, Raise<FileExistsError, EEXIST>, Raise<NoSuch
 using RenameErrors = Errors<FsError, Raise<NotSameDeviceError, EXDEV>, Raise<ReadOnlyFileSystemError, EROFS>>;
 using OpenErrors = Errors<FsError, Raise<FileAccessError, EPERM, EACCES>, Raise<NoSuchFileError, ENOENT>,
                           Raise<FileBusyError, ETXTBSY>>;
-using OpenNoFollowErrors =
-    Errors<FsError, Raise<FileAccessError, EPERM, EACCES>, Raise<NoSuchFileError, ENOENT>,
-           Raise<FileBusyError, ETXTBSY>, Raise<IsASymlinkError, ELOOP>>;
+using NoFollowErrors = Raise<IsASymlinkError, ELOOP>;  // come before those of opening
 using ReadErrors = Errors<OsError, Raise<NoSuchProcessError, ESRCH>>;
 
 }  // namespace kes::fs

@@ -58,8 +58,9 @@ void File::open(const char* path, const Mode& mode, const unsigned& flags, const
   const int asked = systemFlags(mode, flags);
   fd_ = onPath([=](const char* name) { return ::open(name, asked, bits); }, path);
   if (fd_ != -1) return;
-  if ((flags & NO_FOLLOW) != 0) OpenNoFollowErrors::raise(KES_HERE, errno, path);
-  OpenErrors::raise(KES_HERE, errno, path);
+  const int errnum = errno;
+  if ((flags & NO_FOLLOW) != 0) NoFollowErrors::forThese(KES_HERE, errnum, path);
+  OpenErrors::raise(KES_HERE, errnum, path);
 }
 
 void File::open(const TempType& /*type*/, std::string& name) {

@@ -10,6 +10,16 @@
 
 namespace kes::fs {
 
+namespace {
+
+[[gnu::always_inline]] inline bool tryLock(const Site& site, int fd, int operation) {
+  if (::flock(fd, operation | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) raiseAt(site, OsError(errno));
+  return false;
+}
+
+}  // namespace
+
 Lock::Lock(std::FILE* stream) { set(stream != nullptr ? ::fileno(stream) : -1); }
 
 void Lock::set(int fd) {
@@ -19,19 +29,11 @@ void Lock::set(int fd) {
 
 void Lock::readLock() const { check(KES_HERE, ::flock(fd_, LOCK_SH)); }
 
-bool Lock::tryReadLock() const {
-  if (::flock(fd_, LOCK_SH | LOCK_NB) == 0) return true;
-  if (errno != EWOULDBLOCK) raiseAt(KES_HERE, OsError(errno));
-  return false;
-}
+bool Lock::tryReadLock() const { return tryLock(KES_HERE, fd_, LOCK_SH); }
 
 void Lock::writeLock() const { check(KES_HERE, ::flock(fd_, LOCK_EX)); }
 
-bool Lock::tryWriteLock() const {
-  if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
-  if (errno != EWOULDBLOCK) raiseAt(KES_HERE, OsError(errno));
-  return false;
-}
+bool Lock::tryWriteLock() const { return tryLock(KES_HERE, fd_, LOCK_EX); }
 
 void Lock::unlock() const { check(KES_HERE, ::flock(fd_, LOCK_UN)); }
 

@@ -108,11 +108,8 @@ void Ops::setAccess(const char* path, const Access& access) {
 void Ops::setAccess(int fd, const Access& access) { setAccessPriv(nullptr, fd, access); }
 
 void Ops::setAccessPriv(const char* path, int fd, const Access& access) {
-  if (path != nullptr) {
-    PathErrors::check(KES_HERE, ::chmod(path, access.mode()), path);
-  } else {
-    check(KES_HERE, ::fchmod(fd, access.mode()));
-  }
+  if (path == nullptr) return at::setAccessPriv(fd, access, {});
+  PathErrors::check(KES_HERE, ::chmod(path, access.mode()), path);
   if (changesOwner(access)) setOwnership(path, fd, access);
 }
 

@@ -248,11 +248,8 @@ std::size_t cutAtSlash(const std::string& text, std::size_t length) {
 }
 
 bool isDirectory(const char* path) {
-  try {
-    return Info::get(path, /*follow=*/true).isDir();
-  } catch (const FsError&) {
-    return false;
-  }
+  struct stat status;
+  return ::stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 }  // namespace
