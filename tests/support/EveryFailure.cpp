@@ -351,6 +351,8 @@ bool Stage::run(const std::function<bool()>& action) {
     }
     if (!raised.type.empty()) state_.judge(raised);
   }
+  // A cancellation that waits for a chance has it now, and not where the stage or the play looks around.
+  if (state_.run.kind == Run::Cancelling) ::pthread_testcancel();
   if (!state_.hasSucceeded && state_.hasFolder && !state_.scenario.mayLeaveFiles) {
     for (const std::string& path : filesIn(state_.folder)) {
       if (files.count(path) == 0) complain("left behind: " + path.substr(state_.folder.size() + 1));
@@ -363,7 +365,7 @@ bool Stage::succeeded() const { return state_.hasSucceeded; }
 
 bool Stage::isRefused(Call call, int error) const {
   return state_.run.kind == Run::Failing && state_.run.call == call &&
-         (error == 0 || error == state_.run.error);
+         (error == 0 || error == state_.run.error) && board()[call].struck > 0;
 }
 
 bool Stage::isStarved() const { return isMemory(state_.run); }
@@ -431,7 +433,7 @@ class Director {
 
   std::vector<std::string> direct() {
     if (survives(Run{})) playAll();
-    std::cout << joined(scenario_.operations) << ": " << runs_ << " runs\n";
+    std::cout << joined(scenario_.operations) << ": " << runs_ << " runs" << std::endl;
     return complaints_;
   }
 

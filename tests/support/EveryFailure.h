@@ -99,7 +99,7 @@ class Stage {
   }
   /// Whether the last act() did.
   bool succeeded() const;
-  /// Whether this call is what is refused in this run, by this error or, if that is 0, by any.
+  /// Whether this call is what was refused in this run so far, by this error or, if that is 0, by any.
   bool isRefused(Call call, int error = 0) const;
   /// Whether memory is what fails in this run.
   bool isStarved() const;
