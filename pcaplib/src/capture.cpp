@@ -18,6 +18,7 @@
 #include "NameFormat.h"
 #include "kespal/NoCopy.h"
 #include "kespal/time/Clock.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 #include "sys/Retry.h"
 
@@ -33,8 +34,8 @@ using kes::pcap::FileHeader;
 using kes::pcap::RecordHeader;
 
 /// A signal that ends the process can end a write to a file between two memory pages; what has been written
-/// stays. While this lives, those that people send wait: until the record is whole or taken back, or until
-/// the file that was emptied has its header.
+/// stays. While this lives, those that people send wait, and so does a cancellation: until the record is
+/// whole or taken back, or until the file that was emptied has its header.
 class HeldSignals : public kes::NoCopy {
  public:
   HeldSignals() {
@@ -46,6 +47,7 @@ class HeldSignals : public kes::NoCopy {
   ~HeldSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
  private:
+  const kes::sys::NoCancel noCancel_;
   sigset_t before_;
 };
 
@@ -56,7 +58,7 @@ class CaptureFile : public kes::NoCopy {
     struct stat status {};
     if (fd_ && ::fstat(fd_.get(), &status) != 0) fd_.reset();  // nobody knows what it would take
     isFile_ = S_ISREG(status.st_mode);
-    isEmpty_ = status.st_size == 0;
+    end_ = status.st_size;
     // O_APPEND means nothing to a disk: a record would take the place of the header.
     const bool isDisk = S_ISBLK(status.st_mode) && (flags & O_APPEND) != 0;
     if (isDisk && ::lseek(fd_.get(), 0, SEEK_END) == -1) fd_.reset();
@@ -65,9 +67,7 @@ class CaptureFile : public kes::NoCopy {
   bool isOpen() const { return static_cast<bool>(fd_); }
 
   /// False for what is no file: its header went out when it was opened first.
-  bool isEmptyFile() const { return isFile_ && isEmpty_; }
-  /// Not of what is no file.
-  bool hasContent() const { return isFile_ && !isEmpty_; }
+  bool isEmptyFile() const { return isFile_ && end_ == 0; }
 
   void append(std::span<iovec> pieces) const {
     if (isFile_) {
@@ -122,8 +122,8 @@ class CaptureFile : public kes::NoCopy {
   }
 
   kes::sys::Descriptor fd_;
+  off_t end_ = 0;
   bool isFile_ = false;
-  bool isEmpty_ = false;
 };
 
 template <typename T>
@@ -157,7 +157,7 @@ bool isOrBecomesFile(const char* path) {
   return ::stat(path, &status) != 0 || S_ISREG(status.st_mode);
 }
 
-/// Makes what is missing. What has no content, or none any more, gets its header.
+/// Makes what is missing. What is emptied here, or is an empty file, gets its header.
 bool start(const CaptureType& entry, int flags) {
   std::optional<HeldSignals> untilItHasItsHeader;
   if (isOrBecomesFile(entry.path)) untilItHasItsHeader.emplace();
@@ -165,7 +165,7 @@ bool start(const CaptureType& entry, int flags) {
   if (!file.isOpen()) return false;
   const FileHeader header{.linkType = entry.linkType};
   iovec pieces[] = {piece(header)};
-  if (!file.hasContent()) file.append(pieces);
+  if ((flags & O_TRUNC) != 0 || file.isEmptyFile()) file.append(pieces);
   return true;
 }
 

@@ -9,6 +9,20 @@
 
 namespace kes {
 
+namespace {
+
+/// Never destroyed, since errors are read to the very end, and made without memory.
+const Backtrace& noFrames() noexcept {
+  alignas(Backtrace) static std::byte place[sizeof(Backtrace)];
+  static const Backtrace& none = *new (place) Backtrace;
+  return none;
+}
+
+// Made before there are threads: a child that is forked while another one makes it would wait for ever.
+[[maybe_unused]] const Backtrace& madeEarly = noFrames();
+
+}  // namespace
+
 bool Exception::m_gen_backtraces = false;
 
 void Exception::init() {
@@ -49,12 +63,7 @@ void Exception::setBacktrace(Backtrace&& backtrace) {
   backtrace_ = std::make_shared<const Backtrace>(std::move(backtrace));
 }
 
-const Backtrace& Exception::backtrace() const noexcept {
-  // Never destroyed, since errors are read to the very end, and made without memory.
-  alignas(Backtrace) static std::byte place[sizeof(Backtrace)];
-  static const Backtrace& none = *new (place) Backtrace;
-  return backtrace_ ? *backtrace_ : none;
-}
+const Backtrace& Exception::backtrace() const noexcept { return backtrace_ ? *backtrace_ : noFrames(); }
 
 const char* Exception::what() const noexcept { return explanation().c_str(); }
 

@@ -163,7 +163,7 @@ Path& Path::assignResolved() {
   } catch (const NotASymlinkError&) {
     return *this;
   }
-  strip(1).append(1, '/').append(target);
+  swap(Path(*this).strip(1).append(1, '/').append(target));
   return *this;
 }
 

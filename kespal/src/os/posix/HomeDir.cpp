@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kespal/proc/Env.h"
+#include "sys/NoCancel.h"
 
 namespace kes::os {
 
@@ -14,8 +15,15 @@ std::string databaseHome() {
   std::vector<char> buffer(1024);
   passwd entry{};
   passwd* found = nullptr;
-  while (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
-    buffer.resize(2 * buffer.size());
+  constexpr std::size_t most = std::size_t{1} << 20;  // no entry is so long: who asks for more never ends
+  const sys::NoCancel noCancel;                       // the C library would leave its files open
+  for (;;) {
+    const int errnum = ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
+    if (errnum == ERANGE && buffer.size() < most) {
+      buffer.resize(2 * buffer.size());
+    } else if (errnum != EINTR) {
+      break;
+    }
   }
   return found != nullptr && found->pw_dir != nullptr ? found->pw_dir : "";
 }

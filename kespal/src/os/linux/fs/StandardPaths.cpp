@@ -1,5 +1,6 @@
 #include "kespal/fs/StandardPaths.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "kespal/error/Exception.h"
-#include "kespal/fs/StreamFile.h"
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
+#include "sys/Owner.h"
+#include "sys/Retry.h"
 
 // The directories that the desktop convention names by XDG variables. A relative value counts as unset.
 
@@ -64,16 +65,14 @@ std::string userDirOfLine(std::string_view line, std::string_view name) {
 
 /// What cannot be read says nothing.
 std::string contentOf(const Path& path) {
+  const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   std::string content;
-  try {
-    StreamFile file;
-    file.open(path.c_str(), File::READ);
-    char buffer[4096];
-    while (const std::size_t count = file.read(buffer, sizeof buffer)) content.append(buffer, count);
-  } catch (const Exception&) {
-    content.clear();
+  char buffer[4096];
+  for (;;) {
+    const ssize_t count = sys::retry([&] { return ::read(file.get(), buffer, sizeof buffer); });
+    if (count <= 0) return count == 0 ? content : "";
+    content.append(buffer, static_cast<std::size_t>(count));
   }
-  return content;
 }
 
 /// The last usable line counts, as in the shell that the file is written for.

@@ -11,6 +11,7 @@
 #include "kespal/fs/Info.h"
 #include "os/posix/fs/At.h"
 #include "os/posix/fs/Errors.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 
 namespace kes::fs {
@@ -64,6 +65,7 @@ void Dir::open(const char* path) {
 
 void Dir::close() {
   if (stream_ == nullptr) return;
+  const sys::NoCancel noCancel;  // as in File::close()
   init();
   fd_ = -1;
   check(KES_HERE, ::closedir(std::exchange(stream_, nullptr)));

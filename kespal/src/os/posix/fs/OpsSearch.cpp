@@ -12,6 +12,7 @@
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
 #include "os/posix/fs/Executable.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 
 namespace kes::fs {
@@ -60,6 +61,7 @@ std::string Ops::which(const char* program, bool dirOnly) {
 }
 
 std::list<std::string> Ops::glob(const std::string& pattern) {
+  const sys::NoCancel noCancel;  // the C library would leave its files open
   glob_t matches{};
   const sys::GlobMatches freeing(&matches);
   const int result =

@@ -63,25 +63,34 @@ class Level {
   bool isOpen() const { return static_cast<bool>(dir_); }
   int fd() const { return ::dirfd(dir_.get()); }
 
-  void close() {
-    struct stat status {};
-    ::fstat(fd(), &status);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+  /// Stays open, where nobody could tell it from another one afterwards.
+  bool close() {
+    if (!identify(dir_, identity_)) return false;
     dir_.reset();
+    return true;
   }
 
-  /// Takes a stream in place of the one that was closed. False, and it is not taken, if it is of another
-  /// directory or none.
-  bool reopen(sys::DirStream dir) {
-    struct stat status;
-    const bool same = dir && ::fstat(::dirfd(dir.get()), &status) == 0 && status.st_dev == device_ &&
-                      status.st_ino == inode_;
-    if (same) dir_ = std::move(dir);
-    return same;
+  /// Takes a stream in place of the one that was closed. False, with errno, if that is of another directory.
+  bool reopen(sys::DirStream& dir) {
+    Identity found;
+    if (!identify(dir, found)) return false;
+    errno = ESTALE;
+    if (found != identity_) return false;
+    dir_ = std::move(dir);
+    return true;
   }
 
  private:
+  using Identity = std::pair<dev_t, ino_t>;
+
+  /// False, with errno, where the system cannot say.
+  static bool identify(const sys::DirStream& dir, Identity& identity) {
+    struct stat status;
+    if (::fstat(::dirfd(dir.get()), &status) != 0) return false;
+    identity = {status.st_dev, status.st_ino};
+    return true;
+  }
+
   /// Reads to the end before the first entry is removed: what a stream shows of removals is the system's
   /// secret.
   void readEntries() {
@@ -95,8 +104,7 @@ class Level {
   std::size_t pathLength_;
   std::string entries_;
   std::size_t next_ = 0;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  Identity identity_;  // of the closed directory
 };
 
 /// One walk through a tree. However deep the tree is, the walk needs little stack and few descriptors, and it
@@ -152,7 +160,8 @@ class TreeRemoval {
     levels_.pop_back();
     firstOpen_ = std::min(firstOpen_, levels_.size());
     if (levels_.empty() || levels_.back().isOpen() || !left.isOpen()) return;
-    if (levels_.back().reopen(at::tryOpen(left.fd(), ".."))) firstOpen_ = levels_.size() - 1;
+    sys::DirStream above = at::tryOpen(left.fd(), "..");
+    if (above && levels_.back().reopen(above)) firstOpen_ = levels_.size() - 1;
   }
 
   void removeEntry(Dir::EntryType type, const char* name) {
@@ -189,14 +198,17 @@ class TreeRemoval {
     for (;;) {
       const Level& level = levels_.back();
       sys::DirStream dir = level.isOpen() ? at::tryOpen(level.fd(), name) : openByPath(path_);
-      const bool lacking = !dir && (errno == EMFILE || errno == ENFILE);
-      if (!lacking || !closeFarthest()) return dir;
+      const int errnum = errno;
+      const bool lacking = !dir && (errnum == EMFILE || errnum == ENFILE);
+      if (lacking && closeFarthest()) continue;
+      errno = errnum;
+      return dir;
     }
   }
 
   bool closeFarthest() {
-    if (firstOpen_ == levels_.size()) return false;
-    levels_[firstOpen_++].close();
+    if (firstOpen_ == levels_.size() || !levels_[firstOpen_].close()) return false;
+    ++firstOpen_;
     return true;
   }
 
@@ -211,7 +223,7 @@ class TreeRemoval {
     sys::DirStream dir = openByPath(path);
     needOpen(dir, path);
     // Who has put another directory there meanwhile shall not lose what the names of this one are in it.
-    if (!level.reopen(std::move(dir))) fail(KES_HERE, ESTALE, path);
+    if (!level.reopen(dir)) fail(KES_HERE, errno, path);
     firstOpen_ = levels_.size() - 1;
   }
 
