@@ -141,6 +141,11 @@ TEST(EveryFailureOfStreams, ALockIsTakenAndGivenBack) {
          stage.act([&] { lock.unlock(); });
          expectHeld(!stage.succeeded());
          lock.unlock();
+         std::FILE* const stream = ::fdopen(::dup(file.fd()), "r");
+         std::optional<Lock> ofStream;
+         stage.act([&] { ofStream.emplace(stream); });
+         stage.check(stage.succeeded() && ofStream.has_value(), "a stream's lock");
+         std::fclose(stream);
          bool taken = false;
          stage.act([&] { taken = lock.tryReadLock(); });
          stage.check(taken == stage.succeeded() || stage.isRefused(Call::flock, EWOULDBLOCK), "read");
