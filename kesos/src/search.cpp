@@ -9,6 +9,7 @@
 #include "kesos/files.h"
 #include "kesos/strings.h"
 #include "paths.h"
+#include "sys/KeepErrno.h"
 
 using kes::kesos::failWith;
 using kes::kesos::pathSize;
@@ -66,9 +67,8 @@ int KesOsFindFirst(KesOsFind* find, const char* pattern, char* name, unsigned in
   find->dir = ::opendir(find->path[0] != '\0' ? find->path : "/");
   if (find->dir == nullptr) return 0;
   if (KesOsFindNext(find, name, type, modifyTime, size) != 0) return 1;
-  const int errnum = errno;
+  const kes::sys::KeepErrno whyNothing;
   KesOsFindClose(find);
-  errno = errnum;
   return 0;
 }
 

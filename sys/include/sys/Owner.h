@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "sys/KeepErrno.h"
 #include "sys/NoCancel.h"
 
 namespace kes::sys {
@@ -52,6 +53,7 @@ struct DescriptorTrait {
   static constexpr int none = -1;
   static void free(int fd) noexcept {
     const NoCancel untilClosed;
+    const KeepErrno whyClosed;
     ::close(fd);
   }
 };
@@ -63,6 +65,7 @@ struct DirStreamTrait {
   static constexpr ::DIR* none = nullptr;
   static void free(::DIR* dir) noexcept {
     const NoCancel untilClosed;
+    const KeepErrno whyClosed;
     ::closedir(dir);
   }
 };
