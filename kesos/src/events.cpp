@@ -9,11 +9,11 @@
 #include <cstdio>
 #include <new>
 
-#include "deadline.h"
 #include "kespal/os/thread/Native.h"
 #include "mutex_guard.h"
 #include "semaphores.h"
 #include "sync_handle.h"
+#include "waits.h"
 
 using namespace kes::kesos;
 
@@ -31,19 +31,16 @@ struct KesOsEvent {
 
 namespace {
 
-bool init(KesOsEvent& event, unsigned int key) {
-  event.kind = key != 0 ? Kind::keyed : Kind::local;
-  if (key != 0) return KesOsCreate(&event.semid, static_cast<key_t>(key), 0, 'E') != 0;
+bool initLocal(KesOsEvent& event) {
   if (::pthread_mutex_init(&event.mutex, nullptr) != 0) return false;
   if (::pthread_cond_init(&event.condition, nullptr) == 0) return true;
   ::pthread_mutex_destroy(&event.mutex);
   return false;
 }
 
-int closeLocal(KesOsEvent& event) {
+bool destroyLocal(KesOsEvent& event) {
   const bool condition = destroyWhenFree([&event] { return ::pthread_cond_destroy(&event.condition); });
-  const bool mutex = destroyWhenFree(event.mutex);
-  return condition && mutex ? 1 : 0;
+  return destroyWhenFree(event.mutex) && condition;
 }
 
 void setLocal(KesOsEvent& event) {
@@ -94,23 +91,11 @@ void reportFailedSet(const KesOsEvent* event, int errnum) {
 
 }  // namespace
 
-int KesOsEventCreate(KesOsEvent** out, unsigned int key) {
-  return makeHandle(out, [key](KesOsEvent& event) { return init(event, key); });
-}
+int KesOsEventCreate(KesOsEvent** out, unsigned int key) { return createHandle(out, key, 0, 'E', initLocal); }
 
-int KesOsEventOpen(KesOsEvent** out, unsigned int key) {
-  return makeHandle(out, [key](KesOsEvent& event) {
-    event.kind = Kind::keyed;
-    return KesOsOpen(&event.semid, static_cast<key_t>(key), 'E') != 0;
-  });
-}
+int KesOsEventOpen(KesOsEvent** out, unsigned int key) { return openHandle(out, key, 'E'); }
 
-int KesOsEventClose(KesOsEvent* event) {
-  if (!isHandle(event)) return 0;
-  const int result = event->kind == Kind::keyed ? closeKeyed(*event) : closeLocal(*event);
-  delete event;
-  return result;
-}
+int KesOsEventClose(KesOsEvent* event) { return closeHandle(event, destroyLocal); }
 
 int KesOsEventSet(KesOsEvent* event) {
   if (!isHandle(event)) return 0;

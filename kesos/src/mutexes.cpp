@@ -22,22 +22,14 @@ struct KesOsMutex {
 
 namespace {
 
-bool initRecursive(pthread_mutex_t& mutex) {
+bool initLocal(KesOsMutex& mutex) {
   pthread_mutexattr_t attributes;
   if (::pthread_mutexattr_init(&attributes) != 0) return false;
   const bool made = ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0 &&
-                    ::pthread_mutex_init(&mutex, &attributes) == 0;
+                    ::pthread_mutex_init(&mutex.mutex, &attributes) == 0;
   ::pthread_mutexattr_destroy(&attributes);
   return made;
 }
-
-bool init(KesOsMutex& mutex, unsigned int key) {
-  mutex.kind = key != 0 ? Kind::keyed : Kind::local;
-  if (key == 0) return initRecursive(mutex.mutex);
-  return KesOsCreate(&mutex.semid, static_cast<key_t>(key), 1, 'M') != 0;
-}
-
-int closeLocal(KesOsMutex& mutex) { return destroyWhenFree(mutex.mutex) ? 1 : 0; }
 
 [[noreturn]] void refuseTimeout() {
   std::fputs("KesOsMutexWait - invalid timeout, only infinite supported for local pthread based mutexes.\n",
@@ -47,22 +39,12 @@ int closeLocal(KesOsMutex& mutex) { return destroyWhenFree(mutex.mutex) ? 1 : 0;
 
 }  // namespace
 
-int KesOsMutexCreate(KesOsMutex** out, unsigned int key) {
-  return makeHandle(out, [key](KesOsMutex& mutex) { return init(mutex, key); });
-}
+int KesOsMutexCreate(KesOsMutex** out, unsigned int key) { return createHandle(out, key, 1, 'M', initLocal); }
 
-int KesOsMutexOpen(KesOsMutex** out, unsigned int key) {
-  return makeHandle(out, [key](KesOsMutex& mutex) {
-    mutex.kind = Kind::keyed;
-    return KesOsOpen(&mutex.semid, static_cast<key_t>(key), 'M') != 0;
-  });
-}
+int KesOsMutexOpen(KesOsMutex** out, unsigned int key) { return openHandle(out, key, 'M'); }
 
 int KesOsMutexClose(KesOsMutex* mutex) {
-  if (!isHandle(mutex)) return 0;
-  const int result = mutex->kind == Kind::keyed ? closeKeyed(*mutex) : closeLocal(*mutex);
-  delete mutex;
-  return result;
+  return closeHandle(mutex, [](KesOsMutex& local) { return destroyWhenFree(local.mutex); });
 }
 
 int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state) {

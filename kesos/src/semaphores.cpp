@@ -15,9 +15,9 @@
 #include "kespal/os/thread/Native.h"
 #include "mutex_guard.h"
 #include "paths.h"
-#include "shutdown.h"
-#include "sys/AtEnd.h"
+#include "sys/KeepErrno.h"
 #include "usage_table.h"
+#include "waits.h"
 
 namespace {
 
@@ -50,7 +50,6 @@ Outcome lookAgain(int semid) {
   if (KesOsSemaphoreVal(semid) >= 0 || !kes::kesos::isGone(errno)) return Outcome::counted;
   kes::kesos::dropReference(semid);
   kes::kesos::dropHandle();
-  kes::kesos::leaveUsage();
   errno = EIDRM;
   return Outcome::gone;
 }
@@ -72,10 +71,8 @@ Outcome createAndCount(int& semid, key_t key, int initialValue) {
   semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
   if (semid < 0) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
   const Outcome outcome = prepareAndCount(semid, keyed, initialValue);
-  if (outcome == Outcome::counted) return outcome;
-  const int errnum = errno;
-  removeSemaphore(semid);
-  errno = errnum;
+  const kes::sys::KeepErrno whyNotCounted;
+  if (outcome != Outcome::counted) removeSemaphore(semid);
   return outcome;
 }
 
@@ -87,15 +84,9 @@ Outcome createAgain(int& semid, key_t key, int initialValue) {
   for (int tries = 1; outcome == Outcome::gone && tries < kes::kesos::mostTries; ++tries) {
     outcome = createAndCount(semid, key, initialValue);
   }
-  const int errnum = errno;
+  const kes::sys::KeepErrno whyNotCounted;
   if (held) kes::kesos::leaveUsage();
-  errno = errnum;
   return outcome;
-}
-
-Outcome createWhateverIsRemoved(int& semid, key_t key, int initialValue) {
-  const Outcome outcome = createAndCount(semid, key, initialValue);
-  return outcome == Outcome::gone ? createAgain(semid, key, initialValue) : outcome;
 }
 
 /// Holds the table's mutex from the look for a semaphore until it is counted: no other thread of this process
@@ -106,9 +97,8 @@ Outcome undisturbed(Step step) {
   return step();
 }
 
-/// Leaves errno as it is: it says why.
 void reportMissingTable(int semid, char tag) {
-  const kes::sys::AtEnd restoring([errnum = errno] { errno = errnum; });
+  const kes::sys::KeepErrno whyMissing;
   std::uint64_t thread = 0;
   kes::os::nativeThreadId(thread);
   std::fprintf(stderr, "FATAL KesOsOpen%c(%d): pstLog is not created (pid=%d tid=%llu)\n", tag, semid,
@@ -139,7 +129,10 @@ bool lower(int semid, bool wait) {
 }  // namespace
 
 int KesOsCreate(int* semid, key_t key, int initialValue, char tag) {
-  const Outcome outcome = undisturbed([=] { return createWhateverIsRemoved(*semid, key, initialValue); });
+  const Outcome outcome = undisturbed([=] {
+    const Outcome first = createAndCount(*semid, key, initialValue);
+    return first == Outcome::gone ? createAgain(*semid, key, initialValue) : first;
+  });
   return resultOf(outcome, *semid, tag);
 }
 
@@ -155,7 +148,6 @@ int KesOsClose(int semid) {
   const Use use = kes::kesos::dropReference(semid);
   if (use != Use::shared && !removeSemaphore(semid) && use == Use::untracked) return 0;
   kes::kesos::dropHandle();
-  kes::kesos::leaveUsage();
   return 1;
 }
 

@@ -34,10 +34,35 @@ int makeHandle(Handle** out, Init init) {
   return 1;
 }
 
-/// Gives a keyed object's semaphore back. One that came with a fork is the parent's to give back.
+/// The same for a new object: with key 0 a local one, which `initLocal` makes, else one of the key.
+template <typename Handle, typename Init>
+int createHandle(Handle** out, unsigned int key, int initialValue, char tag, Init initLocal) {
+  return makeHandle(out, [=](Handle& handle) {
+    handle.kind = key != 0 ? Kind::keyed : Kind::local;
+    if (key == 0) return initLocal(handle);
+    return KesOsCreate(&handle.semid, static_cast<key_t>(key), initialValue, tag) != 0;
+  });
+}
+
+/// The same for what has the key already.
 template <typename Handle>
-int closeKeyed(const Handle& handle) {
-  return handle.forks == forkCount() ? KesOsClose(handle.semid) : 1;
+int openHandle(Handle** out, unsigned int key, char tag) {
+  return makeHandle(out, [=](Handle& handle) {
+    handle.kind = Kind::keyed;
+    return KesOsOpen(&handle.semid, static_cast<key_t>(key), tag) != 0;
+  });
+}
+
+/// Gives the object back and frees the handle. A semaphore that came with a fork is the parent's to give
+/// back.
+template <typename Handle, typename Destroy>
+int closeHandle(Handle* handle, Destroy destroyLocal) {
+  if (!isHandle(handle)) return 0;
+  const bool closed = handle->kind == Kind::local
+                          ? destroyLocal(*handle)
+                          : handle->forks != forkCount() || KesOsClose(handle->semid) != 0;
+  delete handle;
+  return closed ? 1 : 0;
 }
 
 /// Repeats the destruction of a POSIX object for as long as it is in use.

@@ -8,8 +8,8 @@
 #include <span>
 #include <utility>
 
-#include "inheritance.h"
 #include "paths.h"
+#include "segments.h"
 
 kes::kesos::SemCounter* sem_counter = nullptr;
 kes::kesos::UsageTable* kesos_shm = nullptr;
@@ -161,10 +161,6 @@ Use dropReference(int semid) {
   return Use::last;
 }
 
-void dropHandle() {
-  if (kesos_shm != nullptr) subtractOne(kesos_shm->handles);
-}
-
 void leaveUsage() {
   if (sem_counter == nullptr || --sem_counter->references > 0) return;
   if (kesos_shm != nullptr) {
@@ -173,6 +169,11 @@ void leaveUsage() {
     KesOsMmfClose(&sem_counter->memory);
   }
   delete std::exchange(sem_counter, nullptr);
+}
+
+void dropHandle() {
+  if (kesos_shm != nullptr) subtractOne(kesos_shm->handles);
+  leaveUsage();
 }
 
 }  // namespace kes::kesos

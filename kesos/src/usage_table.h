@@ -68,10 +68,10 @@ enum class Use { untracked, shared, last };
 /// Takes back a reference to the semaphore. Its slot is free when that was the last one.
 Use dropReference(int semid);
 
-/// Takes back a handle.
-void dropHandle();
-
 /// Takes back this process's reference to the table, which is detached after the last one.
 void leaveUsage();
+
+/// Takes back a handle, and with it such a reference.
+void dropHandle();
 
 }  // namespace kes::kesos

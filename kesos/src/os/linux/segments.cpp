@@ -1,4 +1,4 @@
-#include "inheritance.h"
+#include "segments.h"
 
 #include <sys/mman.h>
 
@@ -7,5 +7,7 @@ namespace kes::os {
 bool keepFromChildren(void* address, std::size_t size) noexcept {
   return ::madvise(address, size, MADV_DONTFORK) == 0;  // rounds the size up to whole pages
 }
+
+bool isRemoved(const shmid_ds& state) noexcept { return (state.shm_perm.mode & SHM_DEST) != 0; }
 
 }  // namespace kes::os
