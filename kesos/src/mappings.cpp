@@ -15,6 +15,9 @@
 
 #include "ipc.h"
 #include "paths.h"
+#include "segments.h"
+#include "sys/KeepErrno.h"
+#include "sys/Owner.h"
 
 namespace {
 
@@ -28,12 +31,6 @@ int failed(KesOsMmf& mapping) {
 
 // --- files
 
-int failedFile(KesOsMmf& mapping) {
-  failed(mapping);
-  ::close(std::exchange(mapping.fd, -1));
-  return 0;
-}
-
 /// Appends zero bytes. They are written and not left as a hole: a full disk shows here, and not as a signal
 /// when the memory is touched.
 bool grow(int fd, off_t length, off_t wanted) {
@@ -44,37 +41,36 @@ bool grow(int fd, off_t length, off_t wanted) {
     const ssize_t written = ::write(fd, zeros.data(), count);
     if (written > 0) length += written;
     if (written < 0 && errno != EINTR) {
-      const int errnum = errno;
+      const kes::sys::KeepErrno whyNotWritten;
       static_cast<void>(::ftruncate(fd, before));  // as it was, as far as that is possible
-      errno = errnum;
       return false;
     }
   }
   return true;
 }
 
-/// Opens the file and gives it at least `size` bytes; the length it has then, or -1.
-off_t openFile(KesOsMmf& mapping, unsigned int size, const char* name) {
-  const bool missing = ::access(name, F_OK) != 0;
-  mapping.fd = ::open(name, O_RDWR | O_APPEND | O_CLOEXEC | (missing ? O_CREAT : 0), 0600);
-  if (mapping.fd < 0) return -1;
-  mapping.created = missing ? 1 : 0;
+/// Gives the file at least `size` bytes; the length it has then, or -1.
+off_t fit(int fd, unsigned int size) {
   struct stat state {};
-  if (::fstat(mapping.fd, &state) != 0) return -1;
+  if (::fstat(fd, &state) != 0) return -1;
   if (std::cmp_greater(state.st_size, std::numeric_limits<unsigned int>::max())) {
     errno = EOVERFLOW;  // the record's length has 32 bits
     return -1;
   }
-  if (!grow(mapping.fd, state.st_size, size)) return -1;
-  return std::max<off_t>(state.st_size, size);
+  return grow(fd, state.st_size, size) ? std::max<off_t>(state.st_size, size) : -1;
 }
 
 int mapFile(KesOsMmf& mapping, unsigned int size, const char* name) {
-  const off_t length = openFile(mapping, size, name);
-  if (length < 0) return mapping.fd < 0 ? failed(mapping) : failedFile(mapping);
+  const bool missing = ::access(name, F_OK) != 0;
+  kes::sys::Descriptor file(::open(name, O_RDWR | O_APPEND | O_CLOEXEC | (missing ? O_CREAT : 0), 0600));
+  if (!file) return failed(mapping);
+  mapping.created = missing ? 1 : 0;
+  const off_t length = fit(file.get(), size);
+  if (length < 0) return failed(mapping);
   void* address =
-      ::mmap(nullptr, static_cast<std::size_t>(length), PROT_READ | PROT_WRITE, MAP_SHARED, mapping.fd, 0);
-  if (address == MAP_FAILED) return failedFile(mapping);
+      ::mmap(nullptr, static_cast<std::size_t>(length), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  if (address == MAP_FAILED) return failed(mapping);
+  mapping.fd = file.release();
   mapping.address = address;
   mapping.size = static_cast<unsigned int>(length);
   return 1;
@@ -103,9 +99,11 @@ bool attach(KesOsMmf& mapping) {
   return true;
 }
 
+/// Notes the size of the segment. One that was removed before it was attached is nobody else's any more.
 bool measure(KesOsMmf& mapping) {
   shmid_ds state{};
   if (::shmctl(mapping.shmid, IPC_STAT, &state) != 0) return false;
+  if (kes::os::isRemoved(state)) return kes::kesos::failWith(EIDRM) != 0;
   mapping.size = static_cast<unsigned int>(state.shm_segsz);
   return true;
 }

@@ -9,6 +9,7 @@
 #include "kesos/IpcFaults.h"
 #include "kesos/mappings.h"
 #include "kesos/mutexes.h"
+#include "support/ForkedChild.h"
 
 // Creates that meet the removal of what has their key.
 namespace {
@@ -131,6 +132,40 @@ TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
     EXPECT_EQ(mapping.error, 0) << errnum;
     EXPECT_EQ(KesOsMmfClose(&mapping), 1);
   }
+}
+
+TEST_F(RemovalTest, ASegmentThatIsRemovedJustBeforeItIsAttachedIsCreatedAnewForAll) {
+  const auto key = static_cast<key_t>(freshKey());
+  KesOsMmf first, mapping;
+  ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
+  // It is still there for the first, and for whom the system lets in.
+  beforeNext(IpcCall::shmat, [id = first.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
+  EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1);
+  EXPECT_NE(mapping.shmid, first.shmid);
+  EXPECT_EQ(mapping.shmid, ::shmget(key, 0, 0)) << "where the next one finds it";
+  EXPECT_EQ(mapping.created, 1);
+  beforeNext(IpcCall::shmat, [id = mapping.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
+  KesOsMmf third;
+  EXPECT_EQ(KesOsMmfOpen(&third, 0, key), 0);
+  EXPECT_EQ(third.error, EIDRM);
+  EXPECT_EQ(third.address, nullptr);
+  EXPECT_EQ(KesOsMmfClose(&mapping), 1);
+  EXPECT_EQ(KesOsMmfClose(&first), 1);
+}
+
+TEST_F(RemovalTest, TheUsageTableThatItsLastUserRemovesIsNotJoined) {
+  const unsigned int key = freshKey(), other = freshKey();
+  KesOsMutex* last = mutexOf(other);
+  const int table = ::shmget(32777, 0, 0);
+  const ChildResult result = inChild([key, table] {
+    beforeNext(IpcCall::shmat, [table] { ::shmctl(table, IPC_RMID, nullptr); });
+    KesOsMutex* mutex = nullptr;
+    if (KesOsMutexCreate(&mutex, key) != 1) return 1;
+    if (::shmget(32777, 0, 0) == table || slotCount(semaphoreOf(key)) != 1) return 2;
+    return KesOsMutexClose(mutex) == 1 ? 0 : 3;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(KesOsMutexClose(last), 1);
 }
 
 TEST_F(RemovalTest, WhatFailsAfterTheAttachingDoesNotHideWhyThatFailed) {

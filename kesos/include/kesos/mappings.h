@@ -23,7 +23,8 @@ typedef struct KesOsMmf {
 /** Creates or opens a mapping of at least `size` bytes. With a file name, the file is created (mode 0600)
  * when it is missing, grown with zero bytes when it is shorter, and mapped whole. Without (null or empty),
  * a segment with this key and size is created, or the existing one attached as it is: `error` is then
- * EEXIST. One that another process removes at the moment is created anew. 1, or 0 with the reason in
+ * EEXIST. One that another process removes at the moment is created anew, as far as that can be seen: not
+ * when it goes after it was attached, nor when that happens a hundred times over. 1, or 0 with the reason in
  * `error`. */
 int KesOsMmfCreate(KesOsMmf* mapping, unsigned int size, const char* fileName, key_t key);
 
