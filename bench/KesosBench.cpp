@@ -8,6 +8,7 @@
 //   copyFile        at most 1.05 x rawCopy
 //   search          at most 1.1 x rawSearch
 //   deleteTree      at most 1.0 x removeTree, which is rm -rf without the start of a program
+//   deleteDirectories  the same of directories without files, which are all looked at before one goes
 //   strings         at most 1.1 x the memcpy and strnlen they stand on
 #include <benchmark/benchmark.h>
 #include <dirent.h>
@@ -324,6 +325,17 @@ void search(benchmark::State& state) {
 }
 BENCHMARK(search)->Unit(benchmark::kMillisecond);
 
+std::string makeDirectories(const Directory& dir) {
+  std::string top = dir / "tree";
+  ::mkdir(top.c_str(), 0700);
+  for (int outer = 0; outer < 30; ++outer) {
+    const std::string below = top + "/directory" + std::to_string(outer);
+    ::mkdir(below.c_str(), 0700);
+    for (int inner = 0; inner < 30; ++inner) ::mkdir((below + '/' + std::to_string(inner)).c_str(), 0700);
+  }
+  return top;
+}
+
 std::string makeTree(const Directory& dir) {
   std::string top = dir / "tree";
   ::mkdir(top.c_str(), 0700);
@@ -350,24 +362,28 @@ void removeWithFts(const std::string& top) {
 }
 
 template <typename Remove>
-void removeTrees(benchmark::State& state, Remove remove) {
+void removeTrees(benchmark::State& state, std::string (*make)(const Directory&), Remove remove) {
   const Directory dir;
   for (auto _ : state) {
     state.PauseTiming();
-    const std::string top = makeTree(dir);
+    const std::string top = make(dir);
     state.ResumeTiming();
     remove(top);
     require(KesOsFileExists(top.c_str()) == 0);
   }
 }
 
-void removeTree(benchmark::State& state) { removeTrees(state, removeWithFts); }
-BENCHMARK(removeTree)->Unit(benchmark::kMillisecond);
+void deleteWithKesOs(const std::string& top) { require(KesOsDeleteDirTree(top.c_str()) == 1); }
 
-void deleteTree(benchmark::State& state) {
-  removeTrees(state, [](const std::string& top) { require(KesOsDeleteDirTree(top.c_str()) == 1); });
-}
+void removeTree(benchmark::State& state) { removeTrees(state, makeTree, removeWithFts); }
+BENCHMARK(removeTree)->Unit(benchmark::kMillisecond);
+void deleteTree(benchmark::State& state) { removeTrees(state, makeTree, deleteWithKesOs); }
 BENCHMARK(deleteTree)->Unit(benchmark::kMillisecond);
+
+void removeDirectories(benchmark::State& state) { removeTrees(state, makeDirectories, removeWithFts); }
+BENCHMARK(removeDirectories)->Unit(benchmark::kMillisecond);
+void deleteDirectories(benchmark::State& state) { removeTrees(state, makeDirectories, deleteWithKesOs); }
+BENCHMARK(deleteDirectories)->Unit(benchmark::kMillisecond);
 
 // --- strings
 

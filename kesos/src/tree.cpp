@@ -75,12 +75,13 @@ bool TreeDeletion::walk() {
   return true;
 }
 
-/// Goes down, on the second walk with the files of the directory removed. One that cannot be opened, or was
-/// entered by another way, has nothing in it.
+/// Goes down, on the second walk with the files of the directory removed. One that is empty by then, cannot be
+/// opened, or was entered by another way, has nothing in it.
 bool TreeDeletion::enter(const std::string& below) {
   way_.push_back({path_.size(), {}});
   path_ += below;
   if (!fits(sizeof "*.*" - 1)) return false;  // the search for everything
+  if (removing_ && way_.size() > 1 && ::rmdir(path_.c_str()) == 0) return true;
   const DirStream dir(::opendir(path_.c_str()));
   struct stat state {};
   if (!dir || ::fstat(::dirfd(dir.get()), &state) != 0) return true;
