@@ -4,8 +4,8 @@
 #include <cstddef>
 
 /// The inner loops of hex(), from_hex() and the dump, twice: in portable C++, and with the best instructions
-/// of the processor that is built for. Both give the same results, and where nothing better is known here,
-/// they are one.
+/// of the processor that is built for. Both give the same results; where nothing better is known here, the
+/// second forwards to the first.
 namespace kes::hexloops {
 
 /// What a character of a hexadecimal text is: the value of a digit of either case, or one of these.
@@ -48,7 +48,6 @@ void decodeSeparated(Decoding& decoding) noexcept;
 
 }  // namespace plain
 
-#ifdef __SSE2__
 namespace best {
 
 void encode(const unsigned char* bytes, std::size_t size, bool upper, char* to) noexcept;
@@ -57,8 +56,4 @@ void encodeSeparated(const unsigned char* bytes, std::size_t size, char separato
 void decode(Decoding& decoding) noexcept;
 
 }  // namespace best
-#else
-namespace best = plain;
-#endif
-
 }  // namespace kes::hexloops

@@ -1,10 +1,9 @@
-// Every x86-64 processor has these instructions, and no other one.
-#include "HexLoops.h"
-
-#ifdef __SSE2__
+// Every x86-64 processor has these instructions.
 #include <emmintrin.h>
 
 #include <cstring>
+
+#include "HexLoops.h"
 
 namespace kes::hexloops::best {
 
@@ -128,4 +127,3 @@ void decode(Decoding& decoding) noexcept {
 }
 
 }  // namespace kes::hexloops::best
-#endif

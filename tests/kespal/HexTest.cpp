@@ -160,21 +160,54 @@ TEST(FromHexTest, RandomlyDamagedTextsAgreeWithThePlainModel) {
   }
 }
 
+/// What a loop wrote between two guards, and how far it came.
+template <typename Char>
+class Room {
+ public:
+  explicit Room(std::size_t size) : all_(size + 2 * guard, '?') {}
+
+  Char* begin() { return all_.data() + guard; }
+  /// With the guards, so that a write beyond the room shows as well.
+  const std::basic_string<Char>& all() const { return all_; }
+
+ private:
+  static constexpr std::size_t guard = 32;
+  std::basic_string<Char> all_;
+};
+
+void expectSameWriting(const Bytes& bytes, std::size_t from) {
+  const unsigned char* first = bytes.data() + from;
+  const std::size_t size = bytes.size() - from;
+  for (bool upper : {false, true}) {
+    Room<char> plain(2 * size), best(2 * size);
+    hexloops::plain::encode(first, size, upper, plain.begin());
+    hexloops::best::encode(first, size, upper, best.begin());
+    ASSERT_EQ(best.all(), plain.all()) << size;
+    for (char separator : {':', '\xff'}) {
+      Room<char> plainApart(3 * size), bestApart(3 * size);
+      hexloops::plain::encodeSeparated(first, size, separator, upper, plainApart.begin());
+      hexloops::best::encodeSeparated(first, size, separator, upper, bestApart.begin());
+      ASSERT_EQ(bestApart.all(), plainApart.all()) << size;
+    }
+  }
+}
+
+void expectSameReading(const std::string& text) {
+  Room<unsigned char> plainBytes(text.size() / 2), bestBytes(text.size() / 2);
+  hexloops::Decoding plain{text.data(), text.data() + text.size(), plainBytes.begin()}, best = plain;
+  best.bytes = bestBytes.begin();
+  hexloops::plain::decode(plain);
+  hexloops::best::decode(best);
+  ASSERT_EQ(best.text - text.data(), plain.text - text.data()) << text;
+  ASSERT_EQ(best.bytes - bestBytes.begin(), plain.bytes - plainBytes.begin()) << text;
+  ASSERT_EQ(bestBytes.all(), plainBytes.all()) << text;
+}
+
 TEST(HexLoopsTest, TheBestLoopsWriteWhatThePlainOnesWrite) {
   std::mt19937 random(4);
-  for (std::size_t size = 0; size < 200; ++size) {
-    const Bytes bytes = randomBytes(random, size);
-    for (bool upper : {false, true}) {
-      std::string plain(2 * size, '?'), best(2 * size, '?');
-      hexloops::plain::encode(bytes.data(), size, upper, plain.data());
-      hexloops::best::encode(bytes.data(), size, upper, best.data());
-      ASSERT_EQ(best, plain) << size;
-
-      plain.assign(3 * size, '?');
-      best = plain;
-      hexloops::plain::encodeSeparated(bytes.data(), size, ':', upper, plain.data());
-      hexloops::best::encodeSeparated(bytes.data(), size, ':', upper, best.data());
-      ASSERT_EQ(best, plain) << size;
+  for (std::size_t size = 0; size <= 200; ++size) {
+    for (std::size_t from = 0; from <= std::min<std::size_t>(size, 16); ++from) {
+      ASSERT_NO_FATAL_FAILURE(expectSameWriting(randomBytes(random, size), from));
     }
   }
 }
@@ -185,14 +218,28 @@ TEST(HexLoopsTest, TheBestLoopsReadAsFarAsThePlainOnes) {
     const Bytes bytes = randomBytes(random, random() % 60);
     std::string text = hex(bytes.data(), bytes.size(), 0, random() % 2 != 0);
     if (!text.empty() && random() % 2 != 0) text[random() % text.size()] = static_cast<char>(random());
-    Bytes plainBytes(text.size() / 2, 0), bestBytes(text.size() / 2, 0);
-    hexloops::Decoding plain{text.data(), text.data() + text.size(), plainBytes.data()}, best = plain;
-    best.bytes = bestBytes.data();
-    hexloops::plain::decode(plain);
-    hexloops::best::decode(best);
-    ASSERT_EQ(best.text - text.data(), plain.text - text.data()) << text;
-    ASSERT_EQ(best.bytes - bestBytes.data(), plain.bytes - plainBytes.data()) << text;
-    ASSERT_EQ(bestBytes, plainBytes) << text;
+    ASSERT_NO_FATAL_FAILURE(expectSameReading(text));
+  }
+}
+
+TEST(HexLoopsTest, TheBestLoopsStopWhereverAndWhateverABadDigitIs) {
+  std::mt19937 random(6);
+  const Bytes bytes = randomBytes(random, 100);
+  for (std::size_t size = 0; size <= 200; ++size) {
+    const std::string good = hex(bytes.data(), bytes.size(), 0, size % 2 != 0).substr(0, size);
+    ASSERT_NO_FATAL_FAILURE(expectSameReading(good));
+    for (std::size_t at = 0; at < size; ++at) {
+      std::string text = good;
+      text[at] = "g/@`:G \xb1"[random() % 8];
+      ASSERT_NO_FATAL_FAILURE(expectSameReading(text));
+    }
+  }
+  for (unsigned character = 0; character < 256; ++character) {
+    for (std::size_t at = 0; at < 64; ++at) {
+      std::string text = hex(bytes.data(), 32, 0, character % 2 != 0);
+      text[at] = static_cast<char>(character);
+      ASSERT_NO_FATAL_FAILURE(expectSameReading(text));
+    }
   }
 }
 
