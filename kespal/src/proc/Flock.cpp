@@ -186,7 +186,7 @@ bool Flock::wait(pid_t pid, int& status, const time::Milliseconds* timeout, std:
 
 void Flock::collect() {
   const sys::AtEnd finishing([this] { finish(); });
-  while (awaitWork()) reapOne();
+  while (awaitWork()) reapSome();
   releaseChildren();
 }
 
@@ -207,7 +207,7 @@ bool Flock::awaitWork() {
   return false;
 }
 
-void Flock::reapOne() {
+void Flock::reapSome() {
   // Only looks: a child that is reaped without the lock would leave its number to the next one before its
   // own status is filed.
   siginfo_t ended{};
@@ -231,21 +231,31 @@ void Flock::waitFailed(int errnum) {
 
 // The analysis of locks does not follow a guard that is handed on, or may be none.
 
-void Flock::reap(pid_t pid) KES_UNCHECKED {
+/// Children often end close together: whoever else has ended by now is taken along, without another look and
+/// another locking. Only so many, as meanwhile nobody can start a child.
+void Flock::reap(pid_t first) KES_UNCHECKED {
   Guard guard(cond_);
   int status = 0;
-  if (::waitpid(pid, &status, WNOHANG) != pid) return;  // somebody else was faster
-  const std::uint64_t number = records_.end(pid, status);
-  if (number == 0) {
+  pid_t pid = ::waitpid(first, &status, WNOHANG);  // somebody else may have been faster
+  for (int others = 15; pid > 0 && file(pid, status, guard) && records_.anyRuns() && others > 0; --others) {
+    pid = ::waitpid(-1, &status, WNOHANG);
+  }
+}
+
+/// False when that took the lock away.
+bool Flock::file(pid_t pid, int status, Guard& guard) KES_UNCHECKED {
+  const Records::End end = records_.end(pid, status);
+  if (end.number == 0) {
     guard.unlock();
     report({thread_.name(), ": Got info for not registered child: ", Decimal(static_cast<std::uint64_t>(pid)),
             "\n"});
-    return;
+    return false;
   }
+  if (!end.isToBeTold) return true;
   checkCB(pid, guard);
-  if (!guard.dismissed()) return records_.wake(pid, number);
   const Guard again(cond_);
-  records_.wake(pid, number);
+  records_.wake(pid, end.number);
+  return false;
 }
 
 void Flock::checkCB(pid_t pid, Guard& guard) KES_UNCHECKED {

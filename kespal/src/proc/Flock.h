@@ -85,9 +85,10 @@ class Flock : NoCopy {
   Sentinel makeSentinel() KES_REQUIRES(cond_);
   void reapSentinel(const Sentinel& sentinel);
   bool awaitWork();
-  void reapOne();
+  void reapSome();
   void waitFailed(int errnum);
-  void reap(pid_t pid) KES_EXCLUDES(cond_);
+  void reap(pid_t first) KES_EXCLUDES(cond_);
+  bool file(pid_t pid, int status, Guard& guard);
   void releaseChildren();
   void notify(Child& child, void (Child::*tell)(), Guard& guard);
   void finish();

@@ -48,18 +48,19 @@ bool Records::runs(pid_t pid, std::uint64_t number) {
   return record != records_.end() && record->first.second != latest && !record->second.ended;
 }
 
-std::uint64_t Records::end(pid_t pid, int status) {
+Records::End Records::end(pid_t pid, int status) {
   const auto found = find(pid, latest);
-  if (found == records_.end() || found->first.second == latest || found->second.ended) return 0;
-  const std::uint64_t number = found->first.second;
+  if (found == records_.end() || found->first.second == latest || found->second.ended) return {};
+  const End end{found->first.second, found->second.child != nullptr};
   if (found->second.abandoned) {
     erase(found);
-  } else {
-    found->second.status = status;
-    found->second.ended = true;
-    --running_;
+    return end;
   }
-  return number;
+  found->second.status = status;
+  found->second.ended = true;
+  --running_;
+  if (!end.isToBeTold) wake(found->second);
+  return end;
 }
 
 bool Records::fetch(pid_t pid, std::uint64_t number, int& status) {

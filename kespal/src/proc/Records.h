@@ -42,8 +42,14 @@ class Records : NoCopy {
   /// Whether this child has not been reaped yet.
   bool runs(pid_t pid, std::uint64_t number);
 
-  /// Files the status of a child that was reaped. Gives its number; 0 when nobody registered it.
-  std::uint64_t end(pid_t pid, int status);
+  /// What became of a status.
+  struct End {
+    std::uint64_t number = 0;  ///< of the child; 0 when nobody registered it
+    bool isToBeTold = false;   ///< first of all; whoever waits is to be woken after that
+  };
+  /// Files the status of a child that was reaped. Wakes those who wait for it, unless somebody is to be told
+  /// before.
+  End end(pid_t pid, int status);
   /// Hands out the status of a child that has ended, and forgets it. False when there is none.
   bool fetch(pid_t pid, std::uint64_t number, int& status);
   /// Nobody will ask for the status, or wants to be told.

@@ -144,6 +144,47 @@ TEST(ShepherdTest, AChildThatNobodyRegisteredIsReapedAndReported) {
   EXPECT_EQ(result.err, "process collector: Got info for not registered child: " + result.out + "\n");
 }
 
+/// Forks a child that ends at once, and waits until it has. Nobody has collected it.
+pid_t endedChild(int code) {
+  const pid_t pid = ::fork();
+  if (pid == 0) ::_exit(code);
+  siginfo_t info;
+  ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+  return pid;
+}
+
+TEST(ShepherdTest, ChildrenThatEndedTogetherAreCollectedAfterOneLook) {
+  Collecting collecting;
+  std::vector<pid_t> pids;
+  {
+    const Shepherd::Guard guard(collecting.shepherd.condition());
+    for (int code = 0; code < 10; ++code) pids.push_back(endedChild(code));
+    for (const pid_t pid : pids) collecting.shepherd.addNoLock(pid, nullptr);
+    test::looks = 0;
+  }
+  for (int code = 0; code < 10; ++code) {
+    int status = 0;
+    EXPECT_TRUE(collecting.shepherd.wait(pids[static_cast<std::size_t>(code)], status));
+    EXPECT_EQ(status, code << 8);
+  }
+  EXPECT_EQ(test::looks, 1);
+}
+
+TEST(ShepherdTest, NoOthersChildIsCollectedOnceTheLastOfItsOwnIs) {
+  Collecting collecting;
+  pid_t own = 0, others = 0;
+  {
+    const Shepherd::Guard guard(collecting.shepherd.condition());
+    own = endedChild(0);
+    others = endedChild(3);
+    collecting.shepherd.addNoLock(own, nullptr);
+  }
+  int status = 0;
+  EXPECT_TRUE(collecting.shepherd.wait(own, status));
+  EXPECT_EQ(::waitpid(others, &status, 0), others);
+  EXPECT_EQ(status, 3 << 8);
+}
+
 TEST(ShepherdTest, AWaitThatFailsIsReportedAndTriedAgain) {
   const auto result = inChild([] {
     waitFailures = {EINTR, EINTR};
