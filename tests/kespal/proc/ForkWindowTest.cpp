@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,7 +27,7 @@ namespace {
 /// What the children of this process have done, in memory that they share with it.
 struct Counts {
   std::atomic<int> allocations, locks, lookUps, execs;
-  std::atomic<int> failDup2, failSigmask, failExec;  // the error that the call is to fail with
+  std::atomic<int> failDup2, failSigmask, failExec, failSetpgid, failClone;  // with which error they are to
 };
 
 Counts& counts() {
@@ -50,6 +51,21 @@ void* __real_malloc(std::size_t);
 void* __wrap_malloc(std::size_t size) {
   noteAllocation();
   return __real_malloc(size);
+}
+void* __real_calloc(std::size_t, std::size_t);
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+  noteAllocation();
+  return __real_calloc(count, size);
+}
+void* __real_realloc(void*, std::size_t);
+void* __wrap_realloc(void* memory, std::size_t size) {
+  noteAllocation();
+  return __real_realloc(memory, size);
+}
+void __real_free(void*);
+void __wrap_free(void* memory) {
+  noteAllocation();
+  __real_free(memory);
 }
 int __real_pthread_mutex_lock(pthread_mutex_t*);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
@@ -87,6 +103,19 @@ int __wrap_execvp(const char* file, char* const* arguments) {
   }
   return __real_execvp(file, arguments);
 }
+int __real_setpgid(pid_t, pid_t);
+int __wrap_setpgid(pid_t process, pid_t group) {
+  if (isForkedChild() && counts().failSetpgid != 0) {
+    errno = counts().failSetpgid;
+    return -1;
+  }
+  return __real_setpgid(process, group);
+}
+int __real_clone(int (*)(void*), void*, int, void*, ...);
+int __wrap_clone(int (*body)(void*), void* stack, int flags, void* argument, ...) {
+  errno = counts().failClone;
+  return errno != 0 ? -1 : __real_clone(body, stack, flags, argument);
+}
 int __real_dup2(int, int);
 int __wrap_dup2(int from, int to) {
   if (isForkedChild() && counts().failDup2 != 0) {
@@ -103,8 +132,8 @@ int __wrap_dup2(int from, int to) {
   if (void* memory = __real_malloc(size)) return memory;
   throw std::bad_alloc();
 }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { __wrap_free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { __wrap_free(memory); }
 
 namespace kes::proc {
 namespace {
@@ -113,11 +142,16 @@ class ForkWindowTest : public testing::Test {
  protected:
   void SetUp() override {
     counts().allocations = counts().locks = counts().execs = 0;
-    counts().failDup2 = counts().failSigmask = counts().failExec = 0;
+    letEverythingSucceed();
     Child::init();
     g_watched = ::getpid();
   }
   void TearDown() override { g_watched = 0; }
+
+  static void letEverythingSucceed() {
+    counts().failDup2 = counts().failSigmask = counts().failExec = counts().failSetpgid = counts().failClone =
+        0;
+  }
 
   static void expectACleanWindow(Child& child, int execs) {
     child.create(false);
@@ -205,6 +239,62 @@ std::string stackOf(const std::function<void()>& operation) {
     return error.exStack();
   }
   return "";
+}
+
+struct Trouble {
+  const char* name;
+  const char* program;
+  int exitCode;
+  std::function<void(Child&)> setUp;
+};
+
+/// What may go wrong on the way to a program, besides what has tests of its own.
+std::vector<Trouble> troubles(const test::TempDir& dir) {
+  const std::string script = dir / "script";
+  test::writeFile(script, "exit 4\n");
+  ::chmod(script.c_str(), 0700);
+  static const std::string scriptName = script;
+  const auto withGroup = [](Child& child) { child.setNewProcessGroup(true); };
+  return {
+      {"a stream", "/bin/true", 0,
+       [](Child& child) {
+         child.setStdout(STDERR_FILENO);
+         counts().failDup2 = EBUSY;
+       }},
+      {"the group", "/bin/true", 0,
+       [withGroup](Child& child) {
+         withGroup(child);
+         counts().failSetpgid = EPERM;
+       }},
+      {"no right to execute", "/etc/passwd", 125, [](Child&) {}},
+      {"a directory", "/", 125, [withGroup](Child& child) { withGroup(child); }},
+      {"a name that is too long", "/bin/true", 125,
+       [](Child& child) { child.setArguments({std::string(5000, 'x')}); }},
+      {"too many arguments", "/bin/true", 125,
+       [](Child& child) {
+         child.setArguments({"/bin/true", std::string(200'000, 'x')});
+       }},
+      {"a script without a first line", scriptName.c_str(), 4, [](Child&) {}},
+      {"the same with an environment", scriptName.c_str(), 125,
+       [](Child& child) { child.setEnvironment({"A=1"}); }},
+  };
+}
+
+TEST_F(ForkWindowTest, WhateverGoesWrongNothingIsAllocatedAndNoLockTaken) {
+  const test::TempDir dir;
+  for (const Trouble& trouble : troubles(dir)) {
+    for (const int refused : {0, EPERM}) {  // of a child that shares memory: a plain fork has to do
+      const auto result = failingStart(
+          [&trouble, refused](Child& child) {
+            trouble.setUp(child);
+            counts().failClone = refused;
+          },
+          trouble.program);
+      letEverythingSucceed();
+      EXPECT_EQ(result.out, "0 0 0") << trouble.name;
+      EXPECT_EQ(result.exitCode(), trouble.exitCode) << trouble.name << '\n' << result.err;
+    }
+  }
 }
 
 TEST_F(ForkWindowTest, AProgramThatCannotBeStartedIsToldWithoutMemoryLocksOrLookUps) {

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <new>
 
 #include "sys/NoCancel.h"
 #include "sys/Retry.h"
@@ -14,31 +16,49 @@ namespace kes::os {
 
 namespace {
 
-/// Memory for a stack, with a page below it that nobody may touch.
+/// Memory for a stack, with a page below it that nobody may touch. One is kept for the next start: to make it
+/// and to give it back costs more than what a child does there.
 class Stack {
  public:
-  explicit Stack(std::size_t size) noexcept {
-    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    size_ = (size / page + 2) * page;
-    void* memory =
-        ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (memory == MAP_FAILED) return;
-    memory_ = static_cast<char*>(memory);
-    ::mprotect(memory_, page, PROT_NONE);
+  explicit Stack(std::size_t size) noexcept : end_(m_kept.exchange(nullptr)) {
+    if (end_ != nullptr && end_->size >= size) return;
+    giveBack(end_);
+    end_ = make(size);
   }
-  ~Stack() {
-    if (memory_ != nullptr) ::munmap(memory_, size_);
-  }
+  ~Stack() { giveBack(m_kept.exchange(end_)); }
   Stack(const Stack&) = delete;
   Stack& operator=(const Stack&) = delete;
 
   /// Stacks grow downwards on every processor of this system but one. Null when there is no memory.
-  void* top() const noexcept { return memory_ != nullptr ? memory_ + size_ : nullptr; }
+  void* top() const noexcept { return end_; }
 
  private:
-  char* memory_ = nullptr;
-  std::size_t size_ = 0;
+  /// Lies behind the stack.
+  struct alignas(64) End {
+    char* memory;
+    std::size_t all, size;
+  };
+
+  static End* make(std::size_t size) noexcept {
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const std::size_t all = ((size + sizeof(End)) / page + 2) * page;
+    void* const memory =
+        ::mmap(nullptr, all, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (memory == MAP_FAILED) return nullptr;
+    ::mprotect(memory, page, PROT_NONE);
+    auto* const first = static_cast<char*>(memory);
+    return new (first + all - sizeof(End)) End{first, all, size};
+  }
+  static void giveBack(const End* end) noexcept {
+    if (end != nullptr) ::munmap(end->memory, end->all);
+  }
+
+  static constinit std::atomic<End*> m_kept;
+
+  End* end_;
 };
+
+constinit std::atomic<Stack::End*> Stack::m_kept{nullptr};
 
 struct Task {
   void (*body)(void*);
