@@ -94,44 +94,73 @@ TEST(ChildLoadTest, NoChildHangsWhileOtherThreadsAllocateLogAndTakeLocks) {
   EXPECT_EQ(result.exitCode(), 0);
 }
 
-/// How many times as long a test is to go on as it does every day.
-int soakFactor() {
-  const char* const factor = std::getenv("KES_TEST_SOAK");
-  return factor != nullptr ? std::max(1, std::atoi(factor)) : 1;
-}
+/// The rounds of a loop: so many every day; in a soak no fewer than another number, and on until the seconds
+/// that KES_TEST_SOAK names are over.
+class Rounds {
+ public:
+  Rounds(int everyDay, int inASoak) {
+    const char* const seconds = std::getenv("KES_TEST_SOAK");
+    left_ = scaled(seconds != nullptr ? inASoak : everyDay);
+    if (seconds != nullptr) end_ = Clock::now() + std::chrono::seconds(std::atoi(seconds));
+  }
+
+  bool next() { return left_-- > 0 || Clock::now() < end_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  int left_;
+  Clock::time_point end_ = Clock::time_point::min();
+};
+
+/// Threads that do something again and again while the object lives.
+class Noise {
+ public:
+  ~Noise() {
+    done_ = true;
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  void add(const std::function<void()>& turn) {
+    threads_.emplace_back([this, turn] {
+      while (!done_) turn();
+    });
+  }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::vector<std::thread> threads_;
+};
 
 // What a child inherits from a plain fork: the locks of the streams' locales and of the loader, maybe held.
 TEST(ChildLoadTest, NoStartHangsWhileOthersMakeStreamsUnderAForeignLocaleAndLoadLibraries) {
   const auto result = test::inChild([] {
     std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
-    std::atomic<bool> done{false};
     std::atomic<int> failed{0};
-    std::vector<std::thread> noise;
-    for (int number = 0; number < 2; ++number) {
-      noise.emplace_back([&done] {
-        while (!done) std::ostringstream() << 1234.5;
-      });
-      // The thread sanitizer reports races that the loader has with itself.
-      if (test::threadSanitizer) continue;
-      noise.emplace_back([&done] {
-        while (!done) {
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    {
+      Noise noise;
+      for (int number = 0; number < 2; ++number) {
+        noise.add([] { std::ostringstream() << 1234.5; });
+        noise.add([] { const std::vector<std::string> texts(100, std::string(100, 'x')); });
+        // The thread sanitizer reports races that the loader has with itself.
+        if (test::threadSanitizer) continue;
+        noise.add([] {
           if (void* const library = ::dlopen("libresolv.so.2", RTLD_NOW)) ::dlclose(library);
+        });
+      }
+      inThreads(64, [&failed, null](int thread) {
+        Rounds rounds(10, 200);
+        for (int round = 0; rounds.next(); ++round) {
+          const bool fails = (thread + round) % 4 == 0;
+          Child child({fails ? "/no/such/program" : "/bin/true"});
+          child.setStderr(null);
+          if (round % 2 == 1) child.setEnvironment({"A=1"});
+          child.create();
+          if (child.wait().status != (fails ? 125 << 8 : 0)) ++failed;
         }
       });
     }
-    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    inThreads(64, [&failed, null](int thread) {
-      for (int round = 0; round < scaled(10) * soakFactor(); ++round) {
-        const bool fails = (thread + round) % 4 == 0;
-        Child child({fails ? "/no/such/program" : "/bin/true"});
-        child.setStderr(null);
-        if (round % 2 == 1) child.setEnvironment({"A=1"});
-        child.create();
-        if (child.wait().status != (fails ? 125 << 8 : 0)) ++failed;
-      }
-    });
-    done = true;
-    for (std::thread& thread : noise) thread.join();
     Child::exit();
     return failed == 0 ? 0 : 1;
   });
@@ -158,7 +187,7 @@ TEST(ChildLoadTest, NoHandlerOfTheParentRunsInAChildWhateverMomentTheSignalComes
       while (!done) ::kill(0, SIGUSR1);  // to all that were started here, too
     });
     int others = 0;
-    for (int round = 0; round < scaled(300) * soakFactor(); ++round) {
+    for (Rounds rounds(300, 300); rounds.next();) {
       Child child({"/bin/true"});
       child.create();
       const int status = child.wait().status;
@@ -201,7 +230,8 @@ TEST(ChildLoadTest, StartersThatAreCancelledLeaveNothingHalfDone) {
   KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
   const auto result = test::inChild([] {
     Child::init();
-    for (int round = 0; round < scaled(200) * soakFactor(); ++round) {
+    Rounds rounds(200, 200);
+    for (int round = 0; rounds.next(); ++round) {
       ::pthread_t starter{};
       ::pthread_create(
           &starter, nullptr,
