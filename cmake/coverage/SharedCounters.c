@@ -1,0 +1,59 @@
+/* Linked into every program of a coverage build, or what runs in forked children would not count: they end by
+ * _exit() or a signal, have no descriptors left, another root directory or no right to write. So they share the
+ * counters of the process that forked them, page by page. That process alone saves them, once, when it ends. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <gcov.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+/* The linker script says where they are. */
+extern char kes_counters_begin[] __attribute__((visibility("hidden")));
+extern char kes_counters_end[] __attribute__((visibility("hidden")));
+
+static pid_t owner;
+
+/* Before every other constructor, so that there is one thread. */
+__attribute__((constructor(101))) static void share(void) {
+  const size_t size = (size_t)(kes_counters_end - kes_counters_begin);
+  owner = getpid();
+  if (size == 0) return;
+  char* counted = malloc(size);
+  if (counted == NULL) abort();
+  memcpy(counted, kes_counters_begin, size);
+  void* shared = mmap(kes_counters_begin, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (shared == MAP_FAILED) _exit(99);
+  memcpy(shared, counted, size);
+  free(counted);
+}
+
+/* What is saved is cleared: saving again adds what came since. */
+static void save(void) {
+  if (getpid() != owner) return;
+  __gcov_dump();
+  __gcov_reset();
+}
+
+void __real___gcov_exit(void);
+void __wrap___gcov_exit(void) {
+  if (getpid() == owner) __real___gcov_exit();
+}
+
+/* The ways out that no exit handler sees. */
+void _exit(int status) {
+  save();
+  for (;;) syscall(SYS_exit_group, status);
+}
+
+void _Exit(int status) { _exit(status); }
+
+void abort(void) {
+  save();
+  void (*end)(void);
+  *(void**)&end = dlsym(RTLD_NEXT, "abort");
+  end();
+  __builtin_unreachable();
+}
