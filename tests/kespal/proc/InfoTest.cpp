@@ -1,21 +1,26 @@
 #include "kespal/proc/Info.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
+#include "support/TempDir.h"
 
 namespace {
 /// What readlink() is made to answer; the real one otherwise.
 std::size_t g_linkLength = 0;
 int g_linkError = 0;
+/// The file that is opened in the place of this process's command name, unless empty.
+std::string g_commandName;
 }  // namespace
 
 extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) noexcept {
@@ -29,6 +34,16 @@ extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) no
   }
   static const auto real = reinterpret_cast<decltype(&::readlink)>(::dlsym(RTLD_NEXT, "readlink"));
   return real(path, buffer, size);
+}
+
+extern "C" int open(const char* path, int flags, ...) {
+  std::va_list arguments;
+  va_start(arguments, flags);
+  const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
+  va_end(arguments);
+  const bool isReplaced = !g_commandName.empty() && path == "/proc/" + std::to_string(::getpid()) + "/comm";
+  static const auto real = reinterpret_cast<decltype(&::open)>(::dlsym(RTLD_NEXT, "open"));
+  return real(isReplaced ? g_commandName.c_str() : path, flags, mode);
 }
 
 namespace kes::proc {
@@ -76,6 +91,16 @@ TEST(ProcInfoTest, RunningComparesTheFirstFifteenBytesOfALongName) {
   ::prctl(PR_SET_NAME, "kes-fifteen-abc");
   EXPECT_TRUE(Info::running("kes-fifteen-abcdefgh").contains(::getpid()));
   EXPECT_FALSE(Info::running("kes-fifteen-ab").contains(::getpid()));
+}
+
+TEST(ProcInfoTest, RunningComparesNoMoreOfTheLongerNameThatTheKernelTellsOfItsWorkers) {
+  const test::TempDir directory;
+  test::writeFile(directory / "comm", "kworker/u8:2-events_unbound\n");
+  g_commandName = directory / "comm";
+  EXPECT_TRUE(Info::running("kworker/u8:2-events_unbound").contains(::getpid()));
+  EXPECT_TRUE(Info::running("kworker/u8:2-ev").contains(::getpid()));
+  EXPECT_FALSE(Info::running("kworker/u8:2").contains(::getpid()));
+  g_commandName.clear();
 }
 
 TEST(ProcInfoTest, RunningFindsANameThatHoldsBlanks) {

@@ -5,6 +5,7 @@
 #include <linux/limits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 
@@ -21,13 +22,15 @@ constexpr std::size_t commLimit = 15;
 
 bool isProcess(const char* entry) { return std::isdigit(static_cast<unsigned char>(*entry)) != 0; }
 
-/// A process's command name; empty when the process is gone or not ours to see.
+/// The first bytes of a process's command name, of which the kernel tells more for its own workers; empty
+/// when the process is gone or not ours to see.
 std::string commandName(const char* pid) {
   const sys::Descriptor file(::open((std::string("/proc/") + pid + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) return "";
   char text[64];
   const ssize_t count = ::read(file.get(), text, sizeof text);
-  return count > 0 ? std::string(text, static_cast<std::size_t>(count) - 1) : "";  // without the newline
+  if (count <= 0) return "";
+  return {text, std::min(static_cast<std::size_t>(count) - 1, commLimit)};  // without the newline
 }
 
 }  // namespace
