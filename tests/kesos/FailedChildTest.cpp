@@ -63,7 +63,7 @@ TEST(FailedChildTest, AThreadThatWaitsForAKeyHoldsUpNobody) {
       return false;
     };
     if (!eventually(waits)) return 2;
-    ::alarm(30);  // ends a process that hangs
+    ::alarm(120);  // ends a process that hangs
     const int exitCode = exitCodeOfFailedChild();
     if (::write(ends[1], "Q", 1) != 1) return 3;
     reader.join();
@@ -162,7 +162,7 @@ TEST(FailedChildTest, AThreadThatWasCancelledBeforeTheForkIsNotUnwoundInTheChild
 TEST(FailedChildTest, AStaticRuntimeObjectOfTheParentLeavesTheExitCodeAlone) {
   const ChildResult result = inChild([] {
     static const kes::KesPal runtime(true, false, kes::Locale::System);
-    ::alarm(30);  // ends a process that hangs
+    ::alarm(120);  // ends a process that hangs
     return exitCodeOfFailedChild();
   });
   EXPECT_EQ(result.exitCode(), 127);

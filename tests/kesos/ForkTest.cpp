@@ -34,7 +34,7 @@ TEST_F(ForkTest, AChildThatIsForkedWhileAnotherThreadOpensAndClosesCanUseKeys) {
   int failures = 0;
   for (int round = 0; round < 300 && failures == 0; ++round) {
     const pid_t child = startProcess([&keys] {
-      ::alarm(30);  // ends a child that hangs
+      ::alarm(120);  // ends a child that hangs
       return opensLocksAndCloses(keys[1]) ? 0 : 1;
     });
     failures += waitForProcess(child) == 0 ? 0 : 1;

@@ -382,7 +382,7 @@ TEST_F(BacktraceTest, AChildForkedWhileOtherThreadsCaptureCanCaptureToo) {
   const Capturers capturers;
   for (int round = 0; round < 100; ++round) {
     const test::ChildResult result = inChild([round] {
-      ::alarm(60);
+      ::alarm(120);
       return captureBelow(round % 40).empty() ? 1 : 0;
     });
     ASSERT_EQ(result.signal(), 0);
@@ -421,7 +421,7 @@ TEST_F(BacktraceTest, AChildForkedWhileAnotherThreadLoadsLibrariesCanCaptureToo)
   const Loader loader;
   for (int round = 0; round < 300; ++round) {
     const test::ChildResult result = inChild([] {
-      ::alarm(20);
+      ::alarm(120);
       for (int again = 0; again < 3; ++again) {
         const Backtrace trace = captureBelow(3);
         if (trace.empty() || trace.back().find("captureBelow(int)") == std::string::npos) return 1;
@@ -434,7 +434,7 @@ TEST_F(BacktraceTest, AChildForkedWhileAnotherThreadLoadsLibrariesCanCaptureToo)
 }
 
 int captureAndFork(int generations) {
-  ::alarm(60);
+  ::alarm(120);
   if (captureBelow(3).empty()) return 1;
   if (generations == 0) return 0;
   const test::ChildResult result = inChild([generations] { return captureAndFork(generations - 1); });

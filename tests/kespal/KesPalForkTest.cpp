@@ -31,7 +31,7 @@ static_assert(std::is_final_v<KesPal>, "the signal thread runs before a derived 
 /// In a child that does not live long enough to be waited for if it hangs.
 ChildResult inBriefChild(const std::function<int()>& body) {
   return inChild([&] {
-    ::alarm(20);
+    ::alarm(120);
     return body();
   });
 }

@@ -184,21 +184,36 @@ TEST_F(RecipeTest, LookAtThePacketsWithoutAFileInBetween) {
   EXPECT_EQ(shell.wait(), 0) << shell.err();
 }
 
+/// A recipe that gives programs ten seconds, with another number of them.
+std::string limited(const std::string& text, int seconds) {
+  return std::regex_replace(text, std::regex(" 10 "), ' ' + std::to_string(seconds) + ' ');
+}
+
+// A busy machine may not get a program to its work within the limit; then a longer one is tried.
+constexpr int limits[] = {2, 8, 32};
+
 TEST_F(RecipeTest, LimitARunInTime) {
   playSample();
-  std::string text = recipe("timeout");
-  text = std::regex_replace(text, std::regex(" 10 "), " 2 ");
-  Process shell = start("set +e\n" + text);
-  EXPECT_EQ(shell.wait(), 124) << "what timeout says of a program that it killed";
-  EXPECT_NE(shell.out().find("driver=255"), shell.out().npos);
+  bool isDone = false;
+  for (const int limit : limits) {
+    if (isDone) break;
+    Process shell = start("set +e\n" + limited(recipe("timeout"), limit));
+    EXPECT_EQ(shell.wait(), 124) << "what timeout says of a program that it killed";
+    isDone =
+        shell.out().find("driver=255") != shell.out().npos && shell.err().find(" ok ") != shell.err().npos;
+  }
+  EXPECT_TRUE(isDone);
   EXPECT_FALSE(captured("vpn.pcap").empty());
 }
 
 TEST_F(RecipeTest, TheTimeLimitEndsTheTraceModeInGoodOrder) {
   play("");
-  std::string text = recipe("timeout");
-  text = std::regex_replace(text.substr(0, text.find('\n')), std::regex(" 10 "), " 2 ");
-  EXPECT_EQ(start(text).wait(), 0);
+  const std::string text = recipe("timeout");
+  bool isDone = false;
+  for (const int limit : limits) {
+    if (!isDone) isDone = start(limited(text.substr(0, text.find('\n')), limit)).wait() == 0;
+  }
+  EXPECT_TRUE(isDone);
 }
 
 TEST_F(RecipeTest, PutTheTimeBeforeEachLine) {

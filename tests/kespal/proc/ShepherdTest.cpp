@@ -52,10 +52,11 @@ std::string siteOf(const std::function<void()>& operation) {
   return "nothing was raised";
 }
 
-/// How often a thread of this process gave up the processor by itself.
+/// How often a thread of this process gave up the processor by itself; -1 while it runs or is about to.
 long sleepsOf(std::uint64_t thread) {
   std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
   for (std::string word; status >> word;) {
+    if (word == "State:" && status >> word && word != "S") return -1;
     if (word == "voluntary_ctxt_switches:") {
       long count = 0;
       status >> count;
@@ -109,7 +110,7 @@ TEST(ShepherdTest, AnIdleCollectorDoesNotWakeUpWithinASecond) {
   ASSERT_NE(thread, 0U);
   // It is on its way to the pause when it has handed the status over.
   long before = -1;
-  for (long now = sleepsOf(thread); now != before; now = sleepsOf(thread)) {
+  for (long now = sleepsOf(thread); now == -1 || now != before; now = sleepsOf(thread)) {
     before = now;
     std::this_thread::sleep_for(100ms);
   }

@@ -40,7 +40,7 @@ class HandlerForkTest : public HandlerTest {
   /// The exit code of a child that does not live long enough to be waited for if it hangs.
   static int exitOf(const std::function<int()>& body) {
     const ChildResult child = inChild([&] {
-      ::alarm(20);
+      ::alarm(120);
       return body();
     });
     EXPECT_EQ(child.signal(), 0) << child.err;
@@ -110,7 +110,7 @@ TEST_F(HandlerForkTest, ANotifierMayFork) {
   notifier_.then = [&](int) {
     const pid_t pid = ::fork();
     if (pid == 0) {
-      ::alarm(20);
+      ::alarm(120);
       ::_exit(useAnew());
     }
     int result = -1;

@@ -218,7 +218,7 @@ TEST_F(HandlerTest, AnIdleThreadThatIsToldToLeaveSignalsEnds) {
 TEST_F(HandlerTest, ASignalThatWasTakenWhenTheThreadIsToldToLeaveSignalsGoesBackToTheProcess) {
   KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
   const ChildResult child = inChild([] {
-    ::alarm(20);
+    ::alarm(120);
     Notifier notifier;
     Handler handler;
     handler.add(SIGTERM, notifier);

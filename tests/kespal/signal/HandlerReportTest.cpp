@@ -15,7 +15,7 @@ using namespace test;
 /// tells another one.
 ChildResult whoseNotifier(const std::function<void()>& act) {
   return inChild([&] {
-    ::alarm(20);
+    ::alarm(120);
     Mask::call({SIGUSR1, SIGTERM, SIGINT}, SIG_BLOCK);
     Notifier thrower([&](int) { act(); }), second;
     Handler handler;

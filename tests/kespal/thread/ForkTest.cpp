@@ -37,7 +37,7 @@ class TestThread : public BasicThread {
 /// In a child that does not live long enough to be waited for if it hangs.
 ChildResult inBriefChild(const std::function<int()>& body) {
   return inChild([&] {
-    ::alarm(20);
+    ::alarm(120);
     return body();
   });
 }
@@ -217,7 +217,7 @@ TEST(CoopForkTest, AThreadThatForksEndsInTheChildAsInTheParent) {
   std::atomic<pid_t> pid{0};
   Body body = [&] {
     pid = ::fork();
-    if (pid == 0) ::alarm(20);
+    if (pid == 0) ::alarm(120);
   };
   TestThread thread(body);
   thread.run();
@@ -234,7 +234,7 @@ TEST(CoopForkTest, ACooperativeThreadThatForksEndsInTheChildAlthoughAnotherHeldI
     void thread(CoopThread&) override {
       start.pass();
       pid = ::fork();
-      if (pid == 0) ::alarm(20);
+      if (pid == 0) ::alarm(120);
     }
     Gate start;
     std::atomic<pid_t> pid{0};
@@ -264,7 +264,7 @@ template <typename Body>
 int exitOfSilentChild(Body body) {
   const auto pid = static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
   if (pid == 0) {
-    ::alarm(20);
+    ::alarm(120);
     ::_exit(body());
   }
   int status = -1;

@@ -22,7 +22,7 @@ using Body = std::function<void()>;
 /// thread can be joined then.
 ChildResult whoseThread(const Body& body) {
   return inChild([&] {
-    ::alarm(20);
+    ::alarm(120);
     pretendThreadId(42);
     struct User : CppThread::IThread {
       explicit User(const Body& action) : act(action) {}
