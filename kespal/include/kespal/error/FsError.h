@@ -17,6 +17,7 @@ class FsError : public Raisable<FsError, DynError> {
 
   const std::string& path() const noexcept { return given(); }
   const OsError& osError() const noexcept { return osError_; }
+  int errnum() const noexcept { return osError_.errnum(); }
 
   /// The path, ": ", and the text of the error number.
   std::string text() const override;
