@@ -106,7 +106,11 @@ int __wrap_open(const char* path, int flags, ...) {
 }
 int __real_openat(int folder, const char* path, int flags, ...);
 int __wrap_openat(int folder, const char* path, int flags, ...) {
-  return kes::test::fails("openat") ? -1 : __real_openat(folder, path, flags);
+  std::va_list more;
+  va_start(more, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(more, unsigned)) : 0;
+  va_end(more);
+  return kes::test::fails("openat") ? -1 : __real_openat(folder, path, flags, mode);
 }
 ssize_t __real_write(int fd, const void* buffer, size_t size);
 ssize_t __wrap_write(int fd, const void* buffer, size_t size) {
@@ -114,6 +118,21 @@ ssize_t __wrap_write(int fd, const void* buffer, size_t size) {
 }
 WRAPPED(int, close, (int fd), (fd), (__real_close(fd), -1))
 WRAPPED(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), -1)
+ssize_t __real_pwrite(int fd, const void* buffer, size_t size, off_t at);
+ssize_t __wrap_pwrite(int fd, const void* buffer, size_t size, off_t at) {
+  return kes::test::fails("pwrite") ? -1
+                                    : __real_pwrite(fd, buffer, std::min(size, kes::test::mostWritten), at);
+}
+WRAPPED(ssize_t, pread, (int fd, void* buffer, size_t size, off_t at), (fd, buffer, size, at), -1)
+WRAPPED(int, renameat, (int from, const char* old, int to, const char* name), (from, old, to, name), -1)
+WRAPPED(int, linkat, (int from, const char* old, int to, const char* name, int flags),
+        (from, old, to, name, flags), -1)
+WRAPPED(int, mkdirat, (int folder, const char* name, mode_t mode), (folder, name, mode), -1)
+WRAPPED(int, symlinkat, (const char* target, int folder, const char* name), (target, folder, name), -1)
+WRAPPED(int, futimens, (int fd, const timespec* times), (fd, times), -1)
+WRAPPED(int, utimensat, (int folder, const char* name, const timespec* times, int flags),
+        (folder, name, times, flags), -1)
+WRAPPED(int, nanosleep, (const timespec* span, timespec* left), (span, left), -1)
 WRAPPED(int, fsync, (int fd), (fd), -1)
 WRAPPED(off_t, lseek, (int fd, off_t offset, int base), (fd, offset, base), -1)
 WRAPPED(int, ftruncate, (int fd, off_t length), (fd, length), -1)

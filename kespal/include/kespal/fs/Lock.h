@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "kespal/NoCopy.h"
+#include "kespal/time/Milliseconds.h"
 
 namespace kes::fs {
 
@@ -27,6 +28,12 @@ class Lock {
   void writeLock() const;
   /// The same without waiting: false when anybody holds the lock.
   bool tryWriteLock() const;
+  /// The two with a limit to the waiting: false when it is over, which may be at once, and the lock is not
+  /// held. The system knows no such limit, so the lock is asked for again, every 20 ms at the latest: who
+  /// waits without a limit, or asks at the right moment, may get it first. The time is that of the monotonic
+  /// clock.
+  bool readLockTimed(time::Milliseconds limit) const;
+  bool writeLockTimed(time::Milliseconds limit) const;
   /// Gives the lock back; one that is not held is no error.
   void unlock() const;
 
