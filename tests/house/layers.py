@@ -20,6 +20,6 @@ LAYERS = [
     ("files: copier", ["fs/Copier.h", "fs/TreeCopier.h"]),
     ("users", ["UserInfo.h", "GroupInfo.h", "proc/Privilege.h"]),
     ("processes", ["proc/Child.h", "proc/Shepherd.h", "proc/Info.h"]),
-    ("user interface", ["Locale.h", "gettext.h", "Terminal.h"]),
+    ("user interface", ["Locale.h", "gettext.h", "Catalogue.h", "Terminal.h", "EchoGuard.h"]),
     ("runtime", ["kespal.h"]),
 ]

@@ -94,6 +94,13 @@ void Terminal::init() {
   setColorMode(forced || Terminal(Kind::Stdout).isTerminal(), forced || Terminal(Kind::Stderr).isTerminal());
 }
 
+void Terminal::heedNoColor() {
+  std::string noColor, kind;
+  proc::Env::get("NO_COLOR", noColor);
+  proc::Env::get("TERM", kind);
+  if ((!noColor.empty() || kind == "dumb") && !isSet("KES_FORCE_COLOR")) setColorMode(false, false);
+}
+
 void Terminal::setColorMode(bool out, bool err) noexcept {
   m_stdout_color = out;
   m_stderr_color = err;
