@@ -116,7 +116,7 @@ def every_flat_header_compiles_as_c(cc, _):
 FLAT_NAMES = re.compile(
     r"KesOs\w+|\w+_kes|strclear|strupr|strlwr|setTimespec|vSplitFileName|fShutdown|g_kesos_inittime|"
     r"ipc_default_(?:mode|uid|gid)|initSemCounter|sem_counter|kesos_shm|parseProcessCommandline|"
-    r"_async_child_cleaner|DumpOpen|DumpPacket|cap_types")
+    r"_async_child_cleaner|DumpOpen|DumpPacket|DumpClose|cap_types")
 OWN_NAMES = re.compile(r"(?:(?:vtable|typeinfo|typeinfo name|VTT|guard variable|construction vtable|thread-local \w+ \w+|"
                        r"template parameter object|reference temporary #\d+|non-virtual thunk|virtual thunk)(?: for| to)? )*kes::")
 

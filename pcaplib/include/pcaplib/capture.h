@@ -43,3 +43,8 @@ bool DumpOpen(const char* fileName, PCAP_TYPE type);
 /// thread, so that none of them tears a record in a program of one thread. SIGKILL, and any other signal that
 /// kills, can. A write to a FIFO or a device, which may take long, is open to all signals.
 bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type);
+
+/// Ends the capture of a type: its entry is as it was before DumpOpen(), and the file, which is complete, is
+/// left alone. What is written to the type then goes into a file of the default name. False when there is no
+/// such type.
+bool DumpClose(PCAP_TYPE type);
