@@ -13,6 +13,7 @@
 #include <span>
 #include <utility>
 
+#include "Lasting.h"
 #include "kespal/Helper.h"
 #include "os/System.h"
 #include "sys/Owner.h"
@@ -84,19 +85,15 @@ void name(const Frames& frames, Backtrace& trace) {
   for (std::size_t at = frames.stack.size(); at-- > frames.first;) trace.push_back(readable(lines.get()[at]));
 }
 
-/// Never destroyed: errors are raised to the very end.
-Lines& knownLines() {
-  static Lines& lines = *new Lines;
-  return lines;
-}
+constinit Lasting<Lines> g_lines;
 
-// Made before there are threads: a child that is forked while another one makes it would wait for ever.
-[[maybe_unused]] const Lines& madeEarly = knownLines();
+[[maybe_unused]] const bool g_madeAtTheStart = g_lines.make();
 
 }  // namespace
 
 Backtrace Backtrace::get() {
-  Lines& lines = knownLines();
+  g_lines.make();
+  Lines& lines = g_lines.value;
   std::array<void*, 128> stack;
   const int count = ::backtrace(stack.data(), static_cast<int>(stack.size()));
   Backtrace trace;

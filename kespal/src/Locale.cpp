@@ -3,7 +3,7 @@
 #include <clocale>
 #include <new>
 
-#include "StaticText.h"
+#include "Lasting.h"
 #include "kespal/error/Exception.h"
 #include "kespal/gettext.h"
 #include "kespal/proc/Env.h"
@@ -12,7 +12,7 @@ namespace kes {
 
 namespace {
 
-constinit StaticText g_localeDir, g_localeEnv;
+constinit Lasting<std::string> g_localeDir, g_localeEnv;
 
 const char* localeName(Locale::Language language) {
   switch (language) {
@@ -47,8 +47,8 @@ std::string lowerCase(std::string text) {
 
 }  // namespace
 
-constinit std::string& Locale::m_locale_dir = g_localeDir.text;
-constinit std::string& Locale::m_locale_env = g_localeEnv.text;
+constinit std::string& Locale::m_locale_dir = g_localeDir.value;
+constinit std::string& Locale::m_locale_env = g_localeEnv.value;
 
 bool Locale::makeTexts() { return g_localeDir.make() && g_localeEnv.make(std::string("KES_I18N") + "_DIR"); }
 

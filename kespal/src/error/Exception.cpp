@@ -1,29 +1,27 @@
 #include "kespal/error/Exception.h"
 
-#include <cstddef>
-#include <new>
-
+#include "Lasting.h"
 #include "kespal/Helper.h"
 #include "kespal/proc/Env.h"
 #include "sys/AtEnd.h"
 
 namespace kes {
 
+bool Exception::m_gen_backtraces = false;
+
 namespace {
 
-/// Never destroyed, since errors are read to the very end, and made without memory.
-const Backtrace& noFrames() noexcept {
-  alignas(Backtrace) static std::byte place[sizeof(Backtrace)];
-  static const Backtrace& none = *new (place) Backtrace;
-  return none;
+constinit Lasting<Backtrace> g_none;
+
+/// What an error without a trace gives.
+const Backtrace& none() noexcept {
+  g_none.make();
+  return g_none.value;
 }
 
-// Made before there are threads: a child that is forked while another one makes it would wait for ever.
-[[maybe_unused]] const Backtrace& madeEarly = noFrames();
+[[maybe_unused]] const Backtrace& g_madeAtTheStart = none();
 
 }  // namespace
-
-bool Exception::m_gen_backtraces = false;
 
 void Exception::init() {
   std::string ignored;
@@ -63,7 +61,7 @@ void Exception::setBacktrace(Backtrace&& backtrace) {
   backtrace_ = std::make_shared<const Backtrace>(std::move(backtrace));
 }
 
-const Backtrace& Exception::backtrace() const noexcept { return backtrace_ ? *backtrace_ : noFrames(); }
+const Backtrace& Exception::backtrace() const noexcept { return backtrace_ ? *backtrace_ : none(); }
 
 const char* Exception::what() const noexcept { return explanation().c_str(); }
 

@@ -5,7 +5,7 @@
 
 #include <ostream>
 
-#include "StaticText.h"
+#include "Lasting.h"
 #include "kespal/GroupInfo.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
@@ -16,11 +16,11 @@ namespace {
 /// Not every source of accounts fills in all texts.
 const char* textOf(const char* field) { return field != nullptr ? field : ""; }
 
-constinit StaticText g_loginName;
+constinit Lasting<std::string> g_loginName;
 [[maybe_unused]] const bool g_madeAtTheStart = g_loginName.make();
 }  // namespace
 
-constinit std::string& UserInfo::m_login_name = g_loginName.text;
+constinit std::string& UserInfo::m_login_name = g_loginName.value;
 
 UserInfo::UserInfo(unsigned id) : uid(id) { resolve(/*byName=*/false, /*withGroup=*/true); }
 
