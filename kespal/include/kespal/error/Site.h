@@ -68,7 +68,8 @@ inline constexpr const char* sitePath = Path.text;
 #define KES_SOURCE_ROOT ""
 #endif
 
-/// The place where it stands, as a kes::Site.
-#define KES_HERE                                                                                      \
+/// The place where it stands, as a kes::Site; the second names the function where the place is outside of it.
+#define KES_HERE KES_HERE_IN(__func__)
+#define KES_HERE_IN(function)                                                                         \
   (::kes::Site{::kes::detail::sitePath<::kes::detail::SitePath(__FILE__, KES_SOURCE_ROOT)>, __LINE__, \
-               __func__})
+               function})

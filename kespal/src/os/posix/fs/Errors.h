@@ -65,4 +65,7 @@ using OpenErrors = Errors<FsError, Raise<FileAccessError, EPERM, EACCES>, Raise<
 using NoFollowErrors = Raise<IsASymlinkError, ELOOP>;  // come before those of opening
 using ReadErrors = Errors<OsError, Raise<NoSuchProcessError, ESRCH>>;
 
+/// Where Ops::setCWD() raises its errors, for a child that can only report one.
+extern const Site setCwdSite;
+
 }  // namespace kes::fs

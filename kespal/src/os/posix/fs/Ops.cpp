@@ -33,7 +33,9 @@ std::string Ops::cwd() {
   return buffer;
 }
 
-void Ops::setCWD(const char* path) { PathErrors::check(KES_HERE, onPath(::chdir, path), path); }
+constinit const Site setCwdSite = KES_HERE_IN("setCWD");
+
+void Ops::setCWD(const char* path) { PathErrors::check(setCwdSite, onPath(::chdir, path), path); }
 
 bool Ops::exists(const char* path, bool follow) {
   struct stat status;

@@ -9,12 +9,11 @@
 #include "kespal/Helper.h"
 #include "kespal/error/FsError.h"
 #include "kespal/error/OsError.h"
-#include "kespal/fs/Ops.h"
 #include "kespal/proc/Env.h"
 #include "kespal/signal/Mask.h"
+#include "os/posix/fs/Errors.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
-#include "sys/AtEnd.h"
 
 namespace kes::proc {
 
@@ -46,28 +45,6 @@ class CallError : public Raisable<CallError, OsError> {
   std::string text() const override { return {}; }
 };
 
-/// Where an operation raises its errors; it is called such that it has to.
-template <typename Refused>
-Site siteOf(Refused operation) {
-  const sys::AtEnd unseen([errnum = errno] { errno = errnum; });
-  try {
-    operation();
-  } catch (const Exception& error) {
-    return {error.file(), error.line(), error.function()};
-  }
-  return {};
-}
-
-const Site& siteOfMask() {
-  static const Site site = siteOf([] { signal::Mask::call({}, -1); });
-  return site;
-}
-
-const Site& siteOfDirectory() {
-  static const Site site = siteOf([] { fs::Ops::setCWD(nullptr); });
-  return site;
-}
-
 }  // namespace
 
 Program::Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
@@ -81,7 +58,7 @@ Program::Program(const std::list<std::string>& arguments, const std::list<std::s
     envp_ = nullTerminated(environment);
     candidates_ = candidatesFor(arguments.front());
   }
-  noMask_ = ofCall(siteOfMask());
+  noMask_ = ofCall(signal::Mask::callSite);
   noProgram_ = ofCall({"src/os/posix/proc/Child", 318, "create"});
   if (!directory_.empty()) noDirectory_ = ofDirectory();
 }
@@ -96,7 +73,7 @@ Program::Farewell Program::ofCall(const Site& site) {
 
 Program::Farewell Program::ofDirectory() const {
   FsError error(directory_, 0);
-  locateAt(siteOfDirectory(), error);
+  locateAt(fs::setCwdSite, error);
   return {"):\n\nCannot change working directory:\n" + error.exStack() + "\tReason: ", ").\n"};
 }
 

@@ -26,9 +26,11 @@ class Mask {
   static void call(const Set& set, int how) {
     if (const int result = ::pthread_sigmask(how, &set.native(), nullptr); result != 0) {
       errno = result;
-      raiseAt(KES_HERE, OsError(result));
+      raiseAt(callSite, OsError(result));
     }
   }
+  /// Where call() raises its errors, for who can only report one.
+  static constexpr Site callSite = KES_HERE_IN("call");
 };
 
 }  // namespace kes::signal
