@@ -19,6 +19,7 @@
 #include "kespal/time/Clock.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
+#include "thread/PerProcess.h"
 
 namespace kes {
 
@@ -62,7 +63,9 @@ struct KesPal::Shared : thread::ProcessBound {
 };
 
 KesPal::KesPal(bool quitHandling, bool forkPending, Locale::Language language, const AppBase* app)
-    : KesPalInit(quitHandling, forkPending), shared_(std::make_shared<Shared>()), app_(app) {
+    : KesPalInit(quitHandling, forkPending),
+      shared_(std::make_unique<thread::PerProcess<Shared>>(std::make_shared<Shared>())),
+      app_(app) {
   // What is built goes again if the rest cannot be: the destructor of a half-made object does not run.
   sys::AtEnd undoing([this] {
     fs::File::exit();
@@ -88,7 +91,7 @@ KesPal::~KesPal() {
 
 void KesPal::quit() {
   try {
-    const Shared& shared = *shared_.get();
+    const Shared& shared = *shared_->get();
     const Guard guard(shared.lock);
     for (IQuitHandler* handler : *shared.handlers) handler->handleQuit();
   } catch (const Exception& error) {
@@ -97,11 +100,11 @@ void KesPal::quit() {
 }
 
 void KesPal::addQuitHandler(IQuitHandler& handler) {
-  shared_.get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.insert(&handler); });
+  shared_->get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.insert(&handler); });
 }
 
 void KesPal::delQuitHandler(IQuitHandler& handler) {
-  shared_.get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.erase(&handler); });
+  shared_->get()->changeHandlers([&handler](Shared::Handlers& handlers) { handlers.erase(&handler); });
 }
 
 bool exceptionActive() noexcept {

@@ -7,7 +7,7 @@ LAYERS = [
     ("atoms", ["proc/Env.h", "fs/Access.h", "time/", "os/*/time/", "signal/Set.h", "signal/Mask.h",
                "signal/Sender.h", "signal/Names.h", "os/*/signal/", "os/thread/Native.h",
                "os/*/thread/Native.h"]),
-    ("sync", ["thread/Lock.h", "thread/Condition.h", "thread/LockGuard.h", "thread/PerProcess.h",
+    ("sync", ["thread/Lock.h", "thread/Condition.h", "thread/LockGuard.h",
               "os/*/thread/Lock.h", "os/*/thread/Condition.h"]),
     ("state", ["ForkPending.h"]),
     ("threads", ["thread/"]),

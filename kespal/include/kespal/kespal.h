@@ -12,7 +12,6 @@
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
-#include "kespal/thread/PerProcess.h"
 
 namespace kes {
 
@@ -149,7 +148,7 @@ class KesPal final : public KesPalInit {
  private:
   struct Shared;
 
-  const thread::PerProcess<Shared> shared_;
+  const std::unique_ptr<thread::PerProcess<Shared>> shared_;
   const AppBase* app_;
 };
 

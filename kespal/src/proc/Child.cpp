@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "Lasting.h"
 #include "kespal/ForkPending.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
@@ -23,18 +24,19 @@ using InitGuard = thread::LockGuardT<thread::Lock>;
 
 /// Made when it is first wanted, maybe by the initialisation of another file, and never destroyed: children
 /// may end while the process does. A fork makes it anew, as another thread may have held it at that moment.
+constinit Lasting<thread::Lock> g_initLock;
+
 thread::Lock& initLock() {
-  static thread::Lock& lock = []() -> thread::Lock& {
-    auto* const made = new thread::Lock(thread::Normal);
-    ::pthread_atfork(nullptr, nullptr, [] { new (&initLock()) thread::Lock(thread::Normal); });
-    return *made;
-  }();
-  return lock;
+  if (!g_initLock.made) {
+    g_initLock.make(thread::Normal);
+    ::pthread_atfork(nullptr, nullptr, [] { new (&g_initLock.value) thread::Lock(thread::Normal); });
+  }
+  return g_initLock.value;
 }
 
 /// A fork inherits the object but not its thread, and nobody knows who held its lock: it is left alone.
 void abandonForeignCollector() {
-  if (Child::m_shepherd != nullptr && Flock::of(*Child::m_shepherd)->isOfAnotherProcess()) {
+  if (Child::m_shepherd != nullptr && Flock::of(*Child::m_shepherd)->isInherited()) {
     Child::m_shepherd = nullptr;
   }
 }
@@ -92,7 +94,7 @@ void Child::exit() {
   if (presentCollectorNoLock() == collector) shepherd.reset(std::exchange(m_shepherd, nullptr));
 }
 
-bool Child::isOfThisProcess() const noexcept { return flock_ && !flock_->isOfAnotherProcess(); }
+bool Child::isOfThisProcess() const noexcept { return flock_ && !flock_->isInherited(); }
 
 Child::~Child() {  // NOLINT(bugprone-exception-escape)
   if (!isOfThisProcess()) return;

@@ -1,12 +1,10 @@
 #pragma once
 
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
 
-#include "kespal/NoCopy.h"
 #include "kespal/error/Site.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/thread/Annotations.h"
@@ -14,6 +12,8 @@
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Milliseconds.h"
 #include "proc/Records.h"
+#include "thread/PerProcess.h"
+#include "thread/Run.h"
 
 namespace kes::proc {
 
@@ -21,14 +21,13 @@ namespace kes::proc {
 /// here, and by whoever is just inside, so that it outlives them all. It belongs to the process that made it:
 /// a fork has a copy without the thread, and with locks that nobody may hold there. Nothing of that copy is
 /// touched, and it is never destroyed.
-class Flock : NoCopy {
+class Flock : public thread::ProcessBound {
  public:
   using Guard = Shepherd::Guard;
 
   static std::shared_ptr<Flock> make(Shepherd& shepherd);
   static const std::shared_ptr<Flock>& of(const Shepherd& shepherd) noexcept { return shepherd.flock_; }
 
-  bool isOfAnotherProcess() const noexcept { return process_ != ::getpid(); }
   const thread::Condition& condition() const noexcept KES_RETURNS_LOCK(cond_) { return cond_; }
   bool isBuried() const { return thread_.state() == thread::CoopThread::BURIED; }
 
@@ -60,7 +59,7 @@ class Flock : NoCopy {
   /// Waits until a thread that was started runs. RuntimeError when there is none.
   void awaitThread() const { (void)thread_.id(); }
   /// Whether the calling thread is the collector's.
-  bool runsHere() const noexcept;
+  bool runsHere() const { return thread::Run::of(thread_).isCaller(); }
 
  private:
   /// A collector can be started again once it was stopped.
@@ -92,8 +91,6 @@ class Flock : NoCopy {
   void releaseChildren();
   void notify(Child& child, void (Child::*tell)(), Guard& guard);
   void finish();
-
-  const pid_t process_ = ::getpid();
 
   thread::Lock lock_;
   thread::Condition cond_;

@@ -9,16 +9,16 @@ Shepherd::Shepherd() : flock_(Flock::make(*this)) {}
 
 Shepherd::~Shepherd() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilEnded;
-  if (!flock_->isOfAnotherProcess() && !flock_->isBuried()) flock_->stop();
+  if (!flock_->isInherited() && !flock_->isBuried()) flock_->stop();
 }
 
 void Shepherd::start() {
-  if (flock_->isOfAnotherProcess()) flock_ = Flock::make(*this);
+  if (flock_->isInherited()) flock_ = Flock::make(*this);
   flock_->start();
 }
 
 void Shepherd::stop() {
-  if (!flock_->isOfAnotherProcess()) flock_->stop();
+  if (!flock_->isInherited()) flock_->stop();
 }
 
 const thread::Condition& Shepherd::condition() const noexcept { return flock_->condition(); }

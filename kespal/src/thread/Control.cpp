@@ -1,8 +1,9 @@
 #include "thread/Control.h"
 
-#include "error/Report.h"
+#include <cerrno>
+
+#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/os/thread/Native.h"
 
 namespace kes::thread {
 
@@ -11,48 +12,9 @@ constinit std::atomic<std::int64_t> BasicThread::Control::m_active_threads{0};
 const int BasicThread::Control::m_fork_handler =
     ::pthread_atfork(nullptr, nullptr, [] { m_active_threads = 0; });
 
-/// The thread's way through its life, from being held to its last step but one; finish() is the last.
-void BasicThread::Control::entry(std::uint64_t ownId) {
-  m_active_threads.fetch_add(1);
-  if (!pickUpGo(ownId)) return;
-  cond.signalAll();
-  try {
-    runBody();
-  } catch (const Exception& error) {
-    reportStack({"Thread ", name, " (", Decimal(ownId), ")", " died with KES exception:\n"}, error);
-  } catch (const std::exception& error) {
-    reportWhat({"Thread ", name, " (", Decimal(ownId), ")", " died with std::exception: "}, error);
-  } catch (...) {
-    if (os::isForcedUnwind()) throw;
-    report({"Thread ", name, " (", Decimal(ownId), ")", " died with an unknown exception\n"});
-  }
-}
-
-/// False when the thread is to leave without running its body.
-bool BasicThread::Control::pickUpGo(std::uint64_t ownId) {
+void BasicThread::Control::holdAgain() {
   const LockGuardT<Condition> guard(cond);
-  nativeId = ownId;
-  while (state == CREATED) cond.wait();
-  if (state != STARTING) return false;
-  state = detached ? RUNNING_DETACHED : RUNNING;
-  return true;
-}
-
-/// What is left to do for a native thread that ends, however it came to that. A waiter of any kind is
-/// woken: a cancelled thread would never get to what they wait for. The state of a detached thread whose
-/// body ran stays as it is. A thread that forked goes on in the child without anything to do here.
-void BasicThread::Control::finish() noexcept {  // NOLINT(bugprone-exception-escape)
-  if (isInherited()) return;
-  std::shared_ptr<Control> own;  // may be the last owner: outlives the lock and the signal
-  m_active_threads.fetch_sub(1);
-  {
-    const LockGuardT<Condition> guard(cond);
-    own = std::move(nativeShare);
-    alive = false;
-    if (state != RUNNING_DETACHED) state = FINISHED;
-    noteEnd();
-  }
-  cond.signalAll();
+  if (state == STARTING) state = CREATED;
 }
 
 bool BasicThread::Control::prepareJoin() {
@@ -68,6 +30,24 @@ bool BasicThread::Control::prepareJoin() {
     default:
       return true;
   }
+}
+
+void BasicThread::Control::join(std::uint64_t run) {
+  constexpr Site site{"src/os/posix/thread/Thread", 190, "join"};
+  ::pthread_t native{};
+  {
+    const LockGuardT<Condition> guard(cond);
+    if (burials != run || !prepareJoin()) return;
+    // What the system would say: of a detached thread that has ended it must not be asked, and a thread
+    // that joins itself must not first wait for another that joins it.
+    if (detached) raiseAt(site, OsError(EINVAL));
+    if (isSelf()) raiseAt(site, OsError(EDEADLK));
+    if (!claimJoin()) return;
+    native = handle;
+  }
+  const int result = awaitEnd(native);
+  endJoin(/*buried=*/result == 0);
+  checkCode(site, result);
 }
 
 /// Waits while another thread joins. False when that one has buried the thread.

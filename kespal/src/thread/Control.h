@@ -8,6 +8,7 @@
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/thread/Thread.h"
+#include "thread/PerProcess.h"
 
 namespace kes::thread {
 
@@ -52,8 +53,7 @@ struct BasicThread::Control : ProcessBound {
   virtual void noteBurial() noexcept KES_REQUIRES(cond) {}
 
   // --- the native thread's own steps
-  void entry(std::uint64_t ownId) KES_EXCLUDES(cond);
-  void finish() noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): ends the program then
+  static void* nativeEntry(void* control);
 
   // --- those of others
   /// Whether the calling thread is this one. The system may have given the handle of one that has ended to
@@ -64,17 +64,26 @@ struct BasicThread::Control : ProcessBound {
   void awaitStart() const KES_REQUIRES(cond) {
     while (state == STARTING) cond.wait();
   }
+  /// The thread may not have heard of its go: as if that had not been given, unless it was picked up.
+  void holdAgain() KES_EXCLUDES(cond);
   bool prepareJoin() KES_REQUIRES(cond);
-  bool claimJoin() KES_REQUIRES(cond);
-  int awaitEnd(::pthread_t thread) KES_EXCLUDES(cond);
-  void endJoin(bool buried) KES_EXCLUDES(cond);
+  /// Joins the run that this number of burials names; returns at once when it is buried.
+  void join(std::uint64_t run) KES_EXCLUDES(cond);
   void revokeGo() KES_EXCLUDES(cond);
   bool outliveObject() KES_EXCLUDES(cond);
 
  private:
+  class LastStep;
+
   static const int m_fork_handler;  ///< the system's answer: the threads that are counted stay behind
 
+  void live() KES_EXCLUDES(cond);
   bool pickUpGo(std::uint64_t ownId) KES_EXCLUDES(cond);
+  void finish() noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): ends the program then
+
+  bool claimJoin() KES_REQUIRES(cond);
+  int awaitEnd(::pthread_t thread) KES_EXCLUDES(cond);
+  void endJoin(bool buried) KES_EXCLUDES(cond);
   void release() KES_REQUIRES(cond);
 };
 

@@ -1,13 +1,17 @@
 #include "kespal/thread/Thread.h"
 
+#include <csignal>
+
 #include "kespal/error/StaticError.h"
+#include "sys/AtEnd.h"
 #include "thread/Control.h"
+#include "thread/Run.h"
 
 namespace kes::thread {
 
-const std::shared_ptr<BasicThread::Control>& BasicThread::control() const { return control_.get(); }
+const std::shared_ptr<BasicThread::Control>& BasicThread::control() const { return control_->get(); }
 
-const std::string& BasicThread::name() const noexcept { return control_.peek().name; }
+const std::string& BasicThread::name() const noexcept { return control_->peek().name; }
 
 std::int64_t BasicThread::activeThreads() noexcept { return Control::m_active_threads.load(); }
 
@@ -15,12 +19,6 @@ BasicThread::State BasicThread::state() const {
   const std::shared_ptr<Control>& shared = control();
   const LockGuardT<Condition> guard(shared->cond);
   return shared->state;
-}
-
-std::uint64_t BasicThread::burials() const {
-  const std::shared_ptr<Control>& shared = control();
-  const LockGuardT<Condition> guard(shared->cond);
-  return shared->burials;
 }
 
 void BasicThread::run() {
@@ -34,8 +32,12 @@ void BasicThread::run() {
     }
     shared->state = STARTING;
   }
+  sys::AtEnd holding([&] { shared->holdAgain(); });
   shared->cond.signalAll();
+  holding.dismiss();
 }
+
+void BasicThread::join() { Run::of(*this).join(); }
 
 bool BasicThread::prepareJoin() {
   const std::shared_ptr<Control>& shared = control();
@@ -70,6 +72,32 @@ bool BasicThread::isCaller() const KES_UNCHECKED {
 void BasicThread::throwGetIdError() const {
   raiseAt({"src/thread/Thread", 145, "throwGetIdError"},
           RuntimeError("Can't get ID for non-existing thread"));
+}
+
+Run Run::of(const BasicThread& thread) {
+  Run run;
+  if (thread.control_->isInherited()) return run;
+  run.control_ = thread.control();
+  const LockGuardT<Condition> guard(run.control_->cond);
+  run.number_ = run.control_->burials;
+  return run;
+}
+
+void Run::join() const {
+  if (control_ && !control_->isInherited()) control_->join(number_);
+}
+
+int Run::wake(int signal) const {
+  if (!control_) return 0;
+  const LockGuardT<Condition> guard(control_->cond);  // keeps the native thread from its last step
+  const bool runs = control_->alive && control_->burials == number_;
+  return runs ? ::pthread_kill(control_->handle, signal) : 0;
+}
+
+bool Run::isCaller() const {
+  if (!control_) return false;
+  const LockGuardT<Condition> guard(control_->cond);
+  return control_->burials == number_ && control_->isSelf();
 }
 
 struct CppThread::Control final : BasicThread::Control {

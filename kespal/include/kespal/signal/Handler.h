@@ -1,12 +1,13 @@
 #pragma once
 
 #include <csignal>
+#include <memory>
 
+#include "kespal/NoCopy.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/CppThread.h"
-#include "kespal/thread/PerProcess.h"
 
 namespace kes::signal {
 
@@ -65,7 +66,7 @@ class Handler : public thread::CppThread::IThread, NoCopy {
  private:
   struct Shared;
 
-  const thread::PerProcess<Shared> shared_;
+  const std::unique_ptr<thread::PerProcess<Shared>> shared_;
 };
 
 }  // namespace kes::signal

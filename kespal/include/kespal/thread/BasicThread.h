@@ -8,9 +8,11 @@
 #include <string>
 
 #include "kespal/NoCopy.h"
-#include "kespal/thread/PerProcess.h"
 
 namespace kes::thread {
+
+template <typename Value>
+class PerProcess;
 
 /// One thread of the system with an explicit life. The object is made buried, run() starts the thread, and
 /// join() buries it again, after which it can be started anew. Any thread may call any operation. A
@@ -65,10 +67,6 @@ class BasicThread : NoCopy {
   /// OsError EINVAL for one that was never let go, EDEADLK for the thread itself. In a forked child it does
   /// nothing for a thread that stayed with the parent; neither does kill().
   void join();
-  /// The same, but only of the run that this number of burials names: returns at once when it is buried.
-  void joinRun(std::uint64_t burials);
-  /// How often the thread was buried, which names its present run, or the next one when it is BURIED.
-  std::uint64_t burials() const;
   /// Gets ready for joining: releases a held thread. False when there is nothing to join; raises
   /// UsageError for a detached thread that runs.
   bool prepareJoin();
@@ -77,10 +75,6 @@ class BasicThread : NoCopy {
   /// body with a `catch (...)` that does not throw on, or with a noexcept function around such a point, ends
   /// the process. Raises OsError ESRCH when a detached thread has ended, and what join() raises.
   void kill();
-
-  /// Sends a signal to the native thread, unless it has ended: there is nothing to wake then. Gives the
-  /// result code of pthread_kill.
-  int wakeBySignal(int signal) const;
 
   /// Waits while the state is STARTING.
   void waitStartOver() const;
@@ -112,13 +106,11 @@ class BasicThread : NoCopy {
   void revokeGo() noexcept;  // NOLINT(bugprone-exception-escape): ends the program then
 
  private:
+  friend class Run;
+
   struct PlainControl;
-  class LastStep;
 
-  static void* nativeEntry(void* control);
-  static void live(Control& shared);
-
-  const PerProcess<Control> control_;
+  const std::unique_ptr<PerProcess<Control>> control_;
   ::pthread_attr_t attributes_;
 };
 

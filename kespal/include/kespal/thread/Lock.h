@@ -7,7 +7,7 @@ namespace kes::thread {
 /// A mutual-exclusion lock. Owned by whoever shares something between threads; any thread may lock it, and
 /// only the one that did may unlock it. Not to be destroyed while it is locked: that prints a warning.
 /// Every operation raises OsError with the code of the failed call. A forked child inherits it as it is: when
-/// another thread held it, nobody will ever release it there (see PerProcess).
+/// another thread held it, nobody will ever release it there.
 class KES_CAPABILITY("lock") Lock : public LockBase {
  public:
   explicit Lock(LockKind kind) : LockBase(kind) {}

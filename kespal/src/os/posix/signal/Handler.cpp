@@ -4,33 +4,26 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
-#include <map>
-#include <set>
 
 #include "error/Report.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/os/thread/Native.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
 #include "signal/Blocked.h"
+#include "signal/Registrations.h"
 #include "sys/NoCancel.h"
+#include "thread/PerProcess.h"
+#include "thread/Run.h"
 
 namespace kes::signal {
 
 namespace {
 
 using Guard = thread::LockGuardT<thread::Lock>;
-
-/// Who is told about which signal, and what the thread waits for.
-struct Registrations {
-  std::map<int, std::multiset<Handler::INotify*>> notifiers;
-  Set waitSet;
-};
 
 /// The handler, if any, whose thread this is.
 thread_local const void* t_served = nullptr;
@@ -57,13 +50,10 @@ struct Handler::Shared : thread::ProcessBound {
         owner(handler),
         worker("signal handler", &handler) {}
 
-  static constexpr std::uint64_t noRun = ~std::uint64_t{0};
-
   thread::Lock lock{thread::Normal};
   bool running KES_GUARDED_BY(lock) = false;
-  std::uint64_t run KES_GUARDED_BY(lock) = noRun;  ///< of the worker, the last that was started
-  std::atomic<int> mgmSignal;                      ///< may be read without the lock
-  std::atomic<bool> leaving{false};                ///< the thread is to take no signal; set without the lock
+  std::atomic<int> mgmSignal;        ///< may be read without the lock
+  std::atomic<bool> leaving{false};  ///< the thread is to take no signal; set without the lock
   thread::Replaceable<Registrations> registrations KES_GUARDED_BY(lock);
   Handler& owner;
   thread::CppThread worker;
@@ -73,13 +63,12 @@ struct Handler::Shared : thread::ProcessBound {
   }
 
   /// A thread that has ended needs no waking.
-  void sendMgmSig() const { checkCode(KES_HERE, worker.wakeBySignal(mgmSignal)); }
-  std::uint64_t tellToEnd() KES_EXCLUDES(lock);
+  void sendMgmSig() const { checkCode(KES_HERE, thread::Run::of(worker).wake(mgmSignal)); }
+  thread::Run tellToEnd() KES_EXCLUDES(lock);
   bool findWaitSet(Set& set) const KES_EXCLUDES(lock);
-  void handle(int signal, const siginfo_t& info) const KES_REQUIRES(lock);
 };
 
-Handler::Handler() : shared_(std::make_shared<Shared>(*this)) {}
+Handler::Handler() : shared_(std::make_unique<thread::PerProcess<Shared>>(std::make_shared<Shared>(*this))) {}
 
 Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilStopped;
@@ -87,7 +76,7 @@ Handler::~Handler() {  // NOLINT(bugprone-exception-escape)
     stop();
   } catch (const Exception& error) {
     reportStack({"Error stopping the signal thread:\n"}, error);
-    shared_.get()->worker.kill();  // it must not outlive what it works on
+    shared_->get()->worker.kill();  // it must not outlive what it works on
   }
 }
 
@@ -95,11 +84,11 @@ void Handler::start(const int& mgmSignal) {
   if (!canBeWaitedFor(mgmSignal)) {
     raiseAt(KES_HERE, UsageError("tried to manage the signal thread by a signal that cannot be waited for"));
   }
-  const std::shared_ptr<Shared>& shared = shared_.get();
+  const std::shared_ptr<Shared>& shared = shared_->get();
   const Guard guard(shared->lock);
   auto next = std::make_unique<Registrations>(*shared->registrations);
-  if (!next->notifiers.contains(shared->mgmSignal)) next->waitSet.remove(shared->mgmSignal);
-  next->waitSet.add(mgmSignal);
+  next->leave(shared->mgmSignal);
+  next->manage(mgmSignal);
   {
     // The thread inherits the signal blocked: one that comes before its first wait would end the process.
     const Blocked inherited({mgmSignal});
@@ -108,18 +97,17 @@ void Handler::start(const int& mgmSignal) {
   shared->registrations.replace(std::move(next));
   shared->mgmSignal = mgmSignal;
   shared->leaving = false;
-  shared->run = shared->worker.burials();
   shared->running = true;
 }
 
 void Handler::stop() {
-  if (shared_.isInherited()) return;
-  const std::shared_ptr<Shared>& shared = shared_.get();
-  shared->worker.joinRun(shared->tellToEnd());
+  if (shared_->isInherited()) return;
+  const std::shared_ptr<Shared>& shared = shared_->get();
+  shared->tellToEnd().join();
 }
 
-/// Names the run to join: others may have joined it, and started the next one, before its number is used.
-std::uint64_t Handler::Shared::tellToEnd() {
+/// Gives the run to join: others may join it, and start the next one, before the caller does.
+thread::Run Handler::Shared::tellToEnd() {
   const Guard guard(lock);
   try {
     if (running) sendMgmSig();
@@ -127,23 +115,22 @@ std::uint64_t Handler::Shared::tellToEnd() {
     if (error.errnum() != ESRCH) throw;  // the thread has ended by itself, as some systems tell
   }
   running = false;
-  return run;
+  return thread::Run::of(worker);
 }
 
 void Handler::leaveSignals() {
-  if (shared_.isInherited()) return;
-  Shared& shared = *shared_.get();
+  if (shared_->isInherited()) return;
+  Shared& shared = *shared_->get();
   shared.leaving = true;
   if (t_served != &shared) shared.sendMgmSig();  // the thread itself does not wait
 }
 
 void Handler::add(const int& signal, INotify& notifier) {
-  const std::shared_ptr<Shared>& shared = shared_.get();
+  const std::shared_ptr<Shared>& shared = shared_->get();
   const Guard guard(shared->lock);
-  if (!shared->registrations->waitSet.contains(signal)) {
+  if (!shared->registrations->waitSet().contains(signal)) {
     auto next = std::make_unique<Registrations>(*shared->registrations);
-    next->notifiers[signal].insert(&notifier);
-    next->waitSet.add(signal);
+    next->add(signal, notifier);
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     action.sa_flags = SA_SIGINFO;
@@ -155,24 +142,19 @@ void Handler::add(const int& signal, INotify& notifier) {
 }
 
 void Handler::remove(const int& signal, INotify& notifier) {
-  const std::shared_ptr<Shared>& shared = shared_.get();
+  const std::shared_ptr<Shared>& shared = shared_->get();
   const Guard guard(shared->lock);
   auto next = std::make_unique<Registrations>(*shared->registrations);
-  const auto registered = next->notifiers.find(signal);
-  if (registered == next->notifiers.end() || !registered->second.contains(&notifier)) {
+  if (!next->remove(signal, notifier)) {
     raiseAt(KES_HERE, UsageError("tried to remove non-registered signal"));
   }
-  registered->second.erase(registered->second.find(&notifier));
-  if (registered->second.empty()) {
-    next->notifiers.erase(registered);
-    if (!shared->running || signal != shared->mgmSignal) next->waitSet.remove(signal);
-  }
+  if (shared->running) next->manage(shared->mgmSignal);
   shared->registrations.replace(std::move(next));
   if (shared->running) shared->sendMgmSig();
 }
 
 void Handler::sendMgmSig() {
-  const std::shared_ptr<Shared>& shared = shared_.get();
+  const std::shared_ptr<Shared>& shared = shared_->get();
   const Guard guard(shared->lock);
   if (!shared->running) shared->worker.throwGetIdError();
   shared->sendMgmSig();
@@ -181,12 +163,12 @@ void Handler::sendMgmSig() {
 /// Copies the set to wait for. False when the thread is to end.
 bool Handler::Shared::findWaitSet(Set& set) const {
   const Guard guard(lock);
-  set = registrations->waitSet;
+  set = registrations->waitSet();
   return running && !leaving;
 }
 
 void Handler::thread(thread::CppThread&) {
-  const std::shared_ptr<Shared>& shared = shared_.get();
+  const std::shared_ptr<Shared>& shared = shared_->get();
   t_served = shared.get();
   for (Set set; shared->findWaitSet(set);) {
     const siginfo_t info = {};
@@ -199,24 +181,7 @@ void Handler::thread(thread::CppThread&) {
       giveBack(signal, shared->mgmSignal);
     } else {
       const Guard guard(shared->lock);
-      shared->handle(signal, info);
-    }
-  }
-}
-
-/// Tells the notifiers of a signal. The lock is held.
-void Handler::Shared::handle(int signal, const siginfo_t& info) const {
-  if (signal == mgmSignal) return;
-  const auto registered = registrations->notifiers.find(signal);
-  if (registered == registrations->notifiers.end()) return;
-  for (INotify* notifier : registered->second) {
-    try {
-      notifier->notify(signal, info);
-    } catch (const Exception& error) {
-      reportStack({"handle: Got an exception:\n"}, error);
-    } catch (...) {
-      if (os::isForcedUnwind()) throw;
-      report({"handle: Got an unknown exception\n"});
+      if (signal != shared->mgmSignal) shared->registrations->tell(signal, info);
     }
   }
 }

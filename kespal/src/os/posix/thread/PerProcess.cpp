@@ -1,4 +1,4 @@
-#include "kespal/thread/PerProcess.h"
+#include "thread/PerProcess.h"
 
 #include <pthread.h>
 #include <unistd.h>

@@ -36,33 +36,6 @@ std::size_t acceptableStackSize(std::size_t wanted) {
 
 }  // namespace
 
-/// The last step of every native thread, taken by the destructor of a thread-specific value: it runs on
-/// every system after a return, an exit and a cancellation alike.
-class BasicThread::LastStep {
- public:
-  /// False when the system has no key or no memory for it; then a cleanup handler has to take the step.
-  static bool willBeTaken(Control& control) {
-    return m_usable.load(std::memory_order_acquire) && ::pthread_setspecific(m_key, &control) == 0;
-  }
-  static void take(void* control) { static_cast<Control*>(control)->finish(); }
-
- private:
-  static bool makeKey() {
-    m_usable = ::pthread_key_create(&m_key, &take) == 0;
-    return m_usable;
-  }
-
-  static ::pthread_key_t m_key;
-  static std::atomic<bool> m_usable;
-  static const bool m_made;
-};
-
-// The key is made when the program is initialised, not at the first use: a fork in the middle of that would
-// leave the child waiting for its end. A thread that a static object has started before does without it.
-constinit ::pthread_key_t BasicThread::LastStep::m_key{};
-constinit std::atomic<bool> BasicThread::LastStep::m_usable{false};
-const bool BasicThread::LastStep::m_made = makeKey();
-
 /// The control block of a thread whose body is a function.
 struct BasicThread::PlainControl final : Control {
   PlainControl(std::string threadName, bool isDetached, void (*body)(void*), void* bodyArgument)
@@ -83,10 +56,10 @@ BasicThread::BasicThread(void (*function)(void*), const std::string& name, void*
     : BasicThread(std::make_shared<PlainControl>(name, detached, function, argument), stackSize) {}
 
 BasicThread::BasicThread(std::shared_ptr<Control> control, unsigned long stackSize)
-    : control_(std::move(control)) {
+    : control_(std::make_unique<PerProcess<Control>>(std::move(control))) {
   checkCode(KES_HERE, ::pthread_attr_init(&attributes_));
   sys::AtEnd undo([this] { ::pthread_attr_destroy(&attributes_); });
-  if (control_.peek().detached) {
+  if (control_->peek().detached) {
     checkCode(KES_HERE, ::pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_DETACHED));
   }
   const std::size_t wanted = stackSize != 0 ? stackSize : defaultStackSize;
@@ -97,12 +70,12 @@ BasicThread::BasicThread(std::shared_ptr<Control> control, unsigned long stackSi
 // A thread whose lock or end the system refuses ends the program: nothing could go on safely.
 BasicThread::~BasicThread() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilBuried;
-  if (!control_.isInherited() && control()->outliveObject()) join();
+  if (!control_->isInherited() && control()->outliveObject()) join();
   ::pthread_attr_destroy(&attributes_);
 }
 
 void BasicThread::revokeGo() noexcept {  // NOLINT(bugprone-exception-escape)
-  if (!control_.isInherited()) control()->revokeGo();
+  if (!control_->isInherited()) control()->revokeGo();
 }
 
 void BasicThread::create() {
@@ -120,7 +93,8 @@ void BasicThread::create() {
   if (!shared.hasBody()) raiseAt(KES_HERE, UsageError("Tried to start a thread that has no body"));
   shared.nativeId = Control::unknownId;
   shared.nativeShare = own;
-  if (const int result = ::pthread_create(&shared.handle, &attributes_, &nativeEntry, &shared); result != 0) {
+  if (const int result = ::pthread_create(&shared.handle, &attributes_, &Control::nativeEntry, &shared);
+      result != 0) {
     shared.nativeShare.reset();
     raiseAt({"src/os/posix/thread/Thread", 173, "create"}, OsError(result));
   }
@@ -128,63 +102,9 @@ void BasicThread::create() {
   shared.alive = true;
 }
 
-// Not noexcept: a cancellation unwinds through it.
-void* BasicThread::nativeEntry(void* control) {
-  auto& shared = *static_cast<Control*>(control);
-  if (LastStep::willBeTaken(shared)) {
-    live(shared);
-  } else {
-    pthread_cleanup_push(&LastStep::take, control);
-    live(shared);
-    pthread_cleanup_pop(1);
-  }
-  return nullptr;
-}
-
-void BasicThread::live(Control& shared) {
-  os::nameThread(shared.name.c_str());
-  std::uint64_t ownId = Control::unknownId;
-  try {
-    ownId = getNativeThreadId();
-  } catch (const OsError&) {
-    report({"Failed to get native thread ID\n"});
-  }
-  shared.entry(ownId);
-}
-
-void BasicThread::join() {
-  if (!control_.isInherited()) joinRun(burials());
-}
-
-void BasicThread::joinRun(std::uint64_t burials) {
-  constexpr Site site{"src/os/posix/thread/Thread", 190, "join"};
-  if (control_.isInherited()) return;
-  const std::shared_ptr<Control> shared = control();
-  ::pthread_t native{};
-  {
-    const LockGuardT<Condition> guard(shared->cond);
-    if (shared->burials != burials || !shared->prepareJoin()) return;
-    // What the system would say: of a detached thread that has ended it must not be asked, and a thread
-    // that joins itself must not first wait for another that joins it.
-    if (shared->detached) raiseAt(site, OsError(EINVAL));
-    if (shared->isSelf()) raiseAt(site, OsError(EDEADLK));
-    if (!shared->claimJoin()) return;
-    native = shared->handle;
-  }
-  const int result = shared->awaitEnd(native);
-  shared->endJoin(/*buried=*/result == 0);
-  checkCode(site, result);
-}
-
-int BasicThread::wakeBySignal(int signal) const {
-  const std::shared_ptr<Control> shared = control();
-  const LockGuardT<Condition> guard(shared->cond);  // as in kill()
-  return shared->alive ? ::pthread_kill(shared->handle, signal) : 0;
-}
-
 void BasicThread::kill() {
   constexpr Site site{"src/os/posix/thread/Thread", 225, "kill"};
-  if (control_.isInherited()) return;
+  if (control_->isInherited()) return;
   const std::shared_ptr<Control> shared = control();
   std::uint64_t run = 0;  // others may join this one, and start the next, before this thread joins
   {
@@ -198,7 +118,7 @@ void BasicThread::kill() {
       checkCode(site, ::pthread_cancel(shared->handle));
     }
   }
-  joinRun(run);
+  shared->join(run);
 }
 
 void BasicThread::yield() { check({"src/os/posix/thread/Thread", 236, "yield"}, ::sched_yield()); }

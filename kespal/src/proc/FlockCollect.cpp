@@ -1,0 +1,133 @@
+#include <sys/wait.h>
+
+#include <cerrno>
+
+#include "error/Report.h"
+#include "kespal/os/thread/Native.h"
+#include "kespal/proc/Child.h"
+#include "proc/Flock.h"
+#include "sys/AtEnd.h"
+
+namespace kes::proc {
+
+using thread::CoopThread;
+
+void Flock::collect() {
+  const sys::AtEnd finishing([this] { finish(); });
+  while (awaitWork()) reapSome();
+  releaseChildren();
+}
+
+/// Pauses until there is a child to wait for. False when the thread is to end.
+bool Flock::awaitWork() {
+  while (thread_.request() == CoopThread::Run) {
+    Guard guard(cond_);
+    while (childless_ && phase_ != Phase::Stopping) cond_.wait();
+    if (phase_ == Phase::Stopping) return false;
+    if (records_.anyRuns()) {
+      waitedFor_ = newest_;
+      return true;
+    }
+    thread_.requestPauseIfRun();
+    guard.unlock();
+    thread_.pause();
+  }
+  return false;
+}
+
+void Flock::reapSome() {
+  // Only looks: a child that is reaped without the lock would leave its number to the next one before its
+  // own status is filed.
+  siginfo_t ended{};
+  if (::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) == -1) {
+    waitFailed(errno);
+  } else {
+    reap(ended.si_pid);
+  }
+}
+
+/// Without any child left (somebody else collected ours) the next wait would fail again, and again: the
+/// thread then waits for the next registration instead.
+void Flock::waitFailed(int errnum) {
+  {
+    const Guard guard(cond_);
+    if (phase_ == Phase::Stopping) return;
+    childless_ = errnum == ECHILD && waitedFor_ == newest_;
+  }
+  report({thread_.name(), ": Error waiting for childs ...\n"});
+}
+
+// The analysis of locks does not follow a guard that is handed on, or may be none.
+
+/// Children often end close together: whoever else has ended by now is taken along, without another look and
+/// another locking. Only so many, as meanwhile nobody can start a child.
+void Flock::reap(pid_t first) KES_UNCHECKED {
+  Guard guard(cond_);
+  int status = 0;
+  pid_t pid = ::waitpid(first, &status, WNOHANG);  // somebody else may have been faster
+  for (int others = 15; pid > 0 && file(pid, status, guard) && records_.anyRuns() && others > 0; --others) {
+    pid = ::waitpid(-1, &status, WNOHANG);
+  }
+}
+
+/// False when that took the lock away.
+bool Flock::file(pid_t pid, int status, Guard& guard) KES_UNCHECKED {
+  const Records::End end = records_.end(pid, status);
+  if (end.number == 0) {
+    guard.unlock();
+    report({thread_.name(), ": Got info for not registered child: ", Decimal(static_cast<std::uint64_t>(pid)),
+            "\n"});
+    return false;
+  }
+  if (!end.isToBeTold) return true;
+  checkCB(pid, guard);
+  const Guard again(cond_);
+  records_.wake(pid, end.number);
+  return false;
+}
+
+void Flock::checkCB(pid_t pid, Guard& guard) KES_UNCHECKED {
+  if (Child* const child = records_.takeChild(pid)) notify(*child, &Child::exited, guard);
+}
+
+/// Whoever would be told of an end that nobody will see learns that instead.
+void Flock::releaseChildren() KES_UNCHECKED {
+  for (;;) {
+    Guard guard(cond_);
+    Child* const child = records_.takeRunningChild();
+    if (child == nullptr) return;
+    notify(*child, &Child::released, guard);
+  }
+}
+
+/// Called without the lock, which is released through the guard; the child may be gone afterwards.
+void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) KES_UNCHECKED {
+  notifying_ = &child;
+  guard.unlock();
+  const sys::AtEnd done([this] {
+    const Guard again(cond_);
+    notifying_ = nullptr;
+    cond_.signalAll();
+  });
+  constexpr std::string_view headline = "checkCB: callback has thrown an exception:\n";
+  try {
+    (child.*tell)();
+  } catch (const Exception& error) {
+    reportStack({headline}, error, /*end=*/"");
+  } catch (const std::exception& error) {
+    reportWhat({headline}, error);
+  } catch (...) {
+    if (os::isForcedUnwind()) throw;
+    report({headline, "an unknown exception\n"});
+  }
+}
+
+/// However the body is left: whoever waits would wait for ever.
+void Flock::finish() {
+  const Guard guard(cond_);
+  phase_ = Phase::Ended;
+  records_.wakeAll();
+  cond_.signalAll();
+}
+
+}  // namespace kes::proc
