@@ -69,25 +69,29 @@ void Flock::start() {
 void Flock::stop() {
   const sys::NoCancel untilReaped;
   const Noticing untilEnded;
-  Sentinel sentinel;
-  try {
-    thread::Run run;
-    {
-      const Guard guard(cond_);
-      run = thread::Run::of(thread_);  // one that begins later is not this call's business
-      if (isBuried()) return;
-      if (phase_ == Phase::Serving) {
-        phase_ = Phase::Stopping;
-        sentinel = makeSentinel();
-      }
-      thread_.requestReturn();
-      cond_.signalAll();
+  const auto reporting = [this](auto step) {
+    try {
+      step();
+    } catch (const Exception& error) {
+      reportStack({"Error joining ", thread_.name(), " thread:\n"}, error, /*end=*/"");
     }
-    run.join();
-  } catch (const Exception& error) {
-    reportStack({"Error joining ", thread_.name(), " thread:\n"}, error, /*end=*/"");
+  };
+  Sentinel sentinel;
+  reporting([&] { tellToEnd(sentinel).join(); });
+  reporting([&] { reapSentinel(sentinel); });
+}
+
+/// Gives the run to join: one that begins later is not the caller's business.
+thread::Run Flock::tellToEnd(Sentinel& sentinel) {
+  const Guard guard(cond_);
+  if (isBuried()) return {};
+  if (phase_ == Phase::Serving) {
+    phase_ = Phase::Stopping;
+    sentinel = makeSentinel();
   }
-  reapSentinel(sentinel);
+  thread_.requestReturn();
+  cond_.signalAll();
+  return thread::Run::of(thread_);
 }
 
 /// The collector may sit in waitid() until the next child ends: one that ends at once is made for it, which
@@ -115,12 +119,15 @@ void Flock::reapSentinel(const Sentinel& sentinel) {
   records_.end(sentinel.pid, 0);
 }
 
-std::uint64_t Flock::addNoLock(pid_t pid, Child* child) {
-  newest_ = records_.add(pid, child);
-  childless_ = false;
+void Flock::expectNoLock() {
+  records_.reserve();
   cond_.signalAll();
   thread_.requestRun();
-  return newest_;
+}
+
+std::uint64_t Flock::addNoLock(pid_t pid, Child* child) {
+  childless_ = false;
+  return newest_ = records_.add(pid, child);
 }
 
 bool Flock::wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number) {

@@ -42,8 +42,9 @@ class Flock : public thread::ProcessBound {
 
   // With the lock held.
 
-  /// Takes what memory the next addNoLock() needs.
-  void reserveNoLock() KES_REQUIRES(cond_) { records_.reserve(); }
+  /// Makes ready for one child: takes the memory for its record, and wakes the collector, which waits for the
+  /// lock then. After that nothing can fail in addNoLock().
+  void expectNoLock() KES_REQUIRES(cond_);
   /// Whether children that are registered will be reaped.
   bool isServingNoLock() const noexcept KES_REQUIRES(cond_) { return phase_ == Phase::Serving; }
   /// Whether this child has not been reaped here.
@@ -81,6 +82,7 @@ class Flock : public thread::ProcessBound {
   explicit Flock(Shepherd& shepherd);
   ~Flock() = default;
 
+  thread::Run tellToEnd(Sentinel& sentinel);
   Sentinel makeSentinel() KES_REQUIRES(cond_);
   void reapSentinel(const Sentinel& sentinel);
   bool awaitWork();

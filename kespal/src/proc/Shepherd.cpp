@@ -23,7 +23,10 @@ void Shepherd::stop() {
 
 const thread::Condition& Shepherd::condition() const noexcept { return flock_->condition(); }
 
-void Shepherd::addNoLock(const int& pid, Child* child) KES_UNCHECKED { flock_->addNoLock(pid, child); }
+void Shepherd::addNoLock(const int& pid, Child* child) KES_UNCHECKED {
+  flock_->expectNoLock();
+  flock_->addNoLock(pid, child);
+}
 
 bool Shepherd::wait(const int& pid, int& status, const time::Milliseconds* timeout) {
   const std::shared_ptr<Flock> flock = flock_;  // may outlive this object

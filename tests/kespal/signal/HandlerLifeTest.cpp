@@ -142,6 +142,17 @@ TEST_F(HandlerTest, AThreadThatIsGoneCountsAsStopped) {
   handler.stop();
 }
 
+TEST_F(HandlerTest, AnInterruptedWaitIsNotTheEndOfTheThread) {
+  Handler handler;
+  {
+    const Fault fault(Call::Sigwait, EINTR);
+    handler.start(SIGUSR1);
+    ASSERT_TRUE(eventually([&] { return fault.struck(); }));
+  }
+  expectDelivery(handler, SIGTERM);
+  handler.stop();
+}
+
 TEST_F(HandlerTest, AManagementSignalWithoutAThreadIsRefused) {
   Handler handler;
   EXPECT_EQ(raisedBy([&] { handler.sendMgmSig(); }).type, "RuntimeError");

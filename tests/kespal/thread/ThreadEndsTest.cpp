@@ -137,6 +137,22 @@ TEST(ThreadEndsTest, WhoKillsAThreadDoesNotWaitForTheNextRunOfIt) {
   thread.join();
 }
 
+TEST(ThreadEndsTest, ARunWhoseSignalIsRefusedLeavesAHeldThread) {
+  bool ran = false;
+  Body body = [&] { ran = true; };
+  TestThread thread(body);
+  {
+    const Fault fault(Call::CondBroadcast, EINVAL);
+    EXPECT_EQ(raisedBy([&] { thread.run(); }),
+              osError(EINVAL, "include/os/posix/thread/Condition", 32, "signalAll"));
+  }
+  thread.join();
+  EXPECT_EQ(thread.state(), BasicThread::BURIED);
+  thread.run();
+  thread.join();
+  EXPECT_TRUE(ran);
+}
+
 /// Uses a thread in another one that got its handle from the system: between the end of the one and its
 /// burial by whoever joins it.
 Raised raisedByTheNextOwnerOfTheHandle(BasicThread& thread, const std::function<void()>& use) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "kespal/NoCopy.h"
 #include "kespal/error/Site.h"
@@ -60,9 +61,9 @@ class Child : NoCopy {
   // What will be started. Changes count for the next create().
 
   /// The program, searched on PATH when it has no "/", and its arguments; the first is both.
-  void setArguments(const std::list<std::string>& arguments) { arguments_ = arguments; }
+  void setArguments(std::list<std::string> arguments) noexcept { arguments_ = std::move(arguments); }
   /// NAME=value texts; none means that the child inherits this process's environment.
-  void setEnvironment(const std::list<std::string>& environment) { environment_ = environment; }
+  void setEnvironment(std::list<std::string> environment) noexcept { environment_ = std::move(environment); }
   /// Empty means that this process's is kept.
   void setWorkingDirectory(const std::string& directory) { workingDirectory_ = directory; }
   /// Descriptors that the child gets as its 0, 1 and 2; -1 means that it inherits this process's. They stay

@@ -2,12 +2,12 @@
 
 #include <grp.h>
 
-#include <cerrno>
 #include <ostream>
 #include <vector>
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "os/posix/Lookup.h"
 
 namespace kes {
 
@@ -31,14 +31,12 @@ void GroupInfo::retrieve() {
   members_.clear();
   group entry;
   group* found = nullptr;
-  std::vector<char> buffer(128);
-  int code = 0;
-  do {
-    code = name_.empty() ? ::getgrgid_r(gid_, &entry, buffer.data(), buffer.size(), &found)
-                         : ::getgrnam_r(name_.c_str(), &entry, buffer.data(), buffer.size(), &found);
-    if (code == ERANGE) buffer.resize(buffer.size() * 2);
-  } while (code == EINTR || code == ERANGE);
-  if (code != 0) raiseAt(KES_HERE, OsError(code));
+  std::vector<char> room(128);
+  const int code = os::lookUp(room, [&](char* buffer, std::size_t size) {
+    return name_.empty() ? ::getgrgid_r(gid_, &entry, buffer, size, &found)
+                         : ::getgrnam_r(name_.c_str(), &entry, buffer, size, &found);
+  });
+  checkCode(KES_HERE, code);
   if (found == nullptr) raiseAt(KES_HERE, RuntimeError("no matching group"));
 
   gid_ = entry.gr_gid;

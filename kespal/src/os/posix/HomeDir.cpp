@@ -3,28 +3,20 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <vector>
 
 #include "kespal/proc/Env.h"
-#include "sys/NoCancel.h"
+#include "os/posix/Lookup.h"
 
 namespace kes::os {
 
 std::string databaseHome() {
-  std::vector<char> buffer(1024);
+  std::vector<char> room(1024);
   passwd entry{};
   passwd* found = nullptr;
-  constexpr std::size_t most = std::size_t{1} << 20;  // no entry is so long: who asks for more never ends
-  const sys::NoCancel noCancel;                       // the C library would leave its files open
-  for (;;) {
-    const int errnum = ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
-    if (errnum == ERANGE && buffer.size() < most) {
-      buffer.resize(2 * buffer.size());
-    } else if (errnum != EINTR) {
-      break;
-    }
-  }
+  lookUp(room, [&](char* buffer, std::size_t size) {
+    return ::getpwuid_r(::getuid(), &entry, buffer, size, &found);
+  });
   return found != nullptr && found->pw_dir != nullptr ? found->pw_dir : "";
 }
 

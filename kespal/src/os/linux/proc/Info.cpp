@@ -7,11 +7,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <optional>
 
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
 #include "sys/Owner.h"
+#include "sys/Retry.h"
 
 namespace kes::proc {
 
@@ -22,15 +25,21 @@ constexpr std::size_t commLimit = 15;
 
 bool isProcess(const char* entry) { return std::isdigit(static_cast<unsigned char>(*entry)) != 0; }
 
-/// The first bytes of a process's command name, of which the kernel tells more for its own workers; empty
-/// when the process is gone or not ours to see.
-std::string commandName(const char* pid) {
-  const sys::Descriptor file(::open((std::string("/proc/") + pid + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return "";
+/// Whether the error says that a process is gone, or not ours to see.
+bool isOutOfSight(int errnum) {
+  return errnum == ENOENT || errnum == ESRCH || errnum == EACCES || errnum == EPERM;
+}
+
+/// The first bytes of a process's command name, of which the kernel tells more for its own workers; empty when
+/// the process is out of sight, none when the system does not tell.
+std::optional<std::string> commandName(const char* pid) {
+  const std::string path = std::string("/proc/") + pid + "/comm";
   char text[64];
-  const ssize_t count = ::read(file.get(), text, sizeof text);
+  const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+  const ssize_t count = file ? sys::retry([&] { return ::read(file.get(), text, sizeof text); }) : -1;
+  if (count == -1 && !isOutOfSight(errno)) return std::nullopt;
   if (count <= 0) return "";
-  return {text, std::min(static_cast<std::size_t>(count) - 1, commLimit)};  // without the newline
+  return std::string(text, std::min(static_cast<std::size_t>(count) - 1, commLimit));  // without the newline
 }
 
 }  // namespace
@@ -52,11 +61,15 @@ std::set<int> Info::running(const std::string& name) {
   const std::string wanted = name.substr(0, commLimit);
   const sys::DirStream processes(::opendir("/proc"));
   if (!processes || wanted.empty()) return found;
-  while (const dirent* entry = ::readdir(processes.get())) {
-    if (isProcess(entry->d_name) && commandName(entry->d_name) == wanted)
-      found.insert(std::atoi(entry->d_name));
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(processes.get());
+    if (entry == nullptr) return errno == 0 ? found : std::set<int>();
+    if (!isProcess(entry->d_name)) continue;
+    const std::optional<std::string> command = commandName(entry->d_name);
+    if (!command) return {};
+    if (*command == wanted) found.insert(std::atoi(entry->d_name));
   }
-  return found;
 }
 
 }  // namespace kes::proc

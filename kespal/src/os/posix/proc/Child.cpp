@@ -41,7 +41,7 @@ void Child::fork(const Program& program) {
   const std::shared_ptr<Flock> flock = flock_ = collector();
   const Flock::Guard guard(flock->condition());
   if (!flock->isServingNoLock()) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
-  flock->reserveNoLock();
+  flock->expectNoLock();
   const pid_t pid = check({"src/os/posix/proc/Child", 129, "create"}, start(program, newProcessGroup_));
   pid_ = registeredPid_ = pid;
   registration_ = flock->addNoLock(pid, notify_ != nullptr ? this : nullptr);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 #include "kespal/error/OsError.h"
@@ -96,16 +97,17 @@ void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
 }
 
 void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
-  const UserInfo before = effectiveProcUser();
+  // What is to be restored is only moved once something was changed: that takes no memory.
+  UserInfo before = effectiveProcUser();
   if (changeGroups) {
-    const std::set<unsigned> groups = supplementaryGroups();
+    std::set<unsigned> groups = supplementaryGroups();
     setSupplementaryGroups({});
     groupsSaved_ = !permanent;
-    if (!permanent) previousGroups_ = groups;
+    if (!permanent) previousGroups_ = std::move(groups);
   }
   changePrivilegeIds(user, permanent);
   saved_ = !permanent;
-  if (!permanent) previousUser_ = before;
+  if (!permanent) previousUser_ = std::move(before);
 }
 
 void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {

@@ -14,6 +14,7 @@
 #include "os/posix/fs/Errors.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
+#include "sys/Retry.h"
 
 namespace kes::proc {
 
@@ -104,7 +105,9 @@ int Program::restoreMask() noexcept {
   return ::pthread_sigmask(SIG_SETMASK, &signal::Set::m_original.native(), nullptr);
 }
 
-bool Program::Redirection::make() const noexcept { return fd == -1 || ::dup2(fd, target) != -1; }
+bool Program::Redirection::make() const noexcept {
+  return fd == -1 || sys::retry([this] { return ::dup2(fd, target); }) != -1;
+}
 
 bool Program::enterDirectory() const noexcept {
   return directory_.empty() || ::chdir(directory_.c_str()) == 0;

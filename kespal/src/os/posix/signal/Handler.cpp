@@ -173,7 +173,9 @@ void Handler::thread(thread::CppThread&) {
   for (Set set; shared->findWaitSet(set);) {
     const siginfo_t info = {};
     int signal = 0;
-    if (const int result = ::sigwait(&set.native(), &signal); result != 0) {
+    const int result = ::sigwait(&set.native(), &signal);
+    if (result == EINTR) continue;  // some systems tell of it
+    if (result != 0) {
       errno = result;  // the call returns its error; who looks at errno shall see the same
       raiseAt(KES_HERE, OsError(result));
     }

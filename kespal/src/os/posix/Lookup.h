@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+#include <vector>
+
+#include "sys/NoCancel.h"
+
+namespace kes::os {
+
+/// Looks something up in a database of accounts: `ask` is given room for the texts of the entry, and answers
+/// 0 or an error number. It is asked again when a signal came between, and with more room when that was too
+/// little; a database that never has enough is not believed. Not cancelled: the C library would keep its files
+/// open and its locks taken.
+template <typename Ask>
+int lookUp(std::vector<char>& room, Ask ask) {
+  const sys::NoCancel noCancel;
+  constexpr std::size_t most = std::size_t{64} << 20;
+  for (;;) {
+    const int code = ask(room.data(), room.size());
+    if (code == EINTR) continue;
+    if (code != ERANGE || room.size() > most) return code;
+    room.resize(room.size() * 2);
+  }
+}
+
+}  // namespace kes::os
