@@ -32,9 +32,10 @@ fs::Path Info::exe() {
   char text[exeLimit] = "";
   std::uint32_t size = exeLimit;
   if (::_NSGetExecutablePath(text, &size) != 0) {
-    DynError error("Executable path too large. Got: ", nullptr);
-    error.stream() << exeLimit << " bytes, need " << size << " bytes.";
-    raiseAt({"src/os/darwin/proc/Info", 97, "exe"}, error);
+    raiseAt({"src/os/darwin/proc/Info", 97, "exe"},
+            DynError("Executable path too large. Got: " + std::to_string(exeLimit) + " bytes, need " +
+                         std::to_string(size) + " bytes.",
+                     nullptr));
   }
   return text;
 }

@@ -49,9 +49,10 @@ fs::Path Info::exe() {
   const ssize_t length = check(KES_HERE, ::readlink("/proc/self/exe", text, PATH_MAX));
   const std::size_t needed = static_cast<std::size_t>(length) + 1;
   if (needed > exeLimit) {
-    DynError error("Executable path too large. Got: ", nullptr);
-    error.stream() << exeLimit << " bytes, need " << needed << " bytes.";
-    raiseAt({"src/os/linux/proc/Info", 97, "exe"}, error);
+    raiseAt({"src/os/linux/proc/Info", 97, "exe"},
+            DynError("Executable path too large. Got: " + std::to_string(exeLimit) + " bytes, need " +
+                         std::to_string(needed) + " bytes.",
+                     nullptr));
   }
   return text;
 }

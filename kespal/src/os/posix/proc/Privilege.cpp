@@ -21,6 +21,10 @@ int setGroups(int (*call)(Count, const gid_t*), const std::vector<gid_t>& groups
   return call(static_cast<Count>(groups.size()), groups.data());
 }
 
+[[gnu::always_inline]] inline void becomeMemberOf(const std::vector<gid_t>& groups) {
+  check(KES_HERE_IN("setSupplementaryGroups"), setGroups(::setgroups, groups));
+}
+
 UserInfo resolved(unsigned uid, unsigned gid) {
   UserInfo user;
   user.uid = uid;
@@ -93,7 +97,7 @@ std::set<unsigned> Privilege::supplementaryGroups() const {
 }
 
 void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
-  check(KES_HERE, setGroups(::setgroups, {groups.begin(), groups.end()}));
+  becomeMemberOf({groups.begin(), groups.end()});
 }
 
 void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
@@ -123,10 +127,12 @@ void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
 
 void Privilege::restorePrivilege() {
   if (!saved_) raiseAt(KES_HERE, UsageError("No previous privilege information stored"));
+  const std::vector<gid_t> groups(previousGroups_.begin(),
+                                  previousGroups_.end());  // while nothing is changed
   changePrivilegeIds(previousUser_, /*permanent=*/false);
   saved_ = false;
   if (!groupsSaved_) return;
-  setSupplementaryGroups(previousGroups_);
+  becomeMemberOf(groups);
   previousGroups_.clear();
   groupsSaved_ = false;
 }
