@@ -26,6 +26,7 @@
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 #include "sys/AtEnd.h"
+#include "sys/NoCancel.h"
 
 namespace kes::test {
 
@@ -168,6 +169,7 @@ struct Surroundings {
 };
 
 std::set<std::string> filesIn(const std::string& folder) {
+  const sys::NoCancel untilRead;
   std::set<std::string> found;
   std::error_code error;
   for (stdfs::recursive_directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
@@ -233,6 +235,7 @@ namespace {
 /// Forks in another thread, while this one holds what it holds. Goes on as soon as the child has come to its
 /// end, or when it is clear that the fork itself waits for this thread.
 void Stage::State::forkBeside() {
+  const sys::NoCancel untilForked;
   static std::atomic<bool> isDone;
   isDone = false;
   forker = std::thread([this] {
@@ -398,11 +401,21 @@ void play(Stage::State& state) {
   ::dup2(err, STDERR_FILENO);
   Stage::State state{scenario, run, folder, false};
   if (run.kind == Run::Cancelling) {
+    // Signals are the play's business: this thread, which the play has not in other runs, takes none.
+    ::sigset_t every;
+    ::sigfillset(&every);
+    ::pthread_sigmask(SIG_SETMASK, &every, nullptr);
     pthread_t thread{};
     ::pthread_create(
         &thread, nullptr,
-        [](void* argument) -> void* { return play(*static_cast<Stage::State*>(argument)), nullptr; }, &state);
+        [](void* argument) -> void* {
+          auto& played = *static_cast<Stage::State*>(argument);
+          ::pthread_sigmask(SIG_SETMASK, &played.before.mask, nullptr);
+          return play(played), nullptr;
+        },
+        &state);
     ::pthread_join(thread, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &state.before.mask, nullptr);
   } else {
     play(state);
   }
