@@ -26,10 +26,18 @@ using InitGuard = thread::LockGuardT<thread::Lock>;
 /// may end while the process does. A fork makes it anew, as another thread may have held it at that moment.
 constinit Lasting<thread::Lock> g_initLock;
 
+void makeInitLockAnew() noexcept {
+  try {
+    new (&g_initLock.value) thread::Lock(thread::Normal);
+  } catch (const OsError&) {
+    // The one from before stays, and is as good unless somebody held it.
+  }
+}
+
 thread::Lock& initLock() {
   if (!g_initLock.made) {
     g_initLock.make(thread::Normal);
-    ::pthread_atfork(nullptr, nullptr, [] { new (&g_initLock.value) thread::Lock(thread::Normal); });
+    ::pthread_atfork(nullptr, nullptr, &makeInitLockAnew);
   }
   return g_initLock.value;
 }

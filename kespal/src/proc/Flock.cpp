@@ -1,11 +1,11 @@
 #include "proc/Flock.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <limits>
-#include <new>
 #include <optional>
 
 #include "error/Report.h"
@@ -33,6 +33,8 @@ std::optional<time::RealtimeClock> deadlineAfter(const time::Milliseconds* timeo
 
 /// Whether this process has such a child, and it has not ended.
 bool runsUnattended(pid_t pid) noexcept {
+  const sys::NoCancel untilKnown;
+
   siginfo_t ended{};
   const auto look = [&] {
     return ::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
@@ -76,47 +78,33 @@ void Flock::stop() {
       reportStack({"Error joining ", thread_.name(), " thread:\n"}, error, /*end=*/"");
     }
   };
-  Sentinel sentinel;
+  pid_t sentinel = -1;
   reporting([&] { tellToEnd(sentinel).join(); });
   reporting([&] { reapSentinel(sentinel); });
 }
 
-/// Gives the run to join: one that begins later is not the caller's business.
-thread::Run Flock::tellToEnd(Sentinel& sentinel) {
+/// Gives the run to join: one that begins later is not the caller's business. The collector may sit in
+/// waitid() until the next child ends, so one that ends at once is made for it. Should that be refused, the
+/// next real child has to do.
+thread::Run Flock::tellToEnd(pid_t& sentinel) {
   const Guard guard(cond_);
   if (isBuried()) return {};
   if (phase_ == Phase::Serving) {
     phase_ = Phase::Stopping;
-    sentinel = makeSentinel();
+    if (records_.anyRuns()) sentinel = sentinel_ = ::fork();
+    if (sentinel == 0) ::_exit(0);
   }
   thread_.requestReturn();
   cond_.signalAll();
   return thread::Run::of(thread_);
 }
 
-/// The collector may sit in waitid() until the next child ends: one that ends at once is made for it, which
-/// nobody will ask for. Should that be refused, the next real child has to do.
-Flock::Sentinel Flock::makeSentinel() {
-  if (!records_.anyRuns()) return {};
-  try {
-    records_.reserve();
-  } catch (const std::bad_alloc&) {
-    return {};
-  }
-  const pid_t pid = ::fork();
-  if (pid == 0) ::_exit(0);
-  if (pid == -1) return {};
-  const std::uint64_t number = records_.add(pid, nullptr);
-  records_.forget(pid, number);
-  return {pid, number};
-}
-
 /// The collector may have left for another child's sake.
-void Flock::reapSentinel(const Sentinel& sentinel) {
+void Flock::reapSentinel(pid_t sentinel) {
   const Guard guard(cond_);
-  if (sentinel.pid == -1 || !records_.runs(sentinel.pid, sentinel.number)) return;
-  sys::retry([&] { return ::waitpid(sentinel.pid, nullptr, 0); });
-  records_.end(sentinel.pid, 0);
+  if (sentinel == -1 || sentinel_ != sentinel) return;
+  sys::retry([sentinel] { return ::waitpid(sentinel, nullptr, 0); });
+  sentinel_ = -1;
 }
 
 void Flock::expectNoLock() {

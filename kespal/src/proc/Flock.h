@@ -1,5 +1,6 @@
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -73,22 +74,16 @@ class Flock : public thread::ProcessBound {
     using CoopThread::requestPauseIfRun;
   };
 
-  /// A child whose only purpose is to end the collector's wait.
-  struct Sentinel {
-    pid_t pid = -1;
-    std::uint64_t number = 0;
-  };
-
   explicit Flock(Shepherd& shepherd);
   ~Flock() = default;
 
-  thread::Run tellToEnd(Sentinel& sentinel);
-  Sentinel makeSentinel() KES_REQUIRES(cond_);
-  void reapSentinel(const Sentinel& sentinel);
+  thread::Run tellToEnd(pid_t& sentinel);
+  void reapSentinel(pid_t sentinel);
   bool awaitWork();
   void reapSome();
   void waitFailed(int errnum);
-  void reap(pid_t first) KES_EXCLUDES(cond_);
+  void reap(const siginfo_t& ended) KES_EXCLUDES(cond_);
+  bool isOurs(pid_t pid) KES_REQUIRES(cond_);
   bool file(pid_t pid, int status, Guard& guard);
   void releaseChildren();
   void notify(Child& child, void (Child::*tell)(), Guard& guard);
@@ -100,6 +95,8 @@ class Flock : public thread::ProcessBound {
   // Guarded by the lock.
   Records records_ KES_GUARDED_BY(cond_);
   Phase phase_ KES_GUARDED_BY(cond_) = Phase::Idle;
+  /// A child whose only purpose is to end the collector's wait; -1 when there is none.
+  pid_t sentinel_ KES_GUARDED_BY(cond_) = -1;
   const Child* notifying_ KES_GUARDED_BY(cond_) = nullptr;  ///< whose notification runs
   std::uint64_t newest_ KES_GUARDED_BY(cond_) = 0;          ///< the last registration
   std::uint64_t waitedFor_ KES_GUARDED_BY(cond_) = 0;       ///< the last one when the collector began to wait

@@ -12,6 +12,16 @@ namespace kes::proc {
 
 using thread::CoopThread;
 
+namespace {
+
+/// The status as waitpid() tells it.
+int statusOf(const siginfo_t& ended) noexcept {
+  if (ended.si_code == CLD_EXITED) return (ended.si_status & 0xff) << 8;
+  return ended.si_code == CLD_DUMPED ? ended.si_status | WCOREFLAG : ended.si_status;
+}
+
+}  // namespace
+
 void Flock::collect() {
   const sys::AtEnd finishing([this] { finish(); });
   while (awaitWork()) reapSome();
@@ -42,7 +52,7 @@ void Flock::reapSome() {
   if (::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) == -1) {
     waitFailed(errno);
   } else {
-    reap(ended.si_pid);
+    reap(ended);
   }
 }
 
@@ -61,17 +71,28 @@ void Flock::waitFailed(int errnum) {
 
 /// Children often end close together: whoever else has ended by now is taken along, without another look and
 /// another locking. Only so many, as meanwhile nobody can start a child.
-void Flock::reap(pid_t first) KES_UNCHECKED {
+void Flock::reap(const siginfo_t& ended) KES_UNCHECKED {
   Guard guard(cond_);
   int status = 0;
-  pid_t pid = ::waitpid(first, &status, WNOHANG);  // somebody else may have been faster
+  pid_t pid = ::waitpid(ended.si_pid, &status, WNOHANG);
+  if (pid == 0) return;  // somebody else was faster, and the number is a new child's
+  if (pid == -1) {       // somebody else was faster, but it may have been our child that ended
+    if (isOurs(ended.si_pid)) file(ended.si_pid, statusOf(ended), guard);
+    return;
+  }
   for (int others = 15; pid > 0 && file(pid, status, guard) && records_.anyRuns() && others > 0; --others) {
     pid = ::waitpid(-1, &status, WNOHANG);
   }
 }
 
+bool Flock::isOurs(pid_t pid) { return pid == sentinel_ || records_.runs(pid, Records::latest); }
+
 /// False when that took the lock away.
 bool Flock::file(pid_t pid, int status, Guard& guard) KES_UNCHECKED {
+  if (pid == sentinel_) {
+    sentinel_ = -1;
+    return true;
+  }
   const Records::End end = records_.end(pid, status);
   if (end.number == 0) {
     guard.unlock();

@@ -10,11 +10,10 @@ namespace kes::os {
 
 /// Looks something up in a database of accounts: `ask` is given room for the texts of the entry, and answers
 /// 0 or an error number. It is asked again when a signal came between, and with more room when that was too
-/// little; a database that never has enough is not believed. Not cancelled: the C library would keep its files
-/// open and its locks taken.
+/// little; a database that never has enough is not believed. It is not cancelled meanwhile.
 template <typename Ask>
 int lookUp(std::vector<char>& room, Ask ask) {
-  const sys::NoCancel noCancel;
+  const sys::NoCancel untilAnswered;  // the C library would leave its files open, and its lock taken
   constexpr std::size_t most = std::size_t{64} << 20;
   for (;;) {
     const int code = ask(room.data(), room.size());

@@ -9,6 +9,7 @@
 #include "kespal/GroupInfo.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "sys/NoCancel.h"
 
 namespace kes {
 
@@ -27,6 +28,7 @@ UserInfo::UserInfo(unsigned id) : uid(id) { resolve(/*byName=*/false, /*withGrou
 UserInfo::UserInfo(const std::string& login) : name(login) { resolve(/*byName=*/true, /*withGroup=*/true); }
 
 void UserInfo::setLoginName() {
+  const sys::NoCancel untilAnswered;
   char buffer[32];
   g_loginName.make();
   m_login_name = ::getlogin_r(buffer, sizeof buffer) == 0 ? buffer : "";
@@ -34,6 +36,7 @@ void UserInfo::setLoginName() {
 
 void UserInfo::resolve(bool byName, bool withGroup) {
   passwd entry;
+  const sys::NoCancel untilAnswered;  // the C library would leave its files open, and its lock taken
   passwd* found = nullptr;
   char buffer[2048];
   const int code = byName ? ::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found)

@@ -35,11 +35,15 @@ bool isOutOfSight(int errnum) {
 std::optional<std::string> commandName(const char* pid) {
   const std::string path = std::string("/proc/") + pid + "/comm";
   char text[64];
+  std::size_t size = 0;
   const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  const ssize_t count = file ? sys::retry([&] { return ::read(file.get(), text, sizeof text); }) : -1;
-  if (count == -1 && !isOutOfSight(errno)) return std::nullopt;
-  if (count <= 0) return "";
-  return std::string(text, std::min(static_cast<std::size_t>(count) - 1, commLimit));  // without the newline
+  ssize_t count = file ? 1 : -1;
+  while (count > 0 && size != sizeof text && (size == 0 || text[size - 1] != '\n')) {
+    count = sys::retry([&] { return ::read(file.get(), text + size, sizeof text - size); });
+    if (count > 0) size += static_cast<std::size_t>(count);
+  }
+  if (count == -1) return isOutOfSight(errno) ? std::optional<std::string>("") : std::nullopt;
+  return std::string(text, std::min(size != 0 ? size - 1 : 0, commLimit));  // without the newline
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "sys/NoCancel.h"
 #include "sys/Retry.h"
 
 namespace kes::proc {
@@ -31,6 +32,8 @@ class RawMessage {
   }
 
   void send() noexcept {
+    const sys::NoCancel untilSent;
+
     for (::iovec* next = pieces_; count_ != 0;) {
       ssize_t written = sys::retry([&] { return ::writev(STDERR_FILENO, next, count_); });
       if (written <= 0) return;

@@ -1,0 +1,273 @@
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <optional>
+#include <sstream>
+
+#include "kespal/proc/Child.h"
+#include "kespal/proc/Shepherd.h"
+#include "kespal/time/Clock.h"
+#include "support/Eventually.h"
+#include "support/EveryFailure.h"
+#include "support/TempDir.h"
+#include "sys/AtEnd.h"
+#include "sys/NoCancel.h"
+#include "sys/Owner.h"
+
+namespace kes::proc {
+namespace {
+
+using test::Call;
+using test::expectSurvival;
+using test::raises;
+using test::Stage;
+
+using Texts = std::list<std::string>;
+
+const std::vector<test::Raises> childErrors = {raises("kes::OsError", {EAGAIN, ENOMEM}),
+                                               raises("kes::RuntimeError"), raises("kes::NoSuchProcessError"),
+                                               raises("kes::UsageError", {}, "wait")};
+
+/// The collector ends with the play, and is a new one in each. Children that nobody waited for go, too.
+struct Collecting {
+  Collecting() { time::ClockBase::init(); }
+  ~Collecting() {
+    const sys::NoCancel untilGone;
+    Child::exit();
+    while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
+  }
+};
+
+void killIfThere(Child& child) {
+  const sys::NoCancel untilKilled;
+
+  try {
+    child.kill();
+  } catch (const NoSuchProcessError&) {
+  }
+}
+
+bool endedWith(const Child::ExitState& state, int code) {
+  return state.finished && WIFEXITED(state.status) && WEXITSTATUS(state.status) == code;
+}
+
+void expectService(Stage& stage) {
+  Child next({"/bin/true"});
+  next.create();
+  stage.check(endedWith(next.wait(), 0), "children can be started and waited for afterwards");
+}
+
+TEST(EveryFailureOfChildren, AChildIsStartedAndWaitedFor) {
+  expectSurvival(
+      {.operations = {"kes::proc::Child::create", "kes::proc::Child::wait", "kes::proc::Child::~Child",
+                      "kes::proc::Child::collector", "kes::proc::start"},
+       .raises = childErrors,
+       .play =
+           [](Stage& stage) {
+             const Collecting collecting;
+             Child child({"/bin/true"});
+             const bool made = stage.act([&] { child.create(); });
+             stage.check(made == (child.pid() != -1), "there is a child if that was said");
+             Child::ExitState state{0, false};
+             if (made && stage.act([&] { state = child.wait(); })) {
+               stage.check(endedWith(state, 0) || endedWith(state, 125), "it ended as it should");
+             }
+             expectService(stage);
+           },
+       .spared = {Call::waitid}});  // who has no children is not told of their end: see the next
+}
+
+TEST(EveryFailureOfChildren, AChildThatTheSystemDoesNotTellOfIsNotWaitedForLongerThanSaid) {
+  expectSurvival({.operations = {"kes::proc::Child::wait"},
+                  .raises = childErrors,
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        Child child({"/bin/true"});
+                        stage.act([&] { child.create(); });
+                        if (stage.succeeded()) stage.act([&] { child.wait(true, time::Milliseconds(100)); });
+                        expectService(stage);
+                        if (child.pid() != -1) child.wait();
+                      },
+                  .misused = {Call::pthread_cond_timedwait, Call::clock_gettime}});
+}
+
+TEST(EveryFailureOfChildren, AProcessEntersAGroupOfItsOwn) {
+  expectSurvival({.operations = {"kes::proc::enterNewProcessGroup"},
+                  .play = [](Stage& stage) { stage.act([] { enterNewProcessGroup(); }); }});
+}
+
+TEST(EveryFailureOfChildren, AChildGetsItsSurroundings) {
+  expectSurvival({.operations = {"kes::proc::Child::create", "kes::proc::enterNewProcessGroup"},
+                  .raises = childErrors,
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        const std::string place = stage / "out";
+                        const sys::Descriptor out(
+                            ::open(place.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+
+                        std::optional<Child> child;
+                        stage.act([&] {
+                          child.emplace(Texts{"sh", "-c", "echo $word; pwd"});
+                          child->setEnvironment({"word=yes", "PATH=/usr/bin:/bin"});
+                          child->setWorkingDirectory("/");
+                          child->setStdout(out.get());
+                          child->setNewProcessGroup(true);
+                        });
+                        if (!stage.succeeded()) return;
+                        if (!stage.act([&] { child->create(); })) return;
+                        Child::ExitState state{0, false};
+                        stage.act([&] { state = child->wait(); });
+                        // What is wrong with its streams a child says and goes on.
+                        if (endedWith(state, 0) && !stage.isRefused(Call::dup2)) {
+                          stage.check(test::readFile(place) == "yes\n/\n", "it ran as it should");
+                        } else {
+                          stage.check(!stage.succeeded() || endedWith(state, 125) || endedWith(state, 0),
+                                      "it ended as it should");
+                        }
+                      },
+                  .spared = {Call::waitid}});
+}
+
+TEST(EveryFailureOfChildren, AProgramTakesThePlaceOfAProcess) {
+  expectSurvival(
+      {.operations = {"kes::proc::Child::create"}, .raises = childErrors, .play = [](Stage& stage) {
+         const Collecting collecting;
+         int status = 0;
+         const bool forked = stage.act([&] {
+           const pid_t pid = ::fork();
+           if (pid == 0) {
+             try {
+               Child(Texts{"/bin/sh", "-c", "exit 3"}).create(/*inPlace=*/true);
+             } catch (...) {
+             }
+             ::_exit(125);
+           }
+           return pid != -1 && ::waitpid(pid, &status, 0) == pid;
+         });
+         if (forked) {
+           stage.check(WIFEXITED(status) && (WEXITSTATUS(status) == 3 || WEXITSTATUS(status) == 125),
+                       "it became the program or said that it could not");
+         }
+       }});
+}
+
+struct Told : Child::Notification {
+  void exited(Child&) override { ++ends; }
+  void released(Child&) override { ++releases; }
+  std::atomic<int> ends{0}, releases{0};
+};
+
+TEST(EveryFailureOfChildren, AnEndIsNotified) {
+  expectSurvival(
+      {.operations = {"kes::proc::Child::setNotify", "kes::proc::Child::exited", "kes::proc::Child::released",
+                      "kes::proc::Child::Notification::released"},
+       .raises = childErrors,
+       .play =
+           [](Stage& stage) {
+             const Collecting collecting;
+             Told told;
+             Child child({"/bin/true"}), sleeper({"/bin/sleep", "100"});
+             const sys::AtEnd ending([&] { killIfThere(sleeper); });
+
+             stage.act([&] {
+               child.setNotify(&told);
+               sleeper.setNotify(&told);
+             });
+             const bool made = stage.act([&] { child.create(); });
+             if (made) child.wait();
+             stage.check(!made || test::eventually([&] { return told.ends == 1; }), "the end is told");
+             const bool sleeps = stage.act([&] { sleeper.create(); });
+             if (sleeps) stage.act([] { Child::exit(); });
+             if (!sleeps || !stage.succeeded()) Child::exit();
+             stage.check(told.ends + told.releases == made + sleeps, "so is that nobody will see one");
+           },
+       .spared = {Call::waitid, Call::fork}});  // without a process the next child's end is awaited
+}
+
+TEST(EveryFailureOfChildren, AChildIsSignalled) {
+  expectSurvival({.operations = {"kes::proc::Child::kill", "kes::proc::Child::term"},
+                  .raises = childErrors,
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        Child child({"/bin/sleep", "100"});
+                        child.create();
+                        const sys::AtEnd ending([&] { killIfThere(child); });
+                        stage.act([&] { child.term(SIGCONT); });
+                        stage.act([&] { child.kill(0); });
+                        stage.act([&] { child.kill(); });
+                        if (!stage.succeeded()) child.kill();
+                        const Child::ExitState state = child.wait();
+                        stage.check(WIFSIGNALED(state.status), "it was ended by the signal");
+                      },
+                  .spared = {Call::waitid}});
+}
+
+TEST(EveryFailureOfChildren, TheCollectorIsMadeAndEnded) {
+  expectSurvival(
+      {.operations = {"kes::proc::Child::init", "kes::proc::Child::exit", "kes::proc::Shepherd::Shepherd",
+                      "kes::proc::Shepherd::~Shepherd"},
+       .raises = childErrors,
+       .play =
+           [](Stage& stage) {
+             const Collecting collecting;
+             stage.act([] { Child::init(); });
+             Child sleeper({"/bin/sleep", "100"});
+             const sys::AtEnd ending([&] { killIfThere(sleeper); });
+             stage.act([&] { sleeper.create(); });
+             stage.act([] { Child::exit(); });
+             stage.check(Child::m_shepherd == nullptr, "there is none any more");
+             expectService(stage);
+           },
+       .spared = {Call::waitid, Call::fork}});  // without a process the next child's end is awaited
+}
+
+pid_t childOfOurOwn(Shepherd& shepherd) {
+  const Shepherd::Guard guard(shepherd.condition());
+  const pid_t pid = ::fork();
+  if (pid == 0) ::_exit(7);
+  if (pid != -1) shepherd.addNoLock(pid, nullptr);
+  return pid;
+}
+
+TEST(EveryFailureOfChildren, ACollectorOfOnesOwnCollects) {
+  expectSurvival({.operations = {"kes::proc::Shepherd::start", "kes::proc::Shepherd::stop",
+                                 "kes::proc::Shepherd::addNoLock", "kes::proc::Shepherd::wait",
+                                 "kes::proc::Shepherd::condition", "kes::proc::Shepherd::thread",
+                                 "kes::proc::Shepherd::checkCB"},
+                  .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        std::optional<Shepherd> shepherd;
+                        stage.act([&] { shepherd.emplace(); });
+                        if (!shepherd) shepherd.emplace();
+                        stage.act([&] { shepherd->start(); });
+                        if (!stage.succeeded()) shepherd->start();
+                        pid_t pid = -1;
+                        stage.act([&] {
+                          pid = childOfOurOwn(*shepherd);
+                          return pid != -1;
+                        });
+                        int status = 0;
+                        if (stage.succeeded()) {
+                          stage.act([&] { return shepherd->wait(pid, status); });
+                          stage.check(!stage.succeeded() || WEXITSTATUS(status) == 7, "its status is known");
+                        }
+                        stage.act([&] { shepherd->stop(); });
+                        shepherd->stop();
+                        shepherd->start();
+                        pid = childOfOurOwn(*shepherd);
+                        stage.check(shepherd->wait(pid, status) && WEXITSTATUS(status) == 7,
+                                    "it can be used afterwards");
+                      },
+                  .spared = {Call::waitid}});
+}
+
+}  // namespace
+}  // namespace kes::proc
