@@ -12,6 +12,8 @@
 #include "kespal/time/Clock.h"
 #include "support/Calls.h"
 #include "support/Descriptors.h"
+#include "support/Eventually.h"
+
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 #include "support/RaisedAs.h"
@@ -59,16 +61,21 @@ TEST_F(CollectorFaultsTest, AChildThatSomebodyElseReapsAfterTheLookKeepsItsStatu
 }
 
 TEST_F(CollectorFaultsTest, AChildWhoseRegistrationIsRefusedIsNotMade) {
-  Child::init();
-  Child child({"/bin/true"});
+  Child sleeper({"/bin/sleep", "100"}), child({"/bin/true"});
+  const int waits = test::made(Call::waitid);
+  sleeper.create();
+  ASSERT_TRUE(
+      test::eventually([&] { return test::made(Call::waitid) > waits; }));  // and does nothing else then
   {
     const Refuse refuse(Call::pthread_cond_broadcast, EINVAL);
     EXPECT_EQ(test::raisedAs<OsError>([&] { child.create(); }).errnum(), EINVAL);
   }
   EXPECT_EQ(child.pid(), -1);
-  EXPECT_FALSE(hasChildren());
   child.create();
   EXPECT_TRUE(child.wait().finished);
+  sleeper.kill();
+  sleeper.wait();
+  EXPECT_FALSE(hasChildren());
 }
 
 TEST_F(CollectorFaultsTest, TheCollectorEndsWhileChildrenRunAlsoWithoutMemory) {
