@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include "sys/Retry.h"
+
 namespace {
 
 /// The terminal on standard input with keys delivered one by one; as it was, when the object dies.
@@ -17,7 +19,7 @@ class KeyMode {
     keys.c_lflag &= ~static_cast<tcflag_t>(echo != 0 ? ICANON : ICANON | ECHO);
     keys.c_cc[VMIN] = 1;
     keys.c_cc[VTIME] = 0;
-    active_ = ::tcsetattr(STDIN_FILENO, TCSANOW, &keys) == 0;
+    active_ = set(keys);
   }
   ~KeyMode() { restore(); }
   KeyMode(const KeyMode&) = delete;
@@ -28,10 +30,14 @@ class KeyMode {
   bool restore() {
     if (!active_) return true;
     active_ = false;
-    return ::tcsetattr(STDIN_FILENO, TCSANOW, &saved_) == 0;
+    return set(saved_);
   }
 
  private:
+  static bool set(const termios& attributes) {
+    return kes::sys::retry([&] { return ::tcsetattr(STDIN_FILENO, TCSANOW, &attributes); }) == 0;
+  }
+
   termios saved_{};
   bool active_ = false;
 };

@@ -75,8 +75,8 @@ bool TreeDeletion::walk() {
   return true;
 }
 
-/// Goes down, on the second walk with the files of the directory removed. One that is empty by then, cannot be
-/// opened, or was entered by another way, has nothing in it.
+/// Goes down, on the second walk with the files of the directory removed. One that is empty by then, cannot
+/// be opened, or was entered by another way, has nothing in it.
 bool TreeDeletion::enter(const std::string& below) {
   way_.push_back({path_.size(), {}});
   path_ += below;
