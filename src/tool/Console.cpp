@@ -4,29 +4,30 @@
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 #include "State.h"
+#include "sys/Retry.h"
 
 namespace {
 
 /// What select() says of standard input right now. A signal may interrupt even a poll: taken for a key, it
 /// would block the tool in a read.
 int pollKeyboard() {
-  int ready;
-  do {
+  return kes::sys::retry([] {
     fd_set input;
     FD_ZERO(&input);
     FD_SET(STDIN_FILENO, &input);
     timeval none{};
-    ready = ::select(STDIN_FILENO + 1, &input, nullptr, nullptr, &none);
-  } while (ready < 0 && errno == EINTR);
-  return ready;
+    return ::select(STDIN_FILENO + 1, &input, nullptr, nullptr, &none);
+  });
 }
+
+/// orig_termios holds what was there.
+bool hasOriginal = false;
 
 /// This program has switched the terminal and not put it back.
 bool hasSwitched = false;
@@ -36,9 +37,13 @@ volatile std::sig_atomic_t hasContinued = 0;
 
 void noteContinuation(int) { hasContinued = 1; }
 
+bool setAttributes(const termios& attributes) {
+  return kes::sys::retry([&] { return ::tcsetattr(STDIN_FILENO, TCSANOW, &attributes); }) == 0;
+}
+
 bool switchToSingleKeys(termios attributes) {
   attributes.c_lflag &= ~static_cast<tcflag_t>(ICANON);
-  return ::tcsetattr(STDIN_FILENO, TCSANOW, &attributes) == 0;
+  return setAttributes(attributes);
 }
 
 bool isInBackground() {
@@ -81,13 +86,13 @@ void signalHandler(int) { _exitflg = 1; }
 
 void reset_terminal_mode() {
   const UnstoppedOutput untilReset;
-  if (!mayReset()) return;
-  ::tcsetattr(STDIN_FILENO, TCSANOW, &orig_termios);
-  hasSwitched = false;
+  if (!hasOriginal || !mayReset()) return;
+  if (setAttributes(orig_termios)) hasSwitched = false;
 }
 
 TerminalMode::TerminalMode() {
-  ::tcgetattr(STDIN_FILENO, &orig_termios);
+  hasOriginal = ::tcgetattr(STDIN_FILENO, &orig_termios) == 0;
+  if (!hasOriginal) return;
   std::atexit(reset_terminal_mode);
   hasSwitched = switchToSingleKeys(orig_termios);
   if (hasSwitched) std::signal(SIGCONT, noteContinuation);
