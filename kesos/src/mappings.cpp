@@ -17,6 +17,7 @@
 #include "paths.h"
 #include "segments.h"
 #include "sys/KeepErrno.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 
 namespace {
@@ -77,6 +78,7 @@ int mapFile(KesOsMmf& mapping, unsigned int size, const char* name) {
 }
 
 int unmapFile(KesOsMmf& mapping) {
+  const kes::sys::NoCancel untilBothAreGone;
   const bool fileClosed = ::close(mapping.fd) == 0;
   const bool unmapped = ::munmap(mapping.address, mapping.size) == 0;
   mapping = closed;
@@ -147,6 +149,12 @@ int createSegment(KesOsMmf& mapping, unsigned int size, key_t key) {
   return result;
 }
 
+int detachUnknown(KesOsMmf& mapping) {
+  if (mapping.address != nullptr) ::shmdt(mapping.address);
+  mapping = closed;
+  return 1;
+}
+
 int detach(KesOsMmf& mapping, const shmid_ds& state) {
   const KesOsMmf last = std::exchange(mapping, closed);
   if (state.shm_nattch < 2) ::shmctl(last.shmid, IPC_RMID, nullptr);
@@ -178,8 +186,7 @@ int KesOsMmfClose(KesOsMmf* mapping) {
   if (mapping == nullptr) return 0;
   if (mapping->fd >= 0) return unmapFile(*mapping);
   shmid_ds state{};
-  if (::shmctl(mapping->shmid, IPC_STAT, &state) != 0) return 1;
-  return detach(*mapping, state);
+  return ::shmctl(mapping->shmid, IPC_STAT, &state) == 0 ? detach(*mapping, state) : detachUnknown(*mapping);
 }
 
 int KesOsMmfFlush(KesOsMmf* /*mapping*/, void* address, size_t length) {

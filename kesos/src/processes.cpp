@@ -46,21 +46,24 @@ void become(const CommandLine& commandLine) {
   ::execvp(commandLine.get()[0], commandLine.get() + 1);
 }
 
-/// Closes the descriptors that the system lists as this process's; false when it lists none.
+/// Closes the descriptors that the system lists as this process's; false when it does not list them all.
 bool closeListed() {
   const kes::sys::DirStream list(::opendir("/dev/fd"));
   if (!list) return false;
-  while (const dirent* entry = ::readdir(list.get())) {
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(list.get());
+    if (entry == nullptr) return errno == 0;
     const int fd = std::atoi(entry->d_name);  // "." and ".." stand for 0, which is closed anyhow
     if (fd != ::dirfd(list.get())) ::close(fd);
   }
-  return true;
 }
 
 void closeAll() {
   ::close(STDIN_FILENO);  // leaves a free descriptor for the list
   if (closeListed()) return;
-  const long end = ::sysconf(_SC_OPEN_MAX);
+  const long limit = ::sysconf(_SC_OPEN_MAX);
+  const long end = limit > 0 ? limit : 65536;
   for (int fd = STDIN_FILENO + 1; fd < end; ++fd) ::close(fd);
 }
 
@@ -81,6 +84,7 @@ void closeAll() {
 }
 
 int startDetached(const CommandLine& commandLine) {
+  const kes::sys::NoCancel untilReaped;  // the child between ends at once
   const pid_t pid = ::fork();
   if (pid == 0) becomeDetached(commandLine);
   int status = -1;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "kesos/files.h"
 #include "kesos/strings.h"
@@ -88,8 +89,7 @@ int KesOsFindNext(KesOsFind* find, char* name, unsigned int* type, time_t* modif
 int KesOsFindClose(KesOsFind* find) {
   if (find == nullptr) return failWith(EFAULT);
   if (find->dir == nullptr) return 1;
-  DIR* const dir = find->dir;
-  find->dir = nullptr;
+  DIR* const dir = std::exchange(find->dir, nullptr);
   return ::closedir(dir) == 0 ? 1 : 0;
 }
 
