@@ -98,8 +98,9 @@ void Listener::listenAt(const std::string& path, mode_t mode) {
   ::unlink(path.c_str());
   if (::bind(socket_.get(), generic(address), sizeof address) != 0) fail("cannot bind " + path);
   if (::chmod(path.c_str(), mode) != 0) fail("cannot set the mode of " + path);
-  if (::listen(socket_.get(), SOMAXCONN) != 0) fail("cannot listen at " + path);
-  ::fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
+  const bool listens = ::listen(socket_.get(), SOMAXCONN) == 0 &&
+                       ::fcntl(socket_.get(), F_SETFL, O_NONBLOCK) == 0;  // accept() must not wait
+  if (!listens) fail("cannot listen at " + path);
 }
 
 void Listener::publish(const std::string& temporary) {

@@ -1,9 +1,10 @@
 #include "Options.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <functional>
-#include <map>
+#include <iterator>
+#include <string_view>
 
 #include "wire/Unix.h"
 
@@ -15,7 +16,10 @@ const char usage[] =
 
 namespace {
 
-using Setter = std::function<void(Options&, const std::string& value)>;
+struct Setter {
+  std::string_view name;
+  void (*set)(Options&, const std::string& value);
+};
 
 double parseRate(const std::string& value) {
   char* end = nullptr;
@@ -32,7 +36,7 @@ Oversize parseOversize(const std::string& value) {
   throw UsageError("--oversize takes cut or refuse, not " + value);
 }
 
-const std::map<std::string, Setter> withValue{
+constexpr Setter withValue[] = {
     {"--dir", [](Options& o, const std::string& value) { o.directory = value; }},
     {"--replay", [](Options& o, const std::string& value) { o.replays.push_back(value); }},
     {"--live", [](Options& o, const std::string& value) { o.live = value; }},
@@ -42,7 +46,12 @@ const std::map<std::string, Setter> withValue{
     {"--script", [](Options& o, const std::string& value) { o.script = value; }},
 };
 
-const std::map<std::string, bool Options::*> flags{
+struct Flag {
+  std::string_view name;
+  bool Options::*flag;
+};
+
+constexpr Flag flags[] = {
     {"--loop", &Options::loop},
     {"--once", &Options::once},
     {"--verbose", &Options::verbose},
@@ -62,16 +71,16 @@ Options parseOptions(const std::vector<std::string>& words) {
   Options options;
   options.directory = iokit::registryDirectory();
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (const auto flag = flags.find(words[i]); flag != flags.end()) {
-      options.*(flag->second) = true;
+    if (const auto* flag = std::ranges::find(flags, words[i], &Flag::name); flag != std::end(flags)) {
+      options.*(flag->flag) = true;
       continue;
     }
     const std::size_t equals = words[i].find('=');
     const std::string name = words[i].substr(0, equals);
-    const auto option = withValue.find(name);
-    if (option == withValue.end()) throw UsageError("unknown option " + words[i]);
+    const auto* option = std::ranges::find(withValue, name, &Setter::name);
+    if (option == std::end(withValue)) throw UsageError("unknown option " + words[i]);
     if (equals == std::string::npos && i + 1 == words.size()) throw UsageError(name + " needs a value");
-    option->second(options, equals == std::string::npos ? words[++i] : words[i].substr(equals + 1));
+    option->set(options, equals == std::string::npos ? words[++i] : words[i].substr(equals + 1));
   }
   check(options);
   return options;

@@ -1,5 +1,6 @@
+#include <algorithm>
 #include <charconv>
-#include <functional>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -112,9 +113,12 @@ ByteVector countingBytes(std::size_t count) {
   return bytes;
 }
 
-using WithValue = std::function<void(Play&, const std::string& value)>;
+struct WithValue {
+  std::string_view name;
+  void (*set)(Play&, const std::string& value);
+};
 
-const std::map<std::string, WithValue, std::less<>> withValue{
+constexpr WithValue withValue[] = {
     {"expect", [](Play& p, const std::string& v) { p.expected = fromHex(v); }},
     {"delay",
      [](Play& p, const std::string& v) {
@@ -137,7 +141,12 @@ const std::map<std::string, WithValue, std::less<>> withValue{
     {"raw", [](Play& p, const std::string& v) { p.raw = fromHex(v); }},
 };
 
-const std::map<std::string, Play::Fate, std::less<>> fates{
+struct NamedFate {
+  std::string_view name;
+  Play::Fate fate;
+};
+
+constexpr NamedFate fates[] = {
     {"pass", Play::Fate::Reply},
     {"twice", Play::Fate::Twice},
     {"silent", Play::Fate::Silent},
@@ -168,10 +177,11 @@ bool parseTimes(const std::string& word, Play& play) {
 }
 
 void parseWord(const std::string& word, Words& words, Play& play) {
-  if (const auto fate = fates.find(word); fate != fates.end()) {
-    play.fate = fate->second;
-  } else if (const auto option = withValue.find(word); option != withValue.end()) {
-    option->second(play, words.value(word));
+  if (const auto* named = std::ranges::find(fates, word, &NamedFate::name); named != std::end(fates)) {
+    play.fate = named->fate;
+  } else if (const auto* option = std::ranges::find(withValue, word, &WithValue::name);
+             option != std::end(withValue)) {
+    option->set(play, words.value(word));
   } else if (!parseTimes(word, play)) {
     throw BadLine("unknown word " + word);
   }
