@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <new>
 
 #include "command_line.h"
+#include "kespal/os/posix/proc/Start.h"
 #include "kespal/signal/Set.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
@@ -36,14 +38,19 @@ bool hasEnded(KesOsProcess& process) {
   return true;
 }
 
-// After a fork, until it is the program or cannot be, the child makes only calls that are safe in a process
-// whose other threads are gone: the command line was taken apart before.
+// Until a child is the program or cannot be, it makes only calls that are safe in a process whose other
+// threads are gone, or that shares its memory: the command line was taken apart before.
 
 /// Makes this process the program; returns when that is not possible.
 void become(const CommandLine& commandLine) {
-  if (!commandLine) return;
   ::sigprocmask(SIG_SETMASK, &kes::signal::Set::m_original.native(), nullptr);
-  ::execvp(commandLine.get()[0], commandLine.get() + 1);
+  if (commandLine) ::execvp(commandLine.get()[0], commandLine.get() + 1);
+}
+
+std::size_t argumentsOf(const CommandLine& commandLine) {
+  std::size_t count = 0;
+  while (commandLine && commandLine.get()[count] != nullptr) ++count;
+  return count;
 }
 
 /// Closes the descriptors that the system lists as this process's; false when it does not list them all.
@@ -75,7 +82,24 @@ void closeAll() {
   std::exit(127);
 }
 
-[[noreturn]] void becomeDetached(const CommandLine& commandLine) {
+struct Detached {
+  const CommandLine& commandLine;
+  bool exists;  ///< a process that nobody waits for
+};
+
+void becomeProgram(void* detached) {
+  auto& self = *static_cast<Detached*>(detached);
+  self.exists = true;
+  become(self.commandLine);
+}
+
+void detachProgram(void* detached) {
+  ::setsid();
+  kes::os::startChild(&becomeProgram, nullptr, detached,
+                      argumentsOf(static_cast<Detached*>(detached)->commandLine));
+}
+
+[[noreturn]] void detachByFork(const CommandLine& commandLine) {
   ::setsid();
   const pid_t pid = ::fork();
   if (pid != 0) ::_exit(pid > 0 ? 0 : 127);
@@ -83,10 +107,15 @@ void closeAll() {
   ::_exit(127);
 }
 
+/// Makes a child that makes the program and ends, as that has no parent then that would have to wait for it.
+/// Both share this process's memory, or else are plain forks.
 int startDetached(const CommandLine& commandLine) {
   const kes::sys::NoCancel untilReaped;  // the child between ends at once
+  Detached detached{commandLine, false};
+  kes::os::startChild(&detachProgram, nullptr, &detached, argumentsOf(commandLine));
+  if (detached.exists) return 1;
   const pid_t pid = ::fork();
-  if (pid == 0) becomeDetached(commandLine);
+  if (pid == 0) detachByFork(commandLine);
   int status = -1;
   return pid > 0 && waitFor(pid, status, 0) == pid && status == 0 ? 1 : 0;
 }
@@ -95,11 +124,13 @@ int startDetached(const CommandLine& commandLine) {
 int startChild(const CommandLine& commandLine, KesOsProcess** out) {
   std::unique_ptr<KesOsProcess> process(new (std::nothrow) KesOsProcess{});
   if (process == nullptr) return 0;
-  process->pid = ::fork();
-  if (process->pid == 0) {
-    become(commandLine);
+  const auto becomeIt = [](void* line) { become(*static_cast<const CommandLine*>(line)); };
+  const auto becomeItOrFail = [](void* line) {
+    become(*static_cast<const CommandLine*>(line));
     fail();
-  }
+  };
+  process->pid = kes::os::startChild(becomeIt, becomeItOrFail, const_cast<CommandLine*>(&commandLine),
+                                     argumentsOf(commandLine));
   if (process->pid < 0) return 0;
   *out = process.release();
   return 1;

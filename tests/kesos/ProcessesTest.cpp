@@ -236,6 +236,21 @@ TEST(ProcessTest, WithoutAHandleTheProgramIsNobodysChild) {
   EXPECT_EQ(KesOsCreateProcessAsyn("kes-no-such-program", 0, nullptr), 1) << "nobody hears of that";
 }
 
+TEST(ProcessTest, AStartThatSucceedsCopiesNothingOfThisProcess) {
+  KES_SKIP_UNDER_SANITIZERS("cannot watch a child that shares its parent's memory: there it is a plain fork");
+  static int forks = 0;
+  ::pthread_atfork([] { ++forks; }, nullptr, nullptr);
+  KesOsProcess* process = nullptr;
+  ASSERT_EQ(KesOsCreateProcessAsyn("/bin/true", 0, &process), 1);
+  unsigned int code = 1;
+  EXPECT_EQ(KesOsProcessWait(process, &code), 1);
+  EXPECT_EQ(code, 0U);
+  EXPECT_EQ(KesOsCreateProcessAsyn("/bin/true", 0, nullptr), 1);
+  EXPECT_EQ(KesOsCreateProcessAsyn("/no/such/program", 0, nullptr), 1);
+  EXPECT_EQ(forks, 0);
+  EXPECT_EQ(::waitpid(-1, nullptr, __WALL), -1);
+}
+
 TEST(ProcessTest, ProgramsGetTheMaskThatThisProcessStartedWith) {
   const TempDir dir;
   sigset_t blocked, before;

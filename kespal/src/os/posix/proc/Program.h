@@ -31,9 +31,7 @@ class Program : NoCopy {
   /// The same, but returns without a word as soon as there is something to tell.
   void becomeSilently() const noexcept;
 
-  /// The stack that becoming takes. The C library makes a copy of the arguments there, when the program turns
-  /// out to be a script without a first line, and of each file that a search along PATH tries.
-  std::size_t stackSize() const noexcept { return stackForCalls + argv_.size() * sizeof(char*); }
+  std::size_t argumentCount() const noexcept { return argv_.size(); }
 
  private:
   struct Redirection {
@@ -49,8 +47,6 @@ class Program : NoCopy {
     std::string before;
     const char* after = "";
   };
-
-  static constexpr std::size_t stackForCalls = std::size_t{192} << 10;
 
   static Farewell ofCall(const Site& site);
   Farewell ofDirectory() const;

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "kespal/os/posix/proc/Start.h"
 #include "kespal/proc/Child.h"
 #include "os/SharingChild.h"
 #include "os/posix/proc/Program.h"
@@ -43,6 +44,30 @@ void resetHandlers() noexcept {
   }
 }
 
+/// The stack that a body takes. The C library makes a copy of the arguments there, when the program turns out
+/// to be a script without a first line, and of each file that a search along PATH tries.
+constexpr std::size_t stackFor(std::size_t arguments) noexcept {
+  return (std::size_t{192} << 10) + arguments * sizeof(char*);
+}
+
+struct Task {
+  os::ChildBody body;
+  void* argument;
+};
+
+void resetAndCall(void* task) {
+  const auto& todo = *static_cast<const Task*>(task);
+  resetHandlers();
+  todo.body(todo.argument);
+}
+
+pid_t forkChild(Task task) noexcept {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  resetAndCall(&task);
+  ::_exit(125);
+}
+
 struct Order {
   const Program& program;
   bool newProcessGroup;
@@ -50,33 +75,36 @@ struct Order {
 
 void becomeSilently(void* order) {
   const auto& wanted = *static_cast<const Order*>(order);
-  resetHandlers();
   if (!wanted.newProcessGroup || ::setpgid(0, 0) == 0) wanted.program.becomeSilently();
 }
 
-pid_t forkChild(const Order& order) noexcept {
-  const pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  // The copy of the collector's lock is left alone: the exec throws it away.
-  resetHandlers();
-  if (order.newProcessGroup) enterNewProcessGroup();
-  order.program.become();
+// The copy of the collector's lock is left alone: the exec throws it away.
+void become(void* order) {
+  const auto& wanted = *static_cast<const Order*>(order);
+  if (wanted.newProcessGroup) enterNewProcessGroup();
+  wanted.program.become();
 }
 
 }  // namespace
 
-// A child that shares memory with its parent holds it up, so it must not write to a pipe that is full, or a
-// terminal that stops it. Whatever there is to tell, it ends without a word, and a plain fork does it all
-// again.
 pid_t start(const Program& program, bool newProcessGroup) noexcept {
-  const int errnum = errno;
-  const sys::NoCancel untilStarted;
-  const NoSignals untilReset;
   Order order{program, newProcessGroup};
-  pid_t pid = os::startSharing(&becomeSilently, &order, program.stackSize());
-  if (pid == 0) pid = forkChild(order);
-  if (pid != -1) errno = errnum;
-  return pid;
+  return os::startChild(&becomeSilently, &become, &order, program.argumentCount());
 }
 
 }  // namespace kes::proc
+
+// A child that shares memory with its parent holds it up, so it must not write to a pipe that is full, or a
+// terminal that stops it. Whatever there is to tell, it ends without a word, and a plain fork does it all
+// again.
+pid_t kes::os::startChild(ChildBody quietly, ChildBody aloud, void* argument,
+                          std::size_t arguments) noexcept {
+  const int errnum = errno;
+  const sys::NoCancel untilStarted;
+  const proc::NoSignals untilReset;
+  proc::Task task{quietly, argument};
+  pid_t pid = startSharing(&proc::resetAndCall, &task, proc::stackFor(arguments));
+  if (pid == 0 && aloud != nullptr) pid = proc::forkChild({aloud, argument});
+  if (pid != -1) errno = errnum;
+  return pid;
+}
