@@ -30,7 +30,8 @@ class OsError : public Raisable<OsError, Exception> {
 template <typename Result>
 [[gnu::always_inline]] inline Result check(const Site& site, Result result) {
   if (result == -1) [[unlikely]] {
-    raiseAt(site, OsError(errno));
+    // A copy of its own: otherwise the site is laid down before every call that succeeds.
+    raiseAt(Site(site), OsError(errno));
   }
   return result;
 }
@@ -38,7 +39,7 @@ template <typename Result>
 /// For a call that returns 0 or an error number, as those of POSIX threads do.
 [[gnu::always_inline]] inline void checkCode(const Site& site, int errnum) {
   if (errnum != 0) [[unlikely]] {
-    raiseAt(site, OsError(errnum));
+    raiseAt(Site(site), OsError(errnum));
   }
 }
 
