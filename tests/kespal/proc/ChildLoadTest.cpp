@@ -257,6 +257,63 @@ TEST(ChildLoadTest, StartersThatAreCancelledLeaveNothingHalfDone) {
   EXPECT_EQ(result.err, "");
 }
 
+/// Does something on a thread of its own that is cancelled already. Gives what the thread ended with.
+void* doneCancelled(void* (*action)(void*), void* argument) {
+  struct Job {
+    void* (*action)(void*);
+    void* argument;
+  } job{action, argument};
+  ::pthread_t thread{};
+  ::pthread_create(
+      &thread, nullptr,
+      [](void* all) -> void* {
+        ::pthread_cancel(::pthread_self());
+        const auto& todo = *static_cast<Job*>(all);
+        return todo.action(todo.argument);
+      },
+      &job);
+  void* end = nullptr;
+  ::pthread_join(thread, &end);
+  return end;
+}
+
+TEST(ChildLoadTest, AThreadMayBeCancelledThatSignalsAChildWhoseCollectorHasEnded) {
+  KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
+  const auto result = test::inChild([] {
+    const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    Child child({"/bin/sleep", "60"});
+    child.setStdout(nowhere);
+    child.setStderr(nowhere);
+    child.create();
+    Child::exit();
+    const pid_t pid = child.pid();
+    const auto kill = [](void* victim) -> void* {
+      static_cast<Child*>(victim)->kill(SIGCONT);
+      return nullptr;
+    };
+    void* const end = doneCancelled(kill, &child);
+    ::kill(pid, SIGKILL);
+    return end == PTHREAD_CANCELED ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(ChildLoadTest, AProgramThatCannotTakeThePlaceOfACancelledThreadsProcessIsReported) {
+  KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
+  const auto result = test::inChild([] {
+    const auto become = [](void*) -> void* {
+      Child child({"/no/such/program"});
+      child.create(/*inPlace=*/true);
+      return nullptr;
+    };
+    doneCancelled(become, nullptr);
+    return 1;
+  });
+  EXPECT_EQ(result.exitCode(), 125);
+  EXPECT_NE(result.err.find("/no/such/program"), result.err.npos) << result.err;
+}
+
 /// Runs a function as the first process of a pid namespace of its own; -1 where that is not permitted.
 int inPidNamespace(const std::function<int()>& body) {
   return test::inChild([&body] {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "kespal/time/Clock.h"
 #include "support/NoMemory.h"
@@ -18,6 +19,23 @@ std::atomic<int> looks{0}, childlessLooks{0};
 std::atomic<bool> forkFails{false};
 std::atomic<int> forks{0}, clones{0}, cloneError{0};
 std::atomic<int> threadError{0}, joinError{0};
+std::atomic<const Gate*> startGate{nullptr};
+
+namespace {
+
+struct HeldStart {
+  const Gate& gate;
+  void* (*start)(void*);
+  void* argument;
+};
+
+void* startBehindGate(void* held) {
+  const auto [gate, start, argument] = *std::unique_ptr<HeldStart>(static_cast<HeldStart*>(held));
+  gate.pass();
+  return start(argument);
+}
+
+}  // namespace
 
 }  // namespace kes::test
 
@@ -56,6 +74,10 @@ extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                      void* (*start)(void*), void* argument) {
   if (const int error = threadError.exchange(0)) return error;
+  if (const Gate* gate = startGate.exchange(nullptr)) {
+    argument = new HeldStart{*gate, start, argument};
+    start = &startBehindGate;
+  }
   return __real_pthread_create(thread, attributes, start, argument);
 }
 

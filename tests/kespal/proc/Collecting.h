@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kespal/proc/Shepherd.h"
+#include "support/Gate.h"
 
 // The calls of a collector to the system come through Collecting.cpp, where they are counted and can fail.
 
@@ -21,6 +22,7 @@ extern std::atomic<bool> forkFails;
 extern std::atomic<int> forks, clones;           ///< that were tried
 extern std::atomic<int> cloneError;              ///< of a child that is to share its parent's memory
 extern std::atomic<int> threadError, joinError;  ///< of the next thread's creation, and of its end
+extern std::atomic<const Gate*> startGate;       ///< where the next thread is held up at its start
 
 /// A collector that runs, and children that are made by hand.
 class Collecting {

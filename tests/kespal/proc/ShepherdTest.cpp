@@ -129,6 +129,30 @@ TEST(ShepherdTest, ANewChildResumesAPausedCollector) {
   }
 }
 
+TEST(ShepherdTest, AThreadMayBeCancelledThatWaitsWhileTheCollectorStarts) {
+  KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
+  const auto result = inChild([] {
+    test::Gate gate;
+    test::startGate = &gate;
+    Child child({"/bin/true"});
+    child.create();
+    const auto wait = [](void* awaited) -> void* {
+      ::pthread_cancel(::pthread_self());
+      static_cast<Child*>(awaited)->wait();
+      return nullptr;
+    };
+    pthread_t waiter{};
+    ::pthread_create(&waiter, nullptr, wait, &child);
+    void* end = nullptr;
+    ::pthread_join(waiter, &end);
+    gate.open();
+    Child::exit();
+    return end == PTHREAD_CANCELED ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.err, "");
+}
+
 TEST(ShepherdTest, AChildThatNobodyRegisteredIsReapedAndReported) {
   const auto result = inChild([] {
     Collecting collecting;

@@ -14,6 +14,7 @@
 #include "os/posix/fs/Errors.h"
 #include "os/posix/fs/Executable.h"
 #include "os/posix/proc/RawMessage.h"
+#include "sys/NoCancel.h"
 #include "sys/Retry.h"
 
 namespace kes::proc {
@@ -79,6 +80,7 @@ Program::Farewell Program::ofDirectory() const {
 }
 
 void Program::become() const noexcept {
+  const sys::NoCancel untilItIs;  // the calling thread's own: it may take the place of its process
   if (const int errnum = restoreMask()) giveUp(noMask_, errnum);
   for (const Redirection& each : redirections_) {
     if (each.make()) continue;
