@@ -38,8 +38,8 @@ class Replay {
   /// Waits until every packet has come through, ends the tool and compares.
   void finish() {
     const std::string announced = announcements();
-    EXPECT_THAT(driver_.output(),
-                testing::HasSubstr("It is not the driver.\n" + noticeOf(source_) + "serving"));
+    EXPECT_TRUE(driver_.waitForOutput("It is not the driver.\n" + noticeOf(source_) + "serving"))
+        << driver_.output();
     EXPECT_TRUE(tool_.waitForErr(announced)) << source_;
     keyboard_.write("Q");
     EXPECT_EQ(tool_.wait(), 0) << source_;
