@@ -169,13 +169,15 @@ std::optional<Account> find(const Key& key) {
 
 /// Asks for every user and group of the text, by name and by number.
 void requireAccounts(const System& system) {
+  std::set<uid_t> seen;  // the first of several counts
   const Stream users = streamOf(system.users);
   while (const passwd* entry = ::fgetpwent(users.get())) {
     const std::string name = entry->pw_name, home = entry->pw_dir != nullptr ? entry->pw_dir : "";
     const auto byNumber = find<UserInfo>(entry->pw_uid);
     const auto byName = find<UserInfo>(name);
     if (byName) require(byName->name == name && byName->uid != unsigned(-1));
-    if (byNumber && byNumber->name == name) require(byNumber->home == home);
+    if (byNumber && seen.insert(entry->pw_uid).second)
+      require(byNumber->name == name && byNumber->home == home);
   }
   const Stream groups = streamOf(system.groups);
   while (const group* entry = ::fgetgrent(groups.get())) {
