@@ -4,9 +4,11 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <gcov.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -30,16 +32,29 @@ __attribute__((constructor(101))) static void share(void) {
   free(counted);
 }
 
+/* The process is about to end: its limits concern nobody any more. */
+static void lift_limits(void) {
+  const struct rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+  struct rlimit own;
+  signal(SIGXFSZ, SIG_IGN);
+  if (setrlimit(RLIMIT_FSIZE, &none) == 0 || getrlimit(RLIMIT_FSIZE, &own) != 0) return;
+  own.rlim_cur = own.rlim_max;
+  setrlimit(RLIMIT_FSIZE, &own);
+}
+
 /* What is saved is cleared: saving again adds what came since. */
 static void save(void) {
   if (getpid() != owner) return;
+  lift_limits();
   __gcov_dump();
   __gcov_reset();
 }
 
 void __real___gcov_exit(void);
 void __wrap___gcov_exit(void) {
-  if (getpid() == owner) __real___gcov_exit();
+  if (getpid() != owner) return;
+  lift_limits();
+  __real___gcov_exit();
 }
 
 /* The ways out that no exit handler sees. */

@@ -46,14 +46,9 @@ bool switchToSingleKeys(termios attributes) {
   return setAttributes(attributes);
 }
 
-bool isInBackground() {
-  const pid_t foreground = ::tcgetpgrp(STDIN_FILENO);
-  return foreground != -1 && foreground != ::getpgrp();
-}
-
 /// In the background the terminal is somebody else's, unless this program has left it switched: a shell takes
 /// it back from a program that was stopped.
-bool mayReset() { return !isInBackground() || (hasSwitched && hasContinued == 0); }
+bool mayReset() { return !TerminalMode::isInBackground() || (hasSwitched && hasContinued == 0); }
 
 /// Who changes the terminal from the background is stopped for it. While this lives, it changes.
 class UnstoppedOutput : public kes::NoCopy {
@@ -105,4 +100,9 @@ void TerminalMode::resume() {
   hasContinued = 0;
   termios now{};
   if (::tcgetattr(STDIN_FILENO, &now) == 0) switchToSingleKeys(now);
+}
+
+bool TerminalMode::isInBackground() {
+  const pid_t foreground = ::tcgetpgrp(STDIN_FILENO);
+  return foreground != -1 && foreground != ::getpgrp();
 }

@@ -26,4 +26,8 @@ class TerminalMode : public kes::NoCopy {
   /// Switches the terminal again after the program was stopped and continued, since a shell takes the
   /// terminal back meanwhile. In the background that has to wait. Nothing happens when nothing was switched.
   static void resume();
+
+  /// Whether standard input is a terminal that is somebody else's at the moment. What is typed there is meant
+  /// for that one, and who reads it from the background is stopped for it.
+  static bool isInBackground();
 };

@@ -22,7 +22,7 @@ constexpr std::size_t shortestPacket = 3;  // a shorter one is announced and not
 
 bool isStopping() {
   TerminalMode::resume();
-  const bool hasQuitKey = keyb_proc();
+  const bool hasQuitKey = !TerminalMode::isInBackground() && keyb_proc();
   return hasQuitKey || _exitflg != 0;
 }
 

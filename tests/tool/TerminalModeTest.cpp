@@ -218,6 +218,20 @@ TEST_F(JobControlTest, InTheBackgroundItRunsOnAndLeavesTheTerminalAloneUntilItIs
   endWithQ();
 }
 
+TEST_F(JobControlTest, InTheBackgroundWhatIsTypedForSomebodyElseDoesNotStopIt) {
+  startAsJob("-dump " + (dir_ / "capture"));
+  stop();
+  pty_.type("bg\n");
+  // The shell waits for a program that reads nothing, and so the second line stays where the tool could see
+  // it.
+  pty_.type("sleep 600\n");
+  pty_.type("for nobody\n");
+  ASSERT_TRUE(waitForRequests("packet", count("packet") + 100));
+  pty_.type("\x03");
+  bringBack();
+  endWithQ();
+}
+
 TEST_F(JobControlTest, ASignalEndsTheTraceModeInTheBackgroundAndTheTerminalStaysTheShells) {
   for (const char* number : {"TERM", "INT"}) {
     startAsJob("-trace");
