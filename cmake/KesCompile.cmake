@@ -28,7 +28,7 @@ if(KES_COVERAGE)
   target_compile_options(kes_compile INTERFACE --coverage -fprofile-update=atomic -fdata-sections)
   target_link_options(kes_compile INTERFACE --coverage)
 endif()
-if(KES_COVERAGE AND NOT APPLE)
+if(KES_COVERAGE AND CMAKE_C_COMPILER_ID STREQUAL "GNU" AND NOT APPLE)
   # Programs share their counters with their forked children.
   add_library(kes_shared_counters OBJECT ${CMAKE_CURRENT_LIST_DIR}/coverage/SharedCounters.c)
   target_link_options(kes_shared_counters INTERFACE

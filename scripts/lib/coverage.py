@@ -36,8 +36,10 @@ def folder_of(path):
 def gcov(build, notes):
     """What gcov says about some objects: a document for each."""
     command = ["gcov", "--json-format", "--stdout", "--branch-probabilities", *map(str, notes)]
-    output = subprocess.run(command, cwd=build, capture_output=True, text=True, check=True).stdout
-    return [json.loads(line) for line in output.splitlines() if line.startswith("{")]
+    result = subprocess.run(command, cwd=build, capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        sys.exit(f"gcov: {result.stderr[-2000:]}")
+    return [json.loads(line) for line in result.stdout.splitlines() if line.startswith("{")]
 
 
 def documents(build):

@@ -101,6 +101,8 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair("XDG_DOCUMENTS_DIR=\"$HOME/no newline\"", "~/no newline"),
                       std::pair("  XDG_DOCUMENTS_DIR = \"/srv/papers/\" # mine\n", "/srv/papers"),
                       std::pair("XDG_DOCUMENTS_DIR=\"$HOME/a\\\"b\\\\c\"\n", "~/a\"b\\c"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"/never closed\nXDG_MUSIC_DIR=\"/m\"\n", "/never closed"),
+                      std::pair("XDG_DOCUMENTS_DIR=\"/protects nothing\\\n", "/protects nothing\\"),
                       std::pair("XDG_DOCUMENTS_DIR=\"$HOME\"\n", "~"),
                       std::pair("XDG_DOCUMENTS_DIR=\"$HOME/\"\n", "~"),
                       std::pair("XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"/2\"\n", "/2"),
