@@ -121,6 +121,14 @@ class Interlude {
   const Call call_;
   const Part part_;
 };
+struct Before : Interlude {
+  Before(Call call, std::function<void()> play, int number = 1)
+      : Interlude(Interlude::Before, call, std::move(play), number) {}
+};
+struct After : Interlude {
+  After(Call call, std::function<void()> play, int number = 1)
+      : Interlude(Interlude::After, call, std::move(play), number) {}
+};
 
 /// Notes the names of the calls made while it lives, in order, from whichever thread. One at a time.
 class CallTrace {

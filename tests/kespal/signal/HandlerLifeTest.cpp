@@ -6,8 +6,8 @@
 
 #include "kespal/ForkPending.h"
 #include "kespal/signal/HandlerFixture.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
 #include "support/Sanitizer.h"
@@ -92,11 +92,11 @@ TEST_F(HandlerTest, AStartThatFailsLeavesTheHandlerStopped) {
   EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).type, "RuntimeError");
   ForkPending::m_pending = false;
   {
-    const Fault fault(Call::ThreadCreate, EAGAIN);
+    const Refuse fault(Call::pthread_create, EAGAIN, once);
     EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).line, 173);
   }
   {
-    const Fault fault(Call::Sigmask, EINVAL);
+    const Refuse fault(Call::pthread_sigmask, EINVAL, once);
     EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).file, "include/os/posix/signal/Mask");
   }
   EXPECT_NO_THROW(handler.stop());
@@ -109,7 +109,7 @@ TEST_F(HandlerTest, AFailureToWakeTheThreadIsRaisedAfterTheChangeWasMade) {
   Notifier notifier;
   handler.start(SIGUSR1);
   const auto failing = [&](auto operation) {
-    const Fault fault(Call::ThreadKill, EINVAL);
+    const Refuse fault(Call::pthread_kill, EINVAL, once);
     return withoutLine(raisedBy(operation));
   };
   const Raised expected = osError(EINVAL, source, 0, "sendMgmSig");
@@ -125,12 +125,12 @@ TEST_F(HandlerTest, AThreadThatIsGoneCountsAsStopped) {
   Handler handler;
   testing::internal::CaptureStderr();
   {
-    const Fault fault(Call::Sigwait, EINVAL);
+    const Refuse fault(Call::sigwait, EINVAL, once);
     handler.start(SIGUSR1);
     ASSERT_TRUE(eventually([&] { return thread::BasicThread::activeThreads() == 0 && fault.struck(); }));
   }
   {
-    const Fault fault(Call::ThreadKill, ESRCH);  // what some systems say about it
+    const Refuse fault(Call::pthread_kill, ESRCH, once);  // what some systems say about it
     EXPECT_NO_THROW(handler.stop());
   }
   const std::string report = testing::internal::GetCapturedStderr();
@@ -233,7 +233,7 @@ TEST_F(HandlerTest, ASignalThatWasTakenWhenTheThreadIsToldToLeaveSignalsGoesBack
     Notifier notifier;
     Handler handler;
     handler.add(SIGTERM, notifier);
-    const Interlude told(Call::Sigwait, [&] { handler.leaveSignals(); });
+    const After told(Call::sigwait, [&] { handler.leaveSignals(); });
     handler.start(SIGUSR1);
     send(SIGTERM);
     eventually([&] { return notifier.count > 0; });

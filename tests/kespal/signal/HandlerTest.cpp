@@ -10,7 +10,7 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/signal/HandlerFixture.h"
-#include "kespal/thread/Faults.h"
+#include "support/Calls.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
@@ -165,7 +165,7 @@ TEST_F(HandlerTest, ADispositionThatCannotBeSetRegistersNothingAndLeavesTheHandl
   Handler handler;
   Notifier notifier;
   {
-    const Fault fault(Call::Sigaction, EPERM);
+    const Refuse fault(Call::sigaction, EPERM, once);
     EXPECT_EQ(withoutLine(raisedBy([&] { handler.add(SIGTERM, notifier); })),
               osError(EPERM, source, 0, "add"));
   }
@@ -218,7 +218,7 @@ TEST_F(HandlerTest, AThreadThatCannotBeWokenIsCancelledBeforeItsHandlerDies) {
   auto handler = std::make_unique<Handler>();
   handler->start(SIGUSR1);
   {
-    const Fault fault(Call::ThreadKill, EINVAL);
+    const Refuse fault(Call::pthread_kill, EINVAL, once);
     handler.reset();
   }
   EXPECT_EQ(thread::BasicThread::activeThreads(), 0);

@@ -9,7 +9,7 @@
 
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 namespace kes::signal {
@@ -45,7 +45,7 @@ TEST(SenderTest, AProcessThatIsGoneRaisesAnErrorOfItsOwn) {
 TEST(SenderTest, EveryOtherFailureIsRaisedWithErrno) {
   EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(4711, ::getpid()); })),
             osError(EINVAL, source, 0, "signalProc"));
-  const Fault fault(Call::Kill, EPERM);
+  const Refuse fault(Call::kill, EPERM, once);
   EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(SIGTERM, ::getpid()); })),
             osError(EPERM, source, 0, "signalProc"));
 }
@@ -74,7 +74,7 @@ TEST(SenderTest, AThreadThatCannotBeSignalledRaisesTheResultCode) {
   errno = ENOENT;
   EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(4711, ::pthread_self()); })),
             osError(EINVAL, source, 0, "signalThread"));
-  const Fault fault(Call::ThreadKill, ESRCH);
+  const Refuse fault(Call::pthread_kill, ESRCH, once);
   EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(SIGTERM, ::pthread_self()); })),
             osError(ESRCH, source, 0, "signalThread"));
 }

@@ -5,7 +5,7 @@
 #include "kespal/ForkPending.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 namespace kes::signal {
@@ -82,7 +82,7 @@ TEST(MaskTest, FailuresAreRaisedWithTheirCodeAndShowInErrno) {
   const auto failing = [](auto operation) {
     errno = 0;
     Raised raised = raisedBy([&] {
-      const Fault fault(Call::Sigmask, EPERM);
+      const Refuse fault(Call::pthread_sigmask, EPERM, once);
       operation();
     });
     EXPECT_EQ(errno, EPERM);

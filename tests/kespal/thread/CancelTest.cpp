@@ -14,9 +14,9 @@
 #include "kespal/signal/Sender.h"
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
 #include "support/Sanitizer.h"
@@ -96,9 +96,9 @@ TEST_F(CancelTest, AThreadThatWaitsForItsGoIsKilledThere) {
   int ran = 0;
   Body body = [&] { ++ran; };
   TestThread thread(body);
-  const int before = made(Call::CondWait);
+  const int before = made(Call::pthread_cond_wait);
   thread.create();
-  ASSERT_TRUE(eventually([&] { return made(Call::CondWait) > before; }));
+  ASSERT_TRUE(eventually([&] { return made(Call::pthread_cond_wait) > before; }));
   thread.kill();
   expectBuried(thread);
   EXPECT_EQ(ran, 0);
@@ -108,7 +108,7 @@ TEST_F(CancelTest, AKilledBodyReleasesItsLocksAndItsObjects) {
   Lock lock(ErrorCheck);
   const Condition condition(lock);
   auto held = std::make_shared<int>(1);
-  killInCall(Call::CondWait, [&, held] {
+  killInCall(Call::pthread_cond_wait, [&, held] {
     const auto copy = held;  // NOLINT(performance-unnecessary-copy-initialization): the object of the body
     const LockGuardT<Condition> guard(condition);
     for (;;) condition.wait();
@@ -120,7 +120,7 @@ TEST_F(CancelTest, AKilledBodyReleasesItsLocksAndItsObjects) {
 
 TEST_F(CancelTest, ATimedWaitIsKilled) {
   const Condition condition;
-  killInCall(Call::CondTimedwait, [&] {
+  killInCall(Call::pthread_cond_timedwait, [&] {
     const LockGuardT<Condition> guard(condition);
     while (condition.waitTimed(farAway())) {
     }
@@ -131,7 +131,7 @@ TEST_F(CancelTest, ATimedWaitIsKilled) {
 
 TEST_F(CancelTest, AWaitForASignalIsKilled) {
   signal::Mask::call({SIGUSR2}, SIG_BLOCK);
-  killInCall(Call::Sigwait, [] {
+  killInCall(Call::sigwait, [] {
     int signal = 0;
     ::sigwait(&signal::Set{SIGUSR2}.native(), &signal);
   });
@@ -157,9 +157,9 @@ TEST_F(CancelTest, AThreadThatJoinsAnotherIsKilledAndTheOtherCanStillBeJoined) {
   other.run();
   Body body = [&] { other.join(); };
   TestThread joiner(body);
-  const int before = made(Call::ThreadJoin);
+  const int before = made(Call::pthread_join);
   joiner.run();
-  ASSERT_TRUE(eventually([&] { return made(Call::ThreadJoin) > before; }));
+  ASSERT_TRUE(eventually([&] { return made(Call::pthread_join) > before; }));
   ASSERT_TRUE(eventually([&] { return other.state() == BasicThread::RUNNING; }));
   joiner.kill();
   EXPECT_EQ(joiner.state(), BasicThread::BURIED);
@@ -175,13 +175,13 @@ TEST_F(CancelTest, AThreadThatWaitsForAnotherJoinerIsKilled) {
   TestThread other(stay);
   other.run();
   auto first = std::async(std::launch::async, [&] { other.join(); });
-  ASSERT_TRUE(eventually([] { return made(Call::ThreadJoin) > 0; }));
-  const int before = made(Call::CondWait);
+  ASSERT_TRUE(eventually([] { return made(Call::pthread_join) > 0; }));
+  const int before = made(Call::pthread_cond_wait);
   Body body = [&] { other.join(); };
   TestThread joiner(body);
   joiner.run();
   joiner.waitStartOver();
-  ASSERT_TRUE(eventually([&] { return made(Call::CondWait) > before; }));
+  ASSERT_TRUE(eventually([&] { return made(Call::pthread_cond_wait) > before; }));
   joiner.kill();
   gate.open();
   first.get();
@@ -193,10 +193,10 @@ TEST_F(CancelTest, APausedCooperativeThreadIsKilledAndItsWaitersAreWoken) {
   coop.requestPause();
   coop.run();
   coop.waitPaused();
-  const int waits = made(Call::CondWait);
+  const int waits = made(Call::pthread_cond_wait);
   auto returned = std::async(std::launch::async, [&] { coop.waitReturned(); });
   auto running = std::async(std::launch::async, [&] { return raisedBy([&] { coop.waitRunning(); }); });
-  ASSERT_TRUE(eventually([&] { return made(Call::CondWait) >= waits + 2; }));
+  ASSERT_TRUE(eventually([&] { return made(Call::pthread_cond_wait) >= waits + 2; }));
   coop.kill();
   returned.get();
   EXPECT_EQ(running.get(), usageError("CoopThread has returned", "src/thread/Thread", 277, "waitRunning"));
@@ -220,8 +220,8 @@ TEST_F(CancelTest, ACooperativeThreadThatWaitsForAnotherIsKilledInEachWait) {
   other.requestPause();
   other.run();
   other.waitPaused();
-  killInCall(Call::CondWait, [&] { other.waitRunning(); });
-  killInCall(Call::CondWait, [&] { other.waitReturned(); });
+  killInCall(Call::pthread_cond_wait, [&] { other.waitRunning(); });
+  killInCall(Call::pthread_cond_wait, [&] { other.waitReturned(); });
   EXPECT_EQ(BasicThread::activeThreads(), 1);
   other.requestReturn();
   other.join();
@@ -254,7 +254,7 @@ TEST_F(CancelTest, AThreadThatTheSystemHasNoKeyForIsCountedDownWhenItIsKilled) {
     ::poll(nullptr, 0, -1);
   };
   TestThread thread(body);
-  const Fault fault(Call::ThreadSetspecific, ENOMEM, Fault::Always);
+  const Refuse fault(Call::pthread_setspecific, ENOMEM);
   thread.run();
   ASSERT_TRUE(eventually([&] { return inside.load(); }));
   EXPECT_TRUE(fault.struck());
@@ -267,9 +267,9 @@ TEST_F(CancelTest, AFinishedThreadIsJustBuried) {
   TestThread thread(body);
   thread.run();
   ASSERT_TRUE(eventually([&] { return thread.state() == BasicThread::FINISHED; }));
-  const int before = made(Call::ThreadCancel);
+  const int before = made(Call::pthread_cancel);
   thread.kill();
-  EXPECT_EQ(made(Call::ThreadCancel), before);
+  EXPECT_EQ(made(Call::pthread_cancel), before);
   expectBuried(thread);
 }
 
@@ -279,7 +279,7 @@ TEST_F(CancelTest, ACancellationThatTheSystemRefusesIsRaisedAndLeavesTheThreadAl
   TestThread thread(body);
   thread.run();
   {
-    const Fault fault(Call::ThreadCancel, ESRCH);
+    const Refuse fault(Call::pthread_cancel, ESRCH, once);
     EXPECT_EQ(raisedBy([&] { thread.kill(); }), osError(ESRCH, osSource, 225, "kill"));
   }
   thread.waitStartOver();

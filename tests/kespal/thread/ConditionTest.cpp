@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/LockGuard.h"
+#include "support/Calls.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {
@@ -34,28 +34,31 @@ class ConditionTest : public testing::Test {
 TEST_F(ConditionTest, EachFailingCallOfTheConstructorIsReportedWithItsCodeAndLine) {
   const auto construct = [] { Condition condition; };
   {
-    const Fault fault(Call::CondAttrInit, ENOMEM);
+    const Refuse fault(Call::pthread_condattr_init, ENOMEM, once);
     EXPECT_EQ(raisedBy(construct), osError(ENOMEM, source, 35, "init"));
   }
   {
-    const Fault fault(Call::CondInit, EAGAIN);
+    const Refuse fault(Call::pthread_cond_init, EAGAIN, once);
     EXPECT_EQ(raisedBy(construct), osError(EAGAIN, source, 53, "init"));
   }
   {
-    const Fault fault(Call::CondAttrDestroy, EINVAL);
+    const Refuse fault(Call::pthread_condattr_destroy, EINVAL, once);
     EXPECT_EQ(raisedBy(construct), osError(EINVAL, source, 58, "init"));
   }
 }
 
 TEST_F(ConditionTest, AConstructorThatFailsReleasesWhatItHad) {
-  for (const Call call : {Call::CondAttrInit, Call::CondInit, Call::CondAttrDestroy}) {
-    const int locks = made(Call::MutexDestroy), conditions = made(Call::CondDestroy);
-    const int attributes = made(Call::CondAttrDestroy);
-    const Fault fault(call, EINVAL);
+  for (const Call call :
+       {Call::pthread_condattr_init, Call::pthread_cond_init, Call::pthread_condattr_destroy}) {
+    const int locks = made(Call::pthread_mutex_destroy), conditions = made(Call::pthread_cond_destroy);
+    const int attributes = made(Call::pthread_condattr_destroy);
+    const Refuse fault(call, EINVAL, once);
     EXPECT_THROW(Condition(), OsError);
-    EXPECT_EQ(made(Call::MutexDestroy), locks + 1) << "its own lock";
-    EXPECT_EQ(made(Call::CondDestroy), conditions + (call == Call::CondAttrDestroy ? 1 : 0));
-    EXPECT_EQ(made(Call::CondAttrDestroy), attributes + (call == Call::CondAttrInit ? 0 : 1));
+    EXPECT_EQ(made(Call::pthread_mutex_destroy), locks + 1) << "its own lock";
+    EXPECT_EQ(made(Call::pthread_cond_destroy),
+              conditions + (call == Call::pthread_condattr_destroy ? 1 : 0));
+    EXPECT_EQ(made(Call::pthread_condattr_destroy),
+              attributes + (call == Call::pthread_condattr_init ? 0 : 1));
   }
 }
 
@@ -66,16 +69,17 @@ TEST_F(ConditionTest, OperationsReportTheCodeThatWasReturned) {
     errno = ENOENT;
     return raisedBy([&] {
       const LockGuardT<Condition> guard(condition);
-      const Fault fault(call, error);
+      const Refuse fault(call, error, once);
       operation();
     });
   };
-  EXPECT_EQ(failing(Call::CondSignal, EINVAL, [&] { condition.signal(); }),
+  EXPECT_EQ(failing(Call::pthread_cond_signal, EINVAL, [&] { condition.signal(); }),
             osError(EINVAL, header, 22, "signal"));
-  EXPECT_EQ(failing(Call::CondBroadcast, EINVAL, [&] { condition.signalAll(); }),
+  EXPECT_EQ(failing(Call::pthread_cond_broadcast, EINVAL, [&] { condition.signalAll(); }),
             osError(EINVAL, header, 32, "signalAll"));
-  EXPECT_EQ(failing(Call::CondWait, EPERM, [&] { condition.wait(); }), osError(EPERM, header, 42, "wait"));
-  EXPECT_EQ(failing(Call::CondTimedwait, EINVAL, [&] { condition.waitTimed(deadline); }),
+  EXPECT_EQ(failing(Call::pthread_cond_wait, EPERM, [&] { condition.wait(); }),
+            osError(EPERM, header, 42, "wait"));
+  EXPECT_EQ(failing(Call::pthread_cond_timedwait, EINVAL, [&] { condition.waitTimed(deadline); }),
             osError(EINVAL, header, 81, "waitTimed"));
 }
 
@@ -90,7 +94,7 @@ TEST_F(ConditionTest, AFailingDestructionPrintsTheWarningAndContinues) {
   testing::internal::CaptureStderr();
   {
     const Condition condition;
-    const Fault fault(Call::CondDestroy, EBUSY, Fault::Always);
+    const Refuse fault(Call::pthread_cond_destroy, EBUSY);
     condition.~Condition();
     new (const_cast<Condition*>(&condition)) Condition();
   }
@@ -104,7 +108,7 @@ TEST_F(ConditionTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
   Exception::m_gen_backtraces = true;
   testing::internal::CaptureStderr();
   {
-    const Fault fault(Call::CondDestroy, EBUSY);
+    const Refuse fault(Call::pthread_cond_destroy, EBUSY, once);
     const Condition condition;
   }
   Exception::m_gen_backtraces = false;
@@ -115,22 +119,23 @@ TEST_F(ConditionTest, TheWarningOfADestructorHasABacktraceWhenTheyAreOn) {
 
 TEST_F(ConditionTest, AnOwnLockIsDestroyedBeforeTheCondition) {
   int conditionsThen = -1;
-  const int conditions = made(Call::CondDestroy);
-  const Interlude lockDestroyed(Call::MutexDestroy, [&] { conditionsThen = made(Call::CondDestroy); });
+  const int conditions = made(Call::pthread_cond_destroy);
+  const After lockDestroyed(Call::pthread_mutex_destroy,
+                            [&] { conditionsThen = made(Call::pthread_cond_destroy); });
   { const Condition condition; }
   EXPECT_EQ(conditionsThen, conditions);
-  EXPECT_EQ(made(Call::CondDestroy), conditions + 1);
+  EXPECT_EQ(made(Call::pthread_cond_destroy), conditions + 1);
 }
 
 TEST_F(ConditionTest, ALentLockStaysAliveAndAnOwnOneIsFreed) {
-  const int before = made(Call::MutexDestroy);
+  const int before = made(Call::pthread_mutex_destroy);
   Lock lock(Normal);
   { const Condition condition(lock); }
-  EXPECT_EQ(made(Call::MutexDestroy), before);
+  EXPECT_EQ(made(Call::pthread_mutex_destroy), before);
   EXPECT_NO_THROW(lock.lock());
   EXPECT_NO_THROW(lock.unlock());
   { const Condition condition; }
-  EXPECT_EQ(made(Call::MutexDestroy), before + 1);
+  EXPECT_EQ(made(Call::pthread_mutex_destroy), before + 1);
 }
 
 TEST_F(ConditionTest, LockingAConditionLocksItsLock) {

@@ -9,8 +9,8 @@
 
 #include "kespal/thread/CoopThread.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/NativeThreads.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
 
@@ -150,7 +150,7 @@ class Subject : public CoopThread, public CoopThread::ICoopThread {
       case Doing::Held:
         return create();
       case Doing::Starting:
-        hold_.emplace(Call::ThreadSetname, [this] { start_.pass(); });
+        hold_.emplace(Call::pthread_setname_np, [this] { start_.pass(); });
         return run();
       case Doing::Running:
         run();
@@ -171,7 +171,7 @@ class Subject : public CoopThread, public CoopThread::ICoopThread {
   Gate start_;
   Gate working_;
   Gate body_;
-  std::optional<Interlude> hold_;
+  std::optional<After> hold_;
 };
 
 void perform(Subject& subject, Operation operation) {
@@ -299,11 +299,11 @@ struct Body : CoopThread::ICoopThread {
 TEST_P(CoopDestructionTest, ACooperativeThreadCanBeDestroyedWhileItsBodyIsBusyElsewhere) {
   Body body;
   Gate start;
-  std::optional<Interlude> hold;
+  std::optional<After> hold;
   {
     CoopThread coop("coop", &body);
     if (GetParam() == Doing::Held) coop.create();
-    if (GetParam() == Doing::Starting) hold.emplace(Call::ThreadSetname, [&] { start.pass(); });
+    if (GetParam() == Doing::Starting) hold.emplace(Call::pthread_setname_np, [&] { start.pass(); });
     if (GetParam() == Doing::Returned) body.gate.open();
     if (GetParam() >= Doing::Starting) coop.run();
     if (GetParam() == Doing::Running) {

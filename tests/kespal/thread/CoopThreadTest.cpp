@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
 
@@ -148,11 +148,11 @@ TEST_F(CoopThreadTest, NobodyCanWaitForOneself) {
 TEST_F(CoopThreadTest, ASleepWhoseDeadlineHasPassedIsOverAfterOneTimedWait) {
   bool woken = true;
   TestCoop coop([&](CoopThread& self) { woken = self.sleep(RealtimeClock()); });
-  const int before = made(Call::CondTimedwait);
+  const int before = made(Call::pthread_cond_timedwait);
   coop.run();
   coop.join();
   EXPECT_FALSE(woken);
-  EXPECT_EQ(made(Call::CondTimedwait), before + 1);
+  EXPECT_EQ(made(Call::pthread_cond_timedwait), before + 1);
 }
 
 TEST_F(CoopThreadTest, ASleepWithARequestPendingIsOverBeforeItBegan) {
@@ -160,11 +160,11 @@ TEST_F(CoopThreadTest, ASleepWithARequestPendingIsOverBeforeItBegan) {
     bool woken = true;
     TestCoop coop([&](CoopThread& self) { woken = self.sleep(in(Milliseconds(60'000))); });
     pause ? coop.requestPause() : coop.requestReturn();
-    const int before = made(Call::CondTimedwait);
+    const int before = made(Call::pthread_cond_timedwait);
     coop.run();
     coop.join();
     EXPECT_FALSE(woken);
-    EXPECT_EQ(made(Call::CondTimedwait), before);
+    EXPECT_EQ(made(Call::pthread_cond_timedwait), before);
   }
 }
 
@@ -186,11 +186,11 @@ TEST_F(CoopThreadTest, ARequestToReturnCutsASleepShort) {
 TEST_F(CoopThreadTest, ARequestToRunWakesASleeperThatSleepsOn) {
   bool woken = false;
   TestCoop coop([&](CoopThread& self) { woken = self.sleep(in(Milliseconds(600'000))); });
-  const int before = made(Call::CondTimedwait);
+  const int before = made(Call::pthread_cond_timedwait);
   coop.run();
   coop.waitPaused();
   coop.requestRun();
-  EXPECT_TRUE(eventually([&] { return made(Call::CondTimedwait) >= before + 2; }));
+  EXPECT_TRUE(eventually([&] { return made(Call::pthread_cond_timedwait) >= before + 2; }));
   EXPECT_EQ(coop.coopState(), CoopThread::Paused);
   coop.requestReturn();
   coop.join();
@@ -204,19 +204,19 @@ TEST_F(CoopThreadTest, ARequestToPauseWakesNobodySoThatASleepRunsToItsDeadline) 
     bool woken = true;
     const RealtimeClock deadline = in(length);
     TestCoop coop([&](CoopThread& self) { woken = self.sleep(deadline); });
-    const int before = made(Call::CondTimedwait);
+    const int before = made(Call::pthread_cond_timedwait);
     coop.run();
     const bool asleep = raisedBy([&] { coop.waitPaused(); }) == Raised();
-    const int wakeUps = made(Call::CondBroadcast) + made(Call::CondSignal);
+    const int wakeUps = made(Call::pthread_cond_broadcast) + made(Call::pthread_cond_signal);
     coop.requestPause();
-    const int wakeUpsThen = made(Call::CondBroadcast) + made(Call::CondSignal);
+    const int wakeUpsThen = made(Call::pthread_cond_broadcast) + made(Call::pthread_cond_signal);
     const bool inTime = asleep && coop.coopState() == CoopThread::Paused;
     coop.waitReturned();
     coop.join();
     EXPECT_FALSE(woken);
     if (!inTime) continue;
     EXPECT_EQ(wakeUpsThen, wakeUps);
-    EXPECT_EQ(made(Call::CondTimedwait), before + 1);
+    EXPECT_EQ(made(Call::pthread_cond_timedwait), before + 1);
     break;
   }
 }

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/NativeThreads.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
@@ -75,7 +75,7 @@ class ForkTest : public testing::TestWithParam<Life> {
       case Life::HeldDetached:
         return thread_->create();
       case Life::Starting:
-        hold_ = std::make_unique<Interlude>(Call::ThreadSetname, [this] { start_.pass(); });
+        hold_ = std::make_unique<After>(Call::pthread_setname_np, [this] { start_.pass(); });
         return thread_->run();
       case Life::Running:
       case Life::RunningDetached:
@@ -90,7 +90,7 @@ class ForkTest : public testing::TestWithParam<Life> {
     }
   }
 
-  std::unique_ptr<Interlude> hold_;
+  std::unique_ptr<After> hold_;
 };
 
 TEST_P(ForkTest, TheObjectCanBeDestroyedInTheChild) {
@@ -128,7 +128,7 @@ TEST_P(ForkTest, TheThreadIsBuriedInTheChildAndCanBeStartedAnew) {
 
 TEST_P(ForkTest, ALockThatNobodyHoldsInTheChildIsNotWaitedFor) {
   Gate held, release;
-  const Interlude holding(Call::MutexLock, [&] {
+  const After holding(Call::pthread_mutex_lock, [&] {
     held.open();
     release.pass();
   });
@@ -243,7 +243,7 @@ TEST(CoopForkTest, ACooperativeThreadThatForksEndsInTheChildAlthoughAnotherHeldI
   coop.run();
   coop.id();
   Gate held, release;
-  const Interlude holding(Call::MutexLock, [&] {
+  const After holding(Call::pthread_mutex_lock, [&] {
     held.open();
     release.pass();
   });

@@ -4,8 +4,8 @@
 
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/Lock.h"
+#include "support/Calls.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {
@@ -83,7 +83,7 @@ TEST(LockGuardTest, ADismissedGuardLeavesTheLockTaken) {
 TEST(LockGuardTest, AFailureToLockIsRaisedAndUnlocksNothing) {
   const Lock lock(ErrorCheck);
   const Raised raised = raisedBy([&] {
-    const Fault fault(Call::MutexLock, EINVAL);
+    const Refuse fault(Call::pthread_mutex_lock, EINVAL, once);
     const LockGuardT<Lock> guard(lock);
   });
   EXPECT_EQ(raised, osError(EINVAL, "include/os/posix/thread/Lock", 21, "lock"));

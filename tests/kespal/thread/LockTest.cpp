@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 
@@ -21,9 +21,9 @@ constexpr const char* source = "src/os/posix/thread/Lock";
 constexpr const char* header = "include/os/posix/thread/Lock";
 
 TEST(LockTest, ANormalLockIsMadeWithoutAnAttributeObject) {
-  const int before = made(Call::MutexAttrInit);
+  const int before = made(Call::pthread_mutexattr_init);
   const Lock lock(Normal);
-  EXPECT_EQ(made(Call::MutexAttrInit), before);
+  EXPECT_EQ(made(Call::pthread_mutexattr_init), before);
   EXPECT_NO_THROW(lock.lock());
   EXPECT_NO_THROW(lock.unlock());
 }
@@ -71,55 +71,54 @@ TEST(LockTest, EachFailingCallOfTheConstructorIsReportedWithItsCodeAndLine) {
   const auto construct = [](LockKind kind) { return [kind] { Lock lock(kind); }; };
   for (const LockKind kind : {Recursive, ErrorCheck}) {
     {
-      const Fault fault(Call::MutexAttrInit, ENOMEM);
+      const Refuse fault(Call::pthread_mutexattr_init, ENOMEM, once);
       EXPECT_EQ(raisedBy(construct(kind)), osError(ENOMEM, source, 51, "LockBase"));
     }
     {
-      const Fault fault(Call::MutexAttrSettype, EINVAL);
+      const Refuse fault(Call::pthread_mutexattr_settype, EINVAL, once);
       EXPECT_EQ(raisedBy(construct(kind)), osError(EINVAL, source, 64, "LockBase"));
     }
   }
   for (const LockKind kind : {Recursive, Normal, ErrorCheck}) {
-    const Fault fault(Call::MutexInit, EAGAIN);
+    const Refuse fault(Call::pthread_mutex_init, EAGAIN, once);
     EXPECT_EQ(raisedBy(construct(kind)), osError(EAGAIN, source, 77, "LockBase"));
   }
 }
 
 TEST(LockTest, TheAttributeObjectIsDestroyedAfterTheMutexWasTriedAndNotBefore) {
-  int before = made(Call::MutexAttrDestroy);
+  int before = made(Call::pthread_mutexattr_destroy);
   { const Lock lock(Recursive); }
-  EXPECT_EQ(made(Call::MutexAttrDestroy), before + 1);
+  EXPECT_EQ(made(Call::pthread_mutexattr_destroy), before + 1);
 
-  before = made(Call::MutexAttrDestroy);
+  before = made(Call::pthread_mutexattr_destroy);
   {
-    const Fault fault(Call::MutexInit, EAGAIN);
+    const Refuse fault(Call::pthread_mutex_init, EAGAIN, once);
     EXPECT_THROW(Lock lock(Recursive), OsError);
   }
-  EXPECT_EQ(made(Call::MutexAttrDestroy), before + 1);
+  EXPECT_EQ(made(Call::pthread_mutexattr_destroy), before + 1);
 
-  before = made(Call::MutexAttrDestroy);
+  before = made(Call::pthread_mutexattr_destroy);
   {
-    const Fault fault(Call::MutexAttrSettype, EINVAL);
+    const Refuse fault(Call::pthread_mutexattr_settype, EINVAL, once);
     EXPECT_THROW(Lock lock(Recursive), OsError);
   }
-  EXPECT_EQ(made(Call::MutexAttrDestroy), before);
+  EXPECT_EQ(made(Call::pthread_mutexattr_destroy), before);
 }
 
 TEST(LockTest, FailingLockAndUnlockReportTheCodeThatWasReturnedNotErrno) {
   const Lock lock(Normal);
   errno = ENOENT;
   Raised raised = raisedBy([&] {
-    const Fault fault(Call::MutexLock, EINVAL);
+    const Refuse fault(Call::pthread_mutex_lock, EINVAL, once);
     lock.lock();
   });
   EXPECT_EQ(raised, osError(EINVAL, header, 21, "lock"));
   lock.lock();
   raised = raisedBy([&] {
-    const Fault fault(Call::MutexUnlock, EPERM);
+    const Refuse fault(Call::pthread_mutex_unlock, EPERM, once);
     lock.unlock();
   });
   EXPECT_EQ(raised, osError(EPERM, header, 49, "unlock"));
-  lock.unlock();
 }
 
 class LockWarningTest : public testing::TestWithParam<LockKind> {};

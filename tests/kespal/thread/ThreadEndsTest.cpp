@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/NativeThreads.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
@@ -54,13 +54,13 @@ TEST(ThreadEndsTest, OnlyOneOfSeveralJoinersAsksTheSystem) {
   Body body = [&] { gate.pass(); };
   TestThread thread(body);
   thread.run();
-  const int before = made(Call::ThreadJoin);
+  const int before = made(Call::pthread_join);
   std::vector<std::thread> joiners;
   for (int j = 0; j < 4; ++j) joiners.emplace_back([&] { thread.join(); });
-  EXPECT_TRUE(eventually([&] { return made(Call::ThreadJoin) == before + 1; }));
+  EXPECT_TRUE(eventually([&] { return made(Call::pthread_join) == before + 1; }));
   gate.open();
   for (std::thread& joiner : joiners) joiner.join();
-  EXPECT_EQ(made(Call::ThreadJoin), before + 1);
+  EXPECT_EQ(made(Call::pthread_join), before + 1);
 }
 
 TEST(ThreadEndsTest, AJoinerWhoseSystemCallFailsHandsOverToTheNext) {
@@ -69,7 +69,7 @@ TEST(ThreadEndsTest, AJoinerWhoseSystemCallFailsHandsOverToTheNext) {
   TestThread thread(body);
   thread.run();
   std::atomic<int> failed{0};
-  const Fault fault(Call::ThreadJoin, EINVAL);
+  const Refuse fault(Call::pthread_join, EINVAL, once);
   std::vector<std::thread> joiners;
   for (int j = 0; j < 3; ++j) {
     joiners.emplace_back([&] {
@@ -117,9 +117,9 @@ TEST(ThreadEndsTest, WhoKillsAThreadDoesNotWaitForTheNextRunOfIt) {
   TestThread thread(body);
   thread.run();
   ASSERT_TRUE(eventually([&] { return !first; }));  // it needs no lock any more
-  std::optional<Interlude> beforeJoining;
-  const Interlude cancelled(Call::ThreadCancel, [&] {
-    beforeJoining.emplace(Call::MutexUnlock, [&] {
+  std::optional<After> beforeJoining;
+  const After cancelled(Call::pthread_cancel, [&] {
+    beforeJoining.emplace(Call::pthread_mutex_unlock, [&] {
       unlocked.open();
       thread.join();
       thread.run();
@@ -170,12 +170,12 @@ Raised raisedByTheNextOwnerOfTheHandle(BasicThread& thread, const std::function<
   thread.run();
   const ::pthread_t handle = thread.id().handle;
   {
-    const Interlude ended(Call::ThreadJoin, [&] {
+    const After ended(Call::pthread_join, [&] {
       next.run();
       reused = ::pthread_equal(next.id().handle, handle) != 0;
-      const int waits = made(Call::CondWait);
+      const int waits = made(Call::pthread_cond_wait);
       go.open();
-      eventually([&] { return done || made(Call::CondWait) > waits; });
+      eventually([&] { return done || made(Call::pthread_cond_wait) > waits; });
     });
     thread.join();
   }
@@ -218,11 +218,10 @@ TEST(ThreadEndsTest, ADetachedThreadThatDiesReportsWithoutItsObject) {
     gate.pass();
     throw 7;
   };
-  pretendThreadId(42);
-  const int created = made(Call::ThreadGettid);
+  const Instead<Call::gettid> numbered([] { return 42; });
+  const int created = made(Call::gettid);
   TestThread(body, /*detached=*/true).run();
-  ASSERT_TRUE(
-      eventually([&] { return made(Call::ThreadGettid) > created && BasicThread::activeThreads() == 1; }));
+  ASSERT_TRUE(eventually([&] { return made(Call::gettid) > created && BasicThread::activeThreads() == 1; }));
   gate.open();
   EXPECT_TRUE(aloneInTheEnd());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Thread ends (42) died with an unknown exception\n");
@@ -277,9 +276,9 @@ void destroyBeforeTheBody(User& user) {
   auto* const thread = new (place) Thread("ends", &user);
   Gate start, between;
   std::atomic<bool> pickedUp{false};
-  const Interlude held(Call::ThreadSetname, [&] { start.pass(); });
+  const After held(Call::pthread_setname_np, [&] { start.pass(); });
   thread->run();
-  const Interlude afterTheGo(Call::CondBroadcast, [&] {
+  const After afterTheGo(Call::pthread_cond_broadcast, [&] {
     pickedUp = true;
     between.pass();
   });
@@ -316,15 +315,15 @@ TEST(ThreadEndsTest, WhoWaitsForAThreadThatStartsIsNotToldThatThereIsNoneWhenItI
   for (int i = 0; i < 100; ++i) {
     CoopThread coop("ends", &user);
     Gate start;
-    const Interlude held(Call::ThreadSetname, [&] { start.pass(); });
+    const After held(Call::pthread_setname_np, [&] { start.pass(); });
     coop.run();
-    const int waits = made(Call::CondWait);
+    const int waits = made(Call::pthread_cond_wait);
     std::vector<std::thread> waiters;
     std::vector<Raised> raised(8);
     for (Raised& result : raised) {
       waiters.emplace_back([&] { result = raisedBy([&] { coop.waitReturned(); }); });
     }
-    ASSERT_TRUE(eventually([&] { return made(Call::CondWait) >= waits + 8; }));
+    ASSERT_TRUE(eventually([&] { return made(Call::pthread_cond_wait) >= waits + 8; }));
     start.open();
     coop.join();
     for (std::thread& waiter : waiters) waiter.join();
@@ -354,7 +353,7 @@ TEST(ThreadEndsTest, AFailureToLockInTheDestructorEndsTheProgram) {
     std::set_terminate([] { ::_exit(42); });
     Body body = [] {};
     auto thread = std::make_unique<TestThread>(body);
-    const Fault fault(Call::MutexLock, EINVAL);
+    const Refuse fault(Call::pthread_mutex_lock, EINVAL, once);
     thread.reset();
     return 0;
   });

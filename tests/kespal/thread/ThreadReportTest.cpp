@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "kespal/error/OsError.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 
@@ -23,7 +23,7 @@ using Body = std::function<void()>;
 ChildResult whoseThread(const Body& body) {
   return inChild([&] {
     ::alarm(120);
-    pretendThreadId(42);
+    const Instead<Call::gettid> numbered([] { return 42; });
     struct User : CppThread::IThread {
       explicit User(const Body& action) : act(action) {}
       void thread(CppThread&) override { act(); }

@@ -11,9 +11,9 @@
 #include <string>
 
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/NativeThreads.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
 #include "support/Sanitizer.h"
@@ -81,7 +81,7 @@ class Subject {
         return thread_->create();
       case Life::Starting:
         // The native thread is stopped before it looks for the go.
-        hold_ = std::make_unique<Interlude>(Call::ThreadSetname, [this] { start_.pass(); });
+        hold_ = std::make_unique<After>(Call::pthread_setname_np, [this] { start_.pass(); });
         return thread_->run();
       case Life::Running:
       case Life::RunningDetached:
@@ -105,7 +105,7 @@ class Subject {
   Gate start_;
   Gate body_;
   std::atomic<int> ran_{0};
-  std::unique_ptr<Interlude> hold_;
+  std::unique_ptr<After> hold_;
   std::unique_ptr<BasicThread> thread_;
 };
 

@@ -13,8 +13,8 @@
 #include "kespal/ForkPending.h"
 #include "kespal/error/FsError.h"
 #include "kespal/thread/ErrorAt.h"
-#include "kespal/thread/Faults.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
@@ -98,9 +98,9 @@ TEST(ThreadTest, AThreadThatIsBuriedBetweenItsCreationAndTheGoCannotStart) {
   int ran = 0;
   Body body = [&] { ++ran; };
   TestThread thread(body);
-  std::optional<Interlude> unlocked;
-  const Interlude created(Call::ThreadCreate,
-                          [&] { unlocked.emplace(Call::MutexUnlock, [&] { thread.join(); }); });
+  std::optional<After> unlocked;
+  const After created(Call::pthread_create,
+                      [&] { unlocked.emplace(Call::pthread_mutex_unlock, [&] { thread.join(); }); });
   EXPECT_EQ(raisedBy([&] { thread.run(); }),
             usageError("Tried to start a thread that has already been started", source, 175, "run"));
   EXPECT_EQ(thread.state(), BasicThread::BURIED);
@@ -115,7 +115,7 @@ TEST(ThreadTest, AThreadThatTheSystemRefusesStaysBuriedAndCanBeTriedAgain) {
   Body body = [&] { ++ran; };
   TestThread thread(body);
   {
-    const Fault fault(Call::ThreadCreate, EAGAIN);
+    const Refuse fault(Call::pthread_create, EAGAIN, once);
     EXPECT_EQ(raisedBy([&] { thread.run(); }), osError(EAGAIN, osSource, 173, "create"));
   }
   EXPECT_EQ(thread.state(), BasicThread::BURIED);
@@ -167,7 +167,7 @@ TEST(ThreadTest, AJoinThatTheSystemRefusesLeavesTheThreadToBeJoinedAgain) {
   TestThread thread(body);
   thread.run();
   {
-    const Fault fault(Call::ThreadJoin, EINVAL);
+    const Refuse fault(Call::pthread_join, EINVAL, once);
     EXPECT_EQ(raisedBy([&] { thread.join(); }), osError(EINVAL, osSource, 190, "join"));
   }
   EXPECT_NE(thread.state(), BasicThread::BURIED);
@@ -198,7 +198,7 @@ TEST(ThreadTest, AThreadThatJoinsItselfWhileAnotherJoinsItIsToldSo) {
   self = &thread;
   thread.run();
   std::thread other([&] { thread.join(); });
-  ASSERT_TRUE(eventually([] { return made(Call::ThreadJoin) > 0; }));
+  ASSERT_TRUE(eventually([] { return made(Call::pthread_join) > 0; }));
   joining.open();
   other.join();
   EXPECT_EQ(raised, osError(EDEADLK, osSource, 190, "join"));
@@ -207,13 +207,13 @@ TEST(ThreadTest, AThreadThatJoinsItselfWhileAnotherJoinsItIsToldSo) {
 
 TEST(ThreadTest, YieldReportsErrno) {
   EXPECT_NO_THROW(BasicThread::yield());
-  const Fault fault(Call::SchedYield, ENOSYS);
+  const Refuse fault(Call::sched_yield, ENOSYS, once);
   EXPECT_EQ(raisedBy([] { BasicThread::yield(); }), osError(ENOSYS, osSource, 236, "yield"));
 }
 
 TEST(ThreadTest, TheNativeIdIsTheSystemsNumberOfTheThread) {
   EXPECT_EQ(getNativeThreadId(), static_cast<std::uint64_t>(::gettid()));
-  const Fault fault(Call::ThreadGettid, EPERM);
+  const Refuse fault(Call::gettid, EPERM, once);
   EXPECT_EQ(raisedBy([] { getNativeThreadId(); }), osError(EPERM, osSource, 248, "getNativeThreadId"));
 }
 
@@ -291,7 +291,7 @@ INSTANTIATE_TEST_SUITE_P(From0To200Bytes, ThreadNameTest, testing::Values(0, 1, 
 
 TEST(ThreadTest, AThreadThatCannotBeNamedRunsAllTheSame) {
   int ran = 0;
-  const Fault fault(Call::ThreadSetname, ERANGE);
+  const Refuse fault(Call::pthread_setname_np, ERANGE, once);
   runAndJoin([&] { ++ran; });
   EXPECT_TRUE(fault.struck());
   EXPECT_EQ(ran, 1);
@@ -339,23 +339,23 @@ TEST(ThreadTest, AStackLargerThanTheAddressSpaceIsRefusedWhenTheThreadIsCreated)
 
 TEST(ThreadTest, AttributesThatCannotBePreparedAreReportedByTheConstructorAndReleased) {
   Body body = [] {};
-  for (const Call call : {Call::AttrInit, Call::AttrSetdetachstate, Call::AttrSetstacksize}) {
-    const int destroyed = made(Call::AttrDestroy), conditions = made(Call::CondDestroy);
-    const Fault fault(call, ENOMEM);
+  for (const Call call :
+       {Call::pthread_attr_init, Call::pthread_attr_setdetachstate, Call::pthread_attr_setstacksize}) {
+    const int destroyed = made(Call::pthread_attr_destroy), conditions = made(Call::pthread_cond_destroy);
+    const Refuse fault(call, ENOMEM, once);
     const Raised raised = raisedBy([&] { TestThread thread(body, "test", /*detached=*/true); });
     EXPECT_EQ(raised.type, "OsError");
     EXPECT_EQ(raised.what, std::to_string(ENOMEM));
     EXPECT_EQ(raised.file, osSource);
-    EXPECT_EQ(made(Call::AttrDestroy), destroyed + (call == Call::AttrInit ? 0 : 1));
-    EXPECT_EQ(made(Call::CondDestroy), conditions + 1);
+    EXPECT_EQ(made(Call::pthread_attr_destroy), destroyed + (call == Call::pthread_attr_init ? 0 : 1));
+    EXPECT_EQ(made(Call::pthread_cond_destroy), conditions + 1);
   }
 }
 
 std::string reportOf(Body body) {
   testing::internal::CaptureStderr();
-  pretendThreadId(42);
+  const Instead<Call::gettid> numbered([] { return 42; });
   runAndJoin(std::move(body), "t");
-  pretendThreadId(0);
   return testing::internal::GetCapturedStderr();
 }
 
@@ -388,7 +388,7 @@ TEST(ThreadTest, AThreadThatDiedOfAnExceptionIsJoinedAndRunLikeAnyOther) {
 
 TEST(ThreadTest, ReportsOfSeveralThreadsDoNotMix) {
   testing::internal::CaptureStderr();
-  pretendThreadId(42);
+  const Instead<Call::gettid> numbered([] { return 42; });
   Gate gate;
   Body body = [&] {
     gate.pass();
@@ -417,7 +417,7 @@ TEST(ThreadTest, AThreadWithoutANumberSaysSoAndHasAllOnes) {
     };
     TestThread thread(body, "t");
     self = &thread;
-    const Fault fault(Call::ThreadGettid, EPERM);
+    const Refuse fault(Call::gettid, EPERM, once);
     thread.run();
     thread.join();
   }
