@@ -31,6 +31,7 @@ bool writeAll(int fd, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t count = retry([=] { return ::write(fd, data, size); });
     if (count < 0) return false;
+    if (count == 0) return failWith(ENOSPC) != 0;  // or it would go on for ever
     data += count;
     size -= static_cast<std::size_t>(count);
   }

@@ -19,6 +19,7 @@
 #include "sys/KeepErrno.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
+#include "sys/Retry.h"
 
 namespace {
 
@@ -39,13 +40,14 @@ bool grow(int fd, off_t length, off_t wanted) {
   const off_t before = length;
   while (length < wanted) {
     const auto count = std::min<std::uintmax_t>(zeros.size(), static_cast<std::uintmax_t>(wanted - length));
-    const ssize_t written = ::write(fd, zeros.data(), count);
-    if (written > 0) length += written;
-    if (written < 0 && errno != EINTR) {
+    const ssize_t written = kes::sys::retry([=] { return ::write(fd, zeros.data(), count); });
+    if (written <= 0) {
+      if (written == 0) errno = ENOSPC;  // or it would go on for ever
       const kes::sys::KeepErrno whyNotWritten;
       static_cast<void>(::ftruncate(fd, before));  // as it was, as far as that is possible
       return false;
     }
+    length += written;
   }
   return true;
 }

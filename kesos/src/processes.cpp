@@ -14,6 +14,7 @@
 #include "command_line.h"
 #include "kespal/os/posix/proc/Start.h"
 #include "kespal/signal/Set.h"
+#include "paths.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
 #include "sys/Retry.h"
@@ -123,7 +124,7 @@ int startDetached(const CommandLine& commandLine) {
 /// Stores the handle of the child, if there is one.
 int startChild(const CommandLine& commandLine, KesOsProcess** out) {
   std::unique_ptr<KesOsProcess> process(new (std::nothrow) KesOsProcess{});
-  if (process == nullptr) return 0;
+  if (process == nullptr) return kes::kesos::failWith(ENOMEM);
   const auto becomeIt = [](void* line) { become(*static_cast<const CommandLine*>(line)); };
   const auto becomeItOrFail = [](void* line) {
     become(*static_cast<const CommandLine*>(line));

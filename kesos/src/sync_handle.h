@@ -8,6 +8,7 @@
 #include <new>
 
 #include "kesos/time.h"
+#include "paths.h"
 #include "semaphores.h"
 #include "usage_table.h"
 
@@ -28,7 +29,8 @@ int makeHandle(Handle** out, Init init) {
   if (out == nullptr) return 0;
   *out = nullptr;
   std::unique_ptr<Handle> handle(new (std::nothrow) Handle{});
-  if (handle == nullptr || !init(*handle)) return 0;
+  if (handle == nullptr) return failWith(ENOMEM);
+  if (!init(*handle)) return 0;
   handle->forks = forkCount();
   *out = handle.release();
   return 1;

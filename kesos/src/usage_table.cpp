@@ -100,7 +100,7 @@ void clearReferences() {
 int initSemCounter(void) {
   if (noForkHandlers != 0) return failWith(noForkHandlers);
   std::unique_ptr<kes::kesos::SemCounter> counter = newCounter();
-  if (counter == nullptr) return 0;
+  if (counter == nullptr) return failWith(ENOMEM);
   if (KesOsMmfCreate(&counter->memory, sizeof(UsageTable), nullptr, tableKey) == 0) return 0;
   if (counter->memory.size < sizeof(UsageTable)) {  // somebody else's segment under our key
     ::shmdt(counter->memory.address);

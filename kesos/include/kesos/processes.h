@@ -35,7 +35,7 @@ typedef struct KesOsProcess KesOsProcess;
  * destructors of its static objects run in it, without the other threads, and what they write is lost.
  * Without `out` the program runs in a session of its own and is nobody's child; 1 when it was forked. If it
  * cannot be started then, nobody is told, and no exit handler runs. Either way 0 with errno ENOMEM when there
- * is no memory to take the command line apart; then nothing is forked. */
+ * is no memory to take the command line apart, or for the handle; then nothing is forked. */
 int KesOsCreateProcessAsyn(const char* cmd, unsigned long flags, KesOsProcess** out);
 
 /** Whether the child has not ended yet. One that somebody else has reaped counts as running for ever; only
