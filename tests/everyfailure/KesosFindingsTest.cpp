@@ -138,5 +138,39 @@ TEST_F(FlatFindingsTest, AFailedChildClosesItsDescriptorsAlsoWhenNobodySaysHowMa
   EXPECT_EQ(leftOpenByAFailedChild(), 0);
 }
 
+TEST_F(FlatFindingsTest, AWriteThatMovesNothingEndsACopyAndAMapping) {
+  const TempDir dir;
+  const std::string from = dir / "from", to = dir / "to", file = dir / "map";
+  writeFile(from, "text");
+  ::alarm(60);  // ends a process that hangs
+  const Refuse idle(Call::write, 0);
+  EXPECT_EQ(KesOsCopyFile(from.c_str(), to.c_str(), 0), 0);
+  EXPECT_EQ(errno, ENOSPC);
+  KesOsMmf mapping;
+  EXPECT_EQ(KesOsMmfCreate(&mapping, 100, file.c_str(), 0), 0);
+  EXPECT_EQ(mapping.error, ENOSPC);
+  ::alarm(0);
+}
+
+TEST_F(FlatFindingsTest, WithoutMemoryForAHandleErrnoSaysSo) {
+  const unsigned int key = freshKey();
+  KesOsMutex* mutex = nullptr;
+  KesOsProcess* process = nullptr;
+  for (const int number : {1, 2}) {
+    errno = 0;
+    const Refuse refused(Call::operatorNew, ENOMEM, nth(number));
+    EXPECT_EQ(KesOsMutexCreate(&mutex, key), 0);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(refused.struck(), 1);
+  }
+  for (int number = 1; process == nullptr; ++number) {
+    errno = 0;
+    const Refuse refused(Call::operatorNew, ENOMEM, nth(number));
+    if (KesOsCreateProcessAsyn("true", 0, &process) == 1) break;
+    EXPECT_EQ(errno, ENOMEM) << number;
+  }
+  EXPECT_EQ(KesOsProcessWait(process, nullptr), 1);
+}
+
 }  // namespace
 }  // namespace kes::test

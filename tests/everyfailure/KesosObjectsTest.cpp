@@ -65,6 +65,16 @@ class Owned {
 using Mutex = Owned<KesOsMutex, KesOsMutexClose>;
 using Event = Owned<KesOsEvent, KesOsEventClose>;
 
+/// Of what is made with a key, errno says why it could not be.
+template <typename Function>
+void create(Stage& stage, unsigned int key, Function function) {
+  if (key != 0) {
+    flat(stage, function);
+  } else {
+    stage.act([&] { return function() == 1; });
+  }
+}
+
 void useMutex(Stage& stage, const Mutex& mutex) {
   unsigned int state = 7;
   stage.act([&] { return KesOsMutexWait(mutex.get(), infinite, &state) == 1 && state == 1; });
@@ -75,7 +85,7 @@ void useMutex(Stage& stage, const Mutex& mutex) {
 void playMutex(Stage& stage, unsigned int key) {
   const Removal removal(stage);
   Mutex mutex;
-  stage.act([&] { return KesOsMutexCreate(mutex.place(), key) == 1; });
+  create(stage, key, [&] { return KesOsMutexCreate(mutex.place(), key); });
   stage.check(stage.succeeded() == (mutex.get() != nullptr), "there is a handle with a mutex");
   if (mutex.get() == nullptr) return;
   useMutex(stage, mutex);
@@ -104,7 +114,7 @@ TEST_F(EveryFailureOfFlatObjects, AKeyedMutexIsOpenedAndClosedBesideAnotherUser)
                         const Removal removal(stage);
                         Mutex first, second;
                         if (KesOsMutexCreate(first.place(), key) != 1) return;
-                        stage.act([&] { return KesOsMutexOpen(second.place(), key) == 1; });
+                        flat(stage, [&] { return KesOsMutexOpen(second.place(), key); });
                         stage.check(stage.succeeded() == (second.get() != nullptr),
                                     "there is a handle with a mutex");
                         if (second.get() != nullptr)
@@ -117,7 +127,7 @@ TEST_F(EveryFailureOfFlatObjects, AKeyedMutexIsOpenedAndClosedBesideAnotherUser)
 void playEvent(Stage& stage, unsigned int key) {
   const Removal removal(stage);
   Event event;
-  stage.act([&] { return KesOsEventCreate(event.place(), key) == 1; });
+  create(stage, key, [&] { return KesOsEventCreate(event.place(), key); });
   stage.check(stage.succeeded() == (event.get() != nullptr), "there is a handle with an event");
   if (event.get() == nullptr) return;
   stage.act([&] { return KesOsEventSet(event.get()) == 1; });
@@ -153,7 +163,7 @@ TEST_F(EveryFailureOfFlatObjects, AKeyedEventIsOpenedAndItsValueRead) {
                         const Removal removal(stage);
                         Event first, second;
                         if (KesOsEventCreate(first.place(), key) != 1) return;
-                        stage.act([&] { return KesOsEventOpen(second.place(), key) == 1; });
+                        flat(stage, [&] { return KesOsEventOpen(second.place(), key); });
                         stage.check(stage.succeeded() == (second.get() != nullptr),
                                     "there is a handle with an event");
                         const int id = idOf(key);
