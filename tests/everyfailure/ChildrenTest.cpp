@@ -65,19 +65,17 @@ TEST(EveryFailureOfChildren, AChildIsStartedAndWaitedFor) {
       {.operations = {"kes::proc::Child::create", "kes::proc::Child::wait", "kes::proc::Child::~Child",
                       "kes::proc::Child::collector", "kes::proc::start"},
        .raises = childErrors,
-       .play =
-           [](Stage& stage) {
-             const Collecting collecting;
-             Child child({"/bin/true"});
-             const bool made = stage.act([&] { child.create(); });
-             stage.check(made == (child.pid() != -1), "there is a child if that was said");
-             Child::ExitState state{0, false};
-             if (made && stage.act([&] { state = child.wait(); })) {
-               stage.check(endedWith(state, 0) || endedWith(state, 125), "it ended as it should");
-             }
-             expectService(stage);
-           },
-       .spared = {Call::waitid}});  // who has no children is not told of their end: see the next
+       .play = [](Stage& stage) {
+         const Collecting collecting;
+         Child child({"/bin/true"});
+         const bool made = stage.act([&] { child.create(); });
+         stage.check(made == (child.pid() != -1), "there is a child if that was said");
+         Child::ExitState state{0, false};
+         if (made && stage.act([&] { state = child.wait(); })) {
+           stage.check(endedWith(state, 0) || endedWith(state, 125), "it ended as it should");
+         }
+         expectService(stage);
+       }});
 }
 
 TEST(EveryFailureOfChildren, AChildThatTheSystemDoesNotTellOfIsNotWaitedForLongerThanSaid) {
@@ -103,34 +101,31 @@ TEST(EveryFailureOfChildren, AProcessEntersAGroupOfItsOwn) {
 TEST(EveryFailureOfChildren, AChildGetsItsSurroundings) {
   expectSurvival({.operations = {"kes::proc::Child::create", "kes::proc::enterNewProcessGroup"},
                   .raises = childErrors,
-                  .play =
-                      [](Stage& stage) {
-                        const Collecting collecting;
-                        const std::string place = stage / "out";
-                        const sys::Descriptor out(
-                            ::open(place.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    const std::string place = stage / "out";
+                    const sys::Descriptor out(::open(place.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
 
-                        std::optional<Child> child;
-                        stage.act([&] {
-                          child.emplace(Texts{"sh", "-c", "echo $word; pwd"});
-                          child->setEnvironment({"word=yes", "PATH=/usr/bin:/bin"});
-                          child->setWorkingDirectory("/");
-                          child->setStdout(out.get());
-                          child->setNewProcessGroup(true);
-                        });
-                        if (!stage.succeeded()) return;
-                        if (!stage.act([&] { child->create(); })) return;
-                        Child::ExitState state{0, false};
-                        stage.act([&] { state = child->wait(); });
-                        // What is wrong with its streams a child says and goes on.
-                        if (endedWith(state, 0) && !stage.isRefused(Call::dup2)) {
-                          stage.check(test::readFile(place) == "yes\n/\n", "it ran as it should");
-                        } else {
-                          stage.check(!stage.succeeded() || endedWith(state, 125) || endedWith(state, 0),
-                                      "it ended as it should");
-                        }
-                      },
-                  .spared = {Call::waitid}});
+                    std::optional<Child> child;
+                    stage.act([&] {
+                      child.emplace(Texts{"sh", "-c", "echo $word; pwd"});
+                      child->setEnvironment({"word=yes", "PATH=/usr/bin:/bin"});
+                      child->setWorkingDirectory("/");
+                      child->setStdout(out.get());
+                      child->setNewProcessGroup(true);
+                    });
+                    if (!stage.succeeded()) return;
+                    if (!stage.act([&] { child->create(); })) return;
+                    Child::ExitState state{0, false};
+                    stage.act([&] { state = child->wait(); });
+                    // What is wrong with its streams a child says and goes on.
+                    if (endedWith(state, 0) && !stage.isRefused(Call::dup2)) {
+                      stage.check(test::readFile(place) == "yes\n/\n", "it ran as it should");
+                    } else {
+                      stage.check(!stage.succeeded() || endedWith(state, 125) || endedWith(state, 0),
+                                  "it ended as it should");
+                    }
+                  }});
 }
 
 TEST(EveryFailureOfChildren, AProgramTakesThePlaceOfAProcess) {
@@ -186,45 +181,42 @@ TEST(EveryFailureOfChildren, AnEndIsNotified) {
              if (!sleeps || !stage.succeeded()) Child::exit();
              stage.check(told.ends + told.releases == made + sleeps, "so is that nobody will see one");
            },
-       .spared = {Call::waitid, Call::fork}});  // without a process the next child's end is awaited
+       .spared = {Call::fork}});  // without a process the next child's end is awaited
 }
 
 TEST(EveryFailureOfChildren, AChildIsSignalled) {
   expectSurvival({.operations = {"kes::proc::Child::kill", "kes::proc::Child::term"},
                   .raises = childErrors,
-                  .play =
-                      [](Stage& stage) {
-                        const Collecting collecting;
-                        Child child({"/bin/sleep", "100"});
-                        child.create();
-                        const sys::AtEnd ending([&] { killIfThere(child); });
-                        stage.act([&] { child.term(SIGCONT); });
-                        stage.act([&] { child.kill(0); });
-                        stage.act([&] { child.kill(); });
-                        if (!stage.succeeded()) child.kill();
-                        const Child::ExitState state = child.wait();
-                        stage.check(WIFSIGNALED(state.status), "it was ended by the signal");
-                      },
-                  .spared = {Call::waitid}});
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    Child child({"/bin/sleep", "100"});
+                    child.create();
+                    const sys::AtEnd ending([&] { killIfThere(child); });
+                    stage.act([&] { child.term(SIGCONT); });
+                    stage.act([&] { child.kill(0); });
+                    stage.act([&] { child.kill(); });
+                    if (!stage.succeeded()) child.kill();
+                    const Child::ExitState state = child.wait();
+                    stage.check(WIFSIGNALED(state.status), "it was ended by the signal");
+                  }});
 }
 
 TEST(EveryFailureOfChildren, TheCollectorIsMadeAndEnded) {
-  expectSurvival(
-      {.operations = {"kes::proc::Child::init", "kes::proc::Child::exit", "kes::proc::Shepherd::Shepherd",
-                      "kes::proc::Shepherd::~Shepherd"},
-       .raises = childErrors,
-       .play =
-           [](Stage& stage) {
-             const Collecting collecting;
-             stage.act([] { Child::init(); });
-             Child sleeper({"/bin/sleep", "100"});
-             const sys::AtEnd ending([&] { killIfThere(sleeper); });
-             stage.act([&] { sleeper.create(); });
-             stage.act([] { Child::exit(); });
-             stage.check(Child::m_shepherd == nullptr, "there is none any more");
-             expectService(stage);
-           },
-       .spared = {Call::waitid, Call::fork}});  // without a process the next child's end is awaited
+  expectSurvival({.operations = {"kes::proc::Child::init", "kes::proc::Child::exit",
+                                 "kes::proc::Shepherd::Shepherd", "kes::proc::Shepherd::~Shepherd"},
+                  .raises = childErrors,
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        stage.act([] { Child::init(); });
+                        Child sleeper({"/bin/sleep", "100"});
+                        const sys::AtEnd ending([&] { killIfThere(sleeper); });
+                        stage.act([&] { sleeper.create(); });
+                        stage.act([] { Child::exit(); });
+                        stage.check(Child::m_shepherd == nullptr, "there is none any more");
+                        expectService(stage);
+                      },
+                  .spared = {Call::fork}});  // without a process the next child's end is awaited
 }
 
 pid_t childOfOurOwn(Shepherd& shepherd) {
@@ -241,32 +233,30 @@ TEST(EveryFailureOfChildren, ACollectorOfOnesOwnCollects) {
                                  "kes::proc::Shepherd::condition", "kes::proc::Shepherd::thread",
                                  "kes::proc::Shepherd::checkCB"},
                   .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
-                  .play =
-                      [](Stage& stage) {
-                        const Collecting collecting;
-                        std::optional<Shepherd> shepherd;
-                        stage.act([&] { shepherd.emplace(); });
-                        if (!shepherd) shepherd.emplace();
-                        stage.act([&] { shepherd->start(); });
-                        if (!stage.succeeded()) shepherd->start();
-                        pid_t pid = -1;
-                        stage.act([&] {
-                          pid = childOfOurOwn(*shepherd);
-                          return pid != -1;
-                        });
-                        int status = 0;
-                        if (stage.succeeded()) {
-                          stage.act([&] { return shepherd->wait(pid, status); });
-                          stage.check(!stage.succeeded() || WEXITSTATUS(status) == 7, "its status is known");
-                        }
-                        stage.act([&] { shepherd->stop(); });
-                        shepherd->stop();
-                        shepherd->start();
-                        pid = childOfOurOwn(*shepherd);
-                        stage.check(shepherd->wait(pid, status) && WEXITSTATUS(status) == 7,
-                                    "it can be used afterwards");
-                      },
-                  .spared = {Call::waitid}});
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    std::optional<Shepherd> shepherd;
+                    stage.act([&] { shepherd.emplace(); });
+                    if (!shepherd) shepherd.emplace();
+                    stage.act([&] { shepherd->start(); });
+                    if (!stage.succeeded()) shepherd->start();
+                    pid_t pid = -1;
+                    stage.act([&] {
+                      pid = childOfOurOwn(*shepherd);
+                      return pid != -1;
+                    });
+                    int status = 0;
+                    if (stage.succeeded()) {
+                      stage.act([&] { return shepherd->wait(pid, status); });
+                      stage.check(!stage.succeeded() || WEXITSTATUS(status) == 7, "its status is known");
+                    }
+                    stage.act([&] { shepherd->stop(); });
+                    shepherd->stop();
+                    shepherd->start();
+                    pid = childOfOurOwn(*shepherd);
+                    stage.check(shepherd->wait(pid, status) && WEXITSTATUS(status) == 7,
+                                "it can be used afterwards");
+                  }});
 }
 
 }  // namespace

@@ -61,7 +61,6 @@ void Flock::start() {
   if (phase_ == Phase::Idle || phase_ == Phase::Ended) thread_.requestRun();
   thread_.run();
   phase_ = Phase::Serving;
-  childless_ = false;
   noticing.keep();
 }
 
@@ -93,7 +92,6 @@ thread::Run Flock::tellToEnd(pid_t& sentinel) {
     if (sentinel == 0) ::_exit(0);
   }
   thread_.requestReturn();
-  cond_.signalAll();
   return thread::Run::of(thread_);
 }
 
@@ -107,14 +105,10 @@ void Flock::reapSentinel(pid_t sentinel) {
 
 void Flock::expectNoLock() {
   records_.reserve();
-  cond_.signalAll();
   thread_.requestRun();
 }
 
-std::uint64_t Flock::addNoLock(pid_t pid, Child* child) {
-  childless_ = false;
-  return newest_ = records_.add(pid, child);
-}
+std::uint64_t Flock::addNoLock(pid_t pid, Child* child) { return records_.add(pid, child); }
 
 bool Flock::wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number) {
   const bool isCollector = runsHere();

@@ -86,6 +86,8 @@ class Flock : public thread::ProcessBound {
   bool isOurs(pid_t pid) KES_REQUIRES(cond_);
   bool file(pid_t pid, int status, Guard& guard);
   void releaseChildren();
+  void releaseLost();
+
   void notify(Child& child, void (Child::*tell)(), Guard& guard);
   void finish();
 
@@ -98,9 +100,6 @@ class Flock : public thread::ProcessBound {
   /// A child whose only purpose is to end the collector's wait; -1 when there is none.
   pid_t sentinel_ KES_GUARDED_BY(cond_) = -1;
   const Child* notifying_ KES_GUARDED_BY(cond_) = nullptr;  ///< whose notification runs
-  std::uint64_t newest_ KES_GUARDED_BY(cond_) = 0;          ///< the last registration
-  std::uint64_t waitedFor_ KES_GUARDED_BY(cond_) = 0;       ///< the last one when the collector began to wait
-  bool childless_ KES_GUARDED_BY(cond_) = false;  ///< the system knows no child although some are registered
 
   Thread thread_;
 };

@@ -7,6 +7,8 @@
 #include "kespal/proc/Child.h"
 #include "proc/Flock.h"
 #include "sys/AtEnd.h"
+#include "sys/NoCancel.h"
+#include "sys/Retry.h"
 
 namespace kes::proc {
 
@@ -14,7 +16,18 @@ using thread::CoopThread;
 
 namespace {
 
+/// Whether the system tells nothing of this child.
+bool isLost(pid_t pid) noexcept {
+  const sys::NoCancel untilKnown;
+  siginfo_t state{};
+  const auto look = [&] {
+    return ::waitid(P_PID, static_cast<id_t>(pid), &state, WEXITED | WNOHANG | WNOWAIT);
+  };
+  return sys::retry(look) == -1;
+}
+
 /// The status as waitpid() tells it.
+
 int statusOf(const siginfo_t& ended) noexcept {
   if (ended.si_code == CLD_EXITED) return (ended.si_status & 0xff) << 8;
   return ended.si_code == CLD_DUMPED ? ended.si_status | WCOREFLAG : ended.si_status;
@@ -32,12 +45,10 @@ void Flock::collect() {
 bool Flock::awaitWork() {
   while (thread_.request() == CoopThread::Run) {
     Guard guard(cond_);
-    while (childless_ && phase_ != Phase::Stopping) cond_.wait();
+
     if (phase_ == Phase::Stopping) return false;
-    if (records_.anyRuns()) {
-      waitedFor_ = newest_;
-      return true;
-    }
+    if (records_.anyRuns()) return true;
+
     thread_.requestPauseIfRun();
     guard.unlock();
     thread_.pause();
@@ -56,15 +67,25 @@ void Flock::reapSome() {
   }
 }
 
-/// Without any child left (somebody else collected ours) the next wait would fail again, and again: the
-/// thread then waits for the next registration instead.
+/// Without any child left the next wait would fail again, and again, and whoever waits would do so for ever.
+
 void Flock::waitFailed(int errnum) {
   {
     const Guard guard(cond_);
     if (phase_ == Phase::Stopping) return;
-    childless_ = errnum == ECHILD && waitedFor_ == newest_;
   }
   report({thread_.name(), ": Error waiting for childs ...\n"});
+  if (errnum != EINTR) releaseLost();
+}
+
+/// Of children that somebody else has reaped nobody will see the end.
+void Flock::releaseLost() KES_UNCHECKED {
+  for (;;) {
+    Guard guard(cond_);
+    Child* child = nullptr;
+    if (!records_.takeLost(&isLost, child)) return;
+    if (child != nullptr) notify(*child, &Child::released, guard);
+  }
 }
 
 // The analysis of locks does not follow a guard that is handed on, or may be none.

@@ -36,6 +36,10 @@ std::uint64_t Records::add(pid_t pid, Child* child) {
   return number;
 }
 
+bool Records::runs(const Map::value_type& record) noexcept {
+  return record.first.second != latest && !record.second.ended && !record.second.lost;
+}
+
 Records::Map::iterator Records::find(pid_t pid, std::uint64_t number) {
   if (number != latest) return records_.find({pid, number});
   const auto next = records_.upper_bound({pid, std::numeric_limits<std::uint64_t>::max()});
@@ -45,12 +49,12 @@ Records::Map::iterator Records::find(pid_t pid, std::uint64_t number) {
 
 bool Records::runs(pid_t pid, std::uint64_t number) {
   const auto record = find(pid, number);
-  return record != records_.end() && record->first.second != latest && !record->second.ended;
+  return record != records_.end() && runs(*record);
 }
 
 Records::End Records::end(pid_t pid, int status) {
   const auto found = find(pid, latest);
-  if (found == records_.end() || found->first.second == latest || found->second.ended) return {};
+  if (found == records_.end() || !runs(*found)) return {};
   const End end{found->first.second, found->second.child != nullptr};
   if (found->second.abandoned) {
     erase(found);
@@ -76,7 +80,7 @@ void Records::forget(pid_t pid, std::uint64_t number) {
   if (record == records_.end()) return;
   record->second.child = nullptr;
   record->second.abandoned = true;
-  if (record->second.ended) erase(record);
+  if (!runs(*record)) erase(record);
 }
 
 Child* Records::takeChild(pid_t pid) {
@@ -89,6 +93,19 @@ Child* Records::takeRunningChild() {
     if (!record.ended && record.child != nullptr) return std::exchange(record.child, nullptr);
   }
   return nullptr;
+}
+
+bool Records::takeLost(bool (*isLost)(pid_t), Child*& child) {
+  for (auto record = records_.begin(); record != records_.end(); ++record) {
+    if (!runs(*record) || !isLost(record->first.first)) continue;
+    child = std::exchange(record->second.child, nullptr);
+    record->second.lost = true;
+    --running_;
+    wake(record->second);
+    if (record->second.abandoned) erase(record);
+    return true;
+  }
+  return false;
 }
 
 void Records::wake(pid_t pid, std::uint64_t number) {
@@ -115,7 +132,7 @@ void Records::wake(Record& record) {
 /// The memory stays for the next child.
 void Records::erase(Map::iterator record) {
   wake(record->second);
-  if (record->first.second != latest && !record->second.ended) --running_;
+  if (runs(*record)) --running_;
   spare_ = records_.extract(record);
 }
 

@@ -19,6 +19,7 @@ struct Record {
   Child* child = nullptr;  ///< is told of the end
   int status = 0;
   bool ended = false;
+  bool lost = false;          ///< somebody else reaped it
   bool abandoned = false;     ///< nobody will ask for the status
   Waiter* waiters = nullptr;  ///< the first of a list
 };
@@ -60,7 +61,14 @@ class Records : NoCopy {
   /// The same of any child that runs.
   Child* takeRunningChild();
 
+  /// Notes of a child that was thought to run that it is lost, and wakes those who wait for it. False when
+  /// there
+  /// is none; else gives who is to be told.
+
+  bool takeLost(bool (*isLost)(pid_t), Child*& child);
+
   /// Wakes those who wait for this child; for any child.
+
   void wake(pid_t pid, std::uint64_t number);
   void wakeAll();
 
@@ -69,7 +77,9 @@ class Records : NoCopy {
 
   using Map = std::map<std::pair<pid_t, std::uint64_t>, Record>;
 
+  static bool runs(const Map::value_type& record) noexcept;
   Map::iterator find(pid_t pid, std::uint64_t number);
+
   void erase(Map::iterator record);
   static void wake(Record& record);
 

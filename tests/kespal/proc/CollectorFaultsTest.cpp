@@ -2,13 +2,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 
 #include "kespal/GroupInfo.h"
 #include "kespal/UserInfo.h"
+#include "kespal/error/StaticError.h"
 #include "kespal/proc/Child.h"
+#include "kespal/proc/Shepherd.h"
 #include "kespal/time/Clock.h"
 #include "support/Calls.h"
 #include "support/Descriptors.h"
@@ -24,6 +27,7 @@ namespace kes::proc {
 namespace {
 
 using test::Call;
+using test::Instead;
 using test::Interlude;
 using test::NoMemory;
 using test::Refuse;
@@ -33,8 +37,6 @@ class CollectorFaultsTest : public testing::Test {
   static void SetUpTestSuite() { time::ClockBase::init(); }
   void TearDown() override { Child::exit(); }
 };
-
-bool hasChildren() { return ::waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 
 /// What waitpid() in another thread would do to a child that has ended.
 Child::ExitState stateWhenStolen(const std::string& command, int waitsBefore) {
@@ -60,22 +62,63 @@ TEST_F(CollectorFaultsTest, AChildThatSomebodyElseReapsAfterTheLookKeepsItsStatu
   EXPECT_EQ(WTERMSIG(killed.status), 9);
 }
 
+struct Released : Child::Notification {
+  void exited(Child&) override { ++others; }
+  void released(Child&) override { ++releases; }
+  std::atomic<int> releases{0}, others{0};
+};
+
+TEST_F(CollectorFaultsTest, WhoWaitsForAChildThatSomebodyElseReapedIsToldSo) {
+  Released released;
+  Child child({"/bin/sleep", "100"});
+  child.setNotify(&released);
+  std::atomic<bool> isStolen{false};
+  const Instead<Call::waitid> stealing([&](idtype_t type, id_t id, siginfo_t* info, int options) {
+    if (type == P_ALL && !isStolen.exchange(true)) {
+      const Shepherd::Guard registered(Child::m_shepherd->condition());
+      ::kill(child.pid(), SIGKILL);
+      test::real<Call::waitpid>(child.pid(), nullptr, 0);
+    }
+    return test::real<Call::waitid>(type, id, info, options);
+  });
+  testing::internal::CaptureStderr();
+  child.create();
+  const RuntimeError error = test::raisedAs<RuntimeError>([&] { child.wait(); });
+  EXPECT_EQ(error.text(), "The process collector does not know this child");
+  EXPECT_EQ(child.pid(), -1);
+  Child next({"/bin/true"});
+  next.create();
+  EXPECT_TRUE(next.wait().finished);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "process collector: Error waiting for childs ...\n");
+  EXPECT_EQ(released.releases, 1);
+  EXPECT_EQ(released.others, 0);
+}
+
 TEST_F(CollectorFaultsTest, AChildWhoseRegistrationIsRefusedIsNotMade) {
-  Child sleeper({"/bin/sleep", "100"}), child({"/bin/true"});
+  Child sleeper({"/bin/sleep", "100"});
+  const sys::AtEnd ending([&] { sleeper.kill(); });
   const int waits = test::made(Call::waitid);
   sleeper.create();
-  ASSERT_TRUE(
-      test::eventually([&] { return test::made(Call::waitid) > waits; }));  // and does nothing else then
-  {
-    const Refuse refuse(Call::pthread_cond_broadcast, EINVAL);
-    EXPECT_EQ(test::raisedAs<OsError>([&] { child.create(); }).errnum(), EINVAL);
+  ASSERT_TRUE(test::eventually([&] { return test::made(Call::waitid) > waits; }));  // and takes no lock then
+  testing::internal::CaptureStderr();
+  for (int number = 1, struck = 1; struck != 0; ++number) {
+    Child child({"/bin/sleep", "100"});
+    {
+      const Refuse refuse(Call::pthread_mutex_lock, EINVAL, test::nth(number));
+      try {
+        child.create();
+      } catch (const OsError&) {
+        EXPECT_EQ(child.pid(), -1);
+      }
+      struck = refuse.struck();
+    }
+    EXPECT_EQ(struck == 0, child.pid() != -1);
+    if (child.pid() == -1) continue;
+    child.kill();
+    child.wait();
   }
-  EXPECT_EQ(child.pid(), -1);
-  child.create();
-  EXPECT_TRUE(child.wait().finished);
-  sleeper.kill();
-  sleeper.wait();
-  EXPECT_FALSE(hasChildren());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "");  // of a child that nobody registered the collector tells
 }
 
 TEST_F(CollectorFaultsTest, TheCollectorEndsWhileChildrenRunAlsoWithoutMemory) {

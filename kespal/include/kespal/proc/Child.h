@@ -49,8 +49,10 @@ class Child : NoCopy {
     /// there), delete it, and start others; an exception is reported and goes no further. As long as it runs
     /// no other child is reaped.
     virtual void exited(Child& child) = 0;
-    /// Called instead when the collector ends while the child still runs: nobody will tell of its end. On the
-    /// same thread; may delete the child.
+    /// Called instead when the collector ends while the child still runs, or when somebody else has reaped
+    /// it:
+    /// nobody will tell of its end. On the same thread; may delete the child.
+
     virtual void released(Child& child);
   };
 
@@ -92,9 +94,9 @@ class Child : NoCopy {
   /// Waits until the child has ended or, when `timed`, until `timeout` has passed; a child that was waited
   /// for successfully is forgotten. A time-out that is not positive asks and does not wait; one that no clock
   /// can tell is none. UsageError when there is no child; RuntimeError when the collector ends or has ended
-  /// before the child did, and on the collector's thread for a child that has not ended; OsError (EINVAL) for
-  /// a timed wait before the clocks were made ready (ClockBase::init(), KesPal). After an error the child is
-  /// forgotten, too, and nobody is told of its end.
+  /// before the child did, when somebody else has reaped the child, and on the collector's thread for a child
+  /// that has not ended; OsError (EINVAL) for a timed wait before the clocks were made ready
+  /// (ClockBase::init(), KesPal). After an error the child is forgotten, too, and nobody is told of its end.
   ExitState wait(bool timed = false, const time::Milliseconds& timeout = {});
 
   /// Signals the child, also after Child::exit(). NoSuchProcessError when it does not run any more, whether
