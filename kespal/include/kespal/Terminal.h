@@ -65,8 +65,8 @@ class Terminal {
   static void init();
   static void setColorMode(bool out, bool err) noexcept;
   /// Turns colour off again where the user wants none in any program: where NO_COLOR is set and not empty, or
-  /// TERM is "dumb". KES_FORCE_COLOR outweighs both. A program calls it behind init(), or behind the making of
-  /// its KesPal, which calls that; init() alone hears the two variables above.
+  /// TERM is "dumb". KES_FORCE_COLOR outweighs both. A program calls it behind init(), or behind the making
+  /// of its KesPal, which calls that; init() alone hears the two variables above.
   static void heedNoColor();
 
   static void switchColor(std::ostream& stream, const Paint& paint);

@@ -64,10 +64,11 @@ class Ops {
   /// Removes a directory and all below it, depth first. The first error ends it, and what is gone is gone.
   /// WARNING: links to directories are followed. What such a link leads to is emptied, wherever it is, and
   /// then the link itself cannot be removed (FsError, ENOTDIR); a dangling link is a NoSuchFileError. Not
-  /// for directories that somebody else can write to. A tree may be deeper than a path can be long; at most
-  /// nine descriptors are open at once, and it gets along with two, or with one where paths are short. Errors
-  /// of Dir::open(), Info::get(), removeFile() and removeDir(), each with the path of the entry. A directory
-  /// that cannot be read on: OsError. One that was replaced by another meanwhile: FsError (ESTALE).
+  /// for directories that somebody else can write to: removeAll(), in fs/Tree.h, follows no links. A tree may
+  /// be deeper than a path can be long; at most nine descriptors are open at once, and it gets along with
+  /// two, or with one where paths are short. Errors of Dir::open(), Info::get(), removeFile() and
+  /// removeDir(), each with the path of the entry. A directory that cannot be read on: OsError. One that was
+  /// replaced by another meanwhile: FsError (ESTALE).
   static void removeTree(const char* path);
 
   /// Creates a directory with the permission bits of `access`, 0700 without it, less those of the file

@@ -17,7 +17,7 @@ class DirChain;
 /// or linked into itself is shown, and not entered again, so every walk ends.
 ///
 /// It goes by descriptors, so that a tree may be deeper than a path can be long, and whoever may write to the
-/// tree cannot lead the walk out of it. At most eleven are open at once, and three are enough. Each directory
+/// tree cannot lead the walk out of it. At most ten are open at once, and three are enough. Each directory
 /// is read when it is entered, and kept in memory until it is left. One thread at a time.
 class TreeWalk : NoCopy {
  public:

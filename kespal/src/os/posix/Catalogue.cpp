@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <cstring>
 #include <string_view>
@@ -43,8 +44,8 @@ std::string contentOf(const fs::File& file, const char* path) {
   std::string bytes(static_cast<std::size_t>(fs::Info::get(file.fd()).size()), '\0');
   std::size_t size = 0;
   while (size < bytes.size()) {
-    const ssize_t got =
-        sys::retry([&] { return ::read(file.fd(), bytes.data() + size, bytes.size() - size); });
+    const std::size_t most = std::min<std::size_t>(bytes.size() - size, INT_MAX);
+    const ssize_t got = sys::retry([&] { return ::read(file.fd(), bytes.data() + size, most); });
     if (got == -1) raiseAt(KES_HERE, FsError(path, errno));
     if (got == 0) break;
     size += static_cast<std::size_t>(got);

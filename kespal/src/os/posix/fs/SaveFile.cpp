@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -93,7 +94,9 @@ void SaveFile::write(const void* data, std::size_t size) {
   if (fd_ == -1) raiseAt(KES_HERE, UsageError("nothing is being saved"));
   const auto* bytes = static_cast<const char*>(data);
   while (size != 0) {
-    const ssize_t written = sys::retry([&] { return ::write(fd_, bytes, size); });
+    // Not every system takes more at once.
+    const std::size_t most = std::min<std::size_t>(size, INT_MAX);
+    const ssize_t written = sys::retry([&] { return ::write(fd_, bytes, most); });
     SaveErrors::check(KES_HERE, written, path_);
     if (written == 0) SaveErrors::raise(KES_HERE, EIO, path_);  // it would be so for ever
     bytes += written;
