@@ -167,11 +167,13 @@ class Expression {
   bool isRight_ = true;
 };
 
-/// What stands behind `name` in a text, up to one of the characters `ends`; empty where it does not occur.
+/// What stands behind `name` and blanks in a text, up to one of the characters `ends`; empty where it does
+/// not occur.
 std::string_view behind(std::string_view text, std::string_view name, std::string_view ends) {
   const std::size_t at = text.find(name);
   if (at == text.npos) return {};
   text.remove_prefix(at + name.size());
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
   return text.substr(0, text.find_first_of(ends));
 }
 

@@ -203,7 +203,7 @@ TEST(PluralRuleTest, OperatorsBindAsInC) {
   EXPECT_THAT(forms("nplurals=100; plural=n!=1;", {0, 1}), ElementsAre(1, 0));
   EXPECT_THAT(forms("nplurals=100; plural=1||0&&0;", {0}), ElementsAre(1));
   EXPECT_THAT(forms("nplurals=100; plural=3>2==1;", {0}), ElementsAre(1));
-  EXPECT_THAT(forms("nplurals=100; plural= n ? n == 1 ? 7 : 8 : 9 ;", {0, 1, 2}), ElementsAre(9, 7, 8));
+  EXPECT_THAT(forms("nplurals= 100; plural= n ? n == 1 ? 7 : 8 : 9 ;", {0, 1, 2}), ElementsAre(9, 7, 8));
 }
 
 TEST(PluralRuleTest, WhatIsNoRuleIsThatOfEnglish) {

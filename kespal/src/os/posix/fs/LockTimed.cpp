@@ -27,7 +27,7 @@ void nap(steady_clock::duration span) {
 template <typename TryLock>
 bool lockTimed(Milliseconds limit, TryLock tryLock) {
   const auto start = steady_clock::now();
-  const steady_clock::duration allowed = std::min<Milliseconds>(limit, forEver);
+  const steady_clock::duration allowed = std::clamp<Milliseconds>(limit, Milliseconds(0), forEver);
   for (steady_clock::duration span = firstNap;;
        span = std::min<steady_clock::duration>(2 * span, longestNap)) {
     if (tryLock()) return true;
