@@ -145,9 +145,9 @@ TEST_F(HandlerTest, AThreadThatIsGoneCountsAsStopped) {
 TEST_F(HandlerTest, AnInterruptedWaitIsNotTheEndOfTheThread) {
   Handler handler;
   {
-    const Fault fault(Call::Sigwait, EINTR);
+    const Refuse wait(Call::sigwait, EINTR, once);
     handler.start(SIGUSR1);
-    ASSERT_TRUE(eventually([&] { return fault.struck(); }));
+    ASSERT_TRUE(eventually([&] { return wait.struck() != 0; }));
   }
   expectDelivery(handler, SIGTERM);
   handler.stop();

@@ -142,7 +142,7 @@ TEST(ThreadEndsTest, ARunWhoseSignalIsRefusedLeavesAHeldThread) {
   Body body = [&] { ran = true; };
   TestThread thread(body);
   {
-    const Fault fault(Call::CondBroadcast, EINVAL);
+    const Refuse broadcast(Call::pthread_cond_broadcast, EINVAL, once);
     EXPECT_EQ(raisedBy([&] { thread.run(); }),
               osError(EINVAL, "include/os/posix/thread/Condition", 32, "signalAll"));
   }
