@@ -1,9 +1,11 @@
-# kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [CALLS name...] [LOCK resource...] [TIMEOUT seconds])
+# kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [CALLS name...] [FAKES function...]
+#          [LOCK resource...] [TIMEOUT seconds])
 # One test program; each of its tests runs in a process of its own and is counted by itself. LOCK names
 # machine-wide things (System V keys, ids, a fixed file) that two tests must not touch at once. THREADED
 # marks those that have threads: a build for the thread sanitizer is for them alone. CALLS names what
 # tests/support/Calls.h comes between in this program: calls of the C library or whole sections of
-# tests/support/Calls.def (files, threads, ...), or all.
+# tests/support/Calls.def (files, threads, ...), or all. FAKES names functions of other libraries for which the
+# program defines a __wrap_NAME of its own.
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
@@ -26,6 +28,12 @@ foreach(line IN LISTS lines)
   endif()
 endforeach()
 
+# Gives a program's references to NAME as __wrap_NAME, and the definition of NAME as __real_NAME.
+function(kes_wrap target)
+  list(TRANSFORM ARGN PREPEND LINKER:--wrap=)
+  target_link_options(${target} PRIVATE ${ARGN})
+endfunction()
+
 # Sends calls of a program to the wrappers of the tests: calls or sections, or all.
 function(kes_wrap_calls target)
   foreach(name IN LISTS ARGN)
@@ -38,16 +46,16 @@ function(kes_wrap_calls target)
     else()
       message(FATAL_ERROR "${target}: tests/support/Calls.def has no call and no section ${name}")
     endif()
-    list(TRANSFORM calls PREPEND LINKER:--wrap=)
-    target_link_options(${target} PRIVATE ${calls})
+    kes_wrap(${target} ${calls})
   endforeach()
 endfunction()
 
 function(kes_test name)
-  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;CALLS;LOCK" ${ARGN})
+  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;CALLS;FAKES;LOCK" ${ARGN})
   kes_program(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kes_test_support)
   kes_wrap_calls(${name} ${arg_CALLS})
+  kes_wrap(${name} ${arg_FAKES})
   target_compile_options(${name} PRIVATE ${KES_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM kes_test_support)
   if(KES_THREADED_TESTS_ONLY AND NOT arg_THREADED)

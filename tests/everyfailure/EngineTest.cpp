@@ -82,7 +82,7 @@ TEST(EngineTest, AnErrorOfAnotherClassIsFound) {
 TEST(EngineTest, AnAllocationThatIsTakenForGrantedIsFound) {
   EXPECT_THAT(
       complaintsAbout(doing([] { std::free(std::strcpy(static_cast<char*>(std::malloc(9)), "text")); })),
-      Contains(StartsWith("do: malloc number 1 refused with ENOMEM:\n   ended by")));
+      Contains(StartsWith("do: malloc number 1 refused with ENOMEM:\n   ended")));
 }
 
 TEST(EngineTest, AnExceptionThatNothingMayThrowIsFound) {

@@ -9,10 +9,15 @@
 #include <cstdio>
 #include <future>
 
+#include "support/Calls.h"
 #include "support/Pty.h"
 
-// What the readers ask of this thread's terminal, and which of it is refused (linker option --wrap).
+// What the readers ask of this thread's terminal, and which of it is refused.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
 
 thread_local std::vector<termios> settings;
 thread_local timeval patience{};
@@ -24,30 +29,20 @@ int refuse(int error) {
   return -1;
 }
 
-}  // namespace
-
-extern "C" {
-
-int __real_tcsetattr(int fd, int when, const termios* attributes);
-int __wrap_tcsetattr(int fd, int when, const termios* attributes) {
+const Instead<Call::tcsetattr> tcsetattrHere([](int fd, int when, const termios* attributes) {
   settings.push_back(*attributes);
-  return settings.size() == refusedSetting ? refuse(EIO) : __real_tcsetattr(fd, when, attributes);
-}
+  return settings.size() == refusedSetting ? refuse(EIO) : real<Call::tcsetattr>(fd, when, attributes);
+});
 
-int __real_select(int count, fd_set* in, fd_set* out, fd_set* error, timeval* timeout);
-int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* error, timeval* timeout) {
+const Instead<Call::select> selectHere([](int count, fd_set* in, fd_set* out, fd_set* error,
+                                          timeval* timeout) {
   if (timeout != nullptr) patience = *timeout;
-  return pollIsRefused ? refuse(EINTR) : __real_select(count, in, out, error, timeout);
-}
+  return pollIsRefused ? refuse(EINTR) : real<Call::select>(count, in, out, error, timeout);
+});
 
-ssize_t __real_read(int fd, void* data, std::size_t size);
-ssize_t __wrap_read(int fd, void* data, std::size_t size) {
-  return readIsRefused ? refuse(EIO) : __real_read(fd, data, size);
-}
-
-}  // extern "C"
-
-namespace {
+const Instead<Call::read> readHere([](int fd, void* data, std::size_t size) -> ssize_t {
+  return readIsRefused ? refuse(EIO) : real<Call::read>(fd, data, size);
+});
 
 using kes::test::Pty;
 

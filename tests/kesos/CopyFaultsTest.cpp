@@ -9,11 +9,16 @@
 #include <optional>
 
 #include "kesos/files.h"
+#include "support/Calls.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
-// The system calls of a copy, each as it should be or not (linker option --wrap).
+// The system calls of a copy, each as it should be or not.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
 
 struct Plan {
   int interruptions = 0;  // so many reads and writes are interrupted before one is made
@@ -42,56 +47,42 @@ bool isInterrupted() {
   return true;
 }
 
-}  // namespace
-
-extern "C" {
-
-ssize_t __real_read(int fd, void* data, std::size_t size);
-ssize_t __wrap_read(int fd, void* data, std::size_t size) {
+const Instead<Call::read> readHere([](int fd, void* data, std::size_t size) -> ssize_t {
   if (isInterrupted()) return fail(EINTR);
-  if (!plan) return __real_read(fd, data, size);
+  if (!plan) return real<Call::read>(fd, data, size);
   plan->interrupted = 0;
   plan->readSizes.push_back(size);
-  if (plan->reads++ != plan->lastRead) return __real_read(fd, data, size);
+  if (plan->reads++ != plan->lastRead) return real<Call::read>(fd, data, size);
   if (plan->cancelsItself) ::pthread_cancel(::pthread_self());
   return fail(EIO);
-}
+});
 
-int __real_fstat(int fd, struct stat* state);
-
-ssize_t __real_write(int fd, const void* data, std::size_t size);
-ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
+const Instead<Call::write> writeHere([](int fd, const void* data, std::size_t size) -> ssize_t {
   if (isInterrupted()) return fail(EINTR);
-  if (!plan) return __real_write(fd, data, size);
+  if (!plan) return real<Call::write>(fd, data, size);
   plan->interrupted = 0;
   struct stat state {};
-  if (__real_fstat(fd, &state) == 0) plan->modesWritten |= state.st_mode;
-  return __real_write(fd, data, std::min(size, plan->mostWritten));
-}
+  if (real<Call::fstat>(fd, &state) == 0) plan->modesWritten |= state.st_mode;
+  return real<Call::write>(fd, data, std::min(size, plan->mostWritten));
+});
 
-int __real_close(int fd);
-int __wrap_close(int fd) {
-  const int result = __real_close(fd);
+const Instead<Call::close> closeHere([](int fd) {
+  const int result = real<Call::close>(fd);
   return plan && ++plan->closes == plan->failingClose ? fail(EIO) : result;
-}
+});
 
-int __wrap_fstat(int fd, struct stat* state) {
-  const int result = __real_fstat(fd, state);
+const Instead<Call::fstat> fstatHere([](int fd, struct stat* state) {
+  const int result = real<Call::fstat>(fd, state);
   const bool isDestination = plan && ++plan->fstats == 2;
   if (isDestination && plan->blockSize != 0) state->st_blksize = plan->blockSize;
   if (isDestination && plan->isAnothers) ++state->st_uid;
   return result;
-}
+});
 
-int __real_utime(const char* path, const utimbuf* times);
-int __wrap_utime(const char* path, const utimbuf* times) {
+const Instead<Call::utime> utimeHere([](const char* path, const utimbuf* times) {
   if (plan) ++plan->utimes;
-  return __real_utime(path, times);
-}
-
-}  // extern "C"
-
-namespace {
+  return real<Call::utime>(path, times);
+});
 
 using kes::test::readFile;
 using kes::test::TempDir;

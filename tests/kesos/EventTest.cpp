@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/ipc.h"
 #include "kesos/threads.h"
 #include "support/ForkedChild.h"

@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/events.h"
 #include "kesos/mutexes.h"
+#include "support/Calls.h"
 
 // Keyed objects in a process that forks.
 namespace {
@@ -77,7 +77,7 @@ TEST_F(ForkTest, AChildDoesNotHoldTheTableOfItsParent) {
 void leaveBeforeTheChildBegins() {
   KesOsMutex* mutex = mutexOf(freshKey());
   const Shared<std::atomic<bool>> left;
-  beforeNext(IpcCall::shmdt, [&left, parent = ::getpid()] {
+  const Before letsGo(Call::shmdt, [&left, parent = ::getpid()] {
     if (::getpid() != parent) eventually([&left] { return left->load(); });
   });
   const pid_t child = startProcess([] { return 0; });
@@ -92,13 +92,13 @@ TEST_F(ForkTest, AChildThatBeginsAfterItsParentHasLeftLeavesNoTable) {
 }
 
 TEST_F(ForkTest, AChildThatGetsTheTableAllTheSameRemovesItAfterItsParent) {
-  refuse(IpcCall::madvise, EINVAL, MADV_DONTFORK);
+  const Refuse refused(Call::madvise, EINVAL, {.times = 1, .option = MADV_DONTFORK});
   leaveBeforeTheChildBegins();
   EXPECT_FALSE(tableExists());
 }
 
 TEST_F(ForkTest, AChildThatGetsTheTableAllTheSameDoesNotHoldIt) {
-  refuse(IpcCall::madvise, EINVAL, MADV_DONTFORK);
+  const Refuse refused(Call::madvise, EINVAL, {.times = 1, .option = MADV_DONTFORK});
   KesOsMutex* mutex = mutexOf(freshKey());
   const LivingChild child;
   EXPECT_TRUE(eventually([] { return attachments() == 1; }));

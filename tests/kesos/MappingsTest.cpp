@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
@@ -21,8 +21,6 @@ using namespace kes::test;
 
 class MappingsTest : public IpcTest {
  protected:
-  void TearDown() override { refuseNothing(); }
-
   TempDir dir_;
   KesOsMmf mapping_{9, 9, 9, this, 9, 9};
 };
@@ -176,12 +174,12 @@ TEST_F(MappingsTest, OpeningNeedsASegment) {
 
 TEST_F(MappingsTest, ASegmentThatCannotBeAttachedIsRemoved) {
   const auto key = static_cast<key_t>(freshKey());
-  refuse(IpcCall::shmat, ENOMEM);
+  const Refuse refused(Call::shmat, ENOMEM, once);
   EXPECT_EQ(KesOsMmfCreate(&mapping_, 300, nullptr, key), 0);
   EXPECT_EQ(mapping_.error, ENOMEM);
   EXPECT_EQ(::shmget(key, 0, 0), -1);
   ASSERT_NE(::shmget(key, 300, IPC_CREAT | 0600), -1);
-  refuse(IpcCall::shmat, ENOMEM);
+  const Refuse again(Call::shmat, ENOMEM, once);
   EXPECT_EQ(KesOsMmfOpen(&mapping_, 0, key), 0);
   EXPECT_EQ(mapping_.error, ENOMEM);
   EXPECT_EQ(::shmget(key, 0, 0), -1);

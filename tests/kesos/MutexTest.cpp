@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/ipc.h"
 #include "kesos/time.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 
@@ -308,8 +308,8 @@ TEST_F(MutexTest, AKeyedWaitGoesOnAfterASignalAndEndsWhenTheProcessShutsDown) {
       waited = KesOsMutexWait(mutex, infinite, &state);
       ended = true;
     });
-    const auto attempts = [before = countOf(IpcCall::semop)](int count) {
-      return eventually([=] { return countOf(IpcCall::semop) >= before + count; });
+    const auto attempts = [before = made(Call::semop)](int count) {
+      return eventually([=] { return made(Call::semop) >= before + count; });
     };
     const auto waits = [id = semaphoreOf(key)] { return ::semctl(id, 0, GETNCNT) > 0; };
     if (!eventually(waits)) return 2;
@@ -328,12 +328,12 @@ TEST_F(MutexTest, AnInterruptedWaitIsTriedAgainAfterFiftyMilliseconds) {
   KesOsMutex* mutex = mutexOf(freshKey());
   for (const unsigned int timeout : {0U, infinite}) {
     unsigned int state = 7;
-    const int attempts = countOf(IpcCall::semop);
+    const int attempts = made(Call::semop);
     const auto start = std::chrono::steady_clock::now();
-    refuse(IpcCall::semop, EINTR);
+    const Refuse refused(Call::semop, EINTR, once);
     EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), 1);
     EXPECT_EQ(state, 1U);
-    EXPECT_EQ(countOf(IpcCall::semop), attempts + 2);
+    EXPECT_EQ(made(Call::semop), attempts + 2);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
     EXPECT_EQ(KesOsMutexRelease(mutex), 1);
   }
@@ -344,10 +344,10 @@ TEST_F(MutexTest, AnInterruptedWaitOfAProcessThatShutsDownIsGivenUp) {
   KesOsMutex* mutex = mutexOf(freshKey());
   KesOsSetShutdown();
   unsigned int state = 7;
-  refuse(IpcCall::semop, EINTR);
+  const Refuse refused(Call::semop, EINTR, once);
   EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 0);
   EXPECT_EQ(state, 0U);
-  refuse(IpcCall::semop, EINTR);
+  const Refuse again(Call::semop, EINTR, once);
   EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1);
   EXPECT_EQ(state, 999U);
   KesOsSetSystemUp();
@@ -358,12 +358,12 @@ TEST_F(MutexTest, AWaitEndsWhenTheProcessBeginsToShutDownDuringTheNap) {
   KesOsMutex* mutex = mutexOf(freshKey());
   for (const unsigned int timeout : {0U, infinite}) {
     unsigned int state = 7;
-    const int attempts = countOf(IpcCall::semop);
-    refuse(IpcCall::semop, EINTR);
-    duringNextNap(KesOsSetShutdown);
+    const int attempts = made(Call::semop);
+    const Refuse refused(Call::semop, EINTR, once);
+    const Before napping(Call::nanosleep, KesOsSetShutdown);
     EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), timeout == 0 ? 1 : 0);
     EXPECT_EQ(state, timeout == 0 ? 999U : 0U);
-    EXPECT_EQ(countOf(IpcCall::semop), attempts + 1) << "not tried again, although it could be had";
+    EXPECT_EQ(made(Call::semop), attempts + 1) << "not tried again, although it could be had";
     KesOsSetSystemUp();
     KesOsMutexRelease(mutex);
   }
@@ -384,10 +384,10 @@ TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
                                                          {0, EIDRM, 1, 999},
                                                          {0, EACCES, 1, 999}}) {
     unsigned int state = 7;
-    refuse(IpcCall::semop, error);
+    const Refuse refused(Call::semop, error, once);
     EXPECT_EQ(KesOsMutexWait(mutex, timeout, &state), result) << timeout << ' ' << error;
     EXPECT_EQ(state, expected) << timeout << ' ' << error;
-    refuse(IpcCall::semop, error);
+    const Refuse again(Call::semop, error, once);
     EXPECT_EQ(KesOsMutexWait(mutex, timeout, nullptr), result) << "the state is not asked for";
   }
   KesOsMutexClose(mutex);
@@ -396,7 +396,7 @@ TEST_F(MutexTest, AWaitThatFailsSaysFailedOrTimedOut) {
 TEST_F(MutexTest, AReleaseThatFailsGivesZero) {
   KesOsMutex* mutex = mutexOf(freshKey());
   ASSERT_TRUE(tryLock(mutex));
-  refuse(IpcCall::semop, EACCES);
+  const Refuse refused(Call::semop, EACCES, once);
   EXPECT_EQ(KesOsMutexRelease(mutex), 0);
   EXPECT_FALSE(tryLock(mutex));
   KesOsMutexClose(mutex);
@@ -404,11 +404,11 @@ TEST_F(MutexTest, AReleaseThatFailsGivesZero) {
 
 TEST_F(MutexTest, ARoundOfAKeyedMutexIsTwoSystemCalls) {
   KesOsMutex* mutex = mutexOf(freshKey());
-  const int semops = countOf(IpcCall::semop), semctls = countOf(IpcCall::semctl);
+  const int semops = made(Call::semop), semctls = made(Call::semctl);
   KesOsMutexWait(mutex, infinite, nullptr);
   KesOsMutexRelease(mutex);
-  EXPECT_EQ(countOf(IpcCall::semop), semops + 2);
-  EXPECT_EQ(countOf(IpcCall::semctl), semctls);
+  EXPECT_EQ(made(Call::semop), semops + 2);
+  EXPECT_EQ(made(Call::semctl), semctls);
   KesOsMutexClose(mutex);
 }
 

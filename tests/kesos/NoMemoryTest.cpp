@@ -4,43 +4,27 @@
 #include <cerrno>
 #include <functional>
 #include <iostream>
-#include <utility>
 
 #include "kesos/Ipc.h"
 #include "kesos/kesos.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
 // What the flat functions do when there is no memory: they fail, and let no exception out.
 namespace {
 
-thread_local bool noMemoryForTheNextText = false;
-
-}  // namespace
-
-extern "C" {
-
-char* __real_strdup(const char* text);
-char* __wrap_strdup(const char* text) {
-  if (!std::exchange(noMemoryForTheNextText, false)) return __real_strdup(text);
-  errno = ENOMEM;
-  return nullptr;
-}
-}
-
-namespace {
-
 using namespace kes::test;
 
 class NoMemoryTest : public IpcTest {};
 
-struct Call {
+struct Operation {
   const char* name;
   std::function<void()> call;
 };
 
 /// Starves each call at every allocation it makes; the number of those that let an exception out.
-int offenders(const std::vector<Call>& calls) {
+int offenders(const std::vector<Operation>& calls) {
   int count = 0;
   for (const auto& [name, call] : calls) {
     bool thrown = false;
@@ -148,11 +132,10 @@ TEST_F(NoMemoryTest, ACommandLineThatCannotBeTakenApartGivesItsErrorNumber) {
 TEST_F(NoMemoryTest, ACommandLineThatCannotBeTakenApartStartsNothing) {
   char other = 0;
   auto* process = reinterpret_cast<KesOsProcess*>(&other);
-  noMemoryForTheNextText = true;
+  const Refuse noText(Call::strdup, ENOMEM);
   EXPECT_EQ(KesOsCreateProcessAsyn("true", 0, &process), 0);
   EXPECT_EQ(errno, ENOMEM);
   EXPECT_EQ(process, nullptr);
-  noMemoryForTheNextText = true;
   EXPECT_EQ(KesOsCreateProcessAsyn("true", 0, nullptr), 0);
   EXPECT_EQ(errno, ENOMEM);
 }

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/mappings.h"
 #include "kesos/mutexes.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 // Creates that meet the removal of what has their key.
@@ -17,25 +17,22 @@ namespace {
 using namespace kes::test;
 using testing::Each;
 
-class RemovalTest : public IpcTest {
- protected:
-  void TearDown() override { refuseNothing(); }
-};
+class RemovalTest : public IpcTest {};
 
 TEST_F(RemovalTest, ASemaphoreThatGoesBetweenTheTwoLooksForItIsCreatedAfterAll) {
   const unsigned int key = freshKey();
   KesOsMutex* first = mutexOf(key);
   for (const int errnum : {ENOENT, EIDRM, EINVAL}) {
     KesOsMutex* mutex = nullptr;
-    refuse(IpcCall::semget, errnum, {}, 1);
+    const Refuse refused(Call::semget, errnum, nth(2));
     EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1) << errnum;
     EXPECT_EQ(slotCount(semaphoreOf(key)), 2U) << errnum;
     EXPECT_EQ(KesOsMutexClose(mutex), 1);
   }
   KesOsMutex* mutex = nullptr;
-  refuse(IpcCall::semget, EACCES, {}, 1);
+  const Refuse forbidden(Call::semget, EACCES, nth(2));
   EXPECT_EQ(KesOsMutexCreate(&mutex, key), 0) << "that is no removal";
-  refuse(IpcCall::semget, ENOENT);
+  const Refuse gone(Call::semget, ENOENT, once);
   EXPECT_EQ(KesOsMutexOpen(&mutex, key), 0) << "an open does not wait for somebody to create it";
   EXPECT_EQ(KesOsMutexClose(first), 1);
 }
@@ -43,7 +40,7 @@ TEST_F(RemovalTest, ASemaphoreThatGoesBetweenTheTwoLooksForItIsCreatedAfterAll) 
 TEST_F(RemovalTest, ANewSemaphoreThatSomebodyElseHasOpenedAndClosedIsCreatedAgain) {
   const unsigned int key = freshKey();
   KesOsMutex* mutex = nullptr;
-  refuse(IpcCall::semctl, EIDRM, SETVAL);
+  const Refuse refused(Call::semctl, EIDRM, {.times = 1, .option = SETVAL});
   EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
   EXPECT_EQ(valueOf(key), 1);
   EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
@@ -54,9 +51,10 @@ TEST_F(RemovalTest, ANewSemaphoreThatSomebodyElseHasOpenedAndClosedIsCreatedAgai
 void removeNow(unsigned int key) { ::semctl(::semget(static_cast<key_t>(key), 0, 0), 0, IPC_RMID); }
 
 /// Another process's close, in the middle of a create of this one.
-void removeBeforeTheTableIsSought(unsigned int key) {
-  beforeNext(IpcCall::shmget, [key] { removeNow(key); });
-}
+struct RemovedBeforeTheTableIsSought : Before {
+  explicit RemovedBeforeTheTableIsSought(unsigned int key)
+      : Before(Call::shmget, [key] { removeNow(key); }) {}
+};
 
 void makeSemaphore(unsigned int key) {
   perl("semget(" + std::to_string(key) + ", 1, 0666 | " + std::to_string(IPC_CREAT) + ") // die;");
@@ -66,7 +64,7 @@ TEST_F(RemovalTest, ASemaphoreThatGoesBeforeItIsCountedIsCreatedAgain) {
   for (const bool exists : {false, true}) {
     const unsigned int key = freshKey();
     if (exists) makeSemaphore(key);
-    removeBeforeTheTableIsSought(key);
+    const RemovedBeforeTheTableIsSought removed(key);
     KesOsMutex* mutex = nullptr;
     EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
     EXPECT_EQ(valueOf(key), 1);
@@ -78,16 +76,12 @@ TEST_F(RemovalTest, ASemaphoreThatGoesBeforeItIsCountedIsCreatedAgain) {
   }
 }
 
-void removeWheneverTheTableIsSought(unsigned int key) {
-  beforeNext(IpcCall::shmget, [key] {
-    removeNow(key);
-    removeWheneverTheTableIsSought(key);
-  });
-}
-
 TEST_F(RemovalTest, ARepeatedCreateSeeksTheTableOnlyOnceMore) {
   const unsigned int key = freshKey();
-  removeWheneverTheTableIsSought(key);
+  const Instead<Call::shmget> removed([key](key_t table, std::size_t size, int flags) {
+    removeNow(key);
+    return real<Call::shmget>(table, size, flags);
+  });
   KesOsMutex* mutex = nullptr;
   EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
   EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
@@ -99,7 +93,7 @@ TEST_F(RemovalTest, AnOpenOfASemaphoreThatGoesBeforeItIsCountedFailsAndCountsNot
   const unsigned int key = freshKey();
   KesOsMutex* mutex = nullptr;
   makeSemaphore(key);
-  removeBeforeTheTableIsSought(key);
+  const RemovedBeforeTheTableIsSought removed(key);
   EXPECT_EQ(KesOsMutexOpen(&mutex, key), 0);
   EXPECT_EQ(errno, EIDRM);
   EXPECT_EQ(mutex, nullptr);
@@ -109,7 +103,7 @@ TEST_F(RemovalTest, AnOpenOfASemaphoreThatGoesBeforeItIsCountedFailsAndCountsNot
 TEST_F(RemovalTest, ASemaphoreThatMayNotBeReadIsNotTakenForARemovedOne) {
   const unsigned int key = freshKey();
   KesOsMutex* mutex = nullptr;
-  refuse(IpcCall::semctl, EACCES, GETVAL);
+  const Refuse refused(Call::semctl, EACCES, {.times = 1, .option = GETVAL});
   EXPECT_EQ(KesOsMutexCreate(&mutex, key), 1);
   EXPECT_EQ(usage(), (Usage{1, 1, 1, 1}));
   EXPECT_EQ(KesOsMutexClose(mutex), 1);
@@ -119,14 +113,14 @@ TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
   const auto key = static_cast<key_t>(freshKey());
   KesOsMmf first, mapping;
   ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
-  refuse(IpcCall::shmget, ENOENT, {}, 1);
+  const Refuse gone(Call::shmget, ENOENT, nth(2));
   EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1);
   EXPECT_EQ(mapping.created, 0);
   EXPECT_EQ(mapping.error, EEXIST);
   EXPECT_EQ(KesOsMmfClose(&mapping), 1);
   EXPECT_EQ(KesOsMmfClose(&first), 1);
   for (const int errnum : {EINVAL, EIDRM}) {
-    refuse(IpcCall::shmat, errnum);
+    const Refuse refused(Call::shmat, errnum, once);
     EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1) << errnum;
     EXPECT_EQ(mapping.created, 1) << errnum;
     EXPECT_EQ(mapping.error, 0) << errnum;
@@ -172,8 +166,8 @@ TEST_F(RemovalTest, WhatFailsAfterTheAttachingDoesNotHideWhyThatFailed) {
   const auto key = static_cast<key_t>(freshKey());
   KesOsMmf first, mapping;
   ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
-  refuse(IpcCall::shmat, EACCES);
-  beforeNext(IpcCall::shmctl, [id = first.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
+  const Refuse refused(Call::shmat, EACCES, once);
+  const Before removed(Call::shmctl, [id = first.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
   ::shmdt(first.address);  // with the removal before it, the second removal finds nothing
   EXPECT_EQ(KesOsMmfOpen(&mapping, 0, key), 0);
   EXPECT_EQ(errno, EACCES);
@@ -182,10 +176,10 @@ TEST_F(RemovalTest, WhatFailsAfterTheAttachingDoesNotHideWhyThatFailed) {
 
 TEST_F(RemovalTest, ASegmentThatCannotBeMadeIsTriedOnce) {
   KesOsMmf mapping;
-  const int tries = countOf(IpcCall::shmget);
+  const int tries = made(Call::shmget);
   EXPECT_EQ(KesOsMmfCreate(&mapping, 0, nullptr, static_cast<key_t>(freshKey())), 0);
   EXPECT_EQ(mapping.error, EINVAL);
-  EXPECT_EQ(countOf(IpcCall::shmget), tries + 1);
+  EXPECT_EQ(made(Call::shmget), tries + 1);
 }
 
 TEST_F(RemovalTest, ProcessesWithKeysOfTheirOwnNeverFailAlthoughTheirTableComesAndGoes) {

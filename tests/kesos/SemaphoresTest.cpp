@@ -3,7 +3,6 @@
 #include <sys/sem.h>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/ipc.h"
 #include "usage_table.h"
 
@@ -20,8 +19,6 @@ using testing::IsEmpty;
 
 class SemaphoresTest : public IpcTest {
  protected:
-  void TearDown() override { refuseNothing(); }
-
   int semid_ = 7;
 };
 

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "kespal/time/Clock.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 // Process-wide values and the deadline of timed waits, which the layer's own sources share.
@@ -19,27 +20,31 @@ void setTimespec(timespec* ts, unsigned int ms);
 
 // What nanosleep was asked for, and what it is to answer.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
+
 thread_local std::vector<timespec> sleeps;
 thread_local std::vector<int> sleepAnswers;
 int clockAnswer = 0;
-}  // namespace
 
-extern "C" int __real_nanosleep(const timespec* wanted, timespec* remaining);
-extern "C" int __wrap_nanosleep(const timespec* wanted, timespec* remaining) {
+const Instead<Call::nanosleep> nanosleepHere([](const timespec* wanted, timespec* remaining) {
   sleeps.push_back(*wanted);
-  if (sleepAnswers.empty()) return __real_nanosleep(wanted, remaining);
+  if (sleepAnswers.empty()) return real<Call::nanosleep>(wanted, remaining);
   const int error = sleepAnswers.back();
   sleepAnswers.pop_back();
   if (error == 0) return 0;
   if (remaining != nullptr) *remaining = {wanted->tv_sec / 2, wanted->tv_nsec / 2};
   errno = error;
   return -1;
-}
+});
 
-extern "C" int __real_gettimeofday(timeval* now, void* zone);
-extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
-  return clockAnswer == 0 ? __real_gettimeofday(now, zone) : clockAnswer;
-}
+const Instead<Call::gettimeofday> timeOfDayHere([](timeval* now, void* zone) {
+  return clockAnswer == 0 ? real<Call::gettimeofday>(now, zone) : clockAnswer;
+});
+
+}  // namespace
 
 namespace {
 

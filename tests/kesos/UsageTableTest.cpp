@@ -8,10 +8,10 @@
 #include <fstream>
 
 #include "kesos/Ipc.h"
-#include "kesos/IpcFaults.h"
 #include "kesos/events.h"
 #include "kesos/ipc.h"
 #include "kesos/mutexes.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 namespace {
@@ -24,10 +24,7 @@ constexpr std::uint32_t freeSlot = 0xFFFFFFFF;
 
 class UsageTableTest : public IpcTest {
  protected:
-  void TearDown() override {
-    refuseNothing();
-    KesOsSetIpcPerms(0666, 0xFFFFFFFF, 0xFFFFFFFF);
-  }
+  void TearDown() override { KesOsSetIpcPerms(0666, 0xFFFFFFFF, 0xFFFFFFFF); }
 };
 
 /// What the table has to look like: the four counts, then the slots, all others free.
@@ -199,25 +196,26 @@ TEST_F(UsageTableTest, ATableOfAnotherSizeIsRefused) {
 }
 
 TEST_F(UsageTableTest, ACreateThatFailsHalfWayLeavesNothing) {
-  const auto tryCreate = [](IpcCall call, int error, std::optional<int> command, int skipped) {
+  const auto tryCreate = [](Call call, int error, const Which& which = once) {
     const unsigned int key = freshKey();
     KesOsMutex* mutex = nullptr;
-    refuse(call, error, command, skipped);
-    EXPECT_EQ(KesOsMutexCreate(&mutex, key), 0);
+    {
+      const Refuse refused(call, error, which);
+      EXPECT_EQ(KesOsMutexCreate(&mutex, key), 0);
+    }
     EXPECT_EQ(mutex, nullptr);
-    refuseNothing();
     EXPECT_EQ(semaphoreOf(key), -1);
     EXPECT_FALSE(tableExists());
   };
-  tryCreate(IpcCall::semget, ENOSPC, {}, 0);
-  tryCreate(IpcCall::semget, EACCES, {}, 0);
-  tryCreate(IpcCall::semctl, EPERM, SETVAL, 0);
-  tryCreate(IpcCall::shmget, ENOSPC, {}, 0);
-  tryCreate(IpcCall::shmat, ENOMEM, {}, 0);
-  tryCreate(IpcCall::shmctl, EPERM, IPC_STAT, 0);
+  tryCreate(Call::semget, ENOSPC);
+  tryCreate(Call::semget, EACCES);
+  tryCreate(Call::semctl, EPERM, {.times = 1, .option = SETVAL});
+  tryCreate(Call::shmget, ENOSPC);
+  tryCreate(Call::shmat, ENOMEM);
+  tryCreate(Call::shmctl, EPERM, {.times = 1, .option = IPC_STAT});
   KesOsSetIpcPerms(0600, 0, 0xFFFFFFFF);
-  tryCreate(IpcCall::semctl, EPERM, IPC_SET, 0);
-  tryCreate(IpcCall::shmctl, EPERM, IPC_SET, 0);
+  tryCreate(Call::semctl, EPERM, {.times = 1, .option = IPC_SET});
+  tryCreate(Call::shmctl, EPERM, {.times = 1, .option = IPC_SET});
 }
 
 TEST_F(UsageTableTest, AnOpenWithoutATableSaysSoAndFails) {
@@ -230,7 +228,7 @@ TEST_F(UsageTableTest, AnOpenWithoutATableSaysSoAndFails) {
                   static_cast<unsigned long long>(::gettid()));
       KesOsMutex* mutex = nullptr;
       KesOsEvent* event = nullptr;
-      refuse(IpcCall::shmget, ENOSPC);
+      const Refuse refused(Call::shmget, ENOSPC, once);
       return tag == 'M' ? KesOsMutexOpen(&mutex, key) : KesOsEventOpen(&event, key);
     });
     EXPECT_EQ(result.exitCode(), 0);
@@ -246,7 +244,7 @@ TEST_F(UsageTableTest, AnOpenWithoutATableSaysWhyAlthoughItsMessageIsLost) {
   const ChildResult result = inChild([key] {
     KesOsMutex* opened = nullptr;
     ::close(STDERR_FILENO);
-    refuse(IpcCall::shmget, ENOSPC);
+    const Refuse refused(Call::shmget, ENOSPC, once);
     return KesOsMutexOpen(&opened, key) == 0 && errno == ENOSPC ? 0 : 1;
   });
   EXPECT_EQ(result.exitCode(), 0);

@@ -13,33 +13,42 @@
 #include <thread>
 
 #include "kespal/error/StaticError.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 #include "support/Sanitizer.h"
 
-// The linker sends the library's calls here; tests say what comes back.
+// What the library asks the platform for; tests say what comes back.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
+
 int (*fakeBacktrace)(void** frames, int size) = nullptr;
 char** (*fakeSymbols)(void* const* frames, int count) = nullptr;
-std::atomic<int> symbolCalls{0};
-}  // namespace
 
-extern "C" int __real_backtrace(void** frames, int size);                   // NOLINT
-extern "C" char** __real_backtrace_symbols(void* const* frames, int size);  // NOLINT
+bool isWhereTestsComeIn(void* frame) {
+  Dl_info info{};
+  return ::dladdr(frame, &info) != 0 && info.dli_sname != nullptr &&
+         std::strcmp(info.dli_sname, "__wrap_backtrace") == 0;
+}
+
 // As if the library had called the platform itself: the frames that stand between are taken out.
-extern "C" [[gnu::noinline]] int __wrap_backtrace(void** frames, int size) {  // NOLINT
+const Instead<Call::backtrace> backtraceHere([](void** frames, int size) {
   if (fakeBacktrace != nullptr) return fakeBacktrace(frames, size);
   std::array<void*, 200> all;
-  const auto end = all.begin() + __real_backtrace(all.data(), 200);
-  const auto begin = std::find(all.begin(), end, __builtin_return_address(0));
+  const auto end = all.begin() + real<Call::backtrace>(all.data(), 200);
+  const auto begin = std::find_if(all.begin(), end, isWhereTestsComeIn) + 1;
   const auto count = std::min<std::ptrdiff_t>(size, end - begin);
   std::copy_n(begin, count, frames);
   return static_cast<int>(count);
-}
-extern "C" char** __wrap_backtrace_symbols(void* const* frames, int size) {  // NOLINT
-  ++symbolCalls;
-  return fakeSymbols != nullptr ? fakeSymbols(frames, size) : __real_backtrace_symbols(frames, size);
-}
+});
+const Instead<Call::backtrace_symbols> symbolsHere([](void* const* frames, int size) {
+  return fakeSymbols != nullptr ? fakeSymbols(frames, size) : real<Call::backtrace_symbols>(frames, size);
+});
+
+}  // namespace
 
 namespace kes::test {
 
@@ -175,9 +184,9 @@ TEST_F(BacktraceTest, TheSecondCaptureOfAStackIsTheSameWithoutAskingForNames) {
   fakeBacktrace = framesForTheLines;
   fakeSymbols = symbolsFromTheLines;
   const Backtrace first = Backtrace::get();
-  const int calls = symbolCalls;
+  const int calls = test::made(Call::backtrace_symbols);
   EXPECT_EQ(Backtrace::get(), first);
-  EXPECT_EQ(symbolCalls, calls);
+  EXPECT_EQ(test::made(Call::backtrace_symbols), calls);
 }
 
 TEST_F(BacktraceTest, AtMost128AddressesAreAskedForAndASingleOneIsNoStack) {

@@ -7,13 +7,13 @@
 #include <iostream>
 
 #include "kespal/ForkPending.h"
-#include "kespal/RuntimeCalls.h"
 #include "kespal/error/OsError.h"
 #include "kespal/fs/File.h"
 #include "kespal/kespal.h"
 #include "kespal/proc/Child.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 
@@ -23,14 +23,59 @@
 namespace kes {
 namespace {
 
+using test::Call;
 using test::inChild;
-using test::RuntimeCalls;
+using test::Instead;
+using test::real;
+using test::Refuse;
+
+void say(const std::string& call) {
+  if (::gettid() != ::getpid()) return;
+  const std::string text = ' ' + call;
+  if (::write(STDOUT_FILENO, text.data(), text.size()) == -1) ::_exit(98);
+}
+
+/// Says that a call is made.
+template <Call call>
+struct Told : Instead<call> {
+  explicit Told(const char* text)
+      : Instead<call>([text](auto... arguments) {
+          say(text);
+          return real<call>(arguments...);
+        }) {}
+};
+
+/// The main thread's calls go to standard output as they are made, a blank before each.
+struct EveryStepTold {
+  const Instead<Call::pthread_sigmask> mask{[](int how, const sigset_t* set, sigset_t* before) {
+    const bool pipe = set != nullptr && ::sigismember(set, SIGPIPE) == 1;
+    if (how == SIG_BLOCK && pipe) say("block");
+    if (how == SIG_SETMASK && set != nullptr && !pipe) say("restore");
+    return real<Call::pthread_sigmask>(how, set, before);
+  }};
+  const Instead<Call::open> open{[](const char* path, int flags, void* mode) {
+    say(path);
+    return real<Call::open>(path, flags, mode);
+  }};
+  const Instead<Call::getenv> variable{[](const char* name) {
+    if (std::string(name).starts_with("KES")) say(name);
+    return real<Call::getenv>(name);
+  }};
+  const Told<Call::pthread_create> thread{"thread"};
+  const Told<Call::pthread_join> join{"join"};
+  const Told<Call::kill> kill{"kill"};
+  const Told<Call::close> close{"close"};
+  const Told<Call::setlocale> locale{"setlocale"};
+  const Told<Call::getlogin_r> login{"getlogin_r"};
+  const Told<Call::clock_gettime> clock{"clock_gettime"};
+  const Told<Call::tzset> zone{"tzset"};
+};
 
 /// What a construction with these flags asks of the system.
 std::string constructionOf(bool quitHandling, bool forkPending) {
   return inChild([=]() -> int {
            ::setenv("KES_NO_COLOR", "", 1);
-           RuntimeCalls::show();
+           static const EveryStepTold told;
            const KesPal runtime(quitHandling, forkPending, Locale::System, nullptr);
            ::_exit(0);
          })
@@ -63,7 +108,7 @@ TEST(KesPalStepsTest, TheEndStopsTheThreadsClosesTheFilesAndSendsTheSignal) {
     program.wait(false, {});
     signal::Sender::signalProc(SIGTERM, ::getpid());
     watcher.quit.get_future().wait();
-    RuntimeCalls::show();
+    static const EveryStepTold told;
     return 0;
   });
   EXPECT_EQ(child.out, " join join close close restore kill");
@@ -83,17 +128,16 @@ std::string blockedSignals() {
 }
 
 /// What is raised when a step of the construction fails, and then "clean" if nothing is left of it.
-std::string afterFailureOf(const std::function<void()>& sabotage, bool forkPending = false) {
+std::string afterFailureOf(Call call, int errnum, bool forkPending, int skip = 0) {
   return inChild([&] {
            signal::Mask::call({SIGALRM, SIGUSR2}, SIG_BLOCK);
            const std::string blockedBefore = blockedSignals();
-           sabotage();
            try {
+             const Refuse failing(call, errnum, {.skip = skip});
              const KesPal runtime(true, forkPending, Locale::System, nullptr);
            } catch (const Exception& error) {
              std::cout << error.text();
            }
-           RuntimeCalls::refuseNothing();
            const bool clean = KesPal::m_instance == nullptr && fs::File::m_null_in == nullptr &&
                               !ForkPending::m_pending && blockedSignals() == blockedBefore &&
                               thread::BasicThread::activeThreads() == 0;
@@ -105,44 +149,40 @@ std::string afterFailureOf(const std::function<void()>& sabotage, bool forkPendi
 
 TEST(KesPalStepsTest, AMaskThatCannotBeReadFailsTheConstruction) {
   for (bool forkPending : {false, true}) {
-    EXPECT_EQ(afterFailureOf([] { RuntimeCalls::refuse(RuntimeCalls::Sigmask, EINVAL); }, forkPending),
-              OsError(EINVAL).text() + ", clean");
+    EXPECT_EQ(afterFailureOf(Call::pthread_sigmask, EINVAL, forkPending), OsError(EINVAL).text() + ", clean");
   }
 }
 
 TEST(KesPalStepsTest, AMaskThatCannotBeChangedFailsTheConstruction) {
   for (bool forkPending : {false, true}) {
-    EXPECT_EQ(afterFailureOf([] { RuntimeCalls::refuse(RuntimeCalls::Sigmask, EINVAL, 1); }, forkPending),
+    EXPECT_EQ(afterFailureOf(Call::pthread_sigmask, EINVAL, forkPending, 1),
               OsError(EINVAL).text() + ", clean");
   }
 }
 
 TEST(KesPalStepsTest, ASignalThreadThatCannotBeStartedFailsTheConstruction) {
-  EXPECT_EQ(afterFailureOf([] { RuntimeCalls::refuse(RuntimeCalls::ThreadCreate, EAGAIN); }),
-            OsError(EAGAIN).text() + ", clean");
+  EXPECT_EQ(afterFailureOf(Call::pthread_create, EAGAIN, false), OsError(EAGAIN).text() + ", clean");
 }
 
 TEST(KesPalStepsTest, ANullDeviceThatCannotBeOpenedFailsTheConstruction) {
   for (int opened : {0, 1}) {
-    EXPECT_EQ(afterFailureOf([opened] { RuntimeCalls::refuse(RuntimeCalls::Open, EMFILE, opened); }),
+    EXPECT_EQ(afterFailureOf(Call::open, EMFILE, false, opened),
               "/dev/null: " + OsError(EMFILE).text() + ", clean");
   }
 }
 
 TEST(KesPalStepsTest, AClockThatCannotBeReadFailsTheConstruction) {
   for (bool forkPending : {false, true}) {
-    EXPECT_EQ(afterFailureOf([] { RuntimeCalls::refuse(RuntimeCalls::ClockGettime, EPERM); }, forkPending),
-              OsError(EPERM).text() + ", clean");
+    EXPECT_EQ(afterFailureOf(Call::clock_gettime, EPERM, forkPending), OsError(EPERM).text() + ", clean");
   }
 }
 
 TEST(KesPalStepsTest, AfterAConstructionThatFailedTheNextOneSucceeds) {
   const auto child = inChild([] {
     try {
-      RuntimeCalls::refuse(RuntimeCalls::ClockGettime, EPERM);
+      const Refuse failing(Call::clock_gettime, EPERM);
       const KesPal runtime(true, false, Locale::System, nullptr);
     } catch (const OsError&) {
-      RuntimeCalls::refuseNothing();
     }
     const KesPal runtime(true, false, Locale::System, nullptr);
     return signal::Set::m_original.contains(SIGTERM) || !signal::Mask::get().contains(SIGTERM) ? 1 : 0;
@@ -165,14 +205,13 @@ TEST(KesPalStepsTest, ASignalThreadThatCannotBeStartedAfterTheForkIsTriedAgainAn
     KesPal runtime(true, true, Locale::System, nullptr);
     runtime.addForkHandler(watcher);
     for (int i = 0; i < 2; ++i) {
-      RuntimeCalls::refuse(RuntimeCalls::ThreadCreate, EAGAIN);
+      const Refuse failing(Call::pthread_create, EAGAIN);
       try {
         runtime.forkDone();
       } catch (const OsError& error) {
         std::cout << error.text() << runtime.forkPending() << ForkPending::m_pending << ' ';
       }
     }
-    RuntimeCalls::refuseNothing();
     runtime.forkDone();
     runtime.forkDone();
     std::cout << runtime.forkPending() << thread::BasicThread::activeThreads();
@@ -204,7 +243,7 @@ TEST(KesPalStepsTest, AForkHandlerThatThrowsKeepsNoneBehindItFromBeingCalledByTh
 TEST(KesPalStepsTest, ASignalThreadThatCannotBeStoppedEndsTheProgram) {
   const auto child = inChild([] {
     const KesPal runtime(true, false, Locale::System, nullptr);
-    RuntimeCalls::refuse(RuntimeCalls::ThreadKill, EINVAL);
+    static const Refuse failing(Call::pthread_kill, EINVAL);
     return 0;
   });
   EXPECT_EQ(child.signal(), SIGABRT);
@@ -220,7 +259,7 @@ TEST(KesPalStepsTest, AMaskThatCannotBeRestoredInTheEndIsReportedAndEndsTheProgr
     runtime.addQuitHandler(watcher);
     signal::Sender::signalProc(SIGTERM, ::getpid());
     watcher.quit.get_future().wait();
-    RuntimeCalls::refuse(RuntimeCalls::Sigmask, EINVAL);
+    static const Refuse failing(Call::pthread_sigmask, EINVAL);
     return 0;
   });
   EXPECT_EQ(child.signal(), SIGABRT);
@@ -237,7 +276,7 @@ TEST(KesPalStepsTest, AQuitSignalThatCannotBeSentEndsTheProgramAllTheSame) {
     runtime.addQuitHandler(watcher);
     signal::Sender::signalProc(SIGTERM, ::getpid());
     watcher.quit.get_future().wait();
-    RuntimeCalls::refuse(RuntimeCalls::Kill, EPERM);
+    static const Refuse failing(Call::kill, EPERM);
     return 0;
   });
   EXPECT_EQ(child.signal(), SIGABRT);

@@ -24,7 +24,7 @@
 #include "kespal/time/Clock.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes {

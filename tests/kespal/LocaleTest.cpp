@@ -14,12 +14,17 @@
 #include <string_view>
 
 #include "kespal/gettext.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 #include "support/TempDir.h"
 
 // A search through folders that only exist in a test: the linker sends the library's questions here.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
 
 struct Search {
   const char* executable;                ///< null: the system does not tell
@@ -28,28 +33,26 @@ struct Search {
 };
 Search* search = nullptr;
 
-}  // namespace
-
-extern "C" ssize_t __real_readlink(const char* path, char* text, std::size_t size);
-extern "C" ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
+const Instead<Call::readlink> readlinkHere([](const char* path, char* text, std::size_t size) -> ssize_t {
   if (search == nullptr || std::string_view(path) != "/proc/self/exe")
-    return __real_readlink(path, text, size);
+    return real<Call::readlink>(path, text, size);
   errno = EACCES;
   if (search->executable == nullptr) return -1;
   const std::size_t length = std::min(std::strlen(search->executable), size);
   std::memcpy(text, search->executable, length);
   return static_cast<ssize_t>(length);
-}
+});
 
-extern "C" int __real_stat(const char* path, struct stat* status);
-extern "C" int __wrap_stat(const char* path, struct stat* status) {
-  if (search == nullptr) return __real_stat(path, status);
+const Instead<Call::stat> statHere([](const char* path, struct stat* status) {
+  if (search == nullptr) return real<Call::stat>(path, status);
   if (search->asked.empty() || search->asked.back() != path) search->asked.emplace_back(path);
   const auto answer = search->answers.find(path);
   errno = answer != search->answers.end() ? answer->second : ENOENT;
   status->st_mode = S_IFDIR | 0755;
   return errno == 0 ? 0 : -1;
-}
+});
+
+}  // namespace
 
 namespace kes {
 namespace {

@@ -7,7 +7,7 @@
 #include "kespal/fs/StandardPaths.h"
 #include "support/FakeAccounts.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 
 namespace kes {
 namespace {

@@ -16,21 +16,10 @@
 #include <sstream>
 
 #include "kespal/error/OsError.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Pty.h"
 #include "support/TempDir.h"
-
-// The linker sends the library's calls of tcsetattr here. Refusing is switched on by a test.
-namespace {
-int refusal = 0;
-}
-
-extern "C" int __real_tcsetattr(int fd, int when, const termios* attributes);   // NOLINT
-extern "C" int __wrap_tcsetattr(int fd, int when, const termios* attributes) {  // NOLINT
-  if (refusal == 0) return __real_tcsetattr(fd, when, attributes);
-  errno = refusal;
-  return -1;
-}
 
 namespace kes::term {
 namespace {
@@ -205,7 +194,7 @@ TEST(TerminalTest, AttributesThatCannotBeSetRaiseOsError) {
     const Pty pty;
     ::dup2(pty.terminal(), STDIN_FILENO);
     try {
-      refusal = EIO;
+      const test::Refuse refused(test::Call::tcsetattr, EIO);
       Terminal(Terminal::Stdin).setEcho(false);
     } catch (const OsError& error) {
       std::cout << error.errnum() << ' ' << error.file() << ' ' << error.function() << ' ' << echoes(pty);

@@ -11,6 +11,7 @@
 #include "kespal/error/StaticError.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
+#include "support/Throwing.h"
 
 namespace kes {
 namespace {
@@ -89,10 +90,7 @@ TEST(UnhandledExceptionTest, WithoutMemoryALibraryErrorIsReportedByAShorterText)
 }
 
 TEST(UnhandledExceptionTest, AStandardExceptionWithoutATextIsReportedAllTheSame) {
-  struct Speechless : std::exception {
-    const char* what() const noexcept override { return nullptr; }
-  };
-  const ChildResult result = endedBy([] { throw Speechless(); }, reportAndEnd);
+  const ChildResult result = endedBy([] { throw test::Speechless(); }, reportAndEnd);
   EXPECT_EQ(result.exitCode(), 3);
   EXPECT_EQ(result.err, title + "std::exception:\n\n\n");
 }

@@ -13,7 +13,7 @@
 #include "kespal/error/StaticError.h"
 #include "support/FakeAccounts.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 
 namespace kes {
 namespace {

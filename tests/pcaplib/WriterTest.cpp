@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "kespal/error/OsError.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -24,8 +25,24 @@
 #include "support/ScriptedClock.h"
 #include "support/TempDir.h"
 
-// Every write comes through here (linker option --wrap), and so do the calls that begin, end and take back.
+namespace kes::pcap {
 namespace {
+
+using test::Call;
+using test::inChild;
+using test::Instead;
+using test::PcapFile;
+using test::raisedBy;
+using test::readFile;
+using test::real;
+using test::ScriptedClock;
+using test::TempDir;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// Every write comes through here, and so do the calls that begin, end and take back.
 int writeFailure = 0;         // errno of the next writes
 int writesBeforeIt = 0;       // that many go through first
 std::size_t mostWritten = 0;  // of a write, unless 0
@@ -34,45 +51,30 @@ int closeFailure = 0;
 int signalInWrite = 0;
 bool cancelledInWrite = false;
 int openFlags = 0;
-}  // namespace
-extern "C" int __real_open(const char* path, int flags, mode_t mode);
-extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
+
+const Instead<Call::open> openHere([](const char* path, int flags, void* mode) {
   openFlags = flags;
-  return __real_open(path, flags, mode);
-}
-extern "C" ssize_t __real_writev(int fd, const iovec* pieces, int count);
-extern "C" ssize_t __wrap_writev(int fd, const iovec* pieces, int count) {
+  return real<Call::open>(path, flags, mode);
+});
+
+const Instead<Call::writev> writevHere([](int fd, const iovec* pieces, int count) -> ssize_t {
   if (signalInWrite != 0) ::raise(signalInWrite);
   if (cancelledInWrite) ::pthread_cancel(::pthread_self());
   if (writeFailure != 0 && writesBeforeIt-- <= 0) return errno = writeFailure, -1;
-  if (mostWritten == 0) return __real_writev(fd, pieces, count);
+  if (mostWritten == 0) return real<Call::writev>(fd, pieces, count);
   return ::write(fd, pieces->iov_base, std::min(pieces->iov_len, mostWritten));
-}
-extern "C" int __real_ftruncate(int fd, off_t length);
-extern "C" int __wrap_ftruncate(int fd, off_t length) {
+});
+
+const Instead<Call::ftruncate> ftruncateHere([](int fd, off_t length) {
   if (truncateFailure != 0) return errno = truncateFailure, -1;
-  return __real_ftruncate(fd, length);
-}
-extern "C" int __real_close(int fd);
-extern "C" int __wrap_close(int fd) {
-  const int result = __real_close(fd);
+  return real<Call::ftruncate>(fd, length);
+});
+
+const Instead<Call::close> closeHere([](int fd) {
+  const int result = real<Call::close>(fd);
   if (closeFailure != 0) return errno = std::exchange(closeFailure, 0), -1;
   return result;
-}
-
-namespace kes::pcap {
-namespace {
-
-using test::inChild;
-using test::PcapFile;
-using test::raisedBy;
-using test::readFile;
-using test::ScriptedClock;
-using test::TempDir;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+});
 
 Packet packetOf(const std::string& bytes) {
   return {.data = bytes.data(), .length = static_cast<std::uint32_t>(bytes.size())};

@@ -14,7 +14,8 @@ struct CallRecord {
   std::atomic<int> made{0};
   std::atomic<int> struck{0};
   std::atomic<int> error{0}, skip{0}, times{0};  ///< of a refusal; no times: there is none
-  std::atomic<std::size_t> most{0};              ///< of a short transfer
+  std::atomic<int> option{Which::any};
+  std::atomic<std::size_t> most{0};  ///< of a short transfer
   std::atomic<int> shortSkip{0}, shortTimes{0};
 };
 

@@ -73,9 +73,21 @@ void play(Interlude::Moment moment, Call call) {
   errno = before;
 }
 
+template <typename... Arguments>
+int lastNumber(Arguments... arguments) {
+  int last = Which::any;
+  [[maybe_unused]] const auto look = [&last](auto argument) {
+    if constexpr (std::is_same_v<decltype(argument), int>) last = argument;
+  };
+  (look(arguments), ...);
+  return last;
+}
+
 /// Whether this call is refused, and with what.
-bool isStruck(Call call, int& error) {
+template <typename... Arguments>
+bool isStruck(Call call, int& error, Arguments... arguments) {
   CallRecord& record = board()[call];
+  if (record.option != Which::any && record.option != lastNumber(arguments...)) return false;
   if (!isMeant(record.skip, record.times)) return false;
   error = record.error;
   record.struck.fetch_add(1);
@@ -125,6 +137,13 @@ auto moved(Arguments... arguments) {
       }
     }
   }
+  if constexpr ((Row<call>::traits & SharesMemory) != 0) {
+    // The child has this thread's count, and may become another program with it.
+    const int before = t_aside;
+    const auto result = real<call>(arguments...);
+    t_aside = before;
+    return result;
+  }
   return real<call>(arguments...);
 }
 
@@ -159,7 +178,7 @@ auto pass(Arguments... arguments) {
   arrive(call);
   play(Interlude::Before, call);
   int error = 0;
-  if (isStruck(call, error)) return refusal<call>(error, arguments...);
+  if (isStruck(call, error, arguments...)) return refusal<call>(error, arguments...);
   if constexpr (std::is_void_v<decltype(real<call>(arguments...))>) {
     answer<call>(arguments...);
     play(Interlude::After, call);
@@ -206,6 +225,7 @@ Refuse::Refuse(Call call, int error, Which which) : call_(call) {
   record.times = 0;
   record.struck = 0;
   record.error = error;
+  record.option = which.option;
   record.skip = which.skip;
   record.times = which.times;
 }
@@ -240,7 +260,9 @@ std::vector<std::string> CallTrace::calls() const {
   const CallBoard& at = board();
   std::vector<std::string> names;
   const std::size_t end = std::min<std::size_t>(at.traced, at.trace.size());
-  for (std::size_t i = 0; i < end; ++i) names.emplace_back(infoOf(at.trace[i]).name);
+  for (std::size_t i = 0; i < end; ++i) {
+    if (at.trace[i] != Call::operatorNew) names.emplace_back(infoOf(at.trace[i]).name);
+  }
   return names;
 }
 

@@ -48,7 +48,14 @@ enum class Tells : std::uint8_t {
 };
 
 /// What else the manual says of a call.
-enum Trait : unsigned { Plain = 0, Interrupted = 1, Cancelled = 2, Short = 4, Misused = 8 };
+enum Trait : unsigned {
+  Plain = 0,
+  Interrupted = 1,
+  Cancelled = 2,
+  Short = 4,
+  Misused = 8,
+  SharesMemory = 16
+};
 
 struct CallInfo {
   const char* name;
@@ -63,10 +70,13 @@ Call callNamed(const std::string& name);
 /// How often a call was made since the program started, by any thread.
 int made(Call call);
 
-/// Which calls an object is about: `.skip` others are let through first, then so many, or all.
+/// Which calls an object is about: `.skip` others are let through first, then so many, or all. With an option
+/// only those count whose last argument of type int is that: flags, a command.
 struct Which {
+  static constexpr int any = -1;
   int skip = 0;
   int times = -1;
+  int option = any;
 };
 inline constexpr Which all{0, -1}, once{0, 1};
 constexpr Which nth(int number) { return {number - 1, 1}; }
@@ -130,7 +140,8 @@ struct After : Interlude {
       : Interlude(Interlude::After, call, std::move(play), number) {}
 };
 
-/// Notes the names of the calls made while it lives, in order, from whichever thread. One at a time.
+/// Notes the names of the calls made while it lives, in order, from whichever thread; not what operator new
+/// asks for. One at a time.
 class CallTrace {
  public:
   CallTrace();

@@ -7,14 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-// The linker sends every call of getpwnam_r to __wrap_getpwnam_r, and so on (see CMakeLists.txt).
-extern "C" {
-int __real_getpwnam_r(const char*, passwd*, char*, size_t, passwd**);
-int __real_getpwuid_r(uid_t, passwd*, char*, size_t, passwd**);
-int __real_getgrnam_r(const char*, group*, char*, size_t, group**);
-int __real_getgrgid_r(gid_t, group*, char*, size_t, group**);
-int __real_getlogin_r(char*, size_t);
-}
+#include "support/Calls.h"
 
 namespace kes::test {
 
@@ -107,35 +100,29 @@ int lookUp(int (*real)(Key, group*, char*, size_t, group**), Key key, group* ent
   return real(key, entry, buffer, size, found);
 }
 
-}  // namespace
-}  // namespace kes::test
-
-using kes::test::accounts;
-
-extern "C" {
-
-int __wrap_getpwnam_r(const char* name, passwd* entry, char* buffer, size_t size, passwd** found) {
-  return kes::test::user(__real_getpwnam_r, name, entry, buffer, size, found);
-}
-
-int __wrap_getpwuid_r(uid_t uid, passwd* entry, char* buffer, size_t size, passwd** found) {
-  return kes::test::user(__real_getpwuid_r, uid, entry, buffer, size, found);
-}
-
-int __wrap_getgrnam_r(const char* name, group* entry, char* buffer, size_t size, group** found) {
-  return kes::test::lookUp(__real_getgrnam_r, name, entry, buffer, size, found);
-}
-
-int __wrap_getgrgid_r(gid_t gid, group* entry, char* buffer, size_t size, group** found) {
-  return kes::test::lookUp(__real_getgrgid_r, gid, entry, buffer, size, found);
-}
-
-int __wrap_getlogin_r(char* buffer, size_t size) {
+const Instead<Call::getpwnam_r> userByName([](const char* name, passwd* entry, char* buffer, size_t size,
+                                              passwd** found) {
+  return user(Row<Call::getpwnam_r>::real, name, entry, buffer, size, found);
+});
+const Instead<Call::getpwuid_r> userById([](uid_t uid, passwd* entry, char* buffer, size_t size,
+                                            passwd** found) {
+  return user(Row<Call::getpwuid_r>::real, uid, entry, buffer, size, found);
+});
+const Instead<Call::getgrnam_r> groupByName([](const char* name, group* entry, char* buffer, size_t size,
+                                               group** found) {
+  return lookUp(Row<Call::getgrnam_r>::real, name, entry, buffer, size, found);
+});
+const Instead<Call::getgrgid_r> groupById([](gid_t gid, group* entry, char* buffer, size_t size,
+                                             group** found) {
+  return lookUp(Row<Call::getgrgid_r>::real, gid, entry, buffer, size, found);
+});
+const Instead<Call::getlogin_r> loginName([](char* buffer, size_t size) {
   if (accounts().loginCode != 0) return accounts().loginCode;
-  if (!accounts().login) return __real_getlogin_r(buffer, size);
+  if (!accounts().login) return real<Call::getlogin_r>(buffer, size);
   if (accounts().login->size() >= size) return ERANGE;
   std::memcpy(buffer, accounts().login->c_str(), accounts().login->size() + 1);
   return 0;
-}
+});
 
-}  // extern "C"
+}  // namespace
+}  // namespace kes::test

@@ -1,25 +1,31 @@
 #include "support/ScriptedClock.h"
+#include "support/Calls.h"
 
 #include <cerrno>
 #include <optional>
 
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
+
 std::optional<::timespec> scriptedTime;
 int scriptedErrno = 0;
 clockid_t lastId = -1;
-}  // namespace
 
-extern "C" int __real_clock_gettime(clockid_t id, ::timespec* now);
-extern "C" int __wrap_clock_gettime(clockid_t id, ::timespec* now) {
+const Instead<Call::clock_gettime> clockHere([](clockid_t id, ::timespec* now) {
   lastId = id;
   if (scriptedErrno != 0) {
     errno = scriptedErrno;
     return -1;
   }
-  if (!scriptedTime) return __real_clock_gettime(id, now);
+  if (!scriptedTime) return real<Call::clock_gettime>(id, now);
   *now = *scriptedTime;
   return 0;
-}
+});
+
+}  // namespace
 
 namespace kes::test {
 

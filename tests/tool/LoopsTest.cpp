@@ -9,38 +9,33 @@
 #include "Console.h"
 #include "State.h"
 #include "kespal/time/Clock.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/PcapFile.h"
 #include "support/TempDir.h"
 #include "tool/FakeDriver.h"
 
-// What the loops ask of the system, written down among the driver's calls (linker option --wrap).
+// What the loops ask of the system, written down among the driver's calls.
 namespace {
 
+using kes::test::Call;
 using kes::test::fakeDriver;
+using kes::test::Instead;
+using kes::test::real;
 
 int refusedSignal = 0;
 int signalInSleep = 0;
 
-}  // namespace
-
-extern "C" {
-
-void __wrap_KesOsSleep(unsigned int ms) {
+extern "C" void __wrap_KesOsSleep(unsigned int ms) {
   fakeDriver.journal.push_back("sleep " + std::to_string(ms));
   if (signalInSleep != 0) ::raise(signalInSleep);
 }
 
-sighandler_t __real_signal(int number, sighandler_t handler);
-sighandler_t __wrap_signal(int number, sighandler_t handler) {
+const Instead<Call::signal> signalHere([](int number, sighandler_t handler) -> sighandler_t {
   const char* what = handler == signalHandler ? " signalHandler" : " other";
   fakeDriver.journal.push_back("signal " + std::to_string(number) + what);
-  return number == refusedSignal ? SIG_ERR : __real_signal(number, handler);
-}
-
-}  // extern "C"
-
-namespace {
+  return number == refusedSignal ? SIG_ERR : real<Call::signal>(number, handler);
+});
 
 using kes::test::inChild;
 using kes::test::PcapFile;

@@ -4,23 +4,29 @@
 #include <cstddef>
 #include <cstring>
 
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 
 // The linker sends the library's calls of strerror_r here. Refusing is switched on by a test.
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
+
 bool refuse = false;
 int askedFor = 0;
 std::size_t room = 0;
-}  // namespace
 
-extern "C" int __real___xpg_strerror_r(int errnum, char* buffer, std::size_t size);   // NOLINT
-extern "C" int __wrap___xpg_strerror_r(int errnum, char* buffer, std::size_t size) {  // NOLINT
+const Instead<Call::__xpg_strerror_r> strerrorHere([](int errnum, char* buffer, std::size_t size) {
   askedFor = errnum;
   room = size;
-  if (!refuse) return __real___xpg_strerror_r(errnum, buffer, size);
+  if (!refuse) return real<Call::__xpg_strerror_r>(errnum, buffer, size);
   std::strcpy(buffer, "not to be shown");
   return EINVAL;
-}
+});
+
+}  // namespace
 
 namespace kes {
 namespace {
@@ -96,7 +102,7 @@ TEST(OsErrorTest, WhenTheSystemRefusesALineGoesToStandardErrorAndTheTextIsUnknow
 
 TEST(OsErrorTest, ANumberThatTheSystemDoesNotKnowIsOneThatItRefuses) {
   char buffer[128];
-  if (__real___xpg_strerror_r(99999, buffer, sizeof buffer) == 0)
+  if (real<Call::__xpg_strerror_r>(99999, buffer, sizeof buffer) == 0)
     GTEST_SKIP() << "it knows every number here";
   const test::ChildResult result =
       test::inChild([] { return OsError(99999).text() == "<unknown-error> (99999)" ? 0 : 1; });

@@ -14,6 +14,7 @@
 #include "kespal/error/FsError.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
+#include "support/Throwing.h"
 
 namespace kes {
 namespace {
@@ -33,10 +34,6 @@ class Captured {
 
  private:
   std::streambuf* before_;
-};
-
-struct Speechless : std::exception {
-  const char* what() const noexcept override { return nullptr; }
 };
 
 /// A buffer that throws whatever it is given.
@@ -85,7 +82,7 @@ TEST(ReportTest, AnErrorWithoutATextIsReportedByItsHeadline) {
   std::ostringstream text;
   {
     const Captured captured(text.rdbuf());
-    reportWhat({"died: "}, Speechless());
+    reportWhat({"died: "}, test::Speechless());
   }
   EXPECT_EQ(text.str(), "died: \n");
 }

@@ -2,17 +2,20 @@
 #include <unistd.h>
 
 #include "kespal/fs/CopierFixture.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/FileStatus.h"
 
 namespace kes::fs {
 namespace {
 
-using test::Failing;
+using test::Call;
+using test::infoOf;
 using test::modeOf;
+using test::nth;
 using test::openDescriptors;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using ::testing::ElementsAre;
 
 TEST_F(CopierTest, BorrowedStreamsStayOpenAndAreCopiedFromTheirStart) {
@@ -63,7 +66,7 @@ TEST_F(CopierTest, EveryFormMakesItsCalls) {
   in.open(from_.c_str(), File::READ);
   out.open(to_.c_str(), File::READ_WRITE, File::CREATE);
   const auto calls = [](const std::function<void()>& run) {
-    const test::Trace trace;
+    const test::CallTrace trace;
     run();
     return trace.calls();
   };
@@ -80,34 +83,35 @@ TEST_F(CopierTest, BorrowedStreamsStayOpenWhateverFails) {
   StreamFile in, out;
   in.open(from_.c_str(), File::READ);
   out.open(to_.c_str(), File::READ_WRITE);
-  const std::vector<std::pair<const char*, const char*>> table = {
-      {"lseek", "seek"},           {"fstat", "get"}, {"ftruncate", "truncate"},
-      {"fchmod", "setAccessPriv"}, {"read", "read"}, {"write", "write"}};
+  const std::vector<std::pair<Call, const char*>> table = {
+      {Call::lseek, "seek"},           {Call::fstat, "get"}, {Call::ftruncate, "truncate"},
+      {Call::fchmod, "setAccessPriv"}, {Call::read, "read"}, {Call::write, "write"}};
   for (const auto& [call, operation] : table) {
     Raised raised;
     {
-      const Failing failing(call, EIO);
+      const Refuse failing(call, EIO);
       Copier copier(nullptr, 0, Flags::COPY_ACCESS);
       raised = raisedBy([&] { copier.copy(in, out); });
     }
     EXPECT_EQ(raised.type, "kes::OsError");
     EXPECT_EQ(raised.errnum, EIO);
     EXPECT_EQ(raised.function, operation);
-    EXPECT_EQ(in.seek(0), 0u) << call;
-    EXPECT_EQ(out.seek(0), 0u) << call;
+    EXPECT_EQ(in.seek(0), 0u) << infoOf(call).name;
+    EXPECT_EQ(out.seek(0), 0u) << infoOf(call).name;
   }
 }
 
 TEST_F(CopierTest, WhatWasOpenedByNameIsClosedWhateverFails) {
   const auto before = openDescriptors();
-  for (const char* call : {"open", "fstat", "fchmod", "fchown", "read", "write", "close"}) {
+  for (const Call call :
+       {Call::open, Call::fstat, Call::fchmod, Call::fchown, Call::read, Call::write, Call::close}) {
     for (int skip = 0; skip < 3; ++skip) {
       Copier copier(nullptr, 0, {Flags::OVERWRITE, Flags::COPY_ACCESS});
       {
-        const Failing failing(call, EIO, skip, /*times=*/1);
+        const Refuse failing(call, EIO, nth(skip + 1));
         raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); });
       }
-      EXPECT_EQ(openDescriptors(), before) << call << " after " << skip;
+      EXPECT_EQ(openDescriptors(), before) << infoOf(call).name << " after " << skip;
       EXPECT_EQ(raisedBy([&] { copier.copy(from_.c_str(), to_.c_str()); }), Raised{})
           << "it can be used again";
     }
@@ -116,7 +120,7 @@ TEST_F(CopierTest, WhatWasOpenedByNameIsClosedWhateverFails) {
 
 TEST_F(CopierTest, AFailingCloseIsAnOsErrorAndBothAreClosed) {
   for (const int skip : {0, 1}) {
-    const Failing failing("close", EIO, skip, /*times=*/1);
+    const Refuse failing(Call::close, EIO, nth(skip + 1));
     EXPECT_EQ(copying(Flags::OVERWRITE), (Raised{"kes::OsError", EIO, "", fileSite, "close"}));
   }
 }

@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "kespal/fs/CopierFixture.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
 #include "support/PrivateMount.h"
@@ -68,7 +68,7 @@ TEST_F(CopierTest, AnOwnBufferIsAllocatedOnce) {
   const char* const first = copier.getBufferPointer();
   copier.allocateBuffer(100);
   EXPECT_EQ(copier.getBufferPointer(), first);
-  const test::Trace trace;
+  const test::CallTrace trace;
   copier.copy(from_.c_str(), to_.c_str());
   const auto calls = trace.calls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "read"), 4) << "three, three, one, none";
@@ -95,7 +95,7 @@ TEST_F(CopierTest, EverySizeOfBufferCopiesEverySizeOfFile) {
 
 TEST_F(CopierTest, ABufferOfOneByteReadsByteByByte) {
   char buffer = 0;
-  const test::Trace trace;
+  const test::CallTrace trace;
   Copier(&buffer, 1).copy(from_.c_str(), to_.c_str());
   const auto calls = trace.calls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "read"), 8);
@@ -105,7 +105,7 @@ TEST_F(CopierTest, ABufferOfOneByteReadsByteByByte) {
 
 TEST_F(CopierTest, TheOwnBufferHas1024Bytes) {
   test::writeFile(from_, std::string(2049, 'x'));
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(copying(), Raised{});
   EXPECT_THAT(trace.calls(), ElementsAre("open", "fstat", "open", "read", "write", "read", "write", "read",
                                          "write", "read", "close", "close"));
@@ -215,13 +215,13 @@ TEST_F(CopierTest, ADeviceMayBeBothSourceAndTarget) {
 TEST_F(CopierTest, ShortWritesAreCompleted) {
   const std::string content = bytes(10000);
   test::writeFile(from_, content);
-  const test::ShortWrites few(7);
+  const test::Shorten few(test::Call::write, 7);
   EXPECT_EQ(copying(), Raised{});
   EXPECT_EQ(test::readFile(to_), content);
 }
 
 TEST_F(CopierTest, ATargetThatTakesNothingIsAnError) {
-  const test::ShortWrites none(0);
+  const test::Shorten none(test::Call::write, 0);
   EXPECT_EQ(copying(), (Raised{"kes::OsError", EIO, "", copierSite, "copyData"}));
 }
 
@@ -248,16 +248,15 @@ TEST_F(CopierTest, AFileBelowProcHasContentThoughItsSizeIsZero) {
 }
 
 TEST_F(CopierTest, ASourceThatGrowsMeanwhileIsCopiedToItsNewEnd) {
-  const test::Before before(
-      "write", [](const std::string& path) { std::ofstream(path, std::ios::app) << " and more"; }, from_);
+  const test::Before before(test::Call::write,
+                            [path = from_] { std::ofstream(path, std::ios::app) << " and more"; });
   EXPECT_EQ(copying(), Raised{});
   EXPECT_EQ(test::readFile(to_), "content and more");
 }
 
 TEST_F(CopierTest, ASourceThatShrinksMeanwhileEndsWhereItEnds) {
   test::writeFile(from_, std::string(5000, 'x'));
-  const test::Before before(
-      "write", [](const std::string& path) { stdfs::resize_file(path, 1500); }, from_);
+  const test::Before before(test::Call::write, [path = from_] { stdfs::resize_file(path, 1500); });
   EXPECT_EQ(copying(), Raised{});
   EXPECT_EQ(test::readFile(to_), std::string(1500, 'x'));
 }

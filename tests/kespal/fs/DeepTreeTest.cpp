@@ -6,9 +6,10 @@
 #include <climits>
 #include <filesystem>
 
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Ops.h"
+#include "kespal/fs/UnknownTypes.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
@@ -115,8 +116,7 @@ TEST_F(DeepTreeTest, AsAWalkGoesDownOtherThreadsFindDescriptors) {
   dig(100);
   link("link", at("file"));
   closeLast();
-  const auto count = [](const std::string&) { most = openDescriptors().size(); };
-  const test::Before atTheBottom("stat", count, "");
+  const test::Before atTheBottom(test::Call::stat, [] { most = openDescriptors().size(); });
   EXPECT_EQ(removing(), Raised{});
   EXPECT_GT(most, descriptors_.size());
   EXPECT_LE(most, descriptors_.size() + 8);
@@ -169,12 +169,12 @@ TEST_F(DeepTreeTest, AnErrorNamesAPathThatIsLongerThanTheSystemTakes) {
   ASSERT_EQ(::unlinkat(last_, "dangling", 0), 0);
   dig(1);
   {
-    const test::Failing failing("unlinkat", EPERM);
+    const test::Refuse failing(test::Call::unlinkat, EPERM, {.option = 0});
     const Raised raised = removing();
     EXPECT_EQ(raised, (Raised{"kes::FileAccessError", EPERM,
                               deep(3000) + raised.text.substr(deep(3000).size()), opsSite, "removeFile"}));
   }
-  const test::Failing failing("unlinkat of a directory", EBUSY);
+  const test::Refuse failing(test::Call::unlinkat, EBUSY, {.option = AT_REMOVEDIR});
   EXPECT_EQ(removing(), (Raised{"kes::FsError", EBUSY, deep(3001), opsSite, "removeDir"}));
 }
 
@@ -226,7 +226,7 @@ TEST_F(DeepTreeTest, ADirectoryPutInThePlaceOfOneOfTheWalkIsLeftAlone) {
     stdfs::create_directories(top + "/tree/d/d");
     for (const char* name : {"1", "2"}) test::writeFile(top + "/tree/d/d/" + name, "precious");
   };
-  const test::Before before("unlinkat of a directory", swap, folder_.path());
+  const test::Before before(test::Call::unlinkat, [&] { swap(folder_.path()); });
   EXPECT_EQ(removing(), (Raised{"kes::FsError", ESTALE, at("tree/d/d"), treeSite, "removeTree"}));
   for (const char* name : {"1", "2"})
     EXPECT_EQ(test::readFile(at(std::string("tree/d/d/") + name)), "precious");

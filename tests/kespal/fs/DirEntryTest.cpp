@@ -9,22 +9,23 @@
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Dir.h"
 #include "kespal/fs/DirEntries.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Info.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
 namespace {
 
-using test::Failing;
+using test::Call;
 using test::goTo;
 using test::Names;
 using test::namesIn;
 using test::openDescriptors;
 using test::raisedAs;
+using test::Refuse;
 using test::TempDir;
 
 // --- the current entry
@@ -211,7 +212,7 @@ TEST(DirTest, ASubdirectoryThatCannotBecomeAStreamLeavesNoDescriptorBehind) {
   Dir dir(top.path().c_str()), sub;
   ASSERT_TRUE(dir.nextEntry());
   const auto before = openDescriptors();
-  const Failing failing("fdopendir", ENOMEM);
+  const Refuse failing(Call::fdopendir, ENOMEM);
   const auto error = raisedAs<FsError>([&] { dir.entryDir(sub); });
   EXPECT_EQ(error.osError().errnum(), ENOMEM);
   EXPECT_EQ(openDescriptors(), before);

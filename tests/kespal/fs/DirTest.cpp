@@ -12,25 +12,29 @@
 #include <iostream>
 
 #include "kespal/error/FsError.h"
+#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/DirEntries.h"
 #include "kespal/fs/DyingWithoutMemory.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Info.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
 namespace {
 
-using test::Failing;
+using test::Call;
 using test::goTo;
 using test::Names;
 using test::namesIn;
+using test::nth;
+using test::once;
 using test::openDescriptors;
 using test::raisedAs;
+using test::Refuse;
 using test::TempDir;
 
 Names namesIn(const std::string& path) {
@@ -149,7 +153,7 @@ TEST(DirTest, AReadErrorIsRaisedAndDoesNotLookLikeTheEnd) {
   makeFiles(top.path(), 5);
   Dir dir(top.path().c_str());
   ASSERT_TRUE(dir.nextEntry());
-  const Failing failing("readdir", EIO, /*skip=*/1, /*times=*/1);
+  const Refuse failing(Call::readdir, EIO, nth(2));
   const auto error = raisedAs<OsError>([&] {
     while (dir.nextEntry()) continue;
   });
@@ -302,7 +306,7 @@ TEST(DirTest, ClosingTwiceOrWithoutOpeningIsNothing) {
 TEST(DirTest, AFailureToCloseIsAnOsErrorAndTheDirectoryCountsAsClosed) {
   TempDir top;
   Dir dir(top.path().c_str());
-  const Failing failing("closedir", EIO, /*skip=*/0, /*times=*/1);
+  const Refuse failing(Call::closedir, EIO, once);
   const auto error = raisedAs<OsError>([&] { dir.close(); });
   EXPECT_EQ(error.errnum(), EIO);
   EXPECT_STREQ(error.function(), "close");
@@ -312,13 +316,13 @@ TEST(DirTest, AFailureToCloseIsAnOsErrorAndTheDirectoryCountsAsClosed) {
 
 TEST(DirTest, ADestructorReportsWithoutMemoryAndThroughABrokenStream) {
   test::expectReportOfDying(
-      "closedir", [] { return new Dir("/"); }, "WARNING: directory not closed:\n");
+      Call::closedir, [] { return new Dir("/"); }, "WARNING: directory not closed:\n");
 }
 
 TEST(DirTest, ADestructorReportsAFailureToCloseAndLetsNothingOut) {
   TempDir top;
   const auto child = test::inChild([&] {
-    const Failing failing("closedir", EIO);
+    const Refuse failing(Call::closedir, EIO);
     const Dir dir(top.path().c_str());
     return 0;
   });

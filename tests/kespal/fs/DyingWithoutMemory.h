@@ -6,7 +6,7 @@
 #include <string>
 
 #include "kespal/error/Exception.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 
@@ -16,7 +16,7 @@ namespace kes::test {
 /// whatever is written to it, and memory is out, sooner or later: each time a report has to come that begins
 /// with `headline`, and the program has to go on.
 template <typename Make>
-void expectReportOfDying(const char* call, Make make, const std::string& headline) {
+void expectReportOfDying(Call call, Make make, const std::string& headline) {
   for (const bool backtraces : {false, true}) {
     for (std::size_t before = 0; before < 12; ++before) {
       const auto child = inChild([&] {
@@ -28,7 +28,7 @@ void expectReportOfDying(const char* call, Make make, const std::string& headlin
         }
         {
           auto* const object = make();
-          const Failing failing(call, EIO);
+          const Refuse failing(call, EIO);
           const NoMemory starving(before);
           delete object;
         }

@@ -11,7 +11,7 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/fs/DyingWithoutMemory.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -23,12 +23,13 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::inChild;
 using test::modeOf;
 using test::openDescriptors;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -183,7 +184,7 @@ TEST(FileTest, EveryErrnoOfOpenHasItsClass) {
       {12345, 0, "kes::FsError"},
   };
   for (const Row& row : table) {
-    const Failing failing("open", row.errnum);
+    const Refuse failing(Call::open, row.errnum);
     EXPECT_EQ(opened("/some/where", row.flags), (Raised{row.type, row.errnum, "/some/where", site, "open"}));
   }
 }
@@ -240,7 +241,7 @@ TEST(FileTest, AFailingCloseOfTheOldDescriptorEndsTheOpening) {
   const auto before = openDescriptors();
   File file;
   file.open("/dev/null", File::READ);
-  const Failing failing("close", EIO);
+  const Refuse failing(Call::close, EIO);
   EXPECT_EQ(raisedBy([&] { file.open("/dev/zero", File::READ); }),
             (Raised{"kes::OsError", EIO, "", site, "close"}));
   EXPECT_EQ(file.fd(), -1);
@@ -304,7 +305,7 @@ TEST(FileTest, AFailingTemporaryFileNamesItsTemplateAndLeavesTheCallersName) {
   EXPECT_EQ(name, "/absent/dir/x");
   EXPECT_EQ(file.fd(), -1);
   for (const int errnum : {EACCES, EEXIST, EROFS, EMFILE}) {
-    const Failing failing("mkostemp", errnum);
+    const Refuse failing(Call::mkostemp, errnum);
     EXPECT_EQ(raisedBy([&] { file.open(File::TempType(), name); }),
               (Raised{"kes::FsError", errnum, "/absent/dir/xXXXXXX", site, "open"}));
   }
@@ -341,7 +342,7 @@ TEST(FileTest, AFailingCloseIsAnOsErrorAndHoldsNothingAfterwards) {
   for (const int errnum : {EIO, EINTR, EDQUOT}) {
     File file;
     file.open("/dev/null", File::READ);
-    const Failing failing("close", errnum);
+    const Refuse failing(Call::close, errnum);
     EXPECT_EQ(raisedBy([&] { file.close(); }), (Raised{"kes::OsError", errnum, "", site, "close"}));
     EXPECT_EQ(file.fd(), -1);
     EXPECT_EQ(raisedBy([&] { file.close(); }), Raised{}) << "nothing is closed twice";
@@ -354,7 +355,7 @@ TEST(FileTest, ADestructorReportsWithoutMemoryAndThroughABrokenStream) {
     file->open("/dev/null", File::READ);
     return file;
   };
-  test::expectReportOfDying("close", make, "Error closing file:\n\n");
+  test::expectReportOfDying(Call::close, make, "Error closing file:\n\n");
 }
 
 TEST(FileTest, AFailureToChangeTheOwnerNamesTheFileAsItWasOpened) {
@@ -369,14 +370,14 @@ TEST(FileTest, AFailureToChangeTheOwnerNamesTheFileAsItWasOpened) {
   ASSERT_EQ(::pipe2(both, O_CLOEXEC), 0);
   ::close(both[1]);
   Pipe ends{both[0], -1};
-  const Failing failing("fchown", EIO);
+  const Refuse failing(Call::fchown, EIO);
   file.open((folder / "file").c_str(), File::WRITE, File::CREATE);
   EXPECT_EQ(raised(file), expected(folder / "file"));
   file.open(File::TempType(), name);
   EXPECT_EQ(raised(file), expected(name));
   file.open(ends, /*readEnd=*/true);
   EXPECT_EQ(raised(file), expected("")) << "a pipe has no path";
-  const Failing bits("fchmod", EIO);
+  const Refuse bits(Call::fchmod, EIO);
   EXPECT_EQ(raised(file), (Raised{"kes::OsError", EIO, "", "src/os/posix/fs/Ops", "setAccessPriv"}));
 }
 
@@ -384,7 +385,7 @@ TEST(FileTest, ADestructorReportsAFailingCloseOnStandardError) {
   const auto child = inChild([] {
     File file;
     file.open("/dev/null", File::READ);
-    const Failing* failing = new Failing("close", EIO);
+    const Refuse* failing = new Refuse(Call::close, EIO);
     file.~File();
     delete failing;
     new (&file) File;
@@ -399,8 +400,7 @@ TEST(FileTest, ADestructorReportsAFailingCloseOnStandardError) {
 
 TEST(FileTest, AnyOtherExceptionInADestructorEndsTheProgram) {
   const auto closeThrowing = [] {
-    const test::Before closing(
-        "close", [](const std::string& text) { throw std::runtime_error(text); }, "none of ours");
+    const test::Before closing(Call::close, [] { throw std::runtime_error("none of ours"); });
     File file;
     file.open("/dev/null", File::READ);
   };
@@ -450,7 +450,7 @@ TEST(FileTest, AFailingTruncationIsAnOsError) {
   const TempDir folder;
   file.open((folder / "file").c_str(), File::WRITE, File::CREATE);
   EXPECT_EQ(raisedBy([&] { file.truncate(static_cast<std::size_t>(-1)); }).errnum, EINVAL);
-  const Failing failing("ftruncate", EFBIG);
+  const Refuse failing(Call::ftruncate, EFBIG);
   EXPECT_EQ(raisedBy([&] { file.truncate(1); }), (Raised{"kes::OsError", EFBIG, "", site, "truncate"}));
 }
 
@@ -486,7 +486,7 @@ TEST(FileTest, TheSharedNullFilesLiveFromInitToExit) {
 TEST(FileTest, AnInitThatFailsHalfWayLeavesNothing) {
   const auto before = openDescriptors();
   {
-    const Failing failing("open", EMFILE, /*skip=*/1);
+    const Refuse failing(Call::open, EMFILE, {.skip = 1});
     EXPECT_EQ(raisedBy(File::init), (Raised{"kes::FsError", EMFILE, "/dev/null", site, "open"}));
   }
   EXPECT_EQ(File::m_null_in, nullptr);

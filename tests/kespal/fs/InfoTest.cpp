@@ -7,8 +7,9 @@
 #include <filesystem>
 
 #include "kespal/error/FsError.h"
+#include "kespal/error/OsError.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {

@@ -14,8 +14,8 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/fs/DyingWithoutMemory.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/StreamFile.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
@@ -23,9 +23,11 @@
 namespace kes::fs {
 namespace {
 
-using test::Failing;
+using test::Call;
+using test::once;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -210,12 +212,12 @@ INSTANTIATE_TEST_SUITE_P(BothKinds, BlockingLockTest, ::testing::Bool(),
 
 TEST_F(FileLockTest, OnlyOtherHoldersMakeTryingFalse) {
   {
-    const Failing failing("flock", EWOULDBLOCK);
+    const Refuse failing(Call::flock, EWOULDBLOCK);
     EXPECT_FALSE(lock_.tryReadLock());
     EXPECT_FALSE(lock_.tryWriteLock());
   }
   for (const int errnum : {EBADF, EINTR, EINVAL, ENOLCK}) {
-    const Failing failing("flock", errnum);
+    const Refuse failing(Call::flock, errnum);
     EXPECT_EQ(raisedBy([&] { lock_.tryReadLock(); }),
               (Raised{"kes::OsError", errnum, "", site, "tryReadLock"}));
     EXPECT_EQ(raisedBy([&] { lock_.tryWriteLock(); }),
@@ -225,7 +227,7 @@ TEST_F(FileLockTest, OnlyOtherHoldersMakeTryingFalse) {
 
 TEST_F(FileLockTest, TakingAndGivingBackRaiseEveryError) {
   for (const int errnum : {EBADF, EINTR, EINVAL, ENOLCK, EWOULDBLOCK}) {
-    const Failing failing("flock", errnum);
+    const Refuse failing(Call::flock, errnum);
     EXPECT_EQ(raisedBy([&] { lock_.readLock(); }), (Raised{"kes::OsError", errnum, "", site, "readLock"}));
     EXPECT_EQ(raisedBy([&] { lock_.writeLock(); }), (Raised{"kes::OsError", errnum, "", site, "writeLock"}));
     EXPECT_EQ(raisedBy([&] { lock_.unlock(); }), (Raised{"kes::OsError", errnum, "", site, "unlock"}));
@@ -289,12 +291,12 @@ TEST_F(FileLockTest, AScopedLockTakesNothingByItself) {
 
 TEST_F(FileLockTest, AScopedLockReportsWithoutMemoryAndThroughABrokenStream) {
   const auto make = [&] { return new ScopedLock(lock_); };
-  test::expectReportOfDying("flock", make, "Exception caught while destroying file lock:\n");
+  test::expectReportOfDying(Call::flock, make, "Exception caught while destroying file lock:\n");
 }
 
 TEST_F(FileLockTest, AScopedLockReportsAFailureOnStandardError) {
   const auto child = test::inChild([&] {
-    const Failing failing("flock", ENOLCK);
+    const Refuse failing(Call::flock, ENOLCK);
     const ScopedLock scoped(lock_);
     return 0;
   });
@@ -320,7 +322,7 @@ TEST_F(FileLockTest, TheEndOfAProcessGivesItsLockBack) {
 }
 
 TEST_F(FileLockTest, EveryOperationIsOneSystemCall) {
-  const test::Trace trace;
+  const test::CallTrace trace;
   lock_.readLock();
   lock_.tryReadLock();
   lock_.writeLock();

@@ -7,9 +7,9 @@
 #include <limits>
 
 #include "kespal/error/OsError.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/File.h"
 #include "kespal/fs/Lock.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
@@ -20,8 +20,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::Before;
-using test::Failing;
+using test::Call;
 using test::raisedBy;
+using test::Refuse;
 
 struct LockTimedTest : testing::Test {
   test::TempDir dir;
@@ -54,27 +55,23 @@ TEST_F(LockTimedTest, ALockThatSomebodyHoldsIsGivenUpWhenTheTimeIsOver) {
   EXPECT_FALSE(lock.readLockTimed(time::Milliseconds(std::numeric_limits<std::int64_t>::min())));
 }
 
-LockTimedTest* current = nullptr;
-
 TEST_F(LockTimedTest, ALockThatBecomesFreeMeanwhileIsTakenHoweverLongTheLimitIs) {
   other.writeLock();
-  current = this;
-  const Before before(
-      "nanosleep", [](const std::string&) { current->other.unlock(); }, "");
+  const Before before(Call::nanosleep, [this] { other.unlock(); });
   EXPECT_TRUE(lock.writeLockTimed(time::Milliseconds(std::numeric_limits<std::int64_t>::max())));
   EXPECT_FALSE(other.tryReadLock());
 }
 
 TEST_F(LockTimedTest, ASignalEndsTheWaiting) {
   other.writeLock();
-  const Failing failing("nanosleep", EINTR, 0, 1);
+  const Refuse failing(Call::nanosleep, EINTR, test::once);
   const auto raised = raisedBy([&] { lock.readLockTimed(time::Milliseconds(60'000)); });
   EXPECT_EQ(raised.type, "kes::OsError");
   EXPECT_EQ(raised.errnum, EINTR);
 }
 
 TEST_F(LockTimedTest, AnErrorOfTheSystemIsRaised) {
-  const Failing failing("flock", ENOLCK);
+  const Refuse failing(Call::flock, ENOLCK);
   EXPECT_EQ(raisedBy([&] { lock.writeLockTimed(time::Milliseconds(1000)); }).errnum, ENOLCK);
   EXPECT_EQ(raisedBy([] { Lock().readLockTimed(time::Milliseconds(1000)); }).errnum, ENOLCK);
 }

@@ -7,8 +7,8 @@
 #include <filesystem>
 
 #include "kespal/fs/Access.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Ops.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -19,12 +19,14 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::isThere;
 using test::modeOf;
+using test::nth;
 using test::openDescriptors;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using ::testing::ElementsAre;
 
@@ -79,7 +81,7 @@ TEST_F(RenameTest, AFileGetsItsNewName) {
 
 TEST_F(RenameTest, AnExistingTargetIsRefusedBeforeAnythingIsRenamed) {
   test::writeFile(to_, "old");
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(renaming(), (Raised{"kes::OsError", EEXIST, "", moveSite, "rawMove"}));
   EXPECT_THAT(trace.calls(), ElementsAre("stat"));
   EXPECT_EQ(onDisk(), "content|old");
@@ -87,7 +89,7 @@ TEST_F(RenameTest, AnExistingTargetIsRefusedBeforeAnythingIsRenamed) {
 
 TEST_F(RenameTest, WithOverwriteAnExistingTargetIsReplacedWithoutALook) {
   test::writeFile(to_, "old");
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(renaming(Flags::OVERWRITE), Raised{});
   EXPECT_THAT(trace.calls(), ElementsAre("rename"));
   EXPECT_EQ(onDisk(), "-|content");
@@ -115,7 +117,7 @@ TEST_F(RenameTest, EveryErrnoOfRenamingHasItsClassAndBothNames) {
                        {EBUSY, "kes::FsError"},
                        {12345, "kes::FsError"}};
   for (const Row& row : table) {
-    const Failing failing("rename", row.errnum);
+    const Refuse failing(Call::rename, row.errnum);
     EXPECT_EQ(renaming(), (Raised{row.type, row.errnum, arrow(), moveSite, "rawMove"}));
   }
 }
@@ -153,14 +155,14 @@ TEST_F(RenameTest, NullPathsCountAsEmptyOnes) {
 // --- moving on one device
 
 TEST_F(MoveTest, OnOneDeviceAMoveIsARename) {
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(moving(), Raised{});
   EXPECT_THAT(trace.calls(), ElementsAre("stat", "stat", "rename"));
   EXPECT_EQ(onDisk(), "-|content");
 }
 
 TEST_F(MoveTest, WithBothFlagsNothingIsLookedAt) {
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(moving({Flags::NO_FOLLOW, Flags::OVERWRITE}), Raised{});
   EXPECT_THAT(trace.calls(), ElementsAre("rename"));
 }
@@ -196,7 +198,7 @@ TEST_F(MoveTest, AnExistingTargetIsRefusedAndReplacedWithOverwrite) {
 
 TEST_F(MoveTest, OnlyAnotherDeviceMakesAMoveCopy) {
   for (const int errnum : {EACCES, EROFS, EBUSY, ENOSPC}) {
-    const Failing failing("rename", errnum);
+    const Refuse failing(Call::rename, errnum);
     EXPECT_EQ(moving().errnum, errnum);
     EXPECT_EQ(onDisk(), "content|-");
   }
@@ -249,8 +251,7 @@ TEST_F(MoveAcrossTest, AnExistingTargetIsRefusedAndReplacedWithOverwrite) {
 }
 
 TEST_F(MoveAcrossTest, ATargetThatAppearsMeanwhileIsNotTouched) {
-  const test::Before before(
-      "rename", [](const std::string& path) { test::writeFile(path, "new"); }, to_);
+  const test::Before before(Call::rename, [path = to_] { test::writeFile(path, "new"); });
   EXPECT_EQ(moving(), (Raised{"kes::FsError", EEXIST, to_, fileSite, "open"}));
   EXPECT_EQ(onDisk(), "content|new");
 }
@@ -291,7 +292,7 @@ TEST_F(MoveAcrossTest, WhatCannotBeCopiedIsRefusedBeforeAnythingIsOpened) {
   ASSERT_EQ(::mknod(socket.c_str(), S_IFSOCK | 0600, 0), 0);
   stdfs::create_symlink("fifo", link);
   const auto refused = [&](const std::string& from, const EnumBitset<Flags>& flags) {
-    const test::Trace trace;
+    const test::CallTrace trace;
     EXPECT_EQ(raisedBy([&] { Ops::move(from.c_str(), to_.c_str(), flags); }),
               (Raised{"kes::FsError", EINVAL, from, moveSite, "move"}));
     EXPECT_THAT(trace.calls(), ::testing::Not(::testing::Contains("open")));
@@ -332,7 +333,7 @@ TEST_F(MoveAcrossTest, ACallersBufferIsUsedAndHalfOfOneRefused) {
   EXPECT_EQ(with(buffer, 0), bad);
   EXPECT_EQ(with(nullptr, 4), bad);
   EXPECT_EQ(onDisk(), "content|-");
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(with(buffer, sizeof buffer), Raised{});
   const auto calls = trace.calls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "read"), 3) << "four bytes, three bytes, the end";
@@ -341,7 +342,7 @@ TEST_F(MoveAcrossTest, ACallersBufferIsUsedAndHalfOfOneRefused) {
 
 TEST_F(MoveAcrossTest, WithoutACallersBufferItCopiesInPiecesOf64KiB) {
   test::writeFile(from_, std::string(std::size_t{65536} + 1, 'x'));
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(moving(), Raised{});
   EXPECT_THAT(trace.calls(),
               ElementsAre("stat", "stat", "rename", "open", "fstat", "open", "fchmod", "fchown", "read",
@@ -350,7 +351,7 @@ TEST_F(MoveAcrossTest, WithoutACallersBufferItCopiesInPiecesOf64KiB) {
 
 /// A step of a move across devices that fails, what is raised, and what is on disk then.
 struct Step {
-  const char* call;
+  Call call;
   int errnum;
   int skip;
   const char* type;
@@ -358,7 +359,9 @@ struct Step {
   const char* onDisk;
 };
 
-void PrintTo(const Step& step, std::ostream* stream) { *stream << step.call << " after " << step.skip; }
+void PrintTo(const Step& step, std::ostream* stream) {
+  *stream << test::infoOf(step.call).name << " after " << step.skip;
+}
 
 class FailingMoveTest : public MoveAcrossTest, public ::testing::WithParamInterface<Step> {};
 
@@ -366,7 +369,7 @@ TEST_P(FailingMoveTest, RaisesTheErrorOfTheStepAndLeavesWhatTheManualSays) {
   const Step& step = GetParam();
   Raised raised;
   {
-    const Failing failing(step.call, step.errnum, step.skip, /*times=*/1);
+    const Refuse failing(step.call, step.errnum, nth(step.skip + 1));
     raised = moving();
   }
   EXPECT_EQ(raised.type, step.type);
@@ -378,23 +381,23 @@ TEST_P(FailingMoveTest, RaisesTheErrorOfTheStepAndLeavesWhatTheManualSays) {
 INSTANTIATE_TEST_SUITE_P(
     EveryStep, FailingMoveTest,
     ::testing::Values(
-        Step{"stat", EACCES, 0, "kes::FsError", "get", "content|-"},     // the look for a link
-        Step{"stat", EACCES, 1, "kes::FsError", "exists", "content|-"},  // the look for a target
-        Step{"rename", EROFS, 0, "kes::ReadOnlyFileSystemError", "rawMove", "content|-"},
-        Step{"open", EACCES, 0, "kes::FileAccessError", "open", "content|-"},  // the source
-        Step{"fstat", EIO, 0, "kes::OsError", "get", "content|-"},
-        Step{"open", ENOSPC, 1, "kes::FsError", "open", "content|-"},  // the target
-        Step{"fchmod", EPERM, 0, "kes::OsError", "setAccessPriv",
+        Step{Call::stat, EACCES, 0, "kes::FsError", "get", "content|-"},     // the look for a link
+        Step{Call::stat, EACCES, 1, "kes::FsError", "exists", "content|-"},  // the look for a target
+        Step{Call::rename, EROFS, 0, "kes::ReadOnlyFileSystemError", "rawMove", "content|-"},
+        Step{Call::open, EACCES, 0, "kes::FileAccessError", "open", "content|-"},  // the source
+        Step{Call::fstat, EIO, 0, "kes::OsError", "get", "content|-"},
+        Step{Call::open, ENOSPC, 1, "kes::FsError", "open", "content|-"},  // the target
+        Step{Call::fchmod, EPERM, 0, "kes::OsError", "setAccessPriv",
              "content|"},  // errors of the copy do not clean up
-        Step{"fchown", EPERM, 0, "kes::FsError", "setOwnership", "content|"},
-        Step{"read", EIO, 0, "kes::OsError", "read", "content|"},
-        Step{"write", ENOSPC, 0, "kes::OsError", "write", "content|"},
-        Step{"read", EIO, 1, "kes::OsError", "read", "content|content"},
-        Step{"close", EIO, 0, "kes::OsError", "close", "content|content"},     // the source
-        Step{"close", EDQUOT, 1, "kes::OsError", "close", "content|content"},  // the target
-        Step{"lstat", EACCES, 0, "kes::FsError", "get", "content|-"},          // errors of the removal do
-        Step{"unlink", EPERM, 0, "kes::FileAccessError", "removeFile", "content|-"},
-        Step{"unlink", EBUSY, 0, "kes::FsError", "removeFile", "content|-"}));
+        Step{Call::fchown, EPERM, 0, "kes::FsError", "setOwnership", "content|"},
+        Step{Call::read, EIO, 0, "kes::OsError", "read", "content|"},
+        Step{Call::write, ENOSPC, 0, "kes::OsError", "write", "content|"},
+        Step{Call::read, EIO, 1, "kes::OsError", "read", "content|content"},
+        Step{Call::close, EIO, 0, "kes::OsError", "close", "content|content"},     // the source
+        Step{Call::close, EDQUOT, 1, "kes::OsError", "close", "content|content"},  // the target
+        Step{Call::lstat, EACCES, 0, "kes::FsError", "get", "content|-"},          // errors of the removal do
+        Step{Call::unlink, EPERM, 0, "kes::FileAccessError", "removeFile", "content|-"},
+        Step{Call::unlink, EBUSY, 0, "kes::FsError", "removeFile", "content|-"}));
 
 TEST_F(MoveAcrossTest, ASourceThatCannotBeRemovedStaysAndItsCopyGoes) {
   const std::string source = "/proc/self/status";
@@ -404,14 +407,13 @@ TEST_F(MoveAcrossTest, ASourceThatCannotBeRemovedStaysAndItsCopyGoes) {
 }
 
 TEST_F(MoveAcrossTest, AFailingCleanUpDoesNotHideTheReason) {
-  const Failing removing("unlink", EBUSY), looking("lstat", EACCES, /*skip=*/1, /*times=*/1);
+  const Refuse removing(Call::unlink, EBUSY), looking(Call::lstat, EACCES, nth(2));
   EXPECT_EQ(moving(), (Raised{"kes::FsError", EBUSY, from_, opsSite, "removeFile"}));
   EXPECT_EQ(onDisk(), "content|content");
 }
 
 TEST_F(MoveAcrossTest, ASourceThatVanishedMeanwhileTakesItsCopyBack) {
-  const test::Before before(
-      "lstat", [](const std::string& path) { stdfs::remove(path); }, from_);
+  const test::Before before(Call::lstat, [path = from_] { stdfs::remove(path); });
   EXPECT_EQ(moving(), (Raised{"kes::NoSuchFileError", ENOENT, from_, infoSite, "get"}));
   EXPECT_EQ(onDisk(), "-|-");
 }
@@ -436,7 +438,7 @@ TEST_F(MoveAcrossTest, NobodyMovesOwnFilesAndNoOthers) {
 TEST_F(MoveAcrossTest, AnotherNameOfTheSourceIsNotOverwritten) {
   // Renaming refuses as across devices, as it does between two mounts of one file system.
   stdfs::create_hard_link(from_, here_ / "same");
-  const Failing failing("rename", EXDEV);
+  const Refuse failing(Call::rename, EXDEV);
   EXPECT_EQ(raisedBy([&] { Ops::move(from_.c_str(), (here_ / "same").c_str(), Flags::OVERWRITE); }),
             (Raised{"kes::FsError", EINVAL, here_ / "same", "src/fs/Copier", "openTarget"}));
   EXPECT_EQ(test::readFile(here_ / "same"), "content");

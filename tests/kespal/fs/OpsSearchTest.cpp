@@ -7,8 +7,8 @@
 
 #include <filesystem>
 
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Ops.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
@@ -17,10 +17,12 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::inChild;
+using test::once;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -119,7 +121,7 @@ TEST_F(WhichTest, WhatCannotBeLookedAtIsNoProgram) {
   program(two_ + "/prog", 0755);
   EXPECT_EQ(found(file + ':' + std::string(5000, 'x') + ':' + two_, "prog"), two_ + "/prog");
   for (const int errnum : {EACCES, EIO, ELOOP}) {
-    const Failing failing("stat", errnum, 0, /*times=*/1);
+    const Refuse failing(Call::stat, errnum, once);
     EXPECT_EQ(found(two_ + ':' + two_ + "/.", "prog"), two_ + "/./prog");
   }
 }
@@ -131,7 +133,7 @@ TEST_F(WhichTest, ANullProgramIsNotFound) {
 
 TEST_F(WhichTest, EachCandidateCostsOneLook) {
   program(two_ + "/prog", 0755);
-  const test::Trace trace;
+  const test::CallTrace trace;
   EXPECT_EQ(found(one_ + ":/absent:" + two_ + ":/never", "prog"), two_ + "/prog");
   EXPECT_THAT(trace.calls(), ElementsAre("stat", "stat", "stat"));
 }
@@ -264,11 +266,11 @@ TEST_F(GlobTest, AnotherUsersTildeIsThatUsersHome) {
 
 TEST_F(GlobTest, EveryFailureButNoMatchIsARuntimeError) {
   for (const int result : {GLOB_NOSPACE, GLOB_ABORTED, GLOB_NOSYS}) {
-    const Failing failing("glob", result);
+    const Refuse failing(Call::glob, result);
     EXPECT_EQ(raisedBy([] { Ops::glob("*"); }), (Raised{"kes::RuntimeError", 0, "read error or out of memory",
                                                         "src/os/posix/fs/OpsSearch", "glob"}));
   }
-  const Failing failing("glob", GLOB_NOMATCH);
+  const Refuse failing(Call::glob, GLOB_NOMATCH);
   EXPECT_THAT(Ops::glob("/*"), IsEmpty());
 }
 

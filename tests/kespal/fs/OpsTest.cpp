@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "kespal/fs/Access.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -16,12 +16,13 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::inChild;
 using test::isThere;
 using test::modeOf;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::statusOf;
 using test::TempDir;
 using ::testing::ElementsAre;
@@ -39,10 +40,10 @@ struct Row {
 
 /// Walks through a table of an operation: with its system call failing, the class, errno, path, site and
 /// name of the error are what the row says.
-void walk(const std::string& call, const std::vector<Row>& table, const std::string& path,
-          const std::string& operation, const std::function<void()>& run) {
+void walk(Call call, const std::vector<Row>& table, const std::string& path, const std::string& operation,
+          const std::function<void()>& run) {
   for (const Row& row : table) {
-    const Failing failing(call, row.errnum);
+    const Refuse failing(call, row.errnum);
     EXPECT_EQ(raisedBy(run), (Raised{row.type, row.errnum, path, site, operation}));
   }
 }
@@ -75,7 +76,7 @@ TEST_F(OpsTest, TheFlagsHaveTheirMasks) {
 // --- removing one entry
 
 TEST_F(OpsTest, EveryErrnoOfRemovingAFileHasItsClass) {
-  walk("unlink",
+  walk(Call::unlink,
        {{EACCES, "kes::FileAccessError"},
         {EPERM, "kes::FileAccessError"},
         {ENOENT, "kes::FsError"},
@@ -124,7 +125,7 @@ TEST_F(OpsTest, AFileInAStickyDirectoryIsAFileAccessErrorForNobody) {
 }
 
 TEST_F(OpsTest, EveryErrnoOfRemovingADirectoryIsAnFsError) {
-  walk("rmdir",
+  walk(Call::rmdir,
        {{EACCES, "kes::FsError"},
         {EPERM, "kes::FsError"},
         {ENOENT, "kes::FsError"},
@@ -173,12 +174,10 @@ TEST_F(OpsTest, TryRemoveSaysWhetherThereWasSomething) {
 TEST_F(OpsTest, TryRemoveIsFalseAlsoWhenTheEntryVanishesAfterTheLook) {
   const std::string plain = file("file"), dir = directory("dir");
   {
-    const test::Before before(
-        "unlink", [](const std::string& path) { std::remove(path.c_str()); }, plain);
+    const test::Before before(Call::unlink, [path = plain] { std::remove(path.c_str()); });
     EXPECT_FALSE(Ops::tryRemove(plain));
   }
-  const test::Before before(
-      "rmdir", [](const std::string& path) { std::remove(path.c_str()); }, dir);
+  const test::Before before(Call::rmdir, [path = dir] { std::remove(path.c_str()); });
   EXPECT_FALSE(Ops::tryRemove(dir));
 }
 
@@ -189,7 +188,7 @@ TEST_F(OpsTest, TryRemovePassesEveryOtherErrorOn) {
             (Raised{"kes::FsError", ENOTEMPTY, dir, site, "removeDir"}));
   EXPECT_EQ(raisedBy([&] { Ops::tryRemove(plain + "/x"); }),
             (Raised{"kes::FsError", ENOTDIR, plain + "/x", "src/os/posix/fs/Info", "get"}));
-  const Failing failing("unlink", EPERM);
+  const Refuse failing(Call::unlink, EPERM);
   EXPECT_EQ(raisedBy([&] { Ops::tryRemove(plain); }),
             (Raised{"kes::FileAccessError", EPERM, plain, site, "removeFile"}));
 }
@@ -197,7 +196,7 @@ TEST_F(OpsTest, TryRemovePassesEveryOtherErrorOn) {
 // --- links
 
 TEST_F(OpsTest, EveryErrnoOfMakingALinkHasItsClass) {
-  walk("symlink",
+  walk(Call::symlink,
        {{EEXIST, "kes::FileExistsError"},
         {ENOENT, "kes::FsError"},
         {EACCES, "kes::FsError"},
@@ -234,7 +233,7 @@ TEST_F(OpsTest, EveryErrnoOfReadingALinkHasItsClass) {
 // --- making directories and pipes
 
 TEST_F(OpsTest, EveryErrnoOfMakingADirectoryHasItsClass) {
-  walk("mkdir",
+  walk(Call::mkdir,
        {{EEXIST, "kes::FileExistsError"},
         {ENOENT, "kes::NoSuchFileError"},
         {EACCES, "kes::FsError"},
@@ -270,11 +269,11 @@ TEST_F(OpsTest, ADirectoryGetsTheOwnerThatIsGiven) {
 TEST_F(OpsTest, OwnershipIsChangedOnlyWhenItIsGiven) {
   const Access unset(0750), set(::geteuid(), Access::Unchanged, 0750);
   {
-    const test::Trace trace;
+    const test::CallTrace trace;
     Ops::mkdir((folder_ / "unset").c_str(), &unset);
     EXPECT_THAT(trace.calls(), ElementsAre("mkdir"));
   }
-  const test::Trace trace;
+  const test::CallTrace trace;
   Ops::mkdir((folder_ / "set").c_str(), &set);
   EXPECT_THAT(trace.calls(), ElementsAre("mkdir", "chown"));
 }
@@ -282,7 +281,7 @@ TEST_F(OpsTest, OwnershipIsChangedOnlyWhenItIsGiven) {
 TEST_F(OpsTest, AFailingOwnershipIsReportedAndTheDirectoryStays) {
   const std::string path = folder_ / "dir";
   const Access given(12, 34, 0750);
-  const Failing failing("chown", EPERM);
+  const Refuse failing(Call::chown, EPERM);
   EXPECT_EQ(raisedBy([&] { Ops::mkdir(path.c_str(), &given); }),
             (Raised{"kes::FsError", EPERM, path, accessSite, "setOwnership"}));
   EXPECT_TRUE(isThere(path));
@@ -296,8 +295,8 @@ TEST_F(OpsTest, ANamedPipeHasTheGivenRights) {
   EXPECT_EQ(modeOf(folder_ / "fifo"), 0640u);
   EXPECT_EQ(raisedBy([&] { Ops::makeFifo(folder_ / "fifo", Access(0640)); }),
             (Raised{"kes::FsError", EEXIST, folder_ / "fifo", site, "makeFifo"}));
-  walk("mkfifo", {{ENOENT, "kes::FsError"}, {EACCES, "kes::FsError"}, {EROFS, "kes::FsError"}}, "/new/fifo",
-       "makeFifo", [] { Ops::makeFifo("/new/fifo", Access(0600)); });
+  walk(Call::mkfifo, {{ENOENT, "kes::FsError"}, {EACCES, "kes::FsError"}, {EROFS, "kes::FsError"}},
+       "/new/fifo", "makeFifo", [] { Ops::makeFifo("/new/fifo", Access(0600)); });
 }
 
 TEST_F(OpsTest, ATemporaryDirectoryWithABareNameLiesInTheTemporaryDirectory) {
@@ -332,7 +331,7 @@ TEST_F(OpsTest, AFailingTemporaryDirectoryNamesItsTemplate) {
   EXPECT_EQ(raisedBy([&] { Ops::tempdir(name); }),
             (Raised{"kes::FsError", ENOENT, "/absent/dir/jobXXXXXX", site, "tempdir"}));
   EXPECT_EQ(name, "/absent/dir/job");
-  walk("mkdtemp", {{EACCES, "kes::FsError"}, {EEXIST, "kes::FsError"}, {EROFS, "kes::FsError"}},
+  walk(Call::mkdtemp, {{EACCES, "kes::FsError"}, {EEXIST, "kes::FsError"}, {EROFS, "kes::FsError"}},
        "/absent/dir/jobXXXXXX", "tempdir", [&] { Ops::tempdir(name); });
 }
 
@@ -356,12 +355,12 @@ TEST_F(OpsTest, RightsAreChangedByPathAndByDescriptor) {
 
 TEST_F(OpsTest, TheErrorsOfRightsDependOnTheForm) {
   for (const int errnum : {EPERM, EACCES, ENOENT, EROFS}) {
-    const Failing failing("chmod", errnum);
+    const Refuse failing(Call::chmod, errnum);
     EXPECT_EQ(raisedBy([&] { Ops::setAccess("/a/b", Access(0600)); }),
               (Raised{"kes::FsError", errnum, "/a/b", site, "setAccessPriv"}));
   }
   for (const int errnum : {EPERM, EBADF, EROFS}) {
-    const Failing failing("fchmod", errnum);
+    const Refuse failing(Call::fchmod, errnum);
     EXPECT_EQ(raisedBy([&] { Ops::setAccess(7, Access(0600)); }),
               (Raised{"kes::OsError", errnum, "", site, "setAccessPriv"}));
   }
@@ -374,7 +373,7 @@ TEST_F(OpsTest, OwnershipFollowsTheRightsWhereItIsGiven) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   const unsigned user = ::geteuid(), unset = Access::Unchanged;
   const auto calls = [](const std::function<void()>& run) {
-    const test::Trace trace;
+    const test::CallTrace trace;
     run();
     return trace.calls();
   };
@@ -444,7 +443,7 @@ TEST_F(OpsTest, ANullPathCountsAsTheEmptyOne) {
 TEST_F(OpsTest, EveryOperationMakesTheCallsItIsMadeOf) {
   const std::string plain = file("file"), dir = directory("dir"), name = link("link", "file");
   const auto calls = [](const std::function<void()>& run) {
-    const test::Trace trace;
+    const test::CallTrace trace;
     run();
     return trace.calls();
   };

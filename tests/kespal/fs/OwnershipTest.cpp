@@ -9,7 +9,7 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
@@ -145,7 +145,7 @@ TEST_F(RootOwnershipTest, BitsThatTheSystemLeavesAloneStayThoughNobodyAskedForTh
 
 TEST_F(RootOwnershipTest, SetIdBitsThatCannotBeSetAgainAreAnError) {
   setMode(04755);
-  const test::Failing failing("chmod", EROFS);
+  const test::Refuse failing(test::Call::chmod, EROFS);
   try {
     setOwnership(file_.c_str(), -1, Access(7, 8, 04755));
     ADD_FAILURE() << "changed";

@@ -7,11 +7,12 @@
 #include <iostream>
 
 #include "kespal/error/FsError.h"
+#include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
 #include "support/ForkedChild.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/TempDir.h"
 
 // What a Path asks the system. Tests that change the working directory do so in a forked child.

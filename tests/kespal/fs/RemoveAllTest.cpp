@@ -8,8 +8,9 @@
 #include <thread>
 
 #include "kespal/error/FsError.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Tree.h"
+#include "kespal/fs/UnknownTypes.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -22,11 +23,14 @@ namespace {
 
 using test::asNobody;
 using test::Before;
-using test::Failing;
+using test::Call;
 using test::inChild;
+using test::Instead;
 using test::isThere;
 using test::raisedBy;
 using test::readFile;
+using test::real;
+using test::Refuse;
 using test::TempDir;
 using test::writeFile;
 
@@ -132,7 +136,7 @@ TEST_F(RemoveAllTest, ALinkThatTakesTheDirectorysPlaceJustBeforeItIsEnteredIsRem
   for (const char* name : {"/a", ""}) {
     removeAll((dir / "aside").c_str());
     make();
-    const Before before("openat", putLink, tree + name);
+    const Before before(Call::openat, [this, name] { putLink(tree + name); });
     raisedBy([&] { removeAll(tree.c_str()); });
     expectPrecious();
   }
@@ -156,10 +160,17 @@ TEST_F(RemoveAllTest, NothingOutsideIsTouchedWhileSomebodySwapsDirectoriesForLin
   expectPrecious();
 }
 
+/// Runs something before the first directory is removed.
+struct BeforeRmdir : Instead<Call::unlinkat> {
+  explicit BeforeRmdir(std::function<void()> play)
+      : Instead([play = std::move(play), isOver = false](int folder, const char* name, int flags) mutable {
+          if ((flags & AT_REMOVEDIR) != 0 && !std::exchange(isOver, true)) play();
+          return real<Call::unlinkat>(folder, name, flags);
+        }) {}
+};
+
 TEST_F(RemoveAllTest, ADirectoryThatIsFilledMeanwhileIsAnErrorWithItsPath) {
-  const Before before(
-      "unlinkat of a directory", [](const std::string& path) { writeFile(path, "late"); },
-      tree + "/a/b/late");
+  const BeforeRmdir before([this] { writeFile(tree + "/a/b/late", "late"); });
   const auto raised = raisedBy([&] { removeAll(tree.c_str()); });
   EXPECT_EQ(raised.type, "kes::FsError");
   EXPECT_EQ(raised.errnum, ENOTEMPTY);
@@ -167,24 +178,24 @@ TEST_F(RemoveAllTest, ADirectoryThatIsFilledMeanwhileIsAnErrorWithItsPath) {
 }
 
 TEST_F(RemoveAllTest, WhatSomebodyElseRemovesFirstIsNoError) {
-  const Before before(
-      "unlinkat of a directory", [](const std::string& path) { ::rmdir(path.c_str()); }, tree + "/a/b");
+  const BeforeRmdir before([this] { ::rmdir((tree + "/a/b").c_str()); });
   EXPECT_EQ(removeAll(tree.c_str()), 5U);
   EXPECT_FALSE(isThere(tree));
 }
 
 TEST_F(RemoveAllTest, EveryCallThatFailsIsAnErrorWithThePathOfTheEntry) {
   const auto before = test::openDescriptors();
-  for (const char* call : {"openat", "fdopendir", "readdir", "fstat", "unlinkat of a directory"}) {
+  for (const Call call : {Call::openat, Call::fdopendir, Call::readdir, Call::fstat, Call::unlinkat}) {
     make();
-    const Failing failing(call, EIO, 1, 1);
+    const int option = call == Call::unlinkat ? AT_REMOVEDIR : test::Which::any;
+    const Refuse failing(call, EIO, {.skip = 1, .times = 1, .option = option});
     const auto raised = raisedBy([&] { removeAll(tree.c_str()); });
-    EXPECT_EQ(raised.type, "kes::FsError") << call;
-    EXPECT_EQ(raised.errnum, EIO) << call;
-    EXPECT_THAT(raised.text, testing::StartsWith(tree)) << call;
+    EXPECT_EQ(raised.type, "kes::FsError") << test::infoOf(call).name;
+    EXPECT_EQ(raised.errnum, EIO) << test::infoOf(call).name;
+    EXPECT_THAT(raised.text, testing::StartsWith(tree)) << test::infoOf(call).name;
   }
   make();
-  const Failing failing("unlinkat", EROFS, 1);
+  const Refuse failing(Call::unlinkat, EROFS, {.skip = 1});
   EXPECT_EQ(raisedBy([&] { removeAll(tree.c_str()); }).errnum, EROFS);
   EXPECT_EQ(test::openDescriptors(), before);
 }

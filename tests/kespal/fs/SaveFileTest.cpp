@@ -13,7 +13,7 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -25,11 +25,12 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::inChild;
 using test::modeOf;
 using test::raisedBy;
 using test::readFile;
+using test::Refuse;
 using test::TempDir;
 using test::writeFile;
 using testing::ElementsAre;
@@ -198,15 +199,15 @@ TEST_F(SaveFileTest, WhatIsNotCommittedIsGivenUp) {
 TEST_F(SaveFileTest, EveryCallThatFailsLeavesTheOldFileAndNothingElse) {
   writeFile(path, "old");
   const auto before = test::openDescriptors();
-  for (const char* call :
-       {"openat", "open", "fstatat", "write", "fchown", "fchmod", "fsync", "close", "renameat"}) {
-    const Failing failing(call, EIO, 0, 1);
+  for (const Call call : {Call::openat, Call::open, Call::fstatat, Call::write, Call::fchown, Call::fchmod,
+                          Call::fsync, Call::close, Call::renameat}) {
+    const Refuse failing(call, EIO, test::once);
     const auto raised = raisedBy([&] { save(path, "new"); });
-    EXPECT_EQ(raised.type, "kes::FsError") << call;
-    EXPECT_EQ(raised.errnum, EIO) << call;
-    EXPECT_EQ(raised.text, path) << call;
-    EXPECT_EQ(readFile(path), "old") << call;
-    EXPECT_THAT(namesIn(dir.path()), ElementsAre("settings")) << call;
+    EXPECT_EQ(raised.type, "kes::FsError") << test::infoOf(call).name;
+    EXPECT_EQ(raised.errnum, EIO) << test::infoOf(call).name;
+    EXPECT_EQ(raised.text, path) << test::infoOf(call).name;
+    EXPECT_EQ(readFile(path), "old") << test::infoOf(call).name;
+    EXPECT_THAT(namesIn(dir.path()), ElementsAre("settings")) << test::infoOf(call).name;
   }
   EXPECT_EQ(test::openDescriptors(), before);
 }
@@ -214,17 +215,17 @@ TEST_F(SaveFileTest, EveryCallThatFailsLeavesTheOldFileAndNothingElse) {
 TEST_F(SaveFileTest, ADirectoryThatDoesNotReachTheDeviceIsAnErrorOfAFileThatIsReplaced) {
   writeFile(path, "old");
   {
-    const Failing failing("fsync", EIO, 1, 1);
+    const Refuse failing(Call::fsync, EIO, test::nth(2));
     EXPECT_EQ(raisedBy([&] { save(path, "new"); }).errnum, EIO);
   }
   EXPECT_EQ(readFile(path), "new");
-  const Failing failing("fsync", EINVAL, 1, 1);
+  const Refuse failing(Call::fsync, EINVAL, test::nth(2));
   save(path, "newer");  // of the kind that cannot be brought there
   EXPECT_EQ(readFile(path), "newer");
 }
 
 TEST_F(SaveFileTest, FileThenNameThenDirectoryIsTheOrderOfItsCalls) {
-  const test::Trace trace;
+  const test::CallTrace trace;
   save(path, "new");
   const auto calls = trace.calls();
   const auto at = [&](const char* call, std::size_t from = 0) {
@@ -238,8 +239,8 @@ TEST_F(SaveFileTest, FileThenNameThenDirectoryIsTheOrderOfItsCalls) {
 }
 
 TEST_F(SaveFileTest, InterruptedAndShortWritesAreContinued) {
-  const test::ShortWrites shortWrites(3);
-  const Failing failing("write", EINTR, 1, 2);
+  const test::Shorten shortWrites(Call::write, 3);
+  const Refuse failing(Call::write, EINTR, {.skip = 1, .times = 2});
   save(path, "a longer content");
   EXPECT_EQ(readFile(path), "a longer content");
 }

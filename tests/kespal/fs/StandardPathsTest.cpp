@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <map>
 
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
@@ -124,7 +124,7 @@ TEST_F(StandardPathsTest, TheConfigurationIsReadWhereItsVariableSays) {
 /// What a program started while the configuration is read would inherit.
 std::size_t inherited = 0;
 
-void countInheritable(const std::string&) {
+void countInheritable() {
   for (const std::string& descriptor : test::openDescriptors()) {
     if (!test::isCloseOnExec(std::stoi(descriptor)) && std::stoi(descriptor) > 2) ++inherited;
   }
@@ -136,11 +136,11 @@ TEST_F(StandardPathsTest, TheConfigurationIsReadThroughADescriptorThatNoProgramI
   const auto child = inChild([&] {
     ::clearenv();
     ::setenv("HOME", home_.c_str(), 1);
-    countInheritable("");
+    countInheritable();
     const std::size_t before = std::exchange(inherited, 0);
-    const test::Before whileReading("read", countInheritable, "");
+    const test::Before whileReading(test::Call::read, countInheritable);
     std::cout << StandardPaths::documentsDir() << ' ' << (inherited == before ? "none" : "some") << ' ';
-    const test::Trace trace;
+    const test::CallTrace trace;
     StandardPaths::documentsDir();
     const auto calls = trace.calls();
     return std::count(calls.begin(), calls.end(), "read") > 0 ? 0 : 1;

@@ -11,7 +11,7 @@
 #include <chrono>
 #include <thread>
 
-#include "kespal/fs/FaultyCalls.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
@@ -20,9 +20,10 @@
 namespace kes::fs {
 namespace {
 
-using test::Failing;
+using test::Call;
 using test::Raised;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using ::testing::ElementsAre;
 
@@ -130,10 +131,10 @@ TEST_F(StreamFileTest, FlushingWhatCannotBeSyncedIsFalse) {
 TEST_F(StreamFileTest, AFlushThatFailsOtherwiseIsAnOsError) {
   openWith("content");
   for (const int errnum : {EIO, ENOSPC, EDQUOT, EINTR, EROFS, EBADF, ENOTSUP}) {
-    const Failing failing("fsync", errnum);
+    const Refuse failing(Call::fsync, errnum);
     EXPECT_EQ(raisedBy([&] { file_.flush(); }), (Raised{"kes::OsError", errnum, "", site, "flush"}));
   }
-  const Failing failing("fsync", EINVAL);
+  const Refuse failing(Call::fsync, EINVAL);
   EXPECT_FALSE(file_.flush());
 }
 
@@ -146,7 +147,7 @@ TEST_F(StreamFileTest, EveryErrnoOfReadingHasItsClass) {
   const Row table[] = {{ESRCH, "kes::NoSuchProcessError"}, {EINTR, "kes::OsError"},  {EIO, "kes::OsError"},
                        {EAGAIN, "kes::OsError"},           {EINVAL, "kes::OsError"}, {12345, "kes::OsError"}};
   for (const Row& row : table) {
-    const Failing failing("read", row.errnum);
+    const Refuse failing(Call::read, row.errnum);
     EXPECT_EQ(raisedBy([&] { readUpTo(1); }), (Raised{row.type, row.errnum, "", site, "read"}));
   }
 }
@@ -154,11 +155,11 @@ TEST_F(StreamFileTest, EveryErrnoOfReadingHasItsClass) {
 TEST_F(StreamFileTest, EveryErrnoOfWritingAndSeekingIsAnOsError) {
   openWith("content");
   for (const int errnum : {EINTR, EAGAIN, EPIPE, ENOSPC, EFBIG, EIO, ESRCH}) {
-    const Failing writing("write", errnum);
+    const Refuse writing(Call::write, errnum);
     EXPECT_EQ(raisedBy([&] { file_.write("x", 1); }), (Raised{"kes::OsError", errnum, "", site, "write"}));
   }
   for (const int errnum : {EOVERFLOW, ENXIO, ESRCH}) {
-    const Failing seeking("lseek", errnum);
+    const Refuse seeking(Call::lseek, errnum);
     EXPECT_EQ(raisedBy([&] { file_.seek(0); }), (Raised{"kes::OsError", errnum, "", site, "seek"}));
   }
 }
@@ -255,7 +256,7 @@ TEST_F(StreamFileTest, MoreThanTheSystemTakesAtOnceIsAShortWrite) {
 
 TEST_F(StreamFileTest, EveryOperationIsOneSystemCall) {
   openWith("content");
-  const test::Trace trace;
+  const test::CallTrace trace;
   readUpTo(3);
   file_.write("x", 1);
   file_.seek(0);

@@ -11,8 +11,8 @@
 #include <stdexcept>
 
 #include "kespal/error/FsError.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Tree.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -25,12 +25,13 @@ namespace {
 
 using test::asNobody;
 using test::Before;
-using test::Failing;
+using test::Call;
 using test::inChild;
 using test::isThere;
 using test::modeOf;
 using test::raisedBy;
 using test::readFile;
+using test::Refuse;
 using test::statusOf;
 using test::TempDir;
 using test::writeFile;
@@ -153,7 +154,7 @@ TEST_F(TreeCopierTest, NamesOfOneFileBecomeNamesOfOneCopy) {
 
 TEST_F(TreeCopierTest, WhereOneMoreNameIsImpossibleThereIsOneMoreCopy) {
   ASSERT_EQ(::link((from + "/1").c_str(), (from + "/a/again").c_str()), 0);
-  const Failing failing("linkat", EMLINK);
+  const Refuse failing(Call::linkat, EMLINK);
   EXPECT_TRUE(copy());
   EXPECT_EQ(readFile(to + "/a/again"), "content of /1");
   EXPECT_EQ(readFile(to + "/1"), "content of /1");
@@ -177,7 +178,7 @@ TEST_F(TreeCopierTest, AFileOnASystemThatKnowsNoHolesIsCopiedWhole) {
   std::string content(300'000, 'x');
   content.replace(1000, 100'000, std::string(100'000, '\0'));
   writeFile(from + "/1", content);
-  const Failing failing("lseek", EINVAL);
+  const Refuse failing(Call::lseek, EINVAL);
   EXPECT_TRUE(copy());
   EXPECT_EQ(readFile(to + "/1"), content);
 }
@@ -190,8 +191,8 @@ TEST_F(TreeCopierTest, AFileWhoseSizeTheSystemDoesNotTellIsCopiedToItsEnd) {
 TEST_F(TreeCopierTest, ShortWritesAndInterruptedCallsAreContinued) {
   const std::string content(1000, 'x');
   writeFile(from + "/1", content + "end");
-  const test::ShortWrites shortWrites(7);
-  const Failing failing("pread", EINTR, 0, 2);
+  const test::Shorten shortWrites(Call::pwrite, 7);
+  const Refuse failing(Call::pread, EINTR, {.times = 2});
   EXPECT_TRUE(copy());
   EXPECT_EQ(readFile(to + "/1"), content + "end");
 }
@@ -229,11 +230,11 @@ TEST_F(TreeCopierTest, WithOverwriteDirectoriesAreMergedAndFilesAndLinksReplaced
 TEST_F(TreeCopierTest, WhatIsReplacedStaysUntilItsReplacementIsWhole) {
   writeFile(dir / "one", "old");
   TreeCopier mirror(Flags::OVERWRITE);
-  for (const char* call : {"pread", "pwrite", "fchmod", "futimens", "renameat"}) {
-    const Failing failing(call, EIO, 0, 1);
+  for (const Call call : {Call::pread, Call::pwrite, Call::fchmod, Call::futimens, Call::renameat}) {
+    const Refuse failing(call, EIO, test::once);
     EXPECT_EQ(raisedBy([&] { mirror.copy((from + "/1").c_str(), (dir / "one").c_str()); }).errnum, EIO)
-        << call;
-    EXPECT_EQ(readFile(dir / "one"), "old") << call;
+        << test::infoOf(call).name;
+    EXPECT_EQ(readFile(dir / "one"), "old") << test::infoOf(call).name;
   }
   EXPECT_THAT(namesBelow(dir.path()), testing::SizeIs(8));
 }
@@ -286,17 +287,18 @@ TEST_F(TreeCopierTest, AMissingSourceAndAMissingDirectoryOfTheTargetAreNamed) {
 TEST_F(TreeCopierTest, EveryCallThatFailsIsAnErrorWithAPathAndLeavesNoFileInPart) {
   ASSERT_EQ(::symlink("1", (from + "/link").c_str()), 0);
   const auto before = test::openDescriptors();
-  for (const char* call : {"fstatat", "openat", "fstat", "readdir", "mkdirat", "pread", "pwrite", "symlinkat",
-                           "ftruncate", "fchown", "fchmod", "futimens", "utimensat"}) {
-    const Failing failing(call, EIO, 0, 1);
+  for (const Call call :
+       {Call::fstatat, Call::openat, Call::fstat, Call::readdir, Call::mkdirat, Call::pread, Call::pwrite,
+        Call::symlinkat, Call::ftruncate, Call::fchown, Call::fchmod, Call::futimens, Call::utimensat}) {
+    const Refuse failing(call, EIO, test::once);
     const auto raised = raisedBy([&] { copy(); });
-    EXPECT_EQ(raised.type, "kes::FsError") << call;
-    EXPECT_EQ(raised.errnum, EIO) << call;
-    EXPECT_THAT(raised.text, testing::StartsWith(dir.path())) << call;
+    EXPECT_EQ(raised.type, "kes::FsError") << test::infoOf(call).name;
+    EXPECT_EQ(raised.errnum, EIO) << test::infoOf(call).name;
+    EXPECT_THAT(raised.text, testing::StartsWith(dir.path())) << test::infoOf(call).name;
     if (isThere(to)) {
       for (const std::string& name : namesBelow(to)) {
         if (S_ISREG(statusOf(to + '/' + name).st_mode)) {
-          EXPECT_EQ(readFile(to + '/' + name), readFile(from + '/' + name)) << call;
+          EXPECT_EQ(readFile(to + '/' + name), readFile(from + '/' + name)) << test::infoOf(call).name;
         }
       }
     }
@@ -306,7 +308,7 @@ TEST_F(TreeCopierTest, EveryCallThatFailsIsAnErrorWithAPathAndLeavesNoFileInPart
 }
 
 TEST_F(TreeCopierTest, ACopyThatIsLostWhenItIsClosedIsAnErrorWithItsPath) {
-  const Failing failing("close", ENOSPC, 0, 1);
+  const Refuse failing(Call::close, ENOSPC, test::once);
   const auto raised = raisedBy([&] { copier.copy((from + "/1").c_str(), to.c_str()); });
   EXPECT_EQ(raised.type, "kes::FsError");
   EXPECT_EQ(raised.errnum, ENOSPC);
@@ -317,7 +319,7 @@ TEST_F(TreeCopierTest, ACopyThatIsLostWhenItIsClosedIsAnErrorWithItsPath) {
 TEST_F(TreeCopierTest, AHandlerThatPassesOverEveryErrorGetsTheRestOfTheTree) {
   std::size_t errors = 0;
   copier.onError([&errors](const Exception&) { return ++errors, true; });
-  const Failing failing("openat", EACCES, 3, 1);
+  const Refuse failing(Call::openat, EACCES, test::nth(4));
   EXPECT_TRUE(copy());
   EXPECT_EQ(errors, 1U);
   EXPECT_GE(namesBelow(to).size(), 3U);
@@ -360,13 +362,10 @@ TEST_F(TreeCopierTest, WhatAHandlerThrowsComesOutAndNoFileIsLeftInPart) {
 
 TEST_F(TreeCopierTest, ALinkThatTakesTheFilesPlaceMeanwhileIsNotFollowed) {
   writeFile(dir / "secret", "secret");
-  const Before before(
-      "openat",
-      [](const std::string& path) {
-        ::unlink(path.c_str());
-        static_cast<void>(::symlink("../secret", path.c_str()) == 0);
-      },
-      from + "/1");
+  const Before before(Call::openat, [path = from + "/1"] {
+    ::unlink(path.c_str());
+    static_cast<void>(::symlink("../secret", path.c_str()) == 0);
+  });
   raisedBy([&] { copier.copy((from + "/1").c_str(), to.c_str()); });
   EXPECT_FALSE(isThere(to));
 }

@@ -10,8 +10,9 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
-#include "kespal/fs/FaultyCalls.h"
 #include "kespal/fs/Tree.h"
+#include "kespal/fs/UnknownTypes.h"
+#include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/FileStatus.h"
 #include "support/ForkedChild.h"
@@ -24,9 +25,10 @@ namespace kes::fs {
 namespace {
 
 using test::asNobody;
-using test::Failing;
+using test::Call;
 using test::inChild;
 using test::raisedBy;
+using test::Refuse;
 using test::TempDir;
 using test::writeFile;
 using testing::ElementsAre;
@@ -177,7 +179,7 @@ TEST_F(TreeWalkTest, ADirectoryThatCannotBeEnteredIsAnErrorAndTheWalkGoesOn) {
 TEST_F(TreeWalkTest, ADirectoryThatCannotBeReadIsNamedAndTheWalkGoesOn) {
   TreeWalk walk((dir / "tree").c_str());
   std::size_t entries = 0, errors = 0;
-  const Failing failing("readdir", EIO, 9, 1);  // of "tree" all were read by now
+  const Refuse failing(Call::readdir, EIO, test::nth(10));  // of "tree" all were read by now
   for (bool goesOn = true; goesOn;) {
     const auto raised = raisedBy([&] { goesOn = walk.nextEntry(); });
     if (!raised.type.empty()) {

@@ -16,10 +16,9 @@
 #include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/Eventually.h"
-
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 #include "sys/AtEnd.h"
 

@@ -13,16 +13,21 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
-#include <new>
 
 #include "kespal/error/OsError.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/proc/Child.h"
 #include "kespal/signal/Mask.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 #include "support/TempDir.h"
 
 namespace {
+
+using kes::test::Call;
+using kes::test::Instead;
+using kes::test::real;
 
 /// What the children of this process have done, in memory that they share with it.
 struct Counts {
@@ -44,96 +49,89 @@ void noteAllocation() {
   if (isForkedChild()) ++counts().allocations;
 }
 
-}  // namespace
+const Instead<Call::malloc> mallocHere([](std::size_t size) -> void* {
+  noteAllocation();
+  return real<Call::malloc>(size);
+});
 
-extern "C" {
-void* __real_malloc(std::size_t);
-void* __wrap_malloc(std::size_t size) {
+const Instead<Call::calloc> callocHere([](std::size_t count, std::size_t size) -> void* {
   noteAllocation();
-  return __real_malloc(size);
-}
-void* __real_calloc(std::size_t, std::size_t);
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-  noteAllocation();
-  return __real_calloc(count, size);
-}
-void* __real_realloc(void*, std::size_t);
-void* __wrap_realloc(void* memory, std::size_t size) {
-  noteAllocation();
-  return __real_realloc(memory, size);
-}
-void __real_free(void*);
-void __wrap_free(void* memory) {
-  noteAllocation();
-  __real_free(memory);
-}
-int __real_pthread_mutex_lock(pthread_mutex_t*);
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  return real<Call::calloc>(count, size);
+});
+
+const Instead<Call::pthread_mutex_lock> lockHere([](pthread_mutex_t* mutex) {
   if (isForkedChild()) ++counts().locks;
-  return __real_pthread_mutex_lock(mutex);
-}
-int __real___xpg_strerror_r(int, char*, std::size_t);
-int __wrap___xpg_strerror_r(int errnum, char* buffer, std::size_t size) {
+  return real<Call::pthread_mutex_lock>(mutex);
+});
+
+const Instead<Call::__xpg_strerror_r> strerrorHere([](int errnum, char* buffer, std::size_t size) {
   if (isForkedChild()) ++counts().lookUps;
-  if (translation == nullptr) return __real___xpg_strerror_r(errnum, buffer, size);
+  if (translation == nullptr) return real<Call::__xpg_strerror_r>(errnum, buffer, size);
   std::snprintf(buffer, size, "%s", translation);
   return 0;
-}
-int __real_backtrace(void**, int);
-int __wrap_backtrace(void** frames, int size) {
+});
+
+const Instead<Call::backtrace> backtraceHere([](void** frames, int size) {
   if (isForkedChild()) ++counts().lookUps;
-  return __real_backtrace(frames, size);
-}
-int __real_pthread_sigmask(int, const sigset_t*, sigset_t*);
-int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* before) {
+  return real<Call::backtrace>(frames, size);
+});
+
+const Instead<Call::pthread_sigmask> maskHere([](int how, const sigset_t* set, sigset_t* before) {
   const int error = isForkedChild() ? counts().failSigmask.load() : 0;
-  return error != 0 ? error : __real_pthread_sigmask(how, set, before);
-}
-int __real_execve(const char*, char* const*, char* const*);
-int __wrap_execve(const char* path, char* const* arguments, char* const* environment) {
+  return error != 0 ? error : real<Call::pthread_sigmask>(how, set, before);
+});
+
+const Instead<Call::execve> execveHere([](const char* path, char* const* arguments,
+                                          char* const* environment) {
   if (isForkedChild()) ++counts().execs;
-  return __real_execve(path, arguments, environment);
-}
-int __real_execvp(const char*, char* const*);
-int __wrap_execvp(const char* file, char* const* arguments) {
+  return real<Call::execve>(path, arguments, environment);
+});
+
+const Instead<Call::execvp> execvpHere([](const char* file, char* const* arguments) {
   if (isForkedChild()) ++counts().execs;
   if (isForkedChild() && counts().failExec != 0) {
     errno = counts().failExec;
     return -1;
   }
-  return __real_execvp(file, arguments);
-}
-int __real_setpgid(pid_t, pid_t);
-int __wrap_setpgid(pid_t process, pid_t group) {
+  return real<Call::execvp>(file, arguments);
+});
+
+const Instead<Call::setpgid> setpgidHere([](pid_t process, pid_t group) {
   if (isForkedChild() && counts().failSetpgid != 0) {
     errno = counts().failSetpgid;
     return -1;
   }
-  return __real_setpgid(process, group);
-}
-int __real_clone(int (*)(void*), void*, int, void*, ...);
-int __wrap_clone(int (*body)(void*), void* stack, int flags, void* argument, ...) {
+  return real<Call::setpgid>(process, group);
+});
+
+const Instead<Call::clone> cloneHere([](int (*body)(void*), void* stack, int flags, void* argument,
+                                        void* more) {
   errno = counts().failClone;
-  return errno != 0 ? -1 : __real_clone(body, stack, flags, argument);
-}
-int __real_dup2(int, int);
-int __wrap_dup2(int from, int to) {
+  return errno != 0 ? -1 : real<Call::clone>(body, stack, flags, argument, more);
+});
+
+const Instead<Call::dup2> dup2Here([](int from, int to) {
   if (isForkedChild() && counts().failDup2 != 0) {
     errno = counts().failDup2;
     return -1;
   }
-  return __real_dup2(from, to);
-}
-}
+  return real<Call::dup2>(from, to);
+});
 
-// Not inlined: compilers would complain of memory that malloc gave and delete takes.
-[[gnu::noinline]] void* operator new(std::size_t size) {
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+extern "C" void* __real_realloc(void* memory, std::size_t size);
+extern "C" void* __wrap_realloc(void* memory, std::size_t size) {
   noteAllocation();
-  if (void* memory = __real_malloc(size)) return memory;
-  throw std::bad_alloc();
+  return __real_realloc(memory, size);
 }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { __wrap_free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { __wrap_free(memory); }
+extern "C" void __real_free(void* memory);
+extern "C" void __wrap_free(void* memory) {
+  noteAllocation();
+  __real_free(memory);
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kes::proc {
 namespace {
@@ -143,6 +141,10 @@ class ForkWindowTest : public testing::Test {
   void SetUp() override {
     counts().allocations = counts().locks = counts().execs = 0;
     letEverythingSucceed();
+    test::NoMemory::ask([] {
+      noteAllocation();
+      return false;
+    });
     Child::init();
     g_watched = ::getpid();
   }

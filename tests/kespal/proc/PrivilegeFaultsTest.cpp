@@ -4,22 +4,24 @@
 #include <cerrno>
 
 #include "kespal/proc/Identities.h"
-#include "support/FaultyIds.h"
+#include "support/Calls.h"
 
 namespace kes::proc {
 namespace {
 
-using test::faultyIds;
+using test::Call;
+using test::once;
+using test::Refuse;
 
 struct FailedCall {
-  const char* call;
+  Call call;
   int nth;           ///< which of the calls of this name fails
   const char* site;  ///< the function that reports it
   const char* inForce;
 };
 
 void PrintTo(const FailedCall& failed, std::ostream* stream) {
-  *stream << failed.call << " number " << failed.nth;
+  *stream << test::infoOf(failed.call).name << " number " << failed.nth;
 }
 
 /// Nobody and nogroup are N and G.
@@ -36,7 +38,7 @@ TEST_P(PermanentChangeTest, LeavesInForceWhatItHadDoneWhenACallFails) {
   if (::geteuid() != root) GTEST_SKIP() << "only root can change its identity";
   const FailedCall failed = GetParam();
   EXPECT_EQ(asRoot([&](Privilege& p) {
-              faultyIds() = {.call = failed.call, .nth = failed.nth, .code = EAGAIN};
+              const Refuse failing(failed.call, EAGAIN, test::nth(failed.nth));
               attempt([&] { p.changePrivilege(ids(nobody(), nogroup()), true, true); });
             }),
             refused(failed.site, EAGAIN) + " -> " + filledIn(failed.inForce) + '\n');
@@ -44,15 +46,15 @@ TEST_P(PermanentChangeTest, LeavesInForceWhatItHadDoneWhenACallFails) {
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, PermanentChangeTest,
-    testing::Values(FailedCall{"getgroups", 1, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"getgroups", 2, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"setgroups", 1, "setSupplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"setegid", 1, "changePrivilegeIds", "0 0 0/0 0 0/"},
-                    FailedCall{"setgid", 1, "changePrivilegeIds", "0 0 0/0 G 0/"},
-                    FailedCall{"seteuid", 1, "changePrivilegeIds", "0 0 0/G G G/"},
-                    FailedCall{"setuid", 1, "changePrivilegeIds", "0 N 0/G G G/"},
-                    FailedCall{"seteuid", 2, "changePrivilegeIds", "0 N 0/G G G/"},
-                    FailedCall{"setuid", 2, "changePrivilegeIds", "0 N 0/G G G/"}));
+    testing::Values(FailedCall{Call::getgroups, 1, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::getgroups, 2, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::setgroups, 1, "setSupplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::setegid, 1, "changePrivilegeIds", "0 0 0/0 0 0/"},
+                    FailedCall{Call::setgid, 1, "changePrivilegeIds", "0 0 0/0 G 0/"},
+                    FailedCall{Call::seteuid, 1, "changePrivilegeIds", "0 0 0/G G G/"},
+                    FailedCall{Call::setuid, 1, "changePrivilegeIds", "0 N 0/G G G/"},
+                    FailedCall{Call::seteuid, 2, "changePrivilegeIds", "0 N 0/G G G/"},
+                    FailedCall{Call::setuid, 2, "changePrivilegeIds", "0 N 0/G G G/"}));
 
 class ChangeForAWhileTest : public testing::TestWithParam<FailedCall> {};
 
@@ -60,7 +62,7 @@ TEST_P(ChangeForAWhileTest, LeavesInForceWhatItHadDoneWhenACallFails) {
   if (::geteuid() != root) GTEST_SKIP() << "only root can change its identity";
   const FailedCall failed = GetParam();
   EXPECT_EQ(asRoot([&](Privilege& p) {
-              faultyIds() = {.call = failed.call, .nth = failed.nth, .code = EAGAIN};
+              const Refuse failing(failed.call, EAGAIN, test::nth(failed.nth));
               attempt([&] {
                 p.changePrivilege(ids(nobody(), root), false, true);
                 p.restorePrivilege();
@@ -71,17 +73,17 @@ TEST_P(ChangeForAWhileTest, LeavesInForceWhatItHadDoneWhenACallFails) {
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, ChangeForAWhileTest,
-    testing::Values(FailedCall{"getgroups", 1, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"getgroups", 2, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"setgroups", 1, "setSupplementaryGroups", "0 0 0/0 0 0/4 27"},
-                    FailedCall{"seteuid", 1, "changePrivilegeIds", "0 0 0/0 0 0/"},
-                    FailedCall{"seteuid", 2, "changePrivilegeIds", "0 N 0/0 0 0/"},
-                    FailedCall{"setgroups", 2, "setSupplementaryGroups", "0 0 0/0 0 0/"}));
+    testing::Values(FailedCall{Call::getgroups, 1, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::getgroups, 2, "supplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::setgroups, 1, "setSupplementaryGroups", "0 0 0/0 0 0/4 27"},
+                    FailedCall{Call::seteuid, 1, "changePrivilegeIds", "0 0 0/0 0 0/"},
+                    FailedCall{Call::seteuid, 2, "changePrivilegeIds", "0 N 0/0 0 0/"},
+                    FailedCall{Call::setgroups, 2, "setSupplementaryGroups", "0 0 0/0 0 0/"}));
 
 TEST_F(PrivilegeTest, ARestoreThatFailedAtTheUserCanBeRepeated) {
   EXPECT_EQ(asRoot([](Privilege& p) {
               p.changePrivilege(ids(nobody(), root), false, true);
-              faultyIds() = {.call = "seteuid", .nth = 1, .code = EAGAIN};
+              const Refuse failing(Call::seteuid, EAGAIN, once);
               attempt([&] { p.restorePrivilege(); });
               attempt([&] { p.restorePrivilege(); });
             }),
@@ -92,7 +94,7 @@ TEST_F(PrivilegeTest, ARestoreThatFailedAtTheUserCanBeRepeated) {
 TEST_F(PrivilegeTest, ARestoreThatFailedAtTheGroupsKeepsThemForTheNextChange) {
   const std::string output = asRoot([](Privilege& p) {
     p.changePrivilege(ids(nobody(), root), false, true);
-    faultyIds() = {.call = "setgroups", .nth = 1, .code = ENOMEM};
+    const Refuse failing(Call::setgroups, ENOMEM, once);
     attempt([&] { p.restorePrivilege(); });
     attempt([&] { p.restorePrivilege(); });
     p.changePrivilege(ids(nobody(), root), false, false);
@@ -105,16 +107,16 @@ TEST_F(PrivilegeTest, ARestoreThatFailedAtTheGroupsKeepsThemForTheNextChange) {
 
 TEST_F(PrivilegeTest, AChangeThatOnlyPretendsIsFoundOut) {
   EXPECT_EQ(asRoot([](Privilege& p) {
-              faultyIds() = {.call = "seteuid", .nth = 1, .code = 0};
+              const Refuse failing(Call::seteuid, 0, once);
               attempt([&] { p.changePrivilegeIds(ids(nobody(), root), false); });
             }),
             silentlyFailed + " -> 0 0 0/0 0 0/4 27\n");
 }
 
 TEST_F(PrivilegeTest, APermanentChangeThatOnlyPretendsIsFoundOutAndRootIsNotInForce) {
-  for (const int nth : {1, 2}) {
+  for (const int number : {1, 2}) {
     EXPECT_EQ(asRoot([&](Privilege& p) {
-                faultyIds() = {.call = "setuid", .nth = nth, .code = 0};
+                const Refuse failing(Call::setuid, 0, test::nth(number));
                 attempt([&] { p.changePrivilegeIds(ids(nobody(), nogroup()), true); });
               }),
               notPermanent + filledIn(" -> 0 N 0/G G G/4 27\n"));

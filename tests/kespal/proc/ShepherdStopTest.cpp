@@ -20,23 +20,24 @@
 #include "kespal/proc/Child.h"
 #include "kespal/proc/Collecting.h"
 #include "kespal/time/Clock.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::proc {
 namespace {
 
 using namespace std::chrono_literals;
+using test::Call;
 using test::Collecting;
 using test::errorOf;
 using test::eventually;
-using test::forkFails;
 using test::inChild;
-using test::joinError;
-using test::looks;
+using test::made;
+using test::Refuse;
 using test::threadNamed;
 
 TEST(ShepherdStopTest, StoppingTakesNoLongerThanASecondWhileAChildSleepsForAnHour) {
@@ -62,7 +63,7 @@ TEST(ShepherdStopTest, StoppingTakesNoLongerThanASecondWhileAChildSleepsForAnHou
 TEST(ShepherdStopTest, AnErrorOfStoppingIsReportedAndGoesNoFurther) {
   const auto result = inChild([] {
     Collecting collecting;
-    joinError = EINVAL;
+    const Refuse failing(Call::pthread_join, EINVAL, test::once);
     collecting.shepherd.stop();
     return 0;
   });
@@ -74,11 +75,11 @@ TEST(ShepherdStopTest, AnErrorOfStoppingIsReportedAndGoesNoFurther) {
 
 TEST(ShepherdStopTest, StoppingWithoutAForkWaitsForTheNextChildsEnd) {
   const auto result = inChild([] {
-    const int before = looks;
+    const int before = made(Call::waitid);
     Collecting collecting;
     const pid_t pid = collecting.add(std::nullopt);
-    if (!eventually([before] { return looks > before; })) return 2;
-    forkFails = true;
+    if (!eventually([before] { return made(Call::waitid) > before; })) return 2;
+    const Refuse failing(Call::fork, EAGAIN);
     std::thread killer([pid] {
       std::this_thread::sleep_for(50ms);
       ::kill(pid, SIGKILL);
@@ -194,13 +195,13 @@ TEST(ShepherdStopTest, AStopThatIsCancelledGoesOnToItsEndAndLeavesNoZombie) {
     ended.setNotify(&slow);
     ended.create();
     if (!eventually([&slow] { return slow.begun.load(); })) return 2;
-    const int before = test::forks;
+    const int before = made(Call::fork);
     bool over = false;
     std::thread stopper([&over] {
       Child::m_shepherd->stop();
       over = true;
     });
-    if (!eventually([before] { return test::forks > before; })) return 3;
+    if (!eventually([before] { return made(Call::fork) > before; })) return 3;
     ::pthread_cancel(stopper.native_handle());
     slow.hold.open();
     stopper.join();
@@ -319,10 +320,10 @@ TEST(ShepherdStopTest, ACollectorThatWasStoppedCanBeStartedAgainWithTheChildrenT
 
 TEST(ShepherdStopTest, StoppingDoesNotWaitForAChildAlthoughSigchldIsIgnoredAndLeavesItSo) {
   const auto result = inChild([] {
-    const int before = looks;
+    const int before = made(Call::waitid);
     Collecting collecting;
     const pid_t pid = collecting.add(std::nullopt);
-    if (!eventually([before] { return looks > before; })) return 2;
+    if (!eventually([before] { return made(Call::waitid) > before; })) return 2;
     ::signal(SIGCHLD, SIG_IGN);
     auto stopped = std::async(std::launch::async, [&] { collecting.shepherd.stop(); });
     const bool inTime = stopped.wait_for(120s) == std::future_status::ready;

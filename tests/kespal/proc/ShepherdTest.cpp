@@ -21,26 +21,28 @@
 #include "kespal/proc/Child.h"
 #include "kespal/proc/Collecting.h"
 #include "kespal/time/Clock.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
 #include "support/NoMemory.h"
-#include "support/RaisedAs.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::proc {
 namespace {
 
 using namespace std::chrono_literals;
-using test::childlessLooks;
+using test::Call;
 using test::Collecting;
 using test::errorOf;
 using test::eventually;
-using test::forkFails;
 using test::inChild;
-using test::threadError;
+using test::Instead;
+using test::made;
+using test::real;
+using test::Refuse;
 using test::threadNamed;
-using test::waitFailures;
 using time::Milliseconds;
 
 std::string siteOf(const std::function<void()>& operation) {
@@ -50,20 +52,6 @@ std::string siteOf(const std::function<void()>& operation) {
     return std::string(error.file()) + ':' + std::to_string(error.line()) + ' ' + error.function();
   }
   return "nothing was raised";
-}
-
-/// How often a thread of this process gave up the processor by itself; -1 while it runs or is about to.
-long sleepsOf(std::uint64_t thread) {
-  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
-  for (std::string word; status >> word;) {
-    if (word == "State:" && status >> word && word != "S") return -1;
-    if (word == "voluntary_ctxt_switches:") {
-      long count = 0;
-      status >> count;
-      return count;
-    }
-  }
-  return -1;
 }
 
 TEST(ShepherdTest, AStatusIsKeptUntilSomebodyCollectsItAndForgottenThen) {
@@ -101,22 +89,24 @@ TEST(ShepherdTest, ItsThreadHasAName) {
   EXPECT_NE(threadNamed("process collect"), 0U);
 }
 
-TEST(ShepherdTest, AnIdleCollectorDoesNotWakeUpWithinASecond) {
+TEST(ShepherdTest, AnIdleCollectorDoesNotWakeUpByItself) {
+  // It sits in a wait without a limit, which nobody ends: there is no other reason to wake up.
+  std::atomic<int> waiting{0};
+  const Instead<Call::pthread_cond_wait> pausing(
+      [&waiting, test = ::pthread_self()](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+        const int another = ::pthread_equal(test, ::pthread_self()) != 0 ? 0 : 1;
+        waiting += another;
+        const int result = real<Call::pthread_cond_wait>(condition, mutex);
+        waiting -= another;
+        return result;
+      });
+  const int timedWaits = made(Call::pthread_cond_timedwait);
   Collecting collecting;
   const pid_t pid = collecting.add(0);
   int status = 0;
   ASSERT_TRUE(collecting.shepherd.wait(pid, status, nullptr));
-  const std::uint64_t thread = threadNamed("process collect");
-  ASSERT_NE(thread, 0U);
-  // It is on its way to the pause when it has handed the status over.
-  long before = -1;
-  for (long now = sleepsOf(thread); now == -1 || now != before; now = sleepsOf(thread)) {
-    before = now;
-    std::this_thread::sleep_for(100ms);
-  }
-  // Shows that it does not look every now and then, as far as that is more often than once a second.
-  std::this_thread::sleep_for(1s);
-  EXPECT_EQ(sleepsOf(thread), before);
+  EXPECT_TRUE(eventually([&waiting] { return waiting == 1; }));
+  EXPECT_EQ(made(Call::pthread_cond_timedwait), timedWaits);
 }
 
 TEST(ShepherdTest, ANewChildResumesAPausedCollector) {
@@ -129,11 +119,39 @@ TEST(ShepherdTest, ANewChildResumesAPausedCollector) {
   }
 }
 
+/// Holds the next thread up at its start.
+class HeldStart : Instead<Call::pthread_create> {
+ public:
+  explicit HeldStart(const test::Gate& gate)
+      : Instead([this, &gate](pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                              void* argument) {
+          if (start_ != nullptr) return real<Call::pthread_create>(thread, attributes, start, argument);
+          gate_ = &gate;
+          start_ = start;
+          argument_ = argument;
+          return real<Call::pthread_create>(thread, attributes, &HeldStart::startBehindGate,
+                                            static_cast<void*>(this));
+        }) {}
+
+ private:
+  static void* startBehindGate(void* held) {
+    const auto& self = *static_cast<const HeldStart*>(held);
+    const auto start = self.start_;
+    void* const argument = self.argument_;
+    self.gate_->pass();
+    return start(argument);
+  }
+
+  const test::Gate* gate_ = nullptr;
+  void* (*start_)(void*) = nullptr;
+  void* argument_ = nullptr;
+};
+
 TEST(ShepherdTest, AThreadMayBeCancelledThatWaitsWhileTheCollectorStarts) {
   KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
   const auto result = inChild([] {
     test::Gate gate;
-    test::startGate = &gate;
+    const HeldStart held(gate);
     Child child({"/bin/true"});
     child.create();
     const auto wait = [](void* awaited) -> void* {
@@ -181,18 +199,19 @@ pid_t endedChild(int code) {
 TEST(ShepherdTest, ChildrenThatEndedTogetherAreCollectedAfterOneLook) {
   Collecting collecting;
   std::vector<pid_t> pids;
+  int looks = 0;
   {
     const Shepherd::Guard guard(collecting.shepherd.condition());
     for (int code = 0; code < 10; ++code) pids.push_back(endedChild(code));
     for (const pid_t pid : pids) collecting.shepherd.addNoLock(pid, nullptr);
-    test::looks = 0;
+    looks = made(Call::waitid);
   }
   for (int code = 0; code < 10; ++code) {
     int status = 0;
     EXPECT_TRUE(collecting.shepherd.wait(pids[static_cast<std::size_t>(code)], status));
     EXPECT_EQ(status, code << 8);
   }
-  EXPECT_EQ(test::looks, 1);
+  EXPECT_EQ(made(Call::waitid) - looks, 1);
 }
 
 TEST(ShepherdTest, NoOthersChildIsCollectedOnceTheLastOfItsOwnIs) {
@@ -212,7 +231,7 @@ TEST(ShepherdTest, NoOthersChildIsCollectedOnceTheLastOfItsOwnIs) {
 
 TEST(ShepherdTest, AWaitThatFailsIsReportedAndTriedAgain) {
   const auto result = inChild([] {
-    waitFailures = {EINTR, EINTR};
+    const Refuse failing(Call::waitid, EINTR, {.times = 2});
     Collecting collecting;
     const pid_t pid = collecting.add(5);
     int status = 0;
@@ -227,7 +246,12 @@ TEST(ShepherdTest, AWaitThatFailsIsReportedAndTriedAgain) {
 
 TEST(ShepherdTest, ChildrenThatAreGoneAreReportedOnceAndWaitedOut) {
   const auto result = inChild([] {
-    const int before = childlessLooks;
+    std::atomic<bool> isChildless{false};
+    const Instead<Call::waitid> looking([&](idtype_t type, id_t id, siginfo_t* info, int options) {
+      const int looked = real<Call::waitid>(type, id, info, options);
+      if (looked == -1 && errno == ECHILD) isChildless = true;
+      return looked;
+    });
     Collecting collecting;
     const pid_t stolen = collecting.add(std::nullopt);
     {
@@ -236,7 +260,7 @@ TEST(ShepherdTest, ChildrenThatAreGoneAreReportedOnceAndWaitedOut) {
       ::kill(stolen, SIGKILL);
       ::waitpid(stolen, nullptr, 0);
     }
-    if (!eventually([before] { return childlessLooks > before; })) return 1;
+    if (!eventually([&] { return isChildless.load(); })) return 1;
     // The next child is collected all the same.
     const pid_t pid = collecting.add(6);
     int status = 0;
@@ -251,7 +275,7 @@ TEST(ShepherdTest, ChildrenThatAreGoneAreReportedOnceAndWaitedOut) {
 TEST(ShepherdTest, ACollectorWhoseThreadIsRefusedIsNotKeptAndTheNextChildTriesAgain) {
   const auto result = inChild([] {
     Child child({"/bin/sh", "-c", "exit 5"});
-    threadError = EAGAIN;
+    const Refuse failing(Call::pthread_create, EAGAIN, test::once);
     std::cout << siteOf([&] { child.create(false); }) << ' ' << child.pid() << ' '
               << (Child::m_shepherd == nullptr);
     child.create(false);
@@ -369,26 +393,25 @@ TEST(ShepherdTest, ASigchldThatIsIgnoredWithAnyFlagsIsNoticed) {
 
 TEST(ShepherdTest, WhereNoChildMayShareItsParentsMemoryAPlainForkDoes) {
   for (const int refused : {EPERM, ENOSYS, EINVAL}) {
-    test::cloneError = refused;
-    const int before = test::forks;
+    const Refuse failing(Call::clone, refused);
+    const int before = made(Call::fork);
     Child child({"/bin/sh", "-c", "exit 4"});
     child.create();
     EXPECT_EQ(child.wait().status, 4 << 8);
-    EXPECT_EQ(test::forks, before + 1);
+    EXPECT_EQ(made(Call::fork), before + 1);
   }
-  test::cloneError = 0;
   Child::exit();
 }
 
 TEST(ShepherdTest, AStartThatSucceedsTakesNoPlainFork) {
   KES_SKIP_UNDER_SANITIZERS("cannot watch a child that shares its parent's memory: there it is a plain fork");
-  const int forks = test::forks, clones = test::clones;
+  const int forks = made(Call::fork), clones = made(Call::clone);
   Child child({"true"});
   child.setEnvironment({"A=1"});
   child.create();
   EXPECT_EQ(child.wait().status, 0);
-  EXPECT_EQ(test::forks, forks);
-  EXPECT_EQ(test::clones, clones + 1);
+  EXPECT_EQ(made(Call::fork), forks);
+  EXPECT_EQ(made(Call::clone), clones + 1);
   Child::exit();
 }
 
@@ -416,15 +439,12 @@ TEST(ShepherdTest, AForkThatFailsRaisesOsErrorAndReleasesTheLock) {
   const auto result = inChild([] {
     Child child({"/bin/true"});
     Child::init();
-    forkFails = true;
-    test::cloneError = EAGAIN;
     try {
+      const Refuse noFork(Call::fork, EAGAIN), noClone(Call::clone, EAGAIN);
       child.create(false);
     } catch (const OsError& error) {
       std::cout << error.errnum() << ' ' << error.file() << ':' << error.line() << ' ' << error.function();
     }
-    forkFails = false;
-    test::cloneError = 0;
     child.create(false);
     child.wait(false, {});
     Child::exit();
@@ -441,11 +461,11 @@ TEST(ShepherdTest, WithoutMemoryAStartFailsBeforeAnythingIsForked) {
     child.setEnvironment({"A=1"});
     child.setWorkingDirectory("/");
     refusals = test::starve([&child] {
-      const int before = test::forks + test::clones;
+      const int before = made(Call::fork) + made(Call::clone);
       try {
         child.create();
       } catch (const std::bad_alloc&) {
-        EXPECT_EQ(test::forks + test::clones, before);
+        EXPECT_EQ(made(Call::fork) + made(Call::clone), before);
         EXPECT_EQ(child.pid(), -1);
         throw;
       }

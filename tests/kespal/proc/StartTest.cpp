@@ -22,24 +22,26 @@
 #include <utility>
 
 #include "kespal/proc/Child.h"
-#include "kespal/proc/Collecting.h"
+#include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
-namespace {
-std::atomic<int> heldUp{-1};  ///< what a child waits for at its first dup2(): the end of a pipe
-}
-
-extern "C" int __real_dup2(int, int);
-extern "C" int __wrap_dup2(int from, int to) {  // NOLINT
-  char nothing = 0;
-  if (const int fd = heldUp.exchange(-1); fd != -1) (void)!::read(fd, &nothing, 1);
-  return __real_dup2(from, to);
-}
-
 namespace kes::proc {
 namespace {
+
+using test::Call;
+using test::Instead;
+using test::made;
+using test::real;
+
+std::atomic<int> heldUp{-1};  ///< what a child waits for at its first dup2(): the end of a pipe
+
+const Instead<Call::dup2> dup2Here([](int from, int to) {
+  char nothing = 0;
+  if (const int fd = heldUp.exchange(-1); fd != -1) (void)!::read(fd, &nothing, 1);
+  return real<Call::dup2>(from, to);
+});
 
 /// From now on the system refuses this process and its children the children that share memory.
 bool refuseSharing(int errnum) {
@@ -64,7 +66,7 @@ TEST(StartTest, WhereAFilterRefusesToShareMemoryAPlainForkDoesAllOfIt) {
     const auto result = test::inChild([&] {
       if (!refuseSharing(refused)) return 77;
       const int out = ::open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-      const int before = test::forks;
+      const int before = made(Call::fork);
       Child child({"sh", "-c", "echo $A; pwd; exit 4"}), failing({"/no/such/program"});
       child.setEnvironment({"A=1"});
       child.setWorkingDirectory("/");
@@ -76,7 +78,7 @@ TEST(StartTest, WhereAFilterRefusesToShareMemoryAPlainForkDoesAllOfIt) {
       failing.create();
       const int failure = WEXITSTATUS(failing.wait().status);
       Child::exit();
-      std::cout << code << ' ' << failure << ' ' << isKept << ' ' << test::forks - before;
+      std::cout << code << ' ' << failure << ' ' << isKept << ' ' << made(Call::fork) - before;
       return 0;
     });
     if (result.exitCode() == 77) GTEST_SKIP() << "no filter may be set here";
@@ -99,7 +101,7 @@ TEST(StartTest, AStartWithMoreArgumentsThanTheOneBeforeNeedsNoPlainForkEither) {
   const test::TempDir dir;
   std::list<std::string> arguments(60'000, "x");  // the C library copies them on the stack
   arguments.front() = scriptWithoutFirstLine(dir);
-  const int before = test::forks;
+  const int before = made(Call::fork);
   Child few({"/bin/true"}), many(arguments);
   few.create();
   EXPECT_EQ(few.wait().status, 0);
@@ -107,7 +109,7 @@ TEST(StartTest, AStartWithMoreArgumentsThanTheOneBeforeNeedsNoPlainForkEither) {
   EXPECT_EQ(many.wait().status, 4 << 8);
   few.create();
   EXPECT_EQ(few.wait().status, 0);
-  EXPECT_EQ(test::forks, before);
+  EXPECT_EQ(made(Call::fork), before);
   Child::exit();
 }
 

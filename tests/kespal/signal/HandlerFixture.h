@@ -11,8 +11,8 @@
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
-#include "kespal/thread/ErrorAt.h"
 #include "support/Eventually.h"
+#include "support/Raised.h"
 
 namespace kes::signal {
 
@@ -54,7 +54,7 @@ class HandlerTest : public testing::Test {
 
   /// What a removal raises, whatever the line.
   static test::Raised removing(Handler& handler, int signal, Notifier& notifier) {
-    return test::withoutLine(test::raisedBy([&] { handler.remove(signal, notifier); }));
+    return test::raisedBy([&] { handler.remove(signal, notifier); });
   }
   /// The handler works: a new notifier is told of a signal.
   static void expectDelivery(Handler& handler, int signal) {

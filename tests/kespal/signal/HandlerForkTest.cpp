@@ -100,8 +100,9 @@ TEST_F(HandlerForkTest, TheChildMayStartItAnewAlthoughTheParentsThreadHeldItsLoc
 }
 
 TEST_F(HandlerForkTest, ThereIsNoThreadInTheChildToSendTheManagementSignalTo) {
-  EXPECT_EQ(exitOf([&] { return raisedBy([&] { handler_->sendMgmSig(); }).type == "RuntimeError" ? 0 : 1; }),
-            0);
+  EXPECT_EQ(
+      exitOf([&] { return raisedBy([&] { handler_->sendMgmSig(); }).type == "kes::RuntimeError" ? 0 : 1; }),
+      0);
 }
 
 TEST_F(HandlerForkTest, ANotifierMayFork) {

@@ -5,11 +5,13 @@
 #include <vector>
 
 #include "kespal/ForkPending.h"
+#include "kespal/error/OsError.h"
 #include "kespal/signal/HandlerFixture.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::signal {
@@ -32,7 +34,7 @@ TEST_F(HandlerTest, StartingBlocksTheManagementSignalInTheThreadAndLeavesTheCall
 TEST_F(HandlerTest, AManagementSignalThatCannotBeWaitedForIsRefused) {
   Handler handler;
   for (const int signal : {0, -1, 33, 40, 4711}) {
-    EXPECT_EQ(raisedBy([&] { handler.start(signal); }).type, "UsageError") << signal;
+    EXPECT_EQ(raisedBy([&] { handler.start(signal); }).type, "kes::UsageError") << signal;
   }
   handler.start(SIGUSR1);
   handler.stop();
@@ -43,7 +45,7 @@ TEST_F(HandlerTest, AManagementSignalThatNobodyMayHandleIsRefusedBeforeItEndsThe
     Handler handler;
     int refused = 0;
     for (const int signal : {SIGKILL, SIGSTOP}) {
-      if (raisedBy([&] { handler.start(signal); }).type == "UsageError") ++refused;
+      if (raisedBy([&] { handler.start(signal); }).type == "kes::UsageError") ++refused;
       handler.stop();
     }
     return refused;
@@ -89,7 +91,7 @@ TEST_F(HandlerTest, StartingARunningHandlerIsMisuseAndChangesNothing) {
 TEST_F(HandlerTest, AStartThatFailsLeavesTheHandlerStopped) {
   Handler handler;
   ForkPending::m_pending = true;
-  EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).type, "RuntimeError");
+  EXPECT_EQ(raisedBy([&] { handler.start(SIGUSR1); }).type, "kes::RuntimeError");
   ForkPending::m_pending = false;
   {
     const Refuse fault(Call::pthread_create, EAGAIN, once);
@@ -110,7 +112,7 @@ TEST_F(HandlerTest, AFailureToWakeTheThreadIsRaisedAfterTheChangeWasMade) {
   handler.start(SIGUSR1);
   const auto failing = [&](auto operation) {
     const Refuse fault(Call::pthread_kill, EINVAL, once);
-    return withoutLine(raisedBy(operation));
+    return raisedBy(operation);
   };
   const Raised expected = osError(EINVAL, source, 0, "sendMgmSig");
   EXPECT_EQ(failing([&] { handler.sendMgmSig(); }), expected);
@@ -155,7 +157,7 @@ TEST_F(HandlerTest, AnInterruptedWaitIsNotTheEndOfTheThread) {
 
 TEST_F(HandlerTest, AManagementSignalWithoutAThreadIsRefused) {
   Handler handler;
-  EXPECT_EQ(raisedBy([&] { handler.sendMgmSig(); }).type, "RuntimeError");
+  EXPECT_EQ(raisedBy([&] { handler.sendMgmSig(); }).type, "kes::RuntimeError");
 }
 
 TEST_F(HandlerTest, TheManagementSignalMayBeSentWhileOthersStartAndStopTheThread) {
@@ -166,7 +168,7 @@ TEST_F(HandlerTest, TheManagementSignalMayBeSentWhileOthersStartAndStopTheThread
     senders.emplace_back([&] {
       while (!over) {
         const Raised raised = raisedBy([&] { handler.sendMgmSig(); });
-        EXPECT_TRUE(raised.type.empty() || raised.type == "RuntimeError") << raised.type;
+        EXPECT_TRUE(raised.type.empty() || raised.type == "kes::RuntimeError") << raised.type;
       }
     });
   }

@@ -1,10 +1,10 @@
 // What the handler's thread says about a notifier that throws, whatever stands in its way.
 #include <iostream>
-#include <optional>
 
+#include "kespal/error/OsError.h"
 #include "kespal/signal/HandlerFixture.h"
 #include "support/ForkedChild.h"
-#include "support/NoMemory.h"
+#include "support/Throwing.h"
 
 namespace kes::signal {
 namespace {
@@ -32,18 +32,10 @@ ChildResult whoseNotifier(const std::function<void()>& act) {
   });
 }
 
-struct Speechless : std::exception {
-  const char* what() const noexcept override { return nullptr; }
-};
-
 constexpr const char* unknown = "handle: Got an unknown exception\n";
 
 TEST(HandlerReportTest, AnErrorIsReportedByItsHeadlineWhenMemoryIsOut) {
-  const ChildResult child = whoseNotifier([] {
-    static std::optional<NoMemory> starving;
-    starving.emplace();
-    raiseAt(KES_HERE, OsError(EIO));
-  });
+  const ChildResult child = whoseNotifier([] { throwAndStarve([] { raiseAt(KES_HERE, OsError(EIO)); }); });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
   EXPECT_EQ(child.err, "handle: Got an exception:\n(no memory left for the rest of this report)\n");
 }
@@ -60,14 +52,7 @@ TEST(HandlerReportTest, AStandardExceptionIsAnUnknownOneAlsoWithoutAText) {
 }
 
 TEST(HandlerReportTest, AStreamThatThrowsKeepsNoReportBack) {
-  const ChildResult child = whoseNotifier([] {
-    std::cerr.exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
-    try {
-      std::cerr.setstate(std::ios::badbit);
-    } catch (const std::ios::failure&) {  // as does everything that is written to it
-    }
-    throw 7;
-  });
+  const ChildResult child = whoseNotifier(throwAndSpoilTheStream);
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
   EXPECT_EQ(child.err, unknown);
 }

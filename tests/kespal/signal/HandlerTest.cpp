@@ -9,8 +9,10 @@
 #include <thread>
 
 #include "kespal/error/FsError.h"
+#include "kespal/error/OsError.h"
 #include "kespal/signal/HandlerFixture.h"
 #include "support/Calls.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
@@ -154,9 +156,7 @@ TEST_F(HandlerTest, WhatIsNoSignalOrCannotBeHandledIsRefused) {
   Handler handler;
   Notifier notifier;
   for (const int signal : {0, -1, 65, 4711, SIGKILL, SIGSTOP}) {
-    EXPECT_EQ(withoutLine(raisedBy([&] { handler.add(signal, notifier); })),
-              osError(EINVAL, source, 0, "add"))
-        << signal;
+    EXPECT_EQ(raisedBy([&] { handler.add(signal, notifier); }), osError(EINVAL, source, 0, "add")) << signal;
     EXPECT_EQ(removing(handler, signal, notifier), notRegistered) << signal;
   }
 }
@@ -166,8 +166,7 @@ TEST_F(HandlerTest, ADispositionThatCannotBeSetRegistersNothingAndLeavesTheHandl
   Notifier notifier;
   {
     const Refuse fault(Call::sigaction, EPERM, once);
-    EXPECT_EQ(withoutLine(raisedBy([&] { handler.add(SIGTERM, notifier); })),
-              osError(EPERM, source, 0, "add"));
+    EXPECT_EQ(raisedBy([&] { handler.add(SIGTERM, notifier); }), osError(EPERM, source, 0, "add"));
   }
   EXPECT_EQ(removing(handler, SIGTERM, notifier), notRegistered);
   handler.start(SIGUSR1);

@@ -7,10 +7,11 @@
 #include <cerrno>
 #include <csignal>
 
+#include "kespal/error/OsError.h"
 #include "kespal/signal/Mask.h"
-#include "kespal/thread/ErrorAt.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
+#include "support/Raised.h"
 
 namespace kes::signal {
 namespace {
@@ -36,17 +37,16 @@ TEST(SenderTest, ASignalReachesTheProcess) {
 
 TEST(SenderTest, AProcessThatIsGoneRaisesAnErrorOfItsOwn) {
   const pid_t gone = endedChild();
-  EXPECT_EQ(withoutLine(raisedBy([&] { Sender::signalProc(SIGTERM, gone); })),
-            (Raised{"NoSuchProcessError", std::to_string(ESRCH), source, 0, "signalProc"}));
+  EXPECT_EQ(raisedBy([&] { Sender::signalProc(SIGTERM, gone); }),
+            (Raised{"kes::NoSuchProcessError", ESRCH, "", source, "signalProc"}));
   EXPECT_THROW(Sender::signalProc(SIGTERM, gone), NoSuchProcessError);
   EXPECT_THROW(Sender::signalProc(SIGTERM, gone), OsError);
 }
 
 TEST(SenderTest, EveryOtherFailureIsRaisedWithErrno) {
-  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(4711, ::getpid()); })),
-            osError(EINVAL, source, 0, "signalProc"));
+  EXPECT_EQ(raisedBy([] { Sender::signalProc(4711, ::getpid()); }), osError(EINVAL, source, 0, "signalProc"));
   const Refuse fault(Call::kill, EPERM, once);
-  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalProc(SIGTERM, ::getpid()); })),
+  EXPECT_EQ(raisedBy([] { Sender::signalProc(SIGTERM, ::getpid()); }),
             osError(EPERM, source, 0, "signalProc"));
 }
 
@@ -54,7 +54,7 @@ TEST(SenderTest, AProcessOfAnotherUserCannotBeSignalled) {
   const ChildResult child = asNobody([] {
     const Raised raised = raisedBy([] { Sender::signalProc(0, 1); });
     if (raised.type.empty()) return 77;
-    return raised.type == "OsError" && raised.what == std::to_string(EPERM) ? 0 : 1;
+    return raised.type == "kes::OsError" && raised.errnum == EPERM ? 0 : 1;
   });
   if (child.exitCode() == 77) GTEST_SKIP() << "the first process is this user's own";
   EXPECT_EQ(child.exitCode(), 0);
@@ -72,10 +72,10 @@ TEST(SenderTest, ASignalReachesTheThread) {
 
 TEST(SenderTest, AThreadThatCannotBeSignalledRaisesTheResultCode) {
   errno = ENOENT;
-  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(4711, ::pthread_self()); })),
+  EXPECT_EQ(raisedBy([] { Sender::signalThread(4711, ::pthread_self()); }),
             osError(EINVAL, source, 0, "signalThread"));
   const Refuse fault(Call::pthread_kill, ESRCH, once);
-  EXPECT_EQ(withoutLine(raisedBy([] { Sender::signalThread(SIGTERM, ::pthread_self()); })),
+  EXPECT_EQ(raisedBy([] { Sender::signalThread(SIGTERM, ::pthread_self()); }),
             osError(ESRCH, source, 0, "signalThread"));
 }
 

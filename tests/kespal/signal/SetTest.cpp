@@ -4,9 +4,9 @@
 
 #include "kespal/ForkPending.h"
 #include "kespal/signal/Mask.h"
-#include "kespal/thread/ErrorAt.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
+#include "support/Raised.h"
 
 namespace kes::signal {
 namespace {

@@ -13,12 +13,13 @@
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
 #include "kespal/thread/Condition.h"
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/LockGuard.h"
+#include "kespal/thread/NativeThreads.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {
@@ -344,6 +345,8 @@ TEST_F(CancelTest, ADetachedThreadThatIsKilledBeforeItsGoLeavesNobodyWaiting) {
 }
 
 TEST_F(CancelTest, ACancellationDuringANotificationEndsTheSignalThreadAndNothingElse) {
+  // A thread of an earlier test may be on its way out still, and would take the signal.
+  ASSERT_TRUE(aloneInTheEnd());
   signal::Mask::call({SIGUSR1, SIGTERM}, SIG_BLOCK);
   struct Notifier : signal::Handler::INotify {
     void notify(const int&, const siginfo_t&) override {

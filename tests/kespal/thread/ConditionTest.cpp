@@ -5,9 +5,10 @@
 #include <memory>
 #include <thread>
 
-#include "kespal/thread/ErrorAt.h"
+#include "kespal/error/OsError.h"
 #include "kespal/thread/LockGuard.h"
 #include "support/Calls.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {

@@ -8,11 +8,11 @@
 #include <string>
 
 #include "kespal/thread/CoopThread.h"
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/NativeThreads.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 
 namespace kes::thread {
 namespace {

@@ -7,10 +7,11 @@
 #include <thread>
 #include <vector>
 
-#include "kespal/thread/ErrorAt.h"
+#include "kespal/error/StaticError.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 
 namespace kes::thread {
 namespace {

@@ -8,17 +8,18 @@
 #include <csignal>
 #include <functional>
 #include <iostream>
-#include <memory>
+#include <optional>
 #include <thread>
 
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/NativeThreads.h"
+#include "kespal/thread/Subject.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
 #include "support/NoMemory.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {
@@ -42,61 +43,22 @@ ChildResult inBriefChild(const std::function<int()>& body) {
   });
 }
 
-enum class Life { Buried, Created, Starting, Running, Finished, HeldDetached, RunningDetached };
-
 class ForkTest : public testing::TestWithParam<Life> {
  protected:
   void SetUp() override {
     KES_SKIP_UNDER_THREAD_SANITIZER("does not follow threads that a fork left behind");
-    thread_ = std::make_unique<TestThread>(body_, GetParam() >= Life::HeldDetached);
-    bring();
-  }
-  void TearDown() override {
-    start_.open();
-    body_gate_.open();
-    thread_.reset();
-    EXPECT_TRUE(aloneInTheEnd());
+    subject_.emplace(GetParam());
   }
 
-  Gate start_, body_gate_;
-  std::atomic<int> ran_{0};
-  Body body_ = [this] {
-    ++ran_;
-    body_gate_.pass();
-  };
-  std::unique_ptr<TestThread> thread_;
+  BasicThread& thread() { return subject_->thread(); }
 
- private:
-  void bring() {
-    switch (GetParam()) {
-      case Life::Buried:
-        return;
-      case Life::Created:
-      case Life::HeldDetached:
-        return thread_->create();
-      case Life::Starting:
-        hold_ = std::make_unique<After>(Call::pthread_setname_np, [this] { start_.pass(); });
-        return thread_->run();
-      case Life::Running:
-      case Life::RunningDetached:
-        thread_->run();
-        ASSERT_TRUE(eventually([&] { return ran_ == 1; }));
-        return;
-      case Life::Finished:
-        body_gate_.open();
-        thread_->run();
-        ASSERT_TRUE(eventually([&] { return thread_->state() == BasicThread::FINISHED; }));
-        return;
-    }
-  }
-
-  std::unique_ptr<After> hold_;
+  std::optional<Subject> subject_;
 };
 
 TEST_P(ForkTest, TheObjectCanBeDestroyedInTheChild) {
   const ChildResult child = inBriefChild([&] {
     const NoMemory starving;
-    thread_.reset();
+    subject_->destroy();
     return 0;
   });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
@@ -105,8 +67,8 @@ TEST_P(ForkTest, TheObjectCanBeDestroyedInTheChild) {
 TEST_P(ForkTest, JoiningAndKillingInTheChildWaitForNothingAndRaiseNothing) {
   const ChildResult child = inBriefChild([&] {
     const NoMemory starving;
-    thread_->join();
-    thread_->kill();
+    thread().join();
+    thread().kill();
     return 0;
   });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
@@ -114,14 +76,14 @@ TEST_P(ForkTest, JoiningAndKillingInTheChildWaitForNothingAndRaiseNothing) {
 
 TEST_P(ForkTest, TheThreadIsBuriedInTheChildAndCanBeStartedAnew) {
   const ChildResult child = inBriefChild([&] {
-    start_.open();  // the child's thread may meet the one that the parent's has not passed yet
-    body_gate_.open();
-    ran_ = 0;
-    const bool buried = thread_->state() == BasicThread::BURIED && BasicThread::activeThreads() == 0;
-    thread_->run();
-    if (GetParam() < Life::HeldDetached) thread_->join();
-    const bool ran = eventually([&] { return ran_ == 1 && BasicThread::activeThreads() == 0; });
-    return buried && ran && thread_->name() == "fork" ? 0 : 1;
+    subject_->openAll();  // the child's thread may meet gates that the parent's has not passed yet
+    const int before = subject_->ran();
+    const bool buried = thread().state() == BasicThread::BURIED && BasicThread::activeThreads() == 0;
+    thread().run();
+    if (GetParam() < Life::HeldDetached) thread().join();
+    const bool ran =
+        eventually([&] { return subject_->ran() == before + 1 && BasicThread::activeThreads() == 0; });
+    return buried && ran && thread().name() == "subject" ? 0 : 1;
   });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
 }
@@ -132,15 +94,14 @@ TEST_P(ForkTest, ALockThatNobodyHoldsInTheChildIsNotWaitedFor) {
     held.open();
     release.pass();
   });
-  std::thread holder([&] { thread_->state(); });
+  std::thread holder([&] { thread().state(); });
   held.pass();
   const ChildResult child = inBriefChild([&] {
-    start_.open();  // the child's thread may meet the one that the parent's has not passed yet
-    body_gate_.open();
-    thread_->join();
-    thread_->kill();
-    thread_->run();
-    thread_.reset();
+    subject_->openAll();  // the child's thread may meet gates that the parent's has not passed yet
+    thread().join();
+    thread().kill();
+    thread().run();
+    subject_->destroy();
     return 0;
   });
   release.open();
@@ -171,7 +132,7 @@ TEST(CoopForkTest, ACooperativeThreadIsBuriedInTheChildAndObeysThereOnceItIsStar
   coop.waitPaused();
   const ChildResult child = inBriefChild([&] {
     coop.waitReturned();
-    std::cout << raisedBy([&] { coop.waitPaused(); }).what << ", " << coop.request() << coop.coopState();
+    std::cout << raisedBy([&] { coop.waitPaused(); }).text << ", " << coop.request() << coop.coopState();
     coop.requestPause();
     coop.run();
     coop.waitPaused();
@@ -225,7 +186,7 @@ TEST(CoopForkTest, AThreadThatForksEndsInTheChildAsInTheParent) {
   int status = -1;
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
   EXPECT_EQ(status, 0);  // its only thread has returned
-  EXPECT_EQ(BasicThread::activeThreads(), 0);
+  EXPECT_TRUE(aloneInTheEnd());
 }
 
 TEST(CoopForkTest, ACooperativeThreadThatForksEndsInTheChildAlthoughAnotherHeldItsLock) {
@@ -276,12 +237,12 @@ TEST_P(ForkTest, AChildOfWhichNobodyTellsMayEndTheThreadAsAnyOther) {
   for (const bool destroying : {false, true}) {
     EXPECT_EQ(exitOfSilentChild([&] {
                 if (destroying) {
-                  thread_.reset();
+                  subject_->destroy();
                   return 0;
                 }
-                thread_->join();
-                thread_->kill();
-                return thread_->state() == BasicThread::BURIED ? 0 : 1;
+                thread().join();
+                thread().kill();
+                return thread().state() == BasicThread::BURIED ? 0 : 1;
               }),
               0);
   }

@@ -3,9 +3,9 @@
 #include <cerrno>
 
 #include "kespal/thread/Condition.h"
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Lock.h"
 #include "support/Calls.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {
@@ -14,7 +14,7 @@ namespace {
 using namespace test;
 
 bool isLocked(const Lock& lock) {
-  return raisedBy([&] { lock.lock(); }).type == "OsError" ? true : (lock.unlock(), false);
+  return raisedBy([&] { lock.lock(); }).type == "kes::OsError" ? true : (lock.unlock(), false);
 }
 
 TEST(LockGuardTest, HoldsALockForAScope) {

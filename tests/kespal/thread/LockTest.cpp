@@ -3,9 +3,10 @@
 #include <cerrno>
 #include <thread>
 
-#include "kespal/thread/ErrorAt.h"
+#include "kespal/error/OsError.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 
 namespace kes::thread {

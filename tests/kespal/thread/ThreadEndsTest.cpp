@@ -12,13 +12,15 @@
 #include <thread>
 #include <vector>
 
-#include "kespal/thread/ErrorAt.h"
+#include "kespal/error/OsError.h"
+#include "kespal/error/StaticError.h"
 #include "kespal/thread/NativeThreads.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 #include "sys/AtEnd.h"
 
@@ -193,7 +195,7 @@ TEST(ThreadEndsTest, AThreadWithTheHandleOfOneThatHasEndedIsNotTakenForIt) {
   const Raised nothing;
   EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.join(); }), nothing);
   EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.waitReturned(); }), nothing);
-  EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.pause(); }).what,
+  EXPECT_EQ(raisedByTheNextOwnerOfTheHandle(thread, [&] { thread.pause(); }).text,
             "Pause called from foreign thread");
 }
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "kespal/ForkPending.h"
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Thread.h"
 #include "support/Eventually.h"
+#include "support/Raised.h"
 
 namespace kes::thread {
 namespace {

@@ -2,14 +2,13 @@
 #include <cerrno>
 #include <functional>
 #include <iostream>
-#include <optional>
 #include <stdexcept>
 
 #include "kespal/error/OsError.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
-#include "support/NoMemory.h"
+#include "support/Throwing.h"
 
 namespace kes::thread {
 namespace {
@@ -39,26 +38,14 @@ ChildResult whoseThread(const Body& body) {
 
 const std::string headline = "Thread a name that is too long to be kept without memory (42) died with ";
 
-struct Speechless : std::exception {
-  const char* what() const noexcept override { return nullptr; }
-};
-
 TEST(ThreadReportTest, ALibraryErrorIsReportedByItsHeadlineWhenMemoryIsOut) {
-  const ChildResult child = whoseThread([] {
-    static std::optional<NoMemory> starving;
-    starving.emplace();
-    raiseAt(KES_HERE, OsError(EIO));
-  });
+  const ChildResult child = whoseThread([] { throwAndStarve([] { raiseAt(KES_HERE, OsError(EIO)); }); });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
   EXPECT_EQ(child.err, headline + "KES exception:\n(no memory left for the rest of this report)\n");
 }
 
 TEST(ThreadReportTest, AStandardExceptionIsReportedWholeWhenMemoryIsOut) {
-  const ChildResult child = whoseThread([] {
-    static std::optional<NoMemory> starving;
-    starving.emplace();
-    throw std::bad_alloc();
-  });
+  const ChildResult child = whoseThread([] { throwAndStarve([] { throw std::bad_alloc(); }); });
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
   EXPECT_EQ(child.err, headline + "std::exception: std::bad_alloc\n");
 }
@@ -70,14 +57,7 @@ TEST(ThreadReportTest, AStandardExceptionWithoutATextIsReportedByItsHeadline) {
 }
 
 TEST(ThreadReportTest, AStreamThatThrowsKeepsNoReportBack) {
-  const ChildResult child = whoseThread([] {
-    std::cerr.exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
-    try {
-      std::cerr.setstate(std::ios::badbit);
-    } catch (const std::ios::failure&) {  // as does everything that is written to it
-    }
-    throw 7;
-  });
+  const ChildResult child = whoseThread(throwAndSpoilTheStream);
   EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
   EXPECT_EQ(child.err, headline + "an unknown exception\n");
 }

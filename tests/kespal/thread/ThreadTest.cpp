@@ -12,12 +12,12 @@
 
 #include "kespal/ForkPending.h"
 #include "kespal/error/FsError.h"
-#include "kespal/thread/ErrorAt.h"
 #include "kespal/thread/Thread.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
+#include "support/Raised.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
@@ -157,7 +157,7 @@ TEST(ThreadTest, AThreadWithoutABodyCannotBeRun) {
   CppThread cpp("cpp");
   CoopThread coop("coop");
   for (BasicThread* thread : {&plain, static_cast<BasicThread*>(&cpp), static_cast<BasicThread*>(&coop)}) {
-    EXPECT_EQ(raisedBy([&] { thread->run(); }).type, "UsageError");
+    EXPECT_EQ(raisedBy([&] { thread->run(); }).type, "kes::UsageError");
     EXPECT_EQ(thread->state(), BasicThread::BURIED);
   }
 }
@@ -332,7 +332,7 @@ TEST(ThreadTest, AStackLargerThanTheAddressSpaceIsRefusedWhenTheThreadIsCreated)
   Body body = [] {};
   TestThread thread(body, "huge", /*detached=*/false, std::numeric_limits<unsigned long>::max());
   const Raised raised = raisedBy([&] { thread.run(); });
-  EXPECT_EQ(raised.type, "OsError");
+  EXPECT_EQ(raised.type, "kes::OsError");
   EXPECT_EQ(raised.line, 173);
   EXPECT_EQ(thread.state(), BasicThread::BURIED);
 }
@@ -344,8 +344,8 @@ TEST(ThreadTest, AttributesThatCannotBePreparedAreReportedByTheConstructorAndRel
     const int destroyed = made(Call::pthread_attr_destroy), conditions = made(Call::pthread_cond_destroy);
     const Refuse fault(call, ENOMEM, once);
     const Raised raised = raisedBy([&] { TestThread thread(body, "test", /*detached=*/true); });
-    EXPECT_EQ(raised.type, "OsError");
-    EXPECT_EQ(raised.what, std::to_string(ENOMEM));
+    EXPECT_EQ(raised.type, "kes::OsError");
+    EXPECT_EQ(raised.errnum, ENOMEM);
     EXPECT_EQ(raised.file, osSource);
     EXPECT_EQ(made(Call::pthread_attr_destroy), destroyed + (call == Call::pthread_attr_init ? 0 : 1));
     EXPECT_EQ(made(Call::pthread_cond_destroy), conditions + 1);
