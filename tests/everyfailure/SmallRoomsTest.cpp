@@ -50,34 +50,44 @@ TEST(EveryFailureOfTheEnvironment, AVariableIsSetReadAndRemoved) {
                   }});
 }
 
+// The C library's own look-up leaves its file open when the thread is cancelled. A group that never fits is
+// sought with ever more room.
+const std::vector<Call> groupLookUps = {Call::getgrnam_r, Call::getgrgid_r};
+
 TEST(EveryFailureOfAccounts, AUserIsLookedUp) {
   expectSurvival({.operations = {"kes::UserInfo::UserInfo", "kes::UserInfo::resolve"},
                   .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
-                  .play = [](Stage& stage) {
-                    UserInfo user;
-                    stage.act([&] { user = UserInfo(0); });
-                    stage.check(!stage.succeeded() || user.name == "root", "it is this one");
-                    user.name = "root";
-                    stage.act([&] { user.resolve(/*byName=*/true, /*withGroup=*/true); });
-                    stage.check(!stage.succeeded() || (user.uid == 0 && user.gid == 0), "it is this one");
-                  }});
+                  .play =
+                      [](Stage& stage) {
+                        UserInfo user;
+                        stage.act([&] { user = UserInfo(0); });
+                        stage.check(!stage.succeeded() || user.name == "root", "it is this one");
+                        user.name = "root";
+                        stage.act([&] { user.resolve(/*byName=*/true, /*withGroup=*/true); });
+                        stage.check(!stage.succeeded() || (user.uid == 0 && user.gid == 0), "it is this one");
+                      },
+                  .spared = groupLookUps,
+                  .isCancelled = false});
 }
 
 TEST(EveryFailureOfAccounts, AGroupIsLookedUp) {
   expectSurvival({.operations = {"kes::GroupInfo::GroupInfo", "kes::GroupInfo::setID",
                                  "kes::GroupInfo::setName", "kes::GroupInfo::retrieve"},
                   .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
-                  .play = [](Stage& stage) {
-                    stage.act([] { const GroupInfo group(0); });
-                    GroupInfo group(0);
-                    stage.act([&] { group.setName("root"); });
-                    stage.check(!stage.succeeded() || group.gid() == 0, "it is this one");
-                    stage.act([&] { group.setID(0); });
-                    stage.check(!stage.succeeded() || group.name() == "root", "it is this one");
-                    stage.act([&] { group.retrieve(); });
-                    group.setID(0);
-                    stage.check(group.name() == "root", "it can be used afterwards");
-                  }});
+                  .play =
+                      [](Stage& stage) {
+                        stage.act([] { const GroupInfo group(0); });
+                        GroupInfo group(0);
+                        stage.act([&] { group.setName("root"); });
+                        stage.check(!stage.succeeded() || group.gid() == 0, "it is this one");
+                        stage.act([&] { group.setID(0); });
+                        stage.check(!stage.succeeded() || group.name() == "root", "it is this one");
+                        stage.act([&] { group.retrieve(); });
+                        group.setID(0);
+                        stage.check(group.name() == "root", "it can be used afterwards");
+                      },
+                  .spared = groupLookUps,
+                  .isCancelled = false});
 }
 
 TEST(EveryFailureOfAccounts, TheOneWhoIsLoggedInIsAskedFor) {
@@ -91,13 +101,14 @@ TEST(EveryFailureOfTheTerminal, ItsSizeIsAskedForAndItsEchoSwitched) {
                   .play = [](Stage& stage) {
                     const test::Pty pty;
                     ::dup2(pty.terminal(), STDIN_FILENO);
-                    stage.watchTerminal(STDIN_FILENO);
+                    const termios before = pty.attributes();
                     term::Terminal terminal(term::Terminal::Stdin);
                     stage.act([&] { terminal.size(); });
                     stage.act([&] { terminal.setEcho(false); });
                     stage.check(stage.succeeded() == ((pty.attributes().c_lflag & ECHO) == 0),
                                 "nothing is shown if that was said");
                     terminal.setEcho(true);
+                    stage.check(pty.attributes().c_lflag == before.c_lflag, "it is as it was");
                   }});
 }
 
@@ -123,7 +134,6 @@ TEST(EveryFailureOfTexts, TextsAreTurnedIntoOthers) {
          const std::string mangled = typeid(std::vector<std::string>).name();
          std::string name = mangled;
          stage.act([&] { demangle(name); });
-         stage.check(stage.succeeded(), "it raises nothing");
          stage.check(name == mangled || name.starts_with("std::vector"), "it is readable, or as it was");
        }});
 }
@@ -172,7 +182,7 @@ TEST(EveryFailureOfErrors, AnErrorTellsItsWholeStory) {
          stage.act([&] {
            FsError error(path, ENOENT);
            locateAt(KES_HERE, error);
-           error.setBacktrace(Backtrace::get());
+           error.setBacktrace({"a frame that is too long to be kept without memory", "main"});
            OsError cause(EIO);
            error.setNext(cause);
            const std::string story = error.exStack(), list = error.textList();

@@ -4,8 +4,8 @@
 
 namespace kes::test {
 
-/// Makes the products read one chosen time, or fail to, until the object dies. The test program is linked
-/// with -Wl,--wrap=clock_gettime; without such an object the call goes through to the system.
+/// Makes the products read one chosen time, or fail to, until the object dies. The test program is made
+/// with CALLS clock_gettime; without such an object the call goes through to the system.
 class ScriptedClock {
  public:
   ScriptedClock(time_t sec, long nsec);
