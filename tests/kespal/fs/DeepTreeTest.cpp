@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <filesystem>
+#include <utility>
 
 #include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Ops.h"
@@ -226,7 +227,11 @@ TEST_F(DeepTreeTest, ADirectoryPutInThePlaceOfOneOfTheWalkIsLeftAlone) {
     stdfs::create_directories(top + "/tree/d/d");
     for (const char* name : {"1", "2"}) test::writeFile(top + "/tree/d/d/" + name, "precious");
   };
-  const test::Before before(test::Call::unlinkat, [&] { swap(folder_.path()); });
+  bool isSwapped = false;
+  const test::Instead<test::Call::unlinkat> bottom([&](int folder, const char* name, int flags) {
+    if ((flags & AT_REMOVEDIR) != 0 && !std::exchange(isSwapped, true)) swap(folder_.path());
+    return test::real<test::Call::unlinkat>(folder, name, flags);
+  });
   EXPECT_EQ(removing(), (Raised{"kes::FsError", ESTALE, at("tree/d/d"), treeSite, "removeTree"}));
   for (const char* name : {"1", "2"})
     EXPECT_EQ(test::readFile(at(std::string("tree/d/d/") + name)), "precious");
