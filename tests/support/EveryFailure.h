@@ -17,10 +17,11 @@
 //     expectSurvival({.operations = {"kes::fs::File::open"},
 //                     .raises = {raises("kes::FsError")},
 //                     .play = [](Stage& stage) {
-//                       writeFile(stage / "it", "text");                           // set-up: nothing fails
-//                       here fs::File file(stage / "it"); stage.act([&] { file.open(fs::File::Read); }); //
-//                       here everything fails in turn stage.check(file.isOpen() == stage.succeeded(), "it is
-//                       open if that was said"); file.close(); // and afterwards it can be used
+//                       const std::string path = stage / "it";
+//                       writeFile(path, "text");                                       // set-up: nothing
+//                       fails here File file; stage.act([&] { file.open(path.c_str(), File::READ); }); //
+//                       everything fails in turn stage.check(stage.succeeded() == (file.fd() >= 0), "it is
+//                       held if that was said"); file.open(path.c_str(), File::READ); // and it can be used
 //                     }});
 //   }
 //
@@ -49,6 +50,8 @@
 // second try.
 //   Where a refusal is an answer (ENOENT of stat() means "no"), ask stage.isRefused(Call::stat, ENOENT).
 // - A thread or object that stays by design (a collector) is started first, then settle() takes it as given.
+// A
+//   terminal to be watched has to outlive the play.
 // - The test program is made with CALLS all. It starts no threads of its own outside of plays.
 
 namespace kes::test {
