@@ -9,16 +9,16 @@ namespace {
 
 const char* nameOf(Role role) { return role == Role::Trace ? "trace" : "packet dump"; }
 
-const char* prefixOf(Area area) {
-  switch (area) {
-    case Area::Driver:
-      return "driver: ";
-    case Area::Ppp:
-      return "ppp: ";
-    case Area::Oid:
-      break;
-  }
-  return "oid: ";
+/// What the trace calls an area, and the level that shows it.
+struct AreaRow {
+  const char* prefix;
+  std::uint16_t Levels::*level;
+};
+
+const AreaRow& rowOf(Area area) {
+  static constexpr AreaRow rows[] = {
+      {"driver: ", &Levels::driver}, {"ppp: ", &Levels::ppp}, {"oid: ", &Levels::oid}};
+  return rows[static_cast<std::size_t>(area)];
 }
 
 std::string numberOf(const Session& session) { return std::to_string(session.number); }
@@ -180,20 +180,11 @@ void Driver::describe(iokit::Bytes packet) {
 }
 
 bool Driver::wants(Area area, unsigned level) const {
-  if (!settings_.ownEvents) return false;
-  switch (area) {
-    case Area::Driver:
-      return levels_.driver >= level;
-    case Area::Ppp:
-      return levels_.ppp >= level;
-    case Area::Oid:
-      break;
-  }
-  return levels_.oid >= level;
+  return settings_.ownEvents && levels_.*rowOf(area).level >= level;
 }
 
 void Driver::say(Area area, unsigned level, const std::string& text) {
-  if (wants(area, level)) trace_.append(prefixOf(area) + text + '\n');
+  if (wants(area, level)) trace_.append(rowOf(area).prefix + text + '\n');
 }
 
 void Driver::printTotals(std::ostream& out) const {

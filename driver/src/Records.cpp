@@ -40,26 +40,6 @@ CallName nameIn(const iokit::Request& request) {
 
 }  // namespace
 
-const char* nameOf(CallName call) {
-  switch (call) {
-    case CallName::Connect:
-      return "connect";
-    case CallName::Service:
-      return "service";
-    case CallName::Open:
-      return "open";
-    case CallName::Levels:
-      return "levels";
-    case CallName::Trace:
-      return "trace";
-    case CallName::Packet:
-      return "packet";
-    case CallName::Other:
-      break;
-  }
-  return "other";
-}
-
 Call callOf(const iokit::Request& request) { return {nameIn(request), request}; }
 
 std::optional<Levels> parseLevels(iokit::Bytes record) {

@@ -26,7 +26,8 @@ constexpr std::size_t maxPacket = iokit::maxStructure;
 
 /// The calls by their names in scripts and journals.
 enum class CallName { Connect, Service, Open, Levels, Trace, Packet, Other };
-const char* nameOf(CallName call);
+constexpr std::string_view callNames[] = {"connect", "service", "open", "levels", "trace", "packet", "other"};
+constexpr std::string_view nameOf(CallName call) { return callNames[static_cast<std::size_t>(call)]; }
 
 /// A request, and the call that it makes.
 struct Call {

@@ -157,11 +157,9 @@ constexpr NamedFate fates[] = {
 };
 
 CallName parseCall(const std::string& word) {
-  for (const CallName call : {CallName::Connect, CallName::Service, CallName::Open, CallName::Levels,
-                              CallName::Trace, CallName::Packet, CallName::Other}) {
-    if (word == nameOf(call)) return call;
-  }
-  throw BadLine("no call is named " + word);
+  const auto* const name = std::ranges::find(callNames, word);
+  if (name == std::end(callNames)) throw BadLine("no call is named " + word);
+  return static_cast<CallName>(name - callNames);
 }
 
 bool parseTimes(const std::string& word, Play& play) {
