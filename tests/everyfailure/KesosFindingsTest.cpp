@@ -172,5 +172,17 @@ TEST_F(FlatFindingsTest, WithoutMemoryForAHandleErrnoSaysSo) {
   EXPECT_EQ(KesOsProcessWait(process, nullptr), 1);
 }
 
+TEST_F(FlatFindingsTest, AForkThatIsRefusedANewLockGoesOn) {
+  const ChildResult result = inChild([] {
+    if (KesOsCreateProcess("true") != 1) return 1;  // now there is a lock to be made anew
+    const Refuse refused(Call::pthread_mutex_init, ENOMEM);
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(refused.struck() > 0 ? 7 : 8);
+    int status = 0;
+    return ::waitpid(pid, &status, 0) == pid ? WEXITSTATUS(status) : 2;
+  });
+  EXPECT_EQ(result.exitCode(), 7) << result.err;
+}
+
 }  // namespace
 }  // namespace kes::test

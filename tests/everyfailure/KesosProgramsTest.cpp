@@ -54,23 +54,20 @@ TEST(EveryFailureOfFlatPrograms, AProgramIsStartedAskedForAndWaitedFor) {
   expectSurvival(
       {.operations = {"KesOsCreateProcessAsyn", "KesOsProcessIsRunning", "KesOsTerminateProcess",
                       "KesOsProcessWait"},
-       .play =
-           [](Stage& stage) {
-             Waited waited;
-             stage.act([&] { return KesOsCreateProcessAsyn("/bin/sleep 1000", 0, &waited.process) == 1; });
-             stage.check(stage.succeeded() == (waited.process != nullptr), "there is a handle with a child");
-             if (waited.process == nullptr) return;
-             stage.act([&] { return KesOsProcessIsRunning(waited.process) == 1; });
-             stage.act([&] { return KesOsTerminateProcess(waited.process) == 1; });
-             KesOsTerminateProcess(waited.process);
-             unsigned int code = 77;
-             stage.act([&] { return KesOsProcessWait(waited.process, &code) == 1; });
-             waited.process = nullptr;
-             // Who could not wait has lost the handle, and with it the child.
-             if (!stage.succeeded()) ::waitpid(-1, nullptr, 0);
-           },
-       // Made anew by a fork handler of the platform library, which has nobody to tell.
-       .spared = {Call::pthread_mutex_init}});
+       .play = [](Stage& stage) {
+         Waited waited;
+         stage.act([&] { return KesOsCreateProcessAsyn("/bin/sleep 1000", 0, &waited.process) == 1; });
+         stage.check(stage.succeeded() == (waited.process != nullptr), "there is a handle with a child");
+         if (waited.process == nullptr) return;
+         stage.act([&] { return KesOsProcessIsRunning(waited.process) == 1; });
+         stage.act([&] { return KesOsTerminateProcess(waited.process) == 1; });
+         KesOsTerminateProcess(waited.process);
+         unsigned int code = 77;
+         stage.act([&] { return KesOsProcessWait(waited.process, &code) == 1; });
+         waited.process = nullptr;
+         // Who could not wait has lost the handle, and with it the child.
+         if (!stage.succeeded()) ::waitpid(-1, nullptr, 0);
+       }});
 }
 
 TEST(EveryFailureOfFlatPrograms, AProgramThatIsNobodysIsStarted) {
