@@ -148,6 +148,30 @@ TEST_F(EveryFailureOfFlatObjects, ALocalEventIsMadeUsedAndClosed) {
                   .spared = {Call::pthread_mutex_trylock}});  // who closes waits until it is free
 }
 
+void* setSoon(void* event) {
+  ::usleep(500);
+  KesOsEventSet(static_cast<KesOsEvent*>(event));
+  return nullptr;
+}
+
+TEST_F(EveryFailureOfFlatObjects, AWaitForALocalEventEndsWhenAnotherThreadSetsIt) {
+  for (const unsigned int timeout : {infinite, 10'000U}) {
+    expectSurvival({.operations = {"KesOsEventWait", "KesOsEventSet"},
+                    .play =
+                        [timeout](Stage& stage) {
+                          Event event;  // closed at the end, for which nobody may hold its lock
+                          if (KesOsEventCreate(event.place(), 0) != 1) return;
+                          pthread_t setter{};
+                          ::pthread_create(&setter, nullptr, setSoon, event.get());
+                          const sys::AtEnd joining([&] { ::pthread_join(setter, nullptr); });
+                          unsigned int state = 7;
+                          stage.act([&] { return KesOsEventWait(event.get(), timeout, &state) == 1; });
+                          stage.check(stage.succeeded() == (state == 1), "the state says so, too");
+                        },
+                    .misused = {Call::pthread_cond_wait, Call::pthread_cond_timedwait, Call::gettimeofday}});
+  }
+}
+
 TEST_F(EveryFailureOfFlatObjects, AKeyedEventIsMadeUsedAndClosed) {
   expectSurvival({.operations = {"KesOsEventCreate", "KesOsEventSet", "KesOsEventReset", "KesOsEventWait",
                                  "KesOsEventClose"},
