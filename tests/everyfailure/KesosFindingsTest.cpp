@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -182,6 +183,15 @@ TEST_F(FlatFindingsTest, AForkThatIsRefusedANewLockGoesOn) {
     return ::waitpid(pid, &status, 0) == pid ? WEXITSTATUS(status) : 2;
   });
   EXPECT_EQ(result.exitCode(), 7) << result.err;
+}
+
+TEST_F(FlatFindingsTest, AnEmptyDirectoryOfATreeIsOpenedOnce) {
+  const TempDir dir;
+  const std::string top = dir / "top";
+  for (const char* path : {"", "/one", "/two", "/two/three"}) ::mkdir((top + path).c_str(), 0700);
+  const int before = made(Call::opendir);
+  EXPECT_EQ(KesOsDeleteDirTree(top.c_str()), 1);
+  EXPECT_EQ(made(Call::opendir) - before, 4 + 2) << "all are looked at, and two have something in them";
 }
 
 }  // namespace
