@@ -132,10 +132,13 @@ class Sufferings {
     for (int number = 2; play({call, number, *error, false, false}); ++number) {
       if (*++error == 0) error = first;
     }
-    if ((infoOf(call).traits & Interrupted) != 0) play({call, 1, EINTR, false, false});
-    if ((infoOf(call).traits & Short) == 0) return;
-    for (int number = 1; play({call, number, 0, false, true}); ++number) {
-    }
+    if ((infoOf(call).traits & Interrupted) != 0) playEach({call, 0, EINTR, false, false});
+    if ((infoOf(call).traits & Short) != 0) playEach({call, 0, 0, false, true});
+  }
+
+  void playEach(Suffering what) {
+    do ++what.number;
+    while (play(what));
   }
 
   /// Whether the call was met.
