@@ -116,10 +116,12 @@ void compareStarts(std::size_t mebibytes, int rounds, const std::string& aheadOf
   bench::printLine(ownTimes, floorTimes, "1.15");
   if (aheadOfPeers.empty()) return;
   bench::printHead("The same, others", "kes::proc::Child in the same rounds");
+  const int turns =
+      std::max(5, rounds / (mebibytes < 100 ? 10 : 40));  // a fork of a large process takes long
   for (const Way& way : otherStarts()) {
     const Worker other(way, mebibytes);
     Measured times{way.name, {}}, ownMeanwhile{ownStart.name, {}};
-    bench::takeTurns({&other, &own}, std::max(5, rounds / 10), {&times, &ownMeanwhile});
+    bench::takeTurns({&other, &own}, turns, {&times, &ownMeanwhile});
     bench::printLine(times, ownMeanwhile, way.name == forkOfStart.name ? "" : aheadOfPeers);
   }
 }
@@ -208,8 +210,8 @@ Times collectByShepherd() {
 
 void compareCollectors(int rounds) {
   const auto all =
-      bench::measure({{"waitpid(-1) loop", &collectByLoop}, {"kes::proc::Shepherd", &collectByShepherd}}, 10,
-                     std::max(5, rounds / 5));
+      bench::measure({{"waitpid(-1) loop", &collectByLoop}, {"kes::proc::Shepherd", &collectByShepherd}}, 1,
+                     std::max(5, rounds / 4));
   bench::printHead("Each of 1,000 ended children collected, processor time", "the floor");
   bench::printLine(all[0], all[0]);
   bench::printLine(all[1], all[0], "1.25");
