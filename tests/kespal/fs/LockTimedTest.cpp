@@ -12,6 +12,7 @@
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
@@ -77,6 +78,7 @@ TEST_F(LockTimedTest, AnErrorOfTheSystemIsRaised) {
 }
 
 TEST_F(LockTimedTest, AThreadThatIsCancelledWhileItWaitsHoldsNothing) {
+  KES_SKIP_UNDER_SANITIZERS("loses its way in the stack of a cancelled thread");
   other.writeLock();
   pthread_t thread;
   ASSERT_EQ(::pthread_create(

@@ -19,6 +19,7 @@
 #include "support/ForkedChild.h"
 #include "support/NoMemory.h"
 #include "support/Raised.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
@@ -286,6 +287,7 @@ TEST_F(SaveFileTest, AForkedChildLeavesTheFileToItsParent) {
 }
 
 TEST_F(SaveFileTest, AThreadThatIsCancelledInTheMiddleLeavesNothing) {
+  KES_SKIP_UNDER_SANITIZERS("loses its way in the stack of a cancelled thread");
   writeFile(path, "old");
   pthread_t thread;
   ASSERT_EQ(::pthread_create(

@@ -150,8 +150,8 @@ DirListing::DirListing(DirChain& chain) {
   fd.release();
   try {
     while (const dirent* entry = at::nextEntry(stream.get())) {
-      entries_ += static_cast<char>(entry->d_type);
-      entries_.append(entry->d_name).push_back('\0');
+      entries_.push_back(static_cast<char>(entry->d_type));
+      entries_.insert(entries_.end(), entry->d_name, entry->d_name + std::strlen(entry->d_name) + 1);
     }
   } catch (const OsError& error) {
     PathErrors::raise(KES_HERE, error.errnum(), chain.path());

@@ -80,13 +80,13 @@ class DirListing {
   /// secret. FsError.
   explicit DirListing(DirChain& chain);
 
-  /// Null behind the last one. Valid as long as the listing.
+  /// Null behind the last one. Valid as long as the listing, wherever that is moved.
   const char* nextName() noexcept;
   /// DT_DIR and the like, of the name that was given last.
   unsigned char type() const noexcept { return type_; }
 
  private:
-  std::string entries_;  // a character for the type, the name, 0
+  std::vector<char> entries_;  // a character for the type, the name, 0; no string, whose short texts move
   std::size_t next_ = 0;
   unsigned char type_ = DT_UNKNOWN;
 };
