@@ -3,6 +3,7 @@
 #include <mach-o/dyld.h>
 #include <sys/sysctl.h>
 
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -14,16 +15,21 @@ namespace {
 
 constexpr std::uint32_t exeLimit = 1024;
 
-/// The whole process list; empty when the kernel refuses or has none to give.
+/// The whole process list; empty when the kernel refuses or has none to give. The kernel says how many there
+/// are, and when there are more by the time it is asked for them, it is asked again.
 std::vector<kinfo_proc> processList() {
   int query[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
-  std::size_t bytes = 0;
-  if (::sysctl(query, 3, nullptr, &bytes, nullptr, 0) != 0 || bytes == 0) return {};
-  std::vector<kinfo_proc> processes(bytes / sizeof(kinfo_proc));
-  bytes = processes.size() * sizeof(kinfo_proc);
-  if (::sysctl(query, 3, processes.data(), &bytes, nullptr, 0) != 0) return {};
-  processes.resize(bytes / sizeof(kinfo_proc));
-  return processes;
+  for (;;) {
+    std::size_t bytes = 0;
+    if (::sysctl(query, 3, nullptr, &bytes, nullptr, 0) != 0 || bytes == 0) return {};
+    std::vector<kinfo_proc> processes(bytes / sizeof(kinfo_proc));
+    bytes = processes.size() * sizeof(kinfo_proc);
+    if (::sysctl(query, 3, processes.data(), &bytes, nullptr, 0) == 0) {
+      processes.resize(bytes / sizeof(kinfo_proc));
+      return processes;
+    }
+    if (errno != ENOMEM) return {};
+  }
 }
 
 }  // namespace
