@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "kespal/time/Clock.h"
 #include "support/Calls.h"
@@ -28,6 +30,7 @@ using kes::test::real;
 thread_local std::vector<timespec> sleeps;
 thread_local std::vector<int> sleepAnswers;
 int clockAnswer = 0;
+std::optional<timeval> clockTime;  // the system's if there is none
 
 const Instead<Call::nanosleep> nanosleepHere([](const timespec* wanted, timespec* remaining) {
   sleeps.push_back(*wanted);
@@ -41,7 +44,10 @@ const Instead<Call::nanosleep> nanosleepHere([](const timespec* wanted, timespec
 });
 
 const Instead<Call::gettimeofday> timeOfDayHere([](timeval* now, void* zone) {
-  return clockAnswer == 0 ? real<Call::gettimeofday>(now, zone) : clockAnswer;
+  if (clockAnswer != 0 || !clockTime)
+    return clockAnswer != 0 ? clockAnswer : real<Call::gettimeofday>(now, zone);
+  *now = *clockTime;
+  return 0;
 });
 
 }  // namespace
@@ -196,6 +202,18 @@ TEST(TimeTest, ADeadlineLiesTheGivenTimeAhead) {
     EXPECT_LE(ahead, inUs(after.tv_sec, after.tv_usec));
     EXPECT_GE(deadline.tv_nsec, 0);
     EXPECT_LT(deadline.tv_nsec, 1'000'000'000);
+  }
+}
+
+TEST(TimeTest, ADeadlineThatFallsOnAFullSecondHasNoNanoseconds) {
+  for (const auto& [microseconds, ms] :
+       {std::pair(999'000, 1U), std::pair(1000, 1999U), std::pair(0, 2000U)}) {
+    timespec deadline{};
+    clockTime = {.tv_sec = 100, .tv_usec = microseconds};
+    setTimespec(&deadline, ms);
+    clockTime.reset();
+    EXPECT_EQ(deadline.tv_sec, 100 + (microseconds / 1000 + static_cast<int>(ms)) / 1000) << ms;
+    EXPECT_EQ(deadline.tv_nsec, 0) << ms;
   }
 }
 
