@@ -152,5 +152,15 @@ TEST(EngineTest, AThreadAndAHandlerThatAreLeftAreFound) {
               Contains(HasSubstr("left behind: a thread another handler of signal 10")));
 }
 
+TEST(EngineTest, MemoryThatIsLeftByAFailureIsFound) {
+  if (!test::isSanitized) GTEST_SKIP() << "the address sanitizer finds it";
+  EXPECT_THAT(complaintsAbout(doing([] {
+                auto* const left = new std::string(100, 'x');
+                check(KES_HERE, ::chdir("."));
+                delete left;
+              })),
+              Contains(HasSubstr("left behind: memory")));
+}
+
 }  // namespace
 }  // namespace kes

@@ -1,5 +1,9 @@
 #include "support/EveryFailure.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -423,6 +427,9 @@ void play(Stage::State& state) {
   state.interlude.reset();
   if (state.forker.joinable()) state.forker.join();
   state.lookAround();
+#ifdef __SANITIZE_ADDRESS__
+  if (run.kind != Run::Cancelling && __lsan_do_recoverable_leak_check() != 0) complain("left behind: memory");
+#endif
   shared().isOver = true;
   std::cerr.flush();
   ::_exit(0);
