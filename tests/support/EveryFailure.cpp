@@ -101,9 +101,13 @@ void complain(const std::string& what) {
   shared().complaint[size] = 0;
 }
 
-bool isMemory(const Run& run) {
+bool isAllocation(Call call) {
   constexpr Call calls[] = {Call::operatorNew, Call::malloc, Call::calloc, Call::strdup};
-  return run.kind == Run::Failing && (run.error == ENOMEM || std::ranges::count(calls, run.call) != 0);
+  return std::ranges::count(calls, call) != 0;
+}
+
+bool isMemory(const Run& run) {
+  return run.kind == Run::Failing && (run.error == ENOMEM || isAllocation(run.call));
 }
 
 // --- what is left
@@ -453,7 +457,9 @@ class Director {
 
   std::vector<std::string> direct() {
     if (survives(Run{})) playAll();
-    std::cout << joined(scenario_.operations) << ": " << runs_ << " runs" << std::endl;
+    std::cout << joined(scenario_.operations) << ": " << runs_ << " runs, " << refusedCalls_
+              << " with calls that failed, " << refusedAllocations_ << " with allocations that did"
+              << std::endl;
     return complaints_;
   }
 
@@ -513,7 +519,9 @@ class Director {
   /// Whether the failure was met at all; there are no more calls of the kind otherwise.
   bool once(const Run& run) {
     survives(run);
-    return shared().board[run.call].struck > 0;
+    const bool isMet = shared().board[run.call].struck > 0;
+    if (isMet && run.kind == Run::Failing) ++(isAllocation(run.call) ? refusedAllocations_ : refusedCalls_);
+    return isMet;
   }
 
   bool survives(const Run& run) {
@@ -585,7 +593,7 @@ class Director {
   const TempDir folders_{inMemory()};
   std::FILE* const errors_;
   ::sigset_t mask_{};
-  int runs_ = 0;
+  int runs_ = 0, refusedCalls_ = 0, refusedAllocations_ = 0;
   std::vector<std::string> complaints_;
 };
 
