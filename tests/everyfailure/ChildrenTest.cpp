@@ -228,38 +228,40 @@ pid_t childOfOurOwn(Shepherd& shepherd) {
 }
 
 TEST(EveryFailureOfChildren, ACollectorOfOnesOwnCollects) {
-  expectSurvival({.operations = {"kes::proc::Shepherd::start", "kes::proc::Shepherd::stop",
-                                 "kes::proc::Shepherd::addNoLock", "kes::proc::Shepherd::wait",
-                                 "kes::proc::Shepherd::condition", "kes::proc::Shepherd::thread",
-                                 "kes::proc::Shepherd::checkCB"},
-                  .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
-                  .play =
-                      [](Stage& stage) {
-                        const Collecting collecting;
-                        std::optional<Shepherd> shepherd;
-                        stage.act([&] { shepherd.emplace(); });
-                        if (!shepherd) shepherd.emplace();
-                        stage.act([&] { shepherd->start(); });
-                        if (!stage.succeeded()) shepherd->start();
-                        pid_t pid = -1;
-                        stage.act([&] {
-                          pid = childOfOurOwn(*shepherd);
-                          return pid != -1;
-                        });
-                        int status = 0;
-                        if (stage.succeeded()) {
-                          stage.act([&] { return shepherd->wait(pid, status); });
-                          stage.check(!stage.succeeded() || WEXITSTATUS(status) == 7, "its status is known");
-                        }
-                        stage.act([&] { shepherd->stop(); });
-                        shepherd->stop();
-                        shepherd->start();
-                        pid = childOfOurOwn(*shepherd);
-                        stage.check(shepherd->wait(pid, status) && WEXITSTATUS(status) == 7,
-                                    "it can be used afterwards");
-                      },
-                  // Who waits for a number, and not for a child, waits for whoever gets it next.
-                  .spared = {Call::waitid}});
+  expectSurvival(
+      {.operations = {"kes::proc::Shepherd::start", "kes::proc::Shepherd::stop",
+                      "kes::proc::Shepherd::addNoLock", "kes::proc::Shepherd::wait",
+                      "kes::proc::Shepherd::condition", "kes::proc::Shepherd::thread",
+                      "kes::proc::Shepherd::checkCB", "kes::proc::Flock::start", "kes::proc::Flock::stop",
+                      "kes::proc::Flock::addNoLock", "kes::proc::Flock::wait", "kes::proc::Flock::checkCB"},
+       .raises = {raises("kes::OsError"), raises("kes::RuntimeError")},
+       .play =
+           [](Stage& stage) {
+             const Collecting collecting;
+             std::optional<Shepherd> shepherd;
+             stage.act([&] { shepherd.emplace(); });
+             if (!shepherd) shepherd.emplace();
+             stage.act([&] { shepherd->start(); });
+             if (!stage.succeeded()) shepherd->start();
+             pid_t pid = -1;
+             stage.act([&] {
+               pid = childOfOurOwn(*shepherd);
+               return pid != -1;
+             });
+             int status = 0;
+             if (stage.succeeded()) {
+               stage.act([&] { return shepherd->wait(pid, status); });
+               stage.check(!stage.succeeded() || WEXITSTATUS(status) == 7, "its status is known");
+             }
+             stage.act([&] { shepherd->stop(); });
+             shepherd->stop();
+             shepherd->start();
+             pid = childOfOurOwn(*shepherd);
+             stage.check(shepherd->wait(pid, status) && WEXITSTATUS(status) == 7,
+                         "it can be used afterwards");
+           },
+       // Who waits for a number, and not for a child, waits for whoever gets it next.
+       .spared = {Call::waitid}});
 }
 
 }  // namespace

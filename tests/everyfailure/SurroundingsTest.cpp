@@ -134,7 +134,8 @@ TEST(EveryFailureOfTerminals, EchoIsSwitchedAndTheSizeAsked) {
 
 TEST(EveryFailureOfTerminals, ColoursAreSwitchedAndWritten) {
   expectSurvival({.operations = {"kes::term::Terminal::init", "kes::term::Terminal::switchColor",
-                                 "kes::term::Terminal::processCmd", "kes::term::ColorGuard::ColorGuard"},
+                                 "kes::term::Terminal::processCmd", "kes::term::ColorGuard::ColorGuard",
+                                 "kes::term::ColorGuard::~ColorGuard"},
                   .play = [](Stage& stage) {
                     std::ostringstream text;
                     stage.act([] { term::Terminal::init(); });
@@ -144,6 +145,11 @@ TEST(EveryFailureOfTerminals, ColoursAreSwitchedAndWritten) {
                       if (!text) throw std::bad_alloc();  // as streams tell of it
                     });
                     stage.check(!isWritten || text.str() == "\x1b[22m\x1b[31m\x1b[0m", "nothing is missing");
+                    std::ostringstream guarded;
+                    stage.act(
+                        [&] { const term::ColorGuard guard(guarded, {.foreground = 1, .force = true}); });
+                    stage.check(!stage.succeeded() || !guarded || guarded.str().ends_with("\x1b[0m"),
+                                "the colour is taken back");
                     term::Terminal::setColorMode(false, false);
                   }});
 }
