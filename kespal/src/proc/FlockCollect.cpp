@@ -68,7 +68,6 @@ void Flock::reapSome() {
 }
 
 /// Without any child left the next wait would fail again, and again, and whoever waits would do so for ever.
-
 void Flock::waitFailed(int errnum) {
   {
     const Guard guard(cond_);
