@@ -13,7 +13,7 @@ namespace kes::thread {
 class Run {
  public:
   Run() = default;
-  /// The present run; the next one when the thread is buried.
+  /// The present run; none when the thread is buried.
   static Run of(const BasicThread& thread);
 
   /// Joins, but this run only: returns at once when it is buried, whatever runs now.

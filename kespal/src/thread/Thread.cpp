@@ -77,9 +77,11 @@ void BasicThread::throwGetIdError() const {
 Run Run::of(const BasicThread& thread) {
   Run run;
   if (thread.control_->isInherited()) return run;
-  run.control_ = thread.control();
-  const LockGuardT<Condition> guard(run.control_->cond);
-  run.number_ = run.control_->burials;
+  const std::shared_ptr<BasicThread::Control>& shared = thread.control();
+  const LockGuardT<Condition> guard(shared->cond);
+  if (shared->state == BasicThread::BURIED) return run;
+  run.control_ = shared;
+  run.number_ = shared->burials;
   return run;
 }
 
