@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <functional>
 
+#include "kespal/error/FsError.h"
 #include "kespal/fs/Dir.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/Path.h"
@@ -21,6 +23,7 @@
 #include "support/Raised.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
+#include "sys/AtEnd.h"
 
 // What failures between two steps did to files, each by its name.
 
@@ -68,6 +71,21 @@ TEST(FoundInFilesTest, ADirectoryOfAWalkWhoseStatusCannotBeReadAgainIsNotCalledA
             (Raised{"kes::FsError", EIO, tree + "/d/d/d/d/d/d/d/d/d/d/d/d", "src/os/posix/fs/OpsTree",
                     "removeTree"}));
   EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(FoundInFilesTest, TheBacktraceOfAFailedOpenBeginsInTheWalk) {
+  Exception::m_gen_backtraces = true;
+  const sys::AtEnd off([] { Exception::m_gen_backtraces = false; });
+  const TempDir folder;
+  try {
+    Ops::removeTree((folder / "none").c_str());
+    ADD_FAILURE() << "removed";
+  } catch (const NoSuchFileError& error) {
+    // The walk's own functions have no names in a backtrace.
+    for (auto frame = error.backtrace().rbegin(); frame->find("removeTree") == frame->npos; ++frame) {
+      EXPECT_EQ(frame->find("kes::"), frame->npos) << *frame;
+    }
+  }
 }
 
 TEST(FoundInFilesTest, ALinkIsResolvedOrLeftAsItIsWithoutMemory) {
@@ -179,6 +197,44 @@ TEST(FoundInFilesTest, ACancellationDuringAShortWriteFindsTheRecordTakenBack) {
   const test::Shorten half(Call::writev, test::Shorten::half, test::once);
   inCancelledThread(Interlude::After, Call::writev, [] { DumpPacket(nullptr, 0, 0); });
   EXPECT_EQ(readFile(path).size(), 24U);
+}
+
+TEST(FoundInFilesTest, ASignalWhileAPacketMakesARemovedFileAnewFindsTheHeader) {
+  const TempDir folder;
+  const std::string path = folder / "capture";
+  const auto child = inChild([&] {
+    time::ClockBase::init();
+    if (!DumpOpen(path.c_str(), 0) || ::unlink(path.c_str()) != 0) return 1;
+    // The first one finds nothing, the second one makes it.
+    const Interlude ending(
+        Interlude::After, Call::open, [] { ::raise(SIGTERM); }, 2);
+    DumpPacket(nullptr, 0, 0);
+    return 2;
+  });
+  EXPECT_EQ(child.signal(), SIGTERM);
+  EXPECT_EQ(readFile(path).size(), 24U);
+}
+
+TEST(FoundInFilesTest, AFileMadeAnewHasItsHeaderThoughTheClockFails) {
+  const TempDir folder;
+  const std::string path = folder / "capture";
+  time::ClockBase::init();
+  ASSERT_TRUE(DumpOpen(path.c_str(), 0));
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  const Refuse refused(Call::clock_gettime, EPERM);
+  EXPECT_THROW(DumpPacket(nullptr, 0, 0), OsError);
+  EXPECT_EQ(readFile(path).size(), 24U);
+}
+
+TEST(FoundInFilesTest, SignalsThatCannotBeHeldBackAreNotSetToAnythingElse) {
+  const TempDir folder;
+  time::ClockBase::init();
+  ASSERT_TRUE(DumpOpen((folder / "capture").c_str(), 0));
+  const int before = test::made(Call::pthread_sigmask);
+  const Refuse refused(Call::pthread_sigmask, EINVAL, test::once);
+  EXPECT_TRUE(DumpPacket(nullptr, 0, 0));
+  EXPECT_EQ(refused.struck(), 1);
+  EXPECT_EQ(test::made(Call::pthread_sigmask) - before, 1) << "nothing was held, and nothing is set back";
 }
 
 TEST(FoundInFilesTest, APacketIsNotWrittenWhereTheFilesStateIsUnknown) {

@@ -141,7 +141,7 @@ TEST(EveryFailureOfStreams, ALockIsTakenAndGivenBack) {
          stage.act([&] { lock.unlock(); });
          expectHeld(!stage.succeeded());
          lock.unlock();
-         std::FILE* const stream = ::fdopen(::dup(file.fd()), "r");
+         std::FILE* const stream = ::fdopen(::dup(file.fd()), "w");
          std::optional<Lock> ofStream;
          stage.act([&] { ofStream.emplace(stream); });
          stage.check(stage.succeeded() && ofStream.has_value(), "a stream's lock");

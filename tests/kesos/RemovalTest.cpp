@@ -128,18 +128,24 @@ TEST_F(RemovalTest, ASegmentThatGoesBeforeItIsAttachedIsCreatedAfterAll) {
   }
 }
 
+struct RemovedBeforeItIsAttached : Before {
+  explicit RemovedBeforeItIsAttached(int segment)
+      : Before(Call::shmat, [segment] { ::shmctl(segment, IPC_RMID, nullptr); }) {}
+};
+
 TEST_F(RemovalTest, ASegmentThatIsRemovedJustBeforeItIsAttachedIsCreatedAnewForAll) {
   const auto key = static_cast<key_t>(freshKey());
-  KesOsMmf first, mapping;
+  KesOsMmf first, mapping, third;
   ASSERT_EQ(KesOsMmfCreate(&first, 100, nullptr, key), 1);
-  // It is still there for the first, and for whom the system lets in.
-  beforeNext(IpcCall::shmat, [id = first.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
-  EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1);
+  {
+    // It is still there for the first, and for whom the system lets in.
+    const RemovedBeforeItIsAttached removed(first.shmid);
+    EXPECT_EQ(KesOsMmfCreate(&mapping, 100, nullptr, key), 1);
+  }
   EXPECT_NE(mapping.shmid, first.shmid);
   EXPECT_EQ(mapping.shmid, ::shmget(key, 0, 0)) << "where the next one finds it";
   EXPECT_EQ(mapping.created, 1);
-  beforeNext(IpcCall::shmat, [id = mapping.shmid] { ::shmctl(id, IPC_RMID, nullptr); });
-  KesOsMmf third;
+  const RemovedBeforeItIsAttached removed(mapping.shmid);
   EXPECT_EQ(KesOsMmfOpen(&third, 0, key), 0);
   EXPECT_EQ(third.error, EIDRM);
   EXPECT_EQ(third.address, nullptr);
@@ -152,7 +158,7 @@ TEST_F(RemovalTest, TheUsageTableThatItsLastUserRemovesIsNotJoined) {
   KesOsMutex* last = mutexOf(other);
   const int table = ::shmget(32777, 0, 0);
   const ChildResult result = inChild([key, table] {
-    beforeNext(IpcCall::shmat, [table] { ::shmctl(table, IPC_RMID, nullptr); });
+    const RemovedBeforeItIsAttached removed(table);
     KesOsMutex* mutex = nullptr;
     if (KesOsMutexCreate(&mutex, key) != 1) return 1;
     if (::shmget(32777, 0, 0) == table || slotCount(semaphoreOf(key)) != 1) return 2;

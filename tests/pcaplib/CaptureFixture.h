@@ -1,6 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -26,16 +25,14 @@ inline int lastOpenFlags = 0;
 inline bool opensCancelled = false;  // the thread is cancelled once it has the file
 inline std::vector<std::size_t> writeSizes;
 inline int signalAfterOpen = 0;
-inline bool signalAfterMaking = false;  // not after an open that makes nothing
-inline int signalAfterWrite = 0;        // comes when the bytes are out and the call has not returned
-inline bool writesInTwo = false;        // the next write takes its first piece only
+inline int signalAfterWrite = 0;  // comes when the bytes are out and the call has not returned
+inline bool writesInTwo = false;  // the next write takes its first piece only
 
 inline const Instead<Call::open> openHere([](const char* path, int flags, void* mode) {
   lastOpenFlags = flags;
   const int fd = real<Call::open>(path, flags, mode);
   if (opensCancelled) ::pthread_cancel(::pthread_self());
-  if (signalAfterOpen != 0 && (!signalAfterMaking || (fd >= 0 && (flags & O_CREAT) != 0)))
-    ::raise(signalAfterOpen);
+  if (signalAfterOpen != 0) ::raise(signalAfterOpen);
   return fd;
 });
 

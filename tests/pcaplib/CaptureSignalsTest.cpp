@@ -105,28 +105,6 @@ TEST_F(CaptureTest, ASignalAtTheStartFindsANewFileWithItsHeader) {
   EXPECT_EQ(readFile(file_).size(), 24U);
 }
 
-TEST_F(CaptureTest, ASignalWhileAPacketMakesARemovedFileAnewFindsTheHeader) {
-  const auto child = inChild([this] {
-    DumpOpen(file_.c_str(), 0);
-    ::unlink(file_.c_str());
-    signalAfterOpen = SIGTERM;
-    signalAfterMaking = true;
-    dump("abc");
-    return 1;
-  });
-  EXPECT_EQ(child.signal(), SIGTERM);
-  EXPECT_EQ(readFile(file_).size(), 24U);
-}
-
-TEST_F(CaptureTest, AFileMadeAnewHasItsHeaderThoughTheClockFails) {
-  ScriptedClock script(1, 0);
-  ASSERT_TRUE(DumpOpen(file_.c_str(), 0));
-  ASSERT_EQ(::unlink(file_.c_str()), 0);
-  script.fail(EPERM);
-  EXPECT_THROW(dump("abc"), kes::OsError);
-  EXPECT_EQ(readFile(file_).size(), 24U);
-}
-
 TEST_F(CaptureTest, ASignalWhileWhatIsNoFileIsOpenedIsNotHeldBack) {
   for (const char* name : {"/dev/null", "fifo"}) {
     const auto child = inChild([&] {

@@ -131,8 +131,8 @@ auto moved(Arguments... arguments) {
       if constexpr (call == Call::writev) {
         return writePieces(arguments..., most);
       } else {
-        return [most](int fd, auto* buffer, std::size_t size) {
-          return real<call>(fd, buffer, limited(size, most));
+        return [most](int fd, auto* buffer, std::size_t size, auto... place) {
+          return real<call>(fd, buffer, limited(size, most), place...);
         }(arguments...);
       }
     }

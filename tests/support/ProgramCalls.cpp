@@ -73,11 +73,10 @@ Result refused() {
 }
 
 /// Moves one byte.
-ssize_t cut(ssize_t (*real)(int, void*, std::size_t), int fd, void* data, std::size_t size) {
-  return real(fd, data, size > 0 ? 1 : 0);
-}
-ssize_t cut(ssize_t (*real)(int, const void*, std::size_t), int fd, const void* data, std::size_t size) {
-  return real(fd, data, size > 0 ? 1 : 0);
+template <typename Data, typename... Place>
+ssize_t cut(ssize_t (*real)(int, Data*, std::size_t, Place...), int fd, Data* data, std::size_t size,
+            Place... place) {
+  return real(fd, data, size > 0 ? 1 : 0, place...);
 }
 ssize_t cut(ssize_t (*real)(int, const iovec*, int), int fd, const iovec* pieces, int count) {
   const iovec first{pieces[0].iov_base, pieces[0].iov_len > 0 && count > 0 ? std::size_t{1} : std::size_t{0}};
