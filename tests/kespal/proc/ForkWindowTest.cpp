@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <optional>
 
 #include "kespal/error/OsError.h"
 #include "kespal/fs/Ops.h"
@@ -32,7 +33,7 @@ using kes::test::real;
 /// What the children of this process have done, in memory that they share with it.
 struct Counts {
   std::atomic<int> allocations, locks, lookUps, execs;
-  std::atomic<int> failDup2, failSigmask, failExec, failSetpgid, failClone;  // with which error they are to
+  std::atomic<int> failDup2, failSigmask, failExec, failSetpgid;  // with which error they are to
 };
 
 Counts& counts() {
@@ -104,12 +105,6 @@ const Instead<Call::setpgid> setpgidHere([](pid_t process, pid_t group) {
   return real<Call::setpgid>(process, group);
 });
 
-const Instead<Call::clone> cloneHere([](int (*body)(void*), void* stack, int flags, void* argument,
-                                        void* more) {
-  errno = counts().failClone;
-  return errno != 0 ? -1 : real<Call::clone>(body, stack, flags, argument, more);
-});
-
 const Instead<Call::dup2> dup2Here([](int from, int to) {
   if (isForkedChild() && counts().failDup2 != 0) {
     errno = counts().failDup2;
@@ -151,8 +146,7 @@ class ForkWindowTest : public testing::Test {
   void TearDown() override { g_watched = 0; }
 
   static void letEverythingSucceed() {
-    counts().failDup2 = counts().failSigmask = counts().failExec = counts().failSetpgid = counts().failClone =
-        0;
+    counts().failDup2 = counts().failSigmask = counts().failExec = counts().failSetpgid = 0;
   }
 
   static void expectACleanWindow(Child& child, int execs) {
@@ -286,10 +280,11 @@ TEST_F(ForkWindowTest, WhateverGoesWrongNothingIsAllocatedAndNoLockTaken) {
   const test::TempDir dir;
   for (const Trouble& trouble : troubles(dir)) {
     for (const int refused : {0, EPERM}) {  // of a child that shares memory: a plain fork has to do
+      std::optional<test::Refuse> noSharing;
       const auto result = failingStart(
-          [&trouble, refused](Child& child) {
+          [&](Child& child) {
             trouble.setUp(child);
-            counts().failClone = refused;
+            if (refused != 0) noSharing.emplace(Call::clone, refused);
           },
           trouble.program);
       letEverythingSucceed();

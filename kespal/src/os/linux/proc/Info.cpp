@@ -30,8 +30,8 @@ bool isOutOfSight(int errnum) {
   return errnum == ENOENT || errnum == ESRCH || errnum == EACCES || errnum == EPERM;
 }
 
-/// The first bytes of a process's command name, of which the kernel tells more for its own workers; empty when
-/// the process is out of sight, none when the system does not tell.
+/// The first bytes of a process's command name, of which the kernel tells more for its own workers; empty
+/// when the process is out of sight, none when the system does not tell.
 std::optional<std::string> commandName(const char* pid) {
   const std::string path = std::string("/proc/") + pid + "/comm";
   char text[64];
