@@ -213,6 +213,14 @@ TEST_F(SaveFileTest, EveryCallThatFailsLeavesTheOldFileAndNothingElse) {
   EXPECT_EQ(test::openDescriptors(), before);
 }
 
+TEST_F(SaveFileTest, WithoutRandomNumbersItIsAnErrorWithThePath) {
+  const Refuse failing(Call::getentropy, ENOSYS);
+  const auto raised = raisedBy([&] { save(path, "new"); });
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, ENOSYS);
+  EXPECT_EQ(raised.text, path);
+}
+
 TEST_F(SaveFileTest, ADirectoryThatDoesNotReachTheDeviceIsAnErrorOfAFileThatIsReplaced) {
   writeFile(path, "old");
   {

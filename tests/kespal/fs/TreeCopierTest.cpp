@@ -315,6 +315,16 @@ TEST_F(TreeCopierTest, EveryCallThatFailsIsAnErrorWithAPathAndLeavesNoFileInPart
   EXPECT_EQ(test::openDescriptors(), before);
 }
 
+TEST_F(TreeCopierTest, WithoutRandomNumbersItIsAnErrorWithThePathAndTheFormerStays) {
+  writeFile(to, "former");
+  const Refuse failing(Call::getentropy, ENOSYS);
+  const auto raised = raisedBy([&] { TreeCopier(Flags::OVERWRITE).copy((from + "/1").c_str(), to.c_str()); });
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, ENOSYS);
+  EXPECT_EQ(raised.text, to);
+  EXPECT_EQ(readFile(to), "former");
+}
+
 TEST_F(TreeCopierTest, ACopyThatIsLostWhenItIsClosedIsAnErrorWithItsPath) {
   const Refuse failing(Call::close, ENOSPC, test::once);
   const auto raised = raisedBy([&] { copier.copy((from + "/1").c_str(), to.c_str()); });

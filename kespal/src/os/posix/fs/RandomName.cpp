@@ -5,14 +5,14 @@
 
 #include <algorithm>
 
-#include "kespal/error/OsError.h"
+#include "os/posix/fs/Errors.h"
 
 namespace kes::fs {
 
-std::string randomName(const std::string& name, std::size_t most) {
+std::string randomName(const std::string& name, std::size_t most, const std::string& path) {
   constexpr char characters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
   unsigned char random[8];
-  check(KES_HERE, ::getentropy(random, sizeof random));
+  PathErrors::check(KES_HERE, ::getentropy(random, sizeof random), path);
   std::size_t kept = std::min(name.size(), most - sizeof random - 2);
   // Half a character in UTF-8 is no name on every file system.
   while (kept > 0 && kept < name.size() && (name[kept] & 0xC0) == 0x80) --kept;

@@ -80,7 +80,7 @@ void SaveFile::makeTemporary() {
   std::string name;
   for (int errnum = EEXIST; fd_ == -1; errnum = errno) {
     if (errnum != EEXIST) SaveErrors::raise(KES_HERE, errnum, path_);
-    name = randomName(name_, NAME_MAX);
+    name = randomName(name_, NAME_MAX, path_);
     fd_ = ::openat(directory_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly);
   }
   temporary_ = std::move(name);

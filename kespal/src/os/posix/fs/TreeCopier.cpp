@@ -154,7 +154,7 @@ class NewName {
     if (S_ISDIR(status.st_mode)) CopyErrors::raise(KES_HERE, EISDIR, target.path);
     const std::size_t slash = name_.rfind('/');  // only a top has any
     const std::size_t start = slash == std::string::npos ? 0 : slash + 1;
-    name_.replace(start, std::string::npos, randomName(name_.substr(start), NAME_MAX));
+    name_.replace(start, std::string::npos, randomName(name_.substr(start), NAME_MAX, target.path));
     isTemporary_ = true;
   }
 
