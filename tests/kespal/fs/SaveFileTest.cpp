@@ -221,6 +221,13 @@ TEST_F(SaveFileTest, WithoutRandomNumbersItIsAnErrorWithThePath) {
   EXPECT_EQ(raised.text, path);
 }
 
+TEST_F(SaveFileTest, WhereEveryTemporaryNameIsTakenTheSearchEnds) {
+  const Refuse failing(Call::openat, EEXIST);
+  const auto raised = raisedBy([&] { save(path, "new"); });
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, EEXIST);
+}
+
 TEST_F(SaveFileTest, ADirectoryThatDoesNotReachTheDeviceIsAnErrorOfAFileThatIsReplaced) {
   writeFile(path, "old");
   {

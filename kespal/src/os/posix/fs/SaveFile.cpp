@@ -28,6 +28,8 @@ namespace kes::fs {
 namespace {
 
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
+/// Of names for a temporary file. Who finds so many of them taken is told so by a file system that is broken.
+constexpr int mostTries = 100;
 
 /// As of opening a file, but what may not be written to its place is an access error as well.
 using SaveErrors = Errors<FsError, Raise<FileAccessError, EPERM, EACCES>, Raise<NoSuchFileError, ENOENT>>;
@@ -78,8 +80,8 @@ void SaveFile::chooseRights(const Access* access) {
 
 void SaveFile::makeTemporary() {
   std::string name;
-  for (int errnum = EEXIST; fd_ == -1; errnum = errno) {
-    if (errnum != EEXIST) SaveErrors::raise(KES_HERE, errnum, path_);
+  for (int tries = 0; fd_ == -1; ++tries) {
+    if (tries != 0 && (errno != EEXIST || tries == mostTries)) SaveErrors::raise(KES_HERE, errno, path_);
     name = randomName(name_, NAME_MAX, path_);
     fd_ = ::openat(directory_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly);
   }
