@@ -228,6 +228,15 @@ TEST_F(SaveFileTest, WhereEveryTemporaryNameIsTakenTheSearchEnds) {
   EXPECT_EQ(raised.errnum, EEXIST);
 }
 
+TEST_F(SaveFileTest, ALinkThatCannotBeLookedAtIsTheSystemsError) {
+  writeFile(path, "old");
+  const std::string link = dir / "link";
+  ASSERT_EQ(::symlink("settings", link.c_str()), 0);
+  const Refuse failing(Call::lstat, EIO);
+  EXPECT_EQ(raisedBy([&] { save(link, "new"); }).errnum, EIO);
+  EXPECT_EQ(readFile(path), "old");
+}
+
 TEST_F(SaveFileTest, ADirectoryThatDoesNotReachTheDeviceIsAnErrorOfAFileThatIsReplaced) {
   writeFile(path, "old");
   {

@@ -37,7 +37,9 @@ using SaveErrors = Errors<FsError, Raise<FileAccessError, EPERM, EACCES>, Raise<
 /// The path of what a link leads to; any other path as it is.
 std::string behindLink(const char* path) {
   struct stat status;
-  if (::lstat(path, &status) != 0 || !S_ISLNK(status.st_mode)) return path;
+  const bool isThere = ::lstat(path, &status) == 0;
+  if (!isThere && errno != ENOENT) SaveErrors::raise(KES_HERE, errno, path);
+  if (!isThere || !S_ISLNK(status.st_mode)) return path;
   const sys::MallocedText target(::realpath(path, nullptr));
   if (!target) SaveErrors::raise(KES_HERE, errno, path);
   return target.get();
