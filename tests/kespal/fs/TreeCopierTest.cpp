@@ -325,6 +325,20 @@ TEST_F(TreeCopierTest, WithoutRandomNumbersItIsAnErrorWithThePathAndTheFormerSta
   EXPECT_EQ(readFile(to), "former");
 }
 
+TEST_F(TreeCopierTest, ATargetThatCannotBeLookedAtIsTheSystemsError) {
+  mkdir(to.c_str(), 0700);
+  writeFile(to + "/1", "former");
+  for (const std::string& name : {std::string("/1"), std::string()}) {
+    const Refuse failing(Call::fstatat, EIO, test::nth(2));
+    const auto raised =
+        raisedBy([&] { TreeCopier(Flags::OVERWRITE).copy((from + name).c_str(), (to + name).c_str()); });
+    EXPECT_EQ(raised.type, "kes::FsError");
+    EXPECT_EQ(raised.errnum, EIO);
+    EXPECT_EQ(raised.text, to + name);
+  }
+  EXPECT_EQ(readFile(to + "/1"), "former");
+}
+
 TEST_F(TreeCopierTest, ACopyThatIsLostWhenItIsClosedIsAnErrorWithItsPath) {
   const Refuse failing(Call::close, ENOSPC, test::once);
   const auto raised = raisedBy([&] { copier.copy((from + "/1").c_str(), to.c_str()); });

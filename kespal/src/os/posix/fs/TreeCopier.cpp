@@ -44,6 +44,13 @@ struct Place {
   Place(const Place&) = delete;
   Place& operator=(const Place&) = delete;
 
+  /// Whether there is such an entry, and if so, its status.
+  bool isThere(struct stat& status) const {
+    if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0) return true;
+    if (errno != ENOENT) CopyErrors::raise(KES_HERE, errno, path);
+    return false;
+  }
+
   struct stat status() const {
     struct stat result;
     CopyErrors::check(KES_HERE, ::fstatat(directory, name, &result, AT_SYMLINK_NOFOLLOW), path);
@@ -149,7 +156,7 @@ class NewName {
  public:
   NewName(const Place& target, const struct stat& source, bool overwrite) : name_(target.name) {
     struct stat status;
-    if (!overwrite || ::fstatat(target.directory, target.name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (!overwrite || !target.isThere(status)) return;
     if (identityOf(status) == identityOf(source)) CopyErrors::raise(KES_HERE, EINVAL, target.path);
     if (S_ISDIR(status.st_mode)) CopyErrors::raise(KES_HERE, EISDIR, target.path);
     const std::size_t slash = name_.rfind('/');  // only a top has any
@@ -253,8 +260,7 @@ class TreeCopy {
 
   bool isTarget(const Place& target) const {
     struct stat status;
-    return ::fstatat(target.directory, target.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           identityOf(status) == source_.identity();
+    return target.isThere(status) && identityOf(status) == source_.identity();
   }
 
   void makeDirectory(const Place& target) const {
