@@ -107,7 +107,10 @@ class Writer::State : NoCopy {
 
   void begin() {
     iovec pieces[] = {pieceOf(start_.data(), start_.size())};
-    if (const int errnum = append(pieces); errnum != 0) fail(KES_HERE, errnum);
+    if (const int errnum = append(pieces); errnum != 0) {
+      torn_ = errnum;  // packets without a beginning are no capture
+      fail(KES_HERE, errnum);
+    }
     totals_ = {};
   }
 
@@ -163,7 +166,7 @@ class Writer::State : NoCopy {
   std::string start_;  // what every capture in the file begins with
   sys::Descriptor fd_;
   bool isFile_ = false;
-  int torn_ = 0;  ///< the errno of a record that is there in part for good
+  int torn_ = 0;  ///< the errno of what is there in part for good, or of a beginning that is missing
   Totals totals_;
 };
 

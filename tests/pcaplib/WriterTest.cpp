@@ -349,6 +349,19 @@ TEST_F(WriterTest, ResetStartsAnewInEveryFormat) {
   }
 }
 
+TEST_F(WriterTest, AfterAResetThatFailedPacketsAreLostUntilOneSucceeds) {
+  Writer writer = open();
+  writeFailure = ENOSPC;
+  writesBeforeIt = 0;
+  EXPECT_EQ(raisedBy([&] { writer.reset(); }).errnum, ENOSPC);
+  writeFailure = 0;
+  EXPECT_EQ(write(writer, "without a header"), ENOSPC);
+  EXPECT_EQ(readFile(path), "");
+  writer.reset();
+  EXPECT_EQ(write(writer, "anew"), 0);
+  EXPECT_THAT(PcapFile::parse(readFile(path)).packets(), ElementsAre("anew"));
+}
+
 TEST_F(WriterTest, AClosedWriterKeepsItsTotalsAndTakesNoPackets) {
   Writer writer = open();
   EXPECT_EQ(write(writer, "one"), 0);

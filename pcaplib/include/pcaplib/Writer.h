@@ -71,7 +71,8 @@ class Writer {
   const Totals& totals() const noexcept;
 
   /// Empties the file and starts a new capture in it, with totals of 0. kes::FsError, (EINVAL) for what is no
-  /// file and (EBADF) when it is closed.
+  /// file and (EBADF) when it is closed. If only the beginning could not be written, the file is empty, and
+  /// packets are lost for the same errno until another reset() succeeds.
   void reset();
   /// Closes the file; the totals stay. kes::FsError: the system may tell only now that it had no room.
   /// Nothing to do when it is closed.
