@@ -3,11 +3,13 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <typeinfo>
 #include <vector>
 
 #include "kespal/Backtrace.h"
+#include "kespal/EchoGuard.h"
 #include "kespal/GroupInfo.h"
 #include "kespal/Helper.h"
 #include "kespal/Locale.h"
@@ -109,6 +111,38 @@ TEST(EveryFailureOfTheTerminal, ItsSizeIsAskedForAndItsEchoSwitched) {
                                 "nothing is shown if that was said");
                     terminal.setEcho(true);
                     stage.check(pty.attributes().c_lflag == before.c_lflag, "it is as it was");
+                  }});
+}
+
+TEST(EveryFailureOfTheTerminal, WhatIsTypedIsHiddenForAWhile) {
+  expectSurvival({.operations = {"kes::term::EchoGuard::EchoGuard", "kes::term::EchoGuard::~EchoGuard"},
+                  .raises = {raises("kes::OsError", {}, "EchoGuard")},
+                  .play = [](Stage& stage) {
+                    const test::Pty pty;
+                    const auto isShown = [&pty] { return (pty.attributes().c_lflag & ECHO) != 0; };
+                    std::optional<term::EchoGuard> guard;
+                    stage.act([&] { guard.emplace(pty.terminal()); });
+                    // Where there is no terminal, there is nothing to hide.
+                    const bool isNone = stage.isRefused(Call::tcgetattr, ENOTTY);
+                    stage.check(isShown() != stage.succeeded() || isNone, "it is hidden if that was said");
+                    if (!guard) guard.emplace(pty.terminal());
+                    stage.act([&] { guard.reset(); });
+                    stage.check(stage.succeeded(), "the end of a scope raises nothing");
+                    const bool isStuck =
+                        stage.isRefused(Call::tcsetattr) && !stage.isRefused(Call::tcsetattr, EINTR);
+                    stage.check(isShown() || isStuck, "it is shown again");
+                  }});
+}
+
+TEST(EveryFailureOfTheTerminal, NobodyWhoWantsNoColourGetsAny) {
+  expectSurvival({.operations = {"kes::term::Terminal::heedNoColor"}, .play = [](Stage& stage) {
+                    ::setenv("NO_COLOR", "a value that is too long to be kept without memory", 1);
+                    ::setenv("TERM", "a terminal of a kind that has a name as long as this", 1);
+                    ::unsetenv("KES_FORCE_COLOR");
+                    term::Terminal::setColorMode(true, true);
+                    stage.act([] { term::Terminal::heedNoColor(); });
+                    stage.check(term::Terminal::m_stdout_color != stage.succeeded(), "none, or as before");
+                    stage.check(term::Terminal::m_stderr_color != stage.succeeded(), "for both");
                   }});
 }
 

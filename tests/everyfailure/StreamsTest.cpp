@@ -158,6 +158,38 @@ TEST(EveryFailureOfStreams, ALockIsTakenAndGivenBack) {
        }});
 }
 
+TEST(EveryFailureOfStreams, ALockIsWaitedForWithALimit) {
+  expectSurvival(
+      {.operations = {"kes::fs::Lock::readLockTimed", "kes::fs::Lock::writeLockTimed"},
+       .raises = {raises("kes::OsError")},
+       .play = [](Stage& stage) {
+         const std::string path = stage / "it";
+         File file, other;
+         file.open(path.c_str(), File::WRITE, File::CREATE);
+         other.open(path.c_str(), File::WRITE);
+         Lock lock, theirs;
+         lock.set(file.fd());
+         theirs.set(other.fd());
+         const auto isHeld = [&] {
+           const bool free = theirs.tryWriteLock();
+           if (free) theirs.unlock();
+           return !free;
+         };
+         bool taken = false;
+         stage.act([&] { taken = lock.readLockTimed(time::Milliseconds(4)); });
+         stage.check(taken == isHeld(), "it is held if that was said");
+         stage.check(taken == stage.succeeded() || stage.isRefused(Call::flock, EWOULDBLOCK), "it was free");
+         lock.unlock();
+         theirs.readLock();
+         taken = true;
+         stage.act([&] { taken = lock.writeLockTimed(time::Milliseconds(4)); });
+         stage.check(taken != stage.succeeded(), "it is somebody else's");
+         theirs.unlock();
+         stage.check(!isHeld() && lock.writeLockTimed(time::Milliseconds(0)), "it is free, and to be had");
+         lock.unlock();
+       }});
+}
+
 const std::vector<Raises> copyErrors = {raises("kes::FsError"),
                                         raises("kes::OsError"),
                                         raises("kes::FileAccessError", {}, "open"),

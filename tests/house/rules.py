@@ -211,14 +211,13 @@ def every_public_operation_has_a_scenario(*archives):
     for path in (path for path in (ROOT / "tests/everyfailure").glob("*.cpp") if path.name != "EngineTest.cpp"):
         for names in re.findall(r"\.operations\s*=\s*\{([^}]*)\}", path.read_text()):
             played.update(re.findall(r'"([^"]+)"', names))
-    lists = {name for file in ("needless", "awaited") for _, names in listed(f"tests/everyfailure/{file}.txt")
-             for name in names}
-    for name in sorted(operations - played - lists):
+    needless = {name for _, names in listed("tests/everyfailure/needless.txt") for name in names}
+    for name in sorted(operations - played - needless):
         yield f"{name}: no scenario in tests/everyfailure, nor a line in needless.txt that says why"
-    for name in sorted(name for name in played | lists if not is_declared(name, texts)):
-        yield f"{name}: is no public operation, but has a scenario or is in a list"
-    for name in sorted(lists & played):
-        yield f"{name}: has a scenario; take it out of the list"
+    for name in sorted(name for name in played | needless if not is_declared(name, texts)):
+        yield f"{name}: is no public operation, but has a scenario or is in needless.txt"
+    for name in sorted(needless & played):
+        yield f"{name}: has a scenario; take it out of needless.txt"
 
 
 # The shell of a Mac is bash 3.2, and its tools are BSD's.
