@@ -94,7 +94,7 @@ void Flock::releaseLost() KES_UNCHECKED {
 void Flock::reap(const siginfo_t& ended) KES_UNCHECKED {
   Guard guard(cond_);
   int status = 0;
-  pid_t pid = ::waitpid(ended.si_pid, &status, WNOHANG);
+  pid_t pid = sys::retry([&] { return ::waitpid(ended.si_pid, &status, WNOHANG); });
   if (pid == 0) return;  // somebody else was faster, and the number is a new child's
   if (pid == -1) {       // somebody else was faster, but it may have been our child that ended
     if (isOurs(ended.si_pid)) file(ended.si_pid, statusOf(ended), guard);
