@@ -1,10 +1,12 @@
 // The declarations that the macOS halves use, as their types. Compiled for macOS against the platform's
 // headers, and on Linux against the shims: so the shims cannot say anything else.
 #include <crt_externs.h>
+#include <fcntl.h>
 #include <mach-o/dyld.h>
 #include <mach/clock.h>
 #include <mach/mach.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/sysctl.h>
 
 #include <cstddef>
@@ -45,3 +47,7 @@ static_assert(is_same_v<decltype(sysctl), int(int*, unsigned int, void*, std::si
 
 static_assert(is_same_v<decltype(pthread_threadid_np(nullptr, std::declval<std::uint64_t*>())), int>);
 static_assert(is_same_v<decltype(pthread_setname_np(std::declval<const char*>())), int>);
+
+static_assert(F_FULLFSYNC == 51);
+static_assert(is_same_v<decltype(std::declval<struct stat>().st_atimespec), timespec>);
+static_assert(is_same_v<decltype(std::declval<struct stat>().st_mtimespec), timespec>);
