@@ -1,6 +1,7 @@
 /* Linked into every program of a coverage build, or what runs in forked children would not count: they end by
- * _exit() or a signal, have no descriptors left, another root directory or no right to write. So they share the
- * counters of the process that forked them, page by page. That process alone saves them, once, when it ends. */
+ * _exit() or a signal, have no descriptors left, another root directory or no right to write. So they share
+ * the counters of the process that forked them, page by page. That process alone saves them, once, when it
+ * ends. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <gcov.h>
@@ -26,7 +27,8 @@ __attribute__((constructor(101))) static void share(void) {
   char* counted = malloc(size);
   if (counted == NULL) abort();
   memcpy(counted, kes_counters_begin, size);
-  void* shared = mmap(kes_counters_begin, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  void* shared =
+      mmap(kes_counters_begin, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
   if (shared == MAP_FAILED) _exit(99);
   memcpy(shared, counted, size);
   free(counted);

@@ -42,13 +42,16 @@ class HeldSignals : public kes::NoCopy {
     sigset_t ending;
     sigemptyset(&ending);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) sigaddset(&ending, number);
-    ::pthread_sigmask(SIG_BLOCK, &ending, &before_);
+    isHolding_ = ::pthread_sigmask(SIG_BLOCK, &ending, &before_) == 0;
   }
-  ~HeldSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  ~HeldSignals() {
+    if (isHolding_) ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
 
  private:
   const kes::sys::NoCancel noCancel_;
   sigset_t before_;
+  bool isHolding_;
 };
 
 /// An open capture file, closed on the way out.

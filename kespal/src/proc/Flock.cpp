@@ -31,8 +31,9 @@ std::optional<time::RealtimeClock> deadlineAfter(const time::Milliseconds* timeo
   return deadline;
 }
 
-/// Whether this process has such a child, and it has not ended. A cancellation may start in it.
-bool runsUnattended(pid_t pid) {
+/// Whether this process has such a child, and it has not ended.
+bool runsUnattended(pid_t pid) noexcept {
+  const sys::NoCancel untilKnown;
   siginfo_t ended{};
   const auto look = [&] {
     return ::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 #include <thread>
 
 #include "kespal/error/FsError.h"
+#include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Tree.h"
 #include "kespal/fs/UnknownTypes.h"
 #include "support/Calls.h"
@@ -116,10 +116,7 @@ TEST_F(RemoveAllTest, ThreeDescriptorsAreEnough) {
   std::string deep = tree + "/a/b";
   for (int level = 0; level < 30; ++level) ::mkdir((deep += "/c").c_str(), 0700);
   const auto result = inChild([&] {
-    const int next = ::dup(0);
-    const rlimit limit{static_cast<rlim_t>(next) + 3, static_cast<rlim_t>(next) + 3};
-    ::close(next);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const test::FewDescriptors few(3);
     return removeAll(tree.c_str()) == 36 ? 0 : 1;
   });
   EXPECT_EQ(result.exitCode(), 0) << result.err;

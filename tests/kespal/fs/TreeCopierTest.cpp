@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <stdexcept>
 
 #include "kespal/error/FsError.h"
+#include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Tree.h"
 #include "support/Calls.h"
 #include "support/Descriptors.h"
@@ -408,10 +408,7 @@ TEST_F(TreeCopierTest, TreesMayBeDeepAndDescriptorsFew) {
   writeFile(deep + "/file", "content");
   setTimes(from + "/some-name/some-name", 1000, 2000);
   const auto result = inChild([&] {
-    const int next = ::dup(0);
-    const rlimit limit{static_cast<rlim_t>(next) + 24, static_cast<rlim_t>(next) + 24};
-    ::close(next);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const test::FewDescriptors few(24);
     return copy() ? 0 : 1;
   });
   EXPECT_EQ(result.exitCode(), 0) << result.err;

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/error/StaticError.h"
+#include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Tree.h"
 #include "kespal/fs/UnknownTypes.h"
 #include "support/Calls.h"
@@ -145,10 +145,7 @@ TEST_F(TreeWalkTest, ATreeMayBeDeeperThanAPathCanBeLongAndFewDescriptorsAreOpen)
 TEST_F(TreeWalkTest, ThreeDescriptorsAreEnough) {
   makeDeep(dir / "tree/empty", 40);
   const auto result = inChild([&] {
-    const int next = ::dup(0);
-    const rlimit limit{static_cast<rlim_t>(next) + 3, static_cast<rlim_t>(next) + 3};
-    ::close(next);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const test::FewDescriptors few(3);
     return walked(dir / "tree").size() == 8 + 41 ? 0 : 1;
   });
   EXPECT_EQ(result.exitCode(), 0) << result.err;

@@ -277,28 +277,6 @@ void* doneCancelled(void* (*action)(void*), void* argument) {
   return end;
 }
 
-TEST(ChildLoadTest, AThreadMayBeCancelledThatSignalsAChildWhoseCollectorHasEnded) {
-  KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
-  const auto result = test::inChild([] {
-    const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    Child child({"/bin/sleep", "60"});
-    child.setStdout(nowhere);
-    child.setStderr(nowhere);
-    child.create();
-    Child::exit();
-    const pid_t pid = child.pid();
-    const auto kill = [](void* victim) -> void* {
-      static_cast<Child*>(victim)->kill(SIGCONT);
-      return nullptr;
-    };
-    void* const end = doneCancelled(kill, &child);
-    ::kill(pid, SIGKILL);
-    return end == PTHREAD_CANCELED ? 0 : 1;
-  });
-  EXPECT_EQ(result.exitCode(), 0);
-  EXPECT_EQ(result.err, "");
-}
-
 TEST(ChildLoadTest, AProgramThatCannotTakeThePlaceOfACancelledThreadsProcessIsReported) {
   KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
   const auto result = test::inChild([] {
