@@ -167,7 +167,7 @@ TEST_F(CatalogueTest, NoDamageInAFileIsBelieved) {
 
 TEST_F(CatalogueTest, TextsInTheWrongOrderAreFound) {
   std::string file = catalogue({{"a", "1"}, {"b", "2"}, {"c", "3"}});
-  for (const std::size_t table : {28, 52})
+  for (const std::size_t table : {28U, 52U})
     std::swap_ranges(&file[table], &file[table + 8], &file[table + 16]);
   const MoFile shuffled(file);
   EXPECT_EQ(shuffled.find("a"), "1");
