@@ -21,6 +21,7 @@
 #include <fstream>
 #include <iostream>
 #include <new>
+#include <numeric>
 #include <optional>
 #include <set>
 #include <thread>
@@ -39,7 +40,8 @@ namespace {
 namespace stdfs = std::filesystem;
 using std::chrono::steady_clock;
 
-constexpr int errorsInFull = isSanitized ? 1 : 6;  ///< after so many calls one error of each is enough
+constexpr int errorsInFull = 6;  ///< after so many calls one error of each is enough
+constexpr int fewCalls = 5;  ///< with a sanitizer, which makes a run dear, more calls are not tried in full
 constexpr std::size_t mostComplaints = 25;
 
 /// What fails in a run.
@@ -470,6 +472,7 @@ class Director {
       const auto call = static_cast<Call>(i);
       counts[i] = call == Call::Last ? 0 : shared().board[call].made.load();
     }
+    isBrief_ = isSanitized && std::accumulate(counts.begin(), counts.end(), 0) > fewCalls;
     for (std::size_t i = 0; i < counts.size() && complaints_.size() < mostComplaints; ++i) {
       const auto call = static_cast<Call>(i);
       if (counts[i] > 0) tryAll(call);
@@ -485,7 +488,7 @@ class Director {
     if ((traits & Interrupted) != 0) inTurn({Run::Failing, call, 0, EINTR, 0, false});
     if ((traits & Short) != 0) {
       for (const std::size_t most : {std::size_t{1}, Shorten::half, Shorten::allButOne}) {
-        inTurn({Run::Moving, call, 0, 0, most, false});
+        if (!isBrief_ || most == Shorten::half) inTurn({Run::Moving, call, 0, 0, most, false});
         once({Run::Moving, call, 1, 0, most, true});
       }
     }
@@ -501,11 +504,12 @@ class Director {
     if (*first == 0) return;
     const int* error = first;
     for (int number = 1; complaints_.size() < mostComplaints; ++number) {
-      const bool isInFull = number <= errorsInFull;
+      const bool isInFull = !isBrief_ && number <= errorsInFull;
       if (isInFull) error = first;
       do {
         if (!once({Run::Failing, call, number, *error, 0, false})) return;
-        if (*error != EINTR) once({Run::Failing, call, number, *error, 0, true});
+        if (*error != EINTR && (!isBrief_ || number == 1))
+          once({Run::Failing, call, number, *error, 0, true});
         if (*++error == 0) error = first;
       } while (isInFull && error != first);
     }
@@ -593,6 +597,7 @@ class Director {
   const TempDir folders_{inMemory()};
   std::FILE* const errors_;
   ::sigset_t mask_{};
+  bool isBrief_ = false;  ///< tries one error of each call, and for good only from the first one on
   int runs_ = 0, refusedCalls_ = 0, refusedAllocations_ = 0;
   std::vector<std::string> complaints_;
 };
