@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "kespal/error/OsError.h"
@@ -22,6 +24,7 @@
 #include "support/PcapFile.h"
 #include "support/PrivateMount.h"
 #include "support/Raised.h"
+#include "support/Sanitizer.h"
 #include "support/ScriptedClock.h"
 #include "support/TempDir.h"
 
@@ -76,7 +79,7 @@ const Instead<Call::close> closeHere([](int fd) {
   return result;
 });
 
-Packet packetOf(const std::string& bytes) {
+Packet packetOf(std::string_view bytes) {
   return {.data = bytes.data(), .length = static_cast<std::uint32_t>(bytes.size())};
 }
 
@@ -429,6 +432,7 @@ TEST_F(WriterTest, ASignalDuringAWriteWaitsForTheWholeRecord) {
 }
 
 TEST_F(WriterTest, ACancellationDuringAWriteWaitsForTheWholeRecord) {
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   Writer writer = open();
   std::pair<WriterTest*, Writer*> both{this, &writer};
   cancelledInWrite = true;
