@@ -14,16 +14,21 @@
 // Every failure of an operation, injected in turn.
 //
 //   TEST(FileFailures, AFileIsOpened) {
-//     expectSurvival({.operations = {"kes::fs::File::open"},
-//                     .raises = {raises("kes::FsError")},
-//                     .play = [](Stage& stage) {
-//                       const std::string path = stage / "it";
-//                       writeFile(path, "text");                                       // set-up: nothing
-//                       fails here File file; stage.act([&] { file.open(path.c_str(), File::READ); }); //
-//                       everything fails in turn stage.check(stage.succeeded() == (file.fd() >= 0), "it is
-//                       held if that was said"); file.open(path.c_str(), File::READ); // and it can be used
-//                     }});
+//     expectSurvival(
+//         {.operations = {"kes::fs::File::open"}, .raises = {raises("kes::FsError")}, .play = play});
 //   }
+//
+//   void play(Stage& stage) {
+//     const std::string path = stage / "it";
+//     writeFile(path, "text");
+//     File file;
+//     stage.act([&] { file.open(path.c_str(), File::READ); });
+//     stage.check(stage.succeeded() == (file.fd() >= 0), "it is held if that was said");
+//     file.open(path.c_str(), File::READ);
+//   }
+//
+// Before act() is the set-up, where nothing fails; in act() everything fails in turn; after it the object can
+// be used.
 //
 // The play is run hundreds of times, each time in a forked child of its own. The first run counts which calls
 // of the C library the operation makes, in all threads and children. Then the 1st, the 2nd, ... call of each
@@ -40,18 +45,14 @@
 //
 // How to write one:
 // - One operation, or a few that belong together; all their names as `nm -C` gives them without parameters. A
-// rule
-//   of the house compares them with what the libraries export.
-// - What is made before act() is the set-up. Objects die with the play, by then nothing fails; a destructor
-// that
-//   is to be tried, too, is called in act(), by reset() of an optional.
+//   rule of the house compares them with what the libraries export.
+// - Objects die with the play, by then nothing fails. A destructor that is to be tried, too, is called in
+//   act(), by reset() of an optional.
 // - act() may be called more than once. Its action returns nothing, or whether it succeeded.
-// - check() what success means, and what holds after a failure: the old content is there, it works at a
-// second try.
-//   Where a refusal is an answer (ENOENT of stat() means "no"), ask stage.isRefused(Call::stat, ENOENT).
+// - check() what success means, and what holds after a failure: the old content is there, it works when it is
+//   tried again. Where a refusal is an answer (ENOENT of stat() means "no"), ask stage.isRefused().
 // - A thread or object that stays by design (a collector) is started first, then settle() takes it as given.
-// A
-//   terminal to be watched has to outlive the play.
+// - A terminal to be watched has to outlive the play.
 // - The test program is made with CALLS all. It starts no threads of its own outside of plays.
 
 namespace kes::test {

@@ -27,7 +27,6 @@ bool isLost(pid_t pid) noexcept {
 }
 
 /// The status as waitpid() tells it.
-
 int statusOf(const siginfo_t& ended) noexcept {
   if (ended.si_code == CLD_EXITED) return (ended.si_status & 0xff) << 8;
   return ended.si_code == CLD_DUMPED ? ended.si_status | WCOREFLAG : ended.si_status;
@@ -45,10 +44,8 @@ void Flock::collect() {
 bool Flock::awaitWork() {
   while (thread_.request() == CoopThread::Run) {
     Guard guard(cond_);
-
     if (phase_ == Phase::Stopping) return false;
     if (records_.anyRuns()) return true;
-
     thread_.requestPauseIfRun();
     guard.unlock();
     thread_.pause();

@@ -62,13 +62,10 @@ class Records : NoCopy {
   Child* takeRunningChild();
 
   /// Notes of a child that was thought to run that it is lost, and wakes those who wait for it. False when
-  /// there
-  /// is none; else gives who is to be told.
-
+  /// there is none; else gives who is to be told.
   bool takeLost(bool (*isLost)(pid_t), Child*& child);
 
   /// Wakes those who wait for this child; for any child.
-
   void wake(pid_t pid, std::uint64_t number);
   void wakeAll();
 

@@ -50,9 +50,7 @@ class Child : NoCopy {
     /// no other child is reaped.
     virtual void exited(Child& child) = 0;
     /// Called instead when the collector ends while the child still runs, or when somebody else has reaped
-    /// it:
-    /// nobody will tell of its end. On the same thread; may delete the child.
-
+    /// it: nobody will tell of its end. On the same thread; may delete the child.
     virtual void released(Child& child);
   };
 
