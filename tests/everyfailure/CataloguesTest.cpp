@@ -25,7 +25,7 @@ std::string catalogueOf(const std::vector<std::string>& texts) {
   const auto count = static_cast<std::uint32_t>(texts.size() / 2);
   std::vector<std::uint32_t> head = {0x950412DE, 0, count, tables, tables + 8 * count, 0, 0};
   std::string content;
-  for (std::size_t first : {0, 1}) {
+  for (const std::size_t first : {0U, 1U}) {
     for (std::size_t at = first; at < texts.size(); at += 2) {
       head.push_back(static_cast<std::uint32_t>(texts[at].size()));
       head.push_back(static_cast<std::uint32_t>(tables + 16 * count + content.size()));

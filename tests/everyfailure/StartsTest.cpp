@@ -5,6 +5,7 @@
 
 #include "kespal/os/posix/proc/Start.h"
 #include "support/EveryFailure.h"
+#include "support/Sanitizer.h"
 #include "sys/NoCancel.h"
 
 // Children on their way to a program.
@@ -67,6 +68,7 @@ TEST(EveryFailureOfStarts, AChildIsStarted) {
 }
 
 TEST(EveryFailureOfStarts, AChildThatSaysNothingIsStartedOrNot) {
+  KES_SKIP_UNDER_SANITIZERS("never shares memory with a child, so that none is made that may not speak");
   expectSurvival({.operations = {"kes::os::startChild"}, .play = [](Stage& stage) {
                     char program[] = "/bin/true";
                     char* words[] = {program, nullptr};

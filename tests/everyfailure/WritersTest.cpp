@@ -24,7 +24,7 @@ using test::raises;
 using test::readFile;
 using test::Stage;
 
-Packet packetOf(const std::string& bytes) {
+Packet packetOf(std::string_view bytes) {
   return {.data = bytes.data(), .length = static_cast<std::uint32_t>(bytes.size())};
 }
 

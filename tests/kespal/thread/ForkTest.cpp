@@ -75,6 +75,9 @@ TEST_P(ForkTest, JoiningAndKillingInTheChildWaitForNothingAndRaiseNothing) {
 }
 
 TEST_P(ForkTest, TheThreadIsBuriedInTheChildAndCanBeStartedAnew) {
+  if (isSanitized && GetParam() == Life::Starting) {
+    GTEST_SKIP() << "a sanitizer leaves a lock of its own taken in a fork while a thread starts";
+  }
   const ChildResult child = inBriefChild([&] {
     subject_->openAll();  // the child's thread may meet gates that the parent's has not passed yet
     const int before = subject_->ran();
