@@ -1,7 +1,6 @@
 #include "pcaplib/Writer.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "Blocks.h"
+#include "Transfer.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/FsError.h"
 #include "kespal/error/OsError.h"
@@ -24,25 +24,6 @@
 namespace kes::pcap {
 
 namespace {
-
-/// While this lives, the signals that people end programs with wait, and so does a cancellation: a record is
-/// whole or taken back before.
-class Undisturbed : NoCopy {
- public:
-  Undisturbed() {
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) sigaddset(&ending, number);
-    ::pthread_sigmask(SIG_BLOCK, &ending, &before_);
-  }
-  ~Undisturbed() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  const sys::NoCancel noCancel_;
-  sigset_t before_;
-};
-
-iovec pieceOf(const void* data, std::size_t size) { return {const_cast<void*>(data), size}; }
 
 timespec now() {
   timespec time{};
@@ -87,7 +68,7 @@ class Writer::State : NoCopy {
     if (!fd_) fail(KES_HERE, EBADF);
     if (!isFile_) fail(KES_HERE, EINVAL);
     {
-      const Undisturbed untilItIsEmpty;
+      const HeldSignals untilItIsEmpty;
       if (sys::retry([this] { return ::ftruncate(fd_.get(), 0); }) != 0) fail(KES_HERE, errno);
     }
     torn_ = 0;
@@ -118,7 +99,7 @@ class Writer::State : NoCopy {
   int append(std::span<iovec> pieces) {
     if (!fd_) return EBADF;
     if (torn_ != 0) return torn_;
-    std::optional<Undisturbed> untilWholeOrBack;
+    std::optional<HeldSignals> untilWholeOrBack;
     if (isFile_) untilWholeOrBack.emplace();
     std::size_t written = 0;
     sys::AtEnd noting([&] {
@@ -127,38 +108,19 @@ class Writer::State : NoCopy {
     const int errnum = writeAll(pieces, written);
     noting.dismiss();
     // What is torn and stays so would make every later record unreadable.
-    if (errnum != 0 && written != 0 && !tookBack(written)) torn_ = errnum;
+    if (errnum != 0 && written != 0 && !(isFile_ && takeBack(fd_.get(), written))) torn_ = errnum;
     return errnum;
   }
 
   int writeAll(std::span<iovec> pieces, std::size_t& written) const {
     while (!pieces.empty()) {
-      const ssize_t size =
-          sys::retry([&] { return ::writev(fd_.get(), pieces.data(), static_cast<int>(pieces.size())); });
+      const ssize_t size = writeOnce(fd_.get(), pieces);
       if (size == -1) return errno;
       written += static_cast<std::size_t>(size);
       if (size == 0 && pieces.front().iov_len != 0) return EIO;  // it would be so for ever
       pieces = behind(pieces, static_cast<std::size_t>(size));
     }
     return 0;
-  }
-
-  static std::span<iovec> behind(std::span<iovec> pieces, std::size_t written) {
-    while (!pieces.empty() && written >= pieces.front().iov_len) {
-      written -= pieces.front().iov_len;
-      pieces = pieces.subspan(1);
-    }
-    if (!pieces.empty()) {
-      pieces.front().iov_base = static_cast<char*>(pieces.front().iov_base) + written;
-      pieces.front().iov_len -= written;
-    }
-    return pieces;
-  }
-
-  bool tookBack(std::size_t written) const {
-    if (!isFile_) return false;
-    const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR), size = static_cast<off_t>(written);
-    return end >= size && sys::retry([&] { return ::ftruncate(fd_.get(), end - size); }) == 0;
   }
 
   Format format_;

@@ -1,7 +1,6 @@
 #include "pcaplib/capture.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -16,11 +15,10 @@
 
 #include "FileFormat.h"
 #include "NameFormat.h"
+#include "Transfer.h"
 #include "kespal/NoCopy.h"
 #include "kespal/time/Clock.h"
-#include "sys/NoCancel.h"
 #include "sys/Owner.h"
-#include "sys/Retry.h"
 
 constinit CaptureType cap_types[3] = {
     {.linkType = 1, .name = "eth", .opened = 0, .path = ""},
@@ -30,29 +28,14 @@ constinit CaptureType cap_types[3] = {
 
 namespace {
 
+using kes::pcap::behind;
 using kes::pcap::FileHeader;
+using kes::pcap::HeldSignals;
+using kes::pcap::pieceOf;
 using kes::pcap::RecordHeader;
-
-/// A signal that ends the process can end a write to a file between two memory pages; what has been written
-/// stays. While this lives, those that people send wait, and so does a cancellation: until the record is
-/// whole or taken back, or until the file that was emptied has its header.
-class HeldSignals : public kes::NoCopy {
- public:
-  HeldSignals() {
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) sigaddset(&ending, number);
-    isHolding_ = ::pthread_sigmask(SIG_BLOCK, &ending, &before_) == 0;
-  }
-  ~HeldSignals() {
-    if (isHolding_) ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-
- private:
-  const kes::sys::NoCancel noCancel_;
-  sigset_t before_;
-  bool isHolding_;
-};
+using kes::pcap::sizeOf;
+using kes::pcap::takeBack;
+using kes::pcap::writeOnce;
 
 /// An open capture file, closed on the way out.
 class CaptureFile : public kes::NoCopy {
@@ -81,58 +64,28 @@ class CaptureFile : public kes::NoCopy {
   }
 
  private:
-  ssize_t write(std::span<iovec> pieces) const {
-    return kes::sys::retry(
-        [&] { return ::writev(fd_.get(), pieces.data(), static_cast<int>(pieces.size())); });
-  }
-
   /// A torn record would make every later one unreadable. Nothing is left to try should taking it back fail.
   void appendWholeOrNotAtAll(std::span<iovec> pieces) const {
     const HeldSignals untilWholeOrBack;
-    const ssize_t written = write(pieces);
+    const ssize_t written = writeOnce(fd_.get(), pieces);
     if (written <= 0 || static_cast<std::size_t>(written) == sizeOf(pieces)) return;
-    const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR);
-    if (end >= written) kes::sys::retry([&] { return ::ftruncate(fd_.get(), end - written); });
+    takeBack(fd_.get(), static_cast<std::size_t>(written));
   }
 
   /// Passes all pieces on to a reader, who may take them in parts. What is on its way cannot be taken back,
   /// and a reader may be slow: signals find us as ever.
   void pass(std::span<iovec> pieces) const {
     while (!pieces.empty()) {
-      const ssize_t written = write(pieces);
+      const ssize_t written = writeOnce(fd_.get(), pieces);
       if (written <= 0) return;
       pieces = behind(pieces, static_cast<std::size_t>(written));
     }
-  }
-
-  static std::size_t sizeOf(std::span<const iovec> pieces) {
-    std::size_t size = 0;
-    for (const iovec& piece : pieces) size += piece.iov_len;
-    return size;
-  }
-
-  /// What is left of the pieces when their first bytes are out.
-  static std::span<iovec> behind(std::span<iovec> pieces, std::size_t written) {
-    while (!pieces.empty() && written >= pieces.front().iov_len) {
-      written -= pieces.front().iov_len;
-      pieces = pieces.subspan(1);
-    }
-    if (!pieces.empty()) {
-      pieces.front().iov_base = static_cast<char*>(pieces.front().iov_base) + written;
-      pieces.front().iov_len -= written;
-    }
-    return pieces;
   }
 
   kes::sys::Descriptor fd_;
   off_t end_ = 0;
   bool isFile_ = false;
 };
-
-template <typename T>
-iovec piece(const T& record) {
-  return {const_cast<T*>(&record), sizeof record};
-}
 
 RecordHeader stampedHeader(unsigned int length) {
   const kes::time::RealtimeClock now;
@@ -167,7 +120,7 @@ bool start(const CaptureType& entry, int flags) {
   CaptureFile file(entry.path, O_CREAT | flags);
   if (!file.isOpen()) return false;
   const FileHeader header{.linkType = entry.linkType};
-  iovec pieces[] = {piece(header)};
+  iovec pieces[] = {pieceOf(&header, sizeof header)};
   if ((flags & O_TRUNC) != 0 || file.isEmptyFile()) file.append(pieces);
   return true;
 }
@@ -178,7 +131,8 @@ bool append(const CaptureType& entry, const unsigned char* data, unsigned int le
   if (!file.isOpen()) return false;
   const FileHeader fileHeader{.linkType = entry.linkType};
   const RecordHeader recordHeader = stampedHeader(length);
-  iovec pieces[] = {piece(fileHeader), piece(recordHeader), {const_cast<unsigned char*>(data), length}};
+  iovec pieces[] = {pieceOf(&fileHeader, sizeof fileHeader), pieceOf(&recordHeader, sizeof recordHeader),
+                    pieceOf(data, length)};
   file.append(file.isEmptyFile() ? std::span(pieces) : std::span(pieces).subspan(1));
   return true;
 }
