@@ -26,7 +26,8 @@ Site openSite() noexcept;
 
 /// Null at the end; "." and ".." are left out.
 const dirent* nextEntry(DIR* directory);
-Dir::EntryType typeOf(const dirent& entry) noexcept;
+/// Of DT_DIR and its kin.
+Dir::EntryType typeOf(unsigned char direntType) noexcept;
 
 /// Of the open file itself.
 void setAccessPriv(int fd, const Access& access, const std::string& path);

@@ -85,7 +85,7 @@ const char* Dir::entryName() const {
 
 Dir::EntryType Dir::entryType() const {
   needEntry(KES_HERE, stream_, entry_);
-  return at::typeOf(*entry_);
+  return at::typeOf(entry_->d_type);
 }
 
 std::string Dir::entryPath() const { return path_ + '/' + entry_->d_name; }
@@ -138,8 +138,8 @@ Site at::openSite() noexcept {
 
 const dirent* at::nextEntry(DIR* directory) { return readEntry(KES_HERE, directory); }
 
-Dir::EntryType at::typeOf(const dirent& entry) noexcept {
-  switch (entry.d_type) {
+Dir::EntryType at::typeOf(unsigned char direntType) noexcept {
+  switch (direntType) {
     case DT_DIR:
       return Dir::EntryType::Directory;
     case DT_REG:

@@ -95,7 +95,7 @@ class Level {
   /// secret.
   void readEntries() {
     while (const dirent* entry = at::nextEntry(dir_.get())) {
-      entries_ += static_cast<char>(at::typeOf(*entry));
+      entries_ += static_cast<char>(at::typeOf(entry->d_type));
       entries_.append(entry->d_name).push_back('\0');
     }
   }

@@ -128,18 +128,7 @@ std::size_t TreeWalk::depth() const {
 
 Dir::EntryType TreeWalk::entryType() const {
   needEntry();
-  switch (state_->type()) {
-    case DT_DIR:
-      return Dir::EntryType::Directory;
-    case DT_REG:
-      return Dir::EntryType::Regular;
-    case DT_LNK:
-      return Dir::EntryType::Link;
-    case DT_UNKNOWN:
-      return Dir::EntryType::Unknown;
-    default:
-      return Dir::EntryType::Other;
-  }
+  return at::typeOf(state_->type());
 }
 
 Info TreeWalk::entryInfo() const {
