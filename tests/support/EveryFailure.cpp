@@ -121,8 +121,8 @@ class Director {
   }
 
   bool survives(const Run& run) {
-    shared().~Shared();
-    new (&shared()) Shared;
+    shared().~RunReport();
+    new (&shared()) RunReport;
     shared().board.suspended = true;
     board(&shared().board);
     ++runs_;

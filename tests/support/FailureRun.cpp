@@ -30,12 +30,12 @@ std::string described(const Run& run) {
   }
 }
 
-Shared& shared() {
-  static Shared* const memory = [] {
+RunReport& shared() {
+  static RunReport* const memory = [] {
     void* const at =
-        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        ::mmap(nullptr, sizeof(RunReport), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (at == MAP_FAILED) throw std::bad_alloc();
-    return new (at) Shared;
+    return new (at) RunReport;
   }();
   return *memory;
 }

@@ -26,7 +26,7 @@ bool isAllocation(Call call);
 bool isMemory(const Run& run);
 
 /// What a child says to the parent.
-struct Shared {
+struct RunReport {
   CallBoard board;
   std::atomic<bool> isOver{false};
   std::atomic<bool> complains{false};
@@ -34,7 +34,7 @@ struct Shared {
 };
 
 /// Memory that children share.
-Shared& shared();
+RunReport& shared();
 
 /// The first one counts: what follows is mostly its consequence.
 void complain(const std::string& what);
