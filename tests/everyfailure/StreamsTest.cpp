@@ -58,6 +58,26 @@ TEST(EveryFailureOfStreams, BytesAreWrittenReadAndSoughtFor) {
        }});
 }
 
+TEST(EveryFailureOfStreams, APipeIsMade) {
+  expectSurvival({.operations = {"kes::fs::Pipe::make"},
+                  .raises = {raises("kes::OsError", {}, "make")},
+                  .play = [](Stage& stage) {
+                    Pipe pipe;
+                    const sys::AtEnd closing([&pipe] {
+                      for (const int end : {pipe.readEnd, pipe.writeEnd}) {
+                        if (end != -1) ::close(end);
+                      }
+                    });
+                    stage.act([&] { pipe = Pipe::make({Pipe::ReadEnd, Pipe::WriteEnd}); });
+                    stage.check((pipe.readEnd != -1) == stage.succeeded(), "one end");
+                    stage.check((pipe.writeEnd != -1) == stage.succeeded(), "and the other");
+                    char byte = 'b';
+                    const bool passes =
+                        ::write(pipe.writeEnd, &byte, 1) == 1 && ::read(pipe.readEnd, &byte, 1) == 1;
+                    stage.check(passes == stage.succeeded(), "what one gets the other gives");
+                  }});
+}
+
 TEST(EveryFailureOfStreams, APipesEndIsTakenOver) {
   expectSurvival({.operations = {"kes::fs::File::open", "kes::fs::File::~File"},
                   .raises = {raises("kes::OsError", {}, "close")},

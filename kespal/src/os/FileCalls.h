@@ -17,4 +17,8 @@ struct FileTimes {
 };
 FileTimes timesOf(const struct stat& status) noexcept;
 
+/// Makes a pipe, its read end first, both ends close-on-exec: at once, where the system can do that. Answers
+/// as pipe() does, and leaves nothing behind when it fails.
+int makePipe(int (&ends)[2]) noexcept;
+
 }  // namespace kes::os

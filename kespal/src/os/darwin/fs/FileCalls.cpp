@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "sys/Owner.h"
+
 namespace kes::os {
 
 namespace {
@@ -24,5 +26,18 @@ int syncToDevice(int fd) {
 }
 
 FileTimes timesOf(const struct stat& status) noexcept { return {{status.st_atimespec, status.st_mtimespec}}; }
+
+// There is no pipe2() here: until the second call another thread may start a program, which has the ends
+// then.
+int makePipe(int (&ends)[2]) noexcept {
+  if (::pipe(ends) != 0) return -1;
+  sys::Descriptor readEnd(ends[0]), writeEnd(ends[1]);
+  for (const int end : ends) {
+    if (::fcntl(end, F_SETFD, FD_CLOEXEC) == -1) return -1;
+  }
+  readEnd.release();
+  writeEnd.release();
+  return 0;
+}
 
 }  // namespace kes::os
