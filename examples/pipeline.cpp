@@ -1,33 +1,20 @@
 // Three programs in a row, each reading what the one before writes: seq 1 1000 | grep 7 | wc -l
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <iostream>
 #include <list>
 #include <string>
 
-#include "kespal/error/OsError.h"
 #include "kespal/fs/Pipe.h"
 #include "kespal/kespal.h"
 #include "kespal/proc/Child.h"
+#include "kespal/proc/ExitStatus.h"
 
 namespace {
 
 using kes::fs::Pipe;
 using kes::proc::Child;
-
-/// Both ends vanish on exec: a child gets only those that it is given.
-Pipe makePipe() {
-  int ends[2];
-  if (::pipe(ends) != 0) kes::raiseAt(KES_HERE, kes::OsError(errno));
-  for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
-  Pipe pipe;
-  pipe.readEnd = ends[0];
-  pipe.writeEnd = ends[1];
-  return pipe;
-}
+using kes::proc::ExitStatus;
 
 /// Starts a program and closes our copies of its streams at once. As long as somebody else could write into a
 /// pipe, its reader would wait for more; and the next child would inherit what was handed to this one.
@@ -41,8 +28,9 @@ void start(Child& child, int in, int out) {
 }
 
 bool succeeded(Child& child) {
-  const Child::ExitState state = child.wait();
-  return WIFEXITED(state.status) && WEXITSTATUS(state.status) == 0;
+  const ExitStatus status(child.wait().status);
+  if (!status.isSuccess()) std::cout << "a program " << status << '\n';
+  return status.isSuccess();
 }
 
 }  // namespace
@@ -50,13 +38,14 @@ bool succeeded(Child& child) {
 int main() {
   const kes::KesPal runtime(/*quitHandling=*/false, /*forkPending=*/false, kes::Locale::System);
   Child numbers({"seq", "1", "1000"}), sevens({"grep", "7"}), count({"wc", "-l"});
-  const Pipe first = makePipe(), second = makePipe();
+  // Both ends vanish on exec: a child gets only those that it is given.
+  const Pipe first = Pipe::make(), second = Pipe::make();
   start(numbers, -1, first.writeEnd);
   start(sevens, first.readEnd, second.writeEnd);
   start(count, second.readEnd, -1);
   // Every child is waited for, whichever fails.
   bool all = true;
   for (Child* child : {&numbers, &sevens, &count}) all = succeeded(*child) && all;
-  std::cout << (all ? "every program succeeded" : "a program failed") << '\n';
+  std::cout << (all ? "every program succeeded\n" : "");
   return all ? 0 : 1;
 }

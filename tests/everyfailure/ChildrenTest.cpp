@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "kespal/proc/Child.h"
+#include "kespal/proc/ExitStatus.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/time/Clock.h"
 #include "support/Eventually.h"
@@ -219,6 +220,19 @@ TEST(EveryFailureOfChildren, TheCollectorIsMadeAndEnded) {
                         expectService(stage);
                       },
                   .spared = {Call::fork}});  // without a process the next child's end is awaited
+}
+
+TEST(EveryFailureOfChildren, TheWordsForAnEndAreMade) {
+  expectSurvival({.operations = {"kes::proc::ExitStatus::exitCode", "kes::proc::ExitStatus::signal",
+                                 "kes::proc::ExitStatus::coreDumped", "kes::proc::ExitStatus::text"},
+                  .play = [](Stage& stage) {
+                    std::string exited, killed;
+                    stage.act([&] { exited = ExitStatus(3 << 8).text(); });
+                    stage.check(!stage.succeeded() || exited == "exited 3", "of an exit");
+                    stage.act([&] { killed = ExitStatus(SIGSEGV | WCOREFLAG).text(); });
+                    stage.check(!stage.succeeded() || killed == "killed by SIGSEGV, core dumped",
+                                "of a signal");
+                  }});
 }
 
 pid_t childOfOurOwn(Shepherd& shepherd) {
