@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #ifdef __cplusplus
 extern "C" {
@@ -11,6 +11,7 @@ extern "C" {
  * more than 60 objects and for children made by fork(). Null handles, and those with all bits set, give 0.
  * Any thread may call these; a handle that is closed must not be in use. */
 
+/** An event, local or keyed. */
 typedef struct KesOsEvent KesOsEvent;
 
 /** Creates an event, or opens the keyed one that exists. 1 with a handle in *out, which KesOsEventClose

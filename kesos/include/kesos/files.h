@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <dirent.h>
 #include <stddef.h>
@@ -16,8 +16,10 @@ extern "C" {
 /** Size of the buffers that receive names. */
 #define KESOS_PATH_SIZE 1024
 
-/** Whether there is something of that name, and whether it is a directory. */
+/** Whether there is something of that name. */
 int KesOsFileExists(const char* name);
+
+/** Whether there is a directory of that name. */
 int KesOsIsDir(const char* name);
 
 /** Makes sure that a directory exists, with all those above it; new ones get mode 0700. Parts are separated
@@ -43,9 +45,13 @@ int KesOsSetFileTime(const char* name, time_t t);
  * the times not. */
 int KesOsCopyFile(const char* from, const char* to, char failIfExists);
 
-/** Deletes a file, an empty directory; renames. */
+/** Deletes a file. */
 int KesOsDeleteFile(const char* name);
+
+/** Deletes an empty directory. */
 int KesOsDeleteDir(const char* name);
+
+/** Renames a file or directory, as rename() does: what is called `to` already is replaced. */
 int KesOsRenameFile(const char* from, const char* to);
 
 /** Deletes a directory with everything below it, and BEHIND LINKS: a link to a directory has that
@@ -55,9 +61,9 @@ int KesOsDeleteDirTree(const char* path);
 
 /** A search in a directory, owned by the caller: filled by KesOsFindFirst, released by KesOsFindClose. */
 typedef struct KesOsFind {
-  DIR* dir; /**< null when closed */
-  char path[KESOS_PATH_SIZE];
-  char pattern[KESOS_PATH_SIZE];
+  DIR* dir;                      /**< null when closed */
+  char path[KESOS_PATH_SIZE];    /**< of the directory */
+  char pattern[KESOS_PATH_SIZE]; /**< of the names in it */
 } KesOsFind;
 
 /** What a search reports about an entry; links are followed. */
@@ -83,6 +89,7 @@ int KesOsCreateTempdir(char* buf, size_t size);
  * to nameSize bytes) and errno in *error. Works where the system has /proc; fails with ENOENT elsewhere. */
 int KesOsGetModuleFileName(char* path, unsigned int size, char* name, unsigned int nameSize,
                            unsigned int* error);
+/** The directory alone. */
 int KesOsGetModulePath(char* path, unsigned int size, unsigned int* error);
 
 /** Always 0. */

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 /* The flat interface to the operating system: plain functions with unmangled names, for C and C++. They
  * never throw; they return 1 for success and 0 for failure where nothing else is said, and hand out handles

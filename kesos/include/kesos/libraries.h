@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #ifdef __cplusplus
 extern "C" {
@@ -8,12 +8,14 @@ extern "C" {
  */
 
 /** Loads a library, its symbols bound when they are used; null when it cannot be loaded or the name is null
- * or empty. The second form then stores the loader's message (which may be null) in *error. */
+ * or empty. */
 void* KesOsDlLoad(const char* file);
+/** The same, which then stores the loader's message (it may be null) in *error. */
 void* KesOsDlLoadEx(const char* file, const char** error);
 
 /** The address of a symbol; null when there is none, the handle is null or the name is null or empty. */
 void* KesOsDlGetAddr(void* handle, const char* symbol);
+/** The same, which then stores the loader's message (it may be null) in *error. */
 void* KesOsDlGetAddrEx(void* handle, const char* symbol, const char** error);
 
 /** Gives a library back; a null handle gives 1. */

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #ifdef __cplusplus
 extern "C" {
@@ -18,6 +18,7 @@ extern "C" {
  * - A child made by fork() is a user from the first object on that it opens itself. It may use the handles
  *   it inherited for as long as their parent does; closing one frees the child's copy and changes nothing. */
 
+/** A mutex, local or keyed. */
 typedef struct KesOsMutex KesOsMutex;
 
 /** Creates a mutex, or opens the keyed one that exists. 1 with a handle in *out, which KesOsMutexClose frees,

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #ifdef __cplusplus
 extern "C" {
@@ -22,7 +22,9 @@ extern "C" {
  * collector's thread, use the flag: without it the shell is started, too, but cannot be waited for, and the
  * exit code is -1. */
 int KesOsCreateProcess(const char* cmd);
+/** KesOsCreateProcess with a flag, or 0. */
 int KesOsCreateProcessSw(const char* cmd, unsigned int flags);
+/** The same, which tells the exit code; `exitCode` may be null. */
 int KesOsCreateProcessEx(const char* cmd, unsigned int flags, int* exitCode);
 
 /** A child process; freed by KesOsProcessWait, and by nothing else. For one thread at a time. */

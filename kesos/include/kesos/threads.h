@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <pthread.h>
 #ifndef __cplusplus
@@ -14,7 +14,9 @@ extern "C" {
  * that both sides look at: 0 not running, 1 running, 3 asked to stop. The thread watches it and sets it
  * back to 0 as the last thing it does. */
 
+/** What a thread runs. What it returns is lost. */
 typedef void* (*KesOsThreadRoutine)(void* arg);
+/** What KesOsThreadStop calls to wake a thread that is to stop. */
 typedef void (*KesOsStopCallback)(void* arg);
 
 /** Starts a detached thread. A stackSize of 0 (bytes) means the system's default, but at most 262144; other

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <time.h>
 
@@ -21,9 +21,10 @@ unsigned int KesOsGetTimeInmSec(void);
 /** The wall clock in seconds since 1970. */
 time_t KesOsGetTimeInSec(void);
 
-/** Says that the process is up (as it is at the start), or that it is shutting down: waits on semaphores
- * are then not repeated after a signal. */
+/** Says that the process is up, as it is at the start. */
 void KesOsSetSystemUp(void);
+
+/** Says that the process is shutting down: waits on semaphores are not repeated after a signal any more. */
 void KesOsSetShutdown(void);
 
 /** 1 while the process is up, 0 once it is shutting down. */

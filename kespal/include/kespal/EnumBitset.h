@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstdint>
 #include <initializer_list>
@@ -12,12 +12,14 @@ template <typename E>
 requires std::is_enum_v<E>
 class EnumBitset {
  public:
-  constexpr EnumBitset() noexcept = default;
+  constexpr EnumBitset() noexcept = default;  ///< the empty set
+  /// The set of one flag, or of several.
   constexpr EnumBitset(E flag) noexcept : mask_(bits(flag)) {}  // NOLINT(google-explicit-constructor)
   constexpr EnumBitset(std::initializer_list<E> flags) noexcept {
     for (E flag : flags) mask_ |= bits(flag);
   }
 
+  /// The flags of both sets.
   constexpr EnumBitset operator|(EnumBitset other) const noexcept {
     EnumBitset both = *this;
     both.mask_ |= other.mask_;
@@ -26,8 +28,8 @@ class EnumBitset {
 
   /// Whether every bit of the flag is in the set.
   constexpr bool test(E flag) const noexcept { return (mask_ & bits(flag)) == bits(flag); }
-  constexpr void set(E flag) noexcept { mask_ |= bits(flag); }
-  constexpr std::uint32_t mask() const noexcept { return mask_; }
+  constexpr void set(E flag) noexcept { mask_ |= bits(flag); }     ///< adds the flag
+  constexpr std::uint32_t mask() const noexcept { return mask_; }  ///< all flags as bits
 
   friend constexpr bool operator==(EnumBitset, EnumBitset) noexcept = default;
 

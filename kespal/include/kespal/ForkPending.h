@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <atomic>
 
@@ -8,7 +8,7 @@ namespace kes {
 /// sets it; the layers below read it here, and need not know the runtime. Any thread may read it.
 class ForkPending {
  public:
-  static inline constinit std::atomic<bool> m_pending{false};
+  static inline constinit std::atomic<bool> m_pending{false};  ///< true until KesPalInit::forkDone()
 };
 
 }  // namespace kes

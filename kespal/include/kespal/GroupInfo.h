@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <iosfwd>
 #include <set>
@@ -11,8 +11,9 @@ namespace kes {
 /// when it has no such group; the key stays then, without members.
 class GroupInfo {
  public:
-  static constexpr unsigned Unknown = 0xFFFFFFFF;
+  static constexpr unsigned Unknown = 0xFFFFFFFF;  ///< the id of no group
 
+  /// Looks up the group with this id, or this name.
   explicit GroupInfo(unsigned gid);
   explicit GroupInfo(const std::string& name);
 
@@ -23,8 +24,8 @@ class GroupInfo {
   /// Looks the group up again: by its name, or by its id when the name is empty.
   void retrieve();
 
-  const std::string& name() const noexcept { return name_; }
-  unsigned gid() const noexcept { return gid_; }  ///< Unknown until found
+  const std::string& name() const noexcept { return name_; }  ///< empty until found, if looked up by id
+  unsigned gid() const noexcept { return gid_; }              ///< Unknown until found
   /// Those the group lists; whose primary group it is need not be among them.
   const std::set<std::string>& members() const noexcept { return members_; }
 

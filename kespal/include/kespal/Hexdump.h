@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <iosfwd>
@@ -9,10 +9,10 @@ namespace kes {
 /// Bytes to be written to a stream as hexadecimal digits: `stream << Hexdump{data, size, 16, " "}`. A plain
 /// record; the bytes stay the caller's and must live until they are written.
 struct Hexdump {
-  const unsigned char* data = nullptr;
-  std::size_t size = 0;
-  int perLine = 0;        ///< bytes of one line; 0 or less: all on one line
-  std::string separator;  ///< between two bytes of a line
+  const unsigned char* data = nullptr;  ///< the first byte
+  std::size_t size = 0;                 ///< count of bytes
+  int perLine = 0;                      ///< bytes of one line; 0 or less: all on one line
+  std::string separator;                ///< between two bytes of a line
 };
 
 /// Writes every byte with two digits, the bytes of a line apart by the separator and the lines by a newline,

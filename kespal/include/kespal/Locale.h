@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <string>
 
@@ -10,6 +10,7 @@ namespace kes {
 /// process (setlocale) and must not run while other threads use the locale.
 class Locale {
  public:
+  /// The languages to choose from; System is the one that the environment names.
   enum Language : int { English, German, French, GermanAustria, System };
 
   /// Selects a language's locale; System, and any other value, takes the locale from the environment. A

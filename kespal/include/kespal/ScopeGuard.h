@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include "kespal/NoCopy.h"
 #include "kespal/error/Exception.h"
@@ -11,7 +11,7 @@ class ScopeGuardBase : NoCopy {
  public:
   /// The guard will do nothing any more.
   void dismiss() noexcept { dismissed_ = true; }
-  bool dismissed() const noexcept { return dismissed_; }
+  bool dismissed() const noexcept { return dismissed_; }  ///< whether it was, or is done
 
   /// Reports an error caught in a guard: its whole stack text, to standard error, or a shorter one for want
   /// of memory. Throws nothing, and no cancellation starts in it.
@@ -32,8 +32,10 @@ class ScopeGuardBase : NoCopy {
 template <typename Obj, typename MemFn>
 class ObjScopeGuard0 : public ScopeGuardBase {
  public:
+  /// Will call `function` on `object`, which stays the caller's.
   ObjScopeGuard0(Obj& object, MemFn function) noexcept : ObjScopeGuard0(&object, function) {}
   ObjScopeGuard0(Obj* object, MemFn function) noexcept : object_(object), function_(function) {}
+  /// Acts, unless dismissed.
   ~ObjScopeGuard0() noexcept(false) { shoot(); }
 
   /// Does now what would be done at the end of the scope, once; again, when it was reported as failed.

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <iosfwd>
 #include <string>
@@ -8,12 +8,12 @@ namespace kes {
 /// A user account, as the password database has it. A plain record; an id with all bits set is unknown.
 /// Any thread may look up; m_login_name is written at start-up.
 struct UserInfo {
-  unsigned uid = 0xFFFFFFFF;
+  unsigned uid = 0xFFFFFFFF;  ///< user id
   unsigned gid = 0xFFFFFFFF;  ///< of the primary group
   std::string name;           ///< login name
   std::string group;          ///< name of the primary group
-  std::string home;
-  std::string shell;
+  std::string home;           ///< home directory
+  std::string shell;          ///< login shell
 
   UserInfo() = default;
   /// The account of a user id, and its primary group. Errors of resolve().
@@ -30,7 +30,7 @@ struct UserInfo {
 
   /// The login name of the controlling terminal's user; empty when unknown.
   static std::string& m_login_name;
-  static void setLoginName();
+  static void setLoginName();  ///< what init() does
   /// Finds out who is logged in. Called once, before threads are started.
   static void init() { setLoginName(); }
 };

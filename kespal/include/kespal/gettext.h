@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <string>
 
@@ -8,9 +8,9 @@ namespace kes {
 /// outlive it.
 class Gettext {
  public:
-  explicit Gettext(const std::string& text) noexcept : text_(text) {}
+  explicit Gettext(const std::string& text) noexcept : text_(text) {}  ///< refers to the caller's string
 
-  const std::string& text() const noexcept { return text_; }
+  const std::string& text() const noexcept { return text_; }  ///< untranslated
 
  private:
   const std::string& text_;

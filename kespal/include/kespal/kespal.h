@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <signal.h>
 
@@ -37,14 +37,17 @@ class IQuitHandler {
 class IForkHandler {
  public:
   virtual ~IForkHandler() = default;
+  /// Called by KesPalInit::forkDone(), on its thread, once. What it throws comes out of there.
   virtual void afterFork() = 0;
 };
 
 /// Turns a signal into an orderly quit of the runtime object.
 class QuitSignal : public signal::Handler::INotify {
  public:
+  /// For one runtime object, which outlives it.
   explicit QuitSignal(KesPalInit& runtime) noexcept : runtime_(runtime) {}
 
+  /// Notes the signal and calls quit() of the runtime object.
   void notify(const int& signal, const siginfo_t& info) override;
   /// Whether the calling thread is in notify() now.
   static bool notifying() noexcept;
@@ -56,11 +59,13 @@ class QuitSignal : public signal::Handler::INotify {
 /// What the runtime object does with signals, and with a fork that is to come.
 class KesPalInit : NoCopy {
  public:
+  /// See KesPal::quit().
   virtual void quit() = 0;
 
   /// Whether the received signal, which requested the quit, ends the process in the end.
   void setQuitStatus(bool quitStatus) noexcept { quitStatus_ = quitStatus; }
 
+  /// Whether a fork is to come, so that no thread can be made. Any thread may ask.
   bool forkPending() const noexcept { return ForkPending::m_pending; }
   /// The fork was made, and this is the process that goes on: starts the signal thread when quit handling
   /// is on, and calls the fork handlers, each once. Raises what Handler::start() raises, and what a handler
@@ -91,12 +96,14 @@ class KesPalInit : NoCopy {
   bool explicitQuit(int status);
 
  protected:
+  /// Only notes what init() is to do.
   KesPalInit(bool quitHandling, bool forkPending) noexcept;
   /// Ends the process by the received signal when that was asked for.
   virtual ~KesPalInit();  // NOLINT(bugprone-exception-escape): ends the program then
 
+  /// Sets masks and handlers up, and starts the signal thread. Raises what the constructor of KesPal does.
   void init();
-  void stopSignalThread();
+  void stopSignalThread();  ///< what Handler::stop() raises
   /// Undoes what init() did; for a runtime object that could not be completed.
   void undo() noexcept;
 
@@ -139,9 +146,9 @@ class KesPal final : public KesPalInit {
   void quit() override;
   /// Handlers are not owned. Any thread may call these, but no quit handler.
   void addQuitHandler(IQuitHandler& handler);
-  void delQuitHandler(IQuitHandler& handler);
+  void delQuitHandler(IQuitHandler& handler);  ///< one that was not added is no error
 
-  const AppBase* app() const noexcept { return app_; }
+  const AppBase* app() const noexcept { return app_; }  ///< as it was given; not owned
 
   static KesPal* m_instance;  ///< the one that lives; null when none does
 

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <cstdint>
@@ -35,9 +35,10 @@ struct Packet {
 /// while a file is written; a program that wants EFBIG as a result ignores SIGXFSZ.
 class Writer {
  public:
+  /// What is the same for all packets of a capture. The texts need not outlive the constructor.
   struct Options {
-    Format format = Format::Pcap;
-    std::uint32_t linkType = 1;  ///< LINKTYPE number of the packets; Ethernet. At most 65,535 in Pcapng
+    Format format = Format::Pcap;  ///< of the file
+    std::uint32_t linkType = 1;    ///< LINKTYPE number of the packets; Ethernet. At most 65,535 in Pcapng
     const char* interfaceName = nullptr;  ///< UTF-8, at most 65,535 bytes; only Pcapng has room for it,
     const char* comment = nullptr;        ///< for this, too: on the capture as a whole
   };
@@ -61,14 +62,14 @@ class Writer {
   ~Writer();
   /// What was moved from can be assigned to and destroyed, and nothing else.
   Writer(Writer&& other) noexcept;
-  Writer& operator=(Writer&& other) noexcept;
+  Writer& operator=(Writer&& other) noexcept;  ///< closes what this one had
 
   /// Writes one packet: 0 when it is in the file, else the errno that it was lost for, such as ENOSPC. EINVAL
   /// for a packet out of its range; EBADF when the writer is closed; and when a FIFO or a device took only a
   /// part of a packet, or a part could not be taken back, every later one is lost for the same errno.
   /// Raises kes::OsError when the clock cannot be read, and std::bad_alloc; then nothing is written.
   int write(const Packet& packet);
-  const Totals& totals() const noexcept;
+  const Totals& totals() const noexcept;  ///< valid while the writer lives
 
   /// Empties the file and starts a new capture in it, with totals of 0. kes::FsError, (EINVAL) for what is no
   /// file and (EBADF) when it is closed. If only the beginning could not be written, the file is empty, and

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <memory>
 #include <sstream>
@@ -13,6 +13,7 @@ namespace kes {
 /// error, or null.
 class DynError : public Raisable<DynError, Exception> {
  public:
+  /// An error with this text, and the name of its kind.
   DynError(std::string text, const char* name) noexcept : DynError("", std::move(text), "", name) {}
   /// The copy of an error, or of this part of a derived one, has a text of its own.
   DynError(const DynError& other);
@@ -34,7 +35,7 @@ class DynError : public Raisable<DynError, Exception> {
   DynError(const char* before, std::string given, const char* after, const char* name) noexcept
       : before_(before), given_(std::move(given)), after_(after), name_(name) {}
 
-  const std::string& given() const noexcept { return given_; }
+  const std::string& given() const noexcept { return given_; }  ///< the text of the construction
 
  private:
   /// The text given at construction and all that was streamed since.

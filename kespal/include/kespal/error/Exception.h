@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <exception>
 #include <memory>
@@ -45,13 +45,15 @@ class Exception : public std::exception {
   /// what() of this error and of all its causes, in numbered blocks, every line indented by a tab.
   std::string exStack() const;
 
+  /// The cause, which stays this error's; null when none is known.
   const Exception* next() const noexcept { return next_.get(); }
   /// Makes a copy of `cause` the cause of this error; an earlier one is dropped.
   void setNext(const Exception& cause);
 
-  const char* file() const noexcept { return file_; }  ///< null when raised without a site
-  int line() const noexcept { return line_; }
+  const char* file() const noexcept { return file_; }          ///< null when raised without a site
+  int line() const noexcept { return line_; }                  ///< 0 when raised without a site
   const char* function() const noexcept { return function_; }  ///< null when raised without a site
+  /// The calls that led to the throw site; empty with backtraces off.
   const Backtrace& backtrace() const noexcept;
 
   /// Whether errors collect a backtrace at their throw site.
@@ -60,8 +62,8 @@ class Exception : public std::exception {
   /// off otherwise. Called once, before threads are started.
   static void init();
 
-  void setSite(const Site& site) noexcept;
-  void setBacktrace(Backtrace&& backtrace);
+  void setSite(const Site& site) noexcept;   ///< for locateAt(), as is the next one
+  void setBacktrace(Backtrace&& backtrace);  ///< std::bad_alloc
 
  protected:
   Exception() = default;
@@ -91,7 +93,9 @@ class Raisable : public Base {
  public:
   using Base::Base;
 
+  /// As Exception::raise(): throws a Derived.
   [[noreturn, gnu::always_inline]] void raise() const override { throw static_cast<const Derived&>(*this); }
+  /// As Exception::clone(): a new Derived.
   Exception* clone() const override { return new Derived(static_cast<const Derived&>(*this)); }
 };
 

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <string>
 
@@ -11,13 +11,14 @@ namespace kes {
 /// that raises it; whatever has no subclass there is an FsError itself.
 class FsError : public Raisable<FsError, DynError> {
  public:
+  /// The path as the operation got it, and the errno that it failed with.
   FsError(const std::string& path, int errnum);
   /// A null path counts as the empty one.
   FsError(const char* path, int errnum) : FsError(std::string(path != nullptr ? path : ""), errnum) {}
 
-  const std::string& path() const noexcept { return given(); }
-  const OsError& osError() const noexcept { return osError_; }
-  int errnum() const noexcept { return osError_.errnum(); }
+  const std::string& path() const noexcept { return given(); }  ///< as it was given
+  const OsError& osError() const noexcept { return osError_; }  ///< the failure without the path
+  int errnum() const noexcept { return osError_.errnum(); }     ///< the errno
 
   /// The path, ": ", and the text of the error number.
   std::string text() const override;

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cerrno>
 
@@ -9,9 +9,9 @@ namespace kes {
 /// A system or library call failed with an error number: errno, or the code that the call returned.
 class OsError : public Raisable<OsError, Exception> {
  public:
-  explicit OsError(int errnum) noexcept : errnum_(errnum) {}
+  explicit OsError(int errnum) noexcept : errnum_(errnum) {}  ///< from errno or a call's result
 
-  int errnum() const noexcept { return errnum_; }
+  int errnum() const noexcept { return errnum_; }  ///< as it was given
   /// The number in decimal; there are no symbolic names.
   std::string errnumLabel() const;
 

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <string_view>
@@ -7,8 +7,8 @@ namespace kes {
 
 /// Where an error is raised. Plain data; the texts are static strings, never owned.
 struct Site {
-  const char* file;  ///< path below the library's root without extension, such as "src/fs/Path"
-  int line;
+  const char* file;      ///< path below the library's root without extension, such as "src/fs/Path"
+  int line;              ///< in that file, from 1; some sites have a fixed number
   const char* function;  ///< unqualified name of the raising function
 };
 

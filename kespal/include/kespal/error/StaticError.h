@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include "kespal/error/Exception.h"
 
@@ -8,6 +8,7 @@ namespace kes {
 /// and both may be null.
 class StaticError : public Raisable<StaticError, Exception> {
  public:
+  /// An error with this text, and the name of its kind.
   StaticError(const char* text, const char* name) noexcept : text_(text), name_(name) {}
 
   std::string text() const override;
@@ -21,12 +22,14 @@ class StaticError : public Raisable<StaticError, Exception> {
 /// A state was met that should be impossible, or that the caller could not foresee.
 class RuntimeError : public Raisable<RuntimeError, StaticError> {
  public:
+  /// `text` is a literal that says what was met.
   explicit RuntimeError(const char* text) noexcept : Raisable(text, "Runtime") {}
 };
 
 /// An operation was used in a way that it forbids.
 class UsageError : public Raisable<UsageError, StaticError> {
  public:
+  /// `text` is a literal that says what is forbidden.
   explicit UsageError(const char* text) noexcept : Raisable(text, "Usage") {}
 };
 

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <iosfwd>
 #include <string>
@@ -9,15 +9,16 @@ namespace kes::fs {
 /// with all bits set means none, or leave unchanged.
 class Access {
  public:
-  static constexpr unsigned Unchanged = 0xFFFFFFFF;
+  static constexpr unsigned Unchanged = 0xFFFFFFFF;  ///< an owner or group that is none
 
-  Access() noexcept = default;
+  Access() noexcept = default;  ///< no owner, no group, no bits
+  /// Of the mode the twelve low bits count.
   explicit Access(unsigned short mode) noexcept : mode_(bits(mode)) {}
   Access(unsigned owner, unsigned group, unsigned short mode) noexcept
       : owner_(owner), group_(group), mode_(bits(mode)) {}
 
-  unsigned owner() const noexcept { return owner_; }
-  unsigned group() const noexcept { return group_; }
+  unsigned owner() const noexcept { return owner_; }  ///< user id, or Unchanged
+  unsigned group() const noexcept { return group_; }  ///< group id, or Unchanged
   /// The twelve low bits: set-id, sticky, and rwx for owner, group and others.
   unsigned short mode() const noexcept { return mode_; }
 

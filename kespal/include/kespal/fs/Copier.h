@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <memory>
@@ -32,7 +32,7 @@ class Copier : NoCopy {
   void allocateBuffer(std::size_t size);
   /// The caller's buffer, else the own one. UsageError when there is none yet.
   char* getBufferPointer() const;
-  bool haveBuffer() const noexcept;
+  bool haveBuffer() const noexcept;  ///< whether there is one, the caller's or an own one
 
   /// Copies by name. The target is created with the permission bits that it is to have; without OVERWRITE
   /// an existing one is left untouched (FsError, EEXIST). A file is not copied onto itself, under any name

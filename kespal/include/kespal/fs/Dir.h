@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <dirent.h>
 
@@ -29,7 +29,7 @@ class Dir : NoCopy {
   /// NoSuchFileError; anything else, a null path (EFAULT) included: FsError. If the former one cannot be
   /// closed, close()'s OsError, and none is open then.
   void open(const char* path);
-  bool isOpen() const noexcept { return stream_ != nullptr; }
+  bool isOpen() const noexcept { return stream_ != nullptr; }  ///< whether a directory is
   /// Closes if open. OsError; the directory counts as closed then, too.
   void close();
 
@@ -38,7 +38,7 @@ class Dir : NoCopy {
   bool nextEntry();
   /// The name of the current entry, without its directory; valid until the next nextEntry() or close().
   const char* entryName() const;
-  EntryType entryType() const;
+  EntryType entryType() const;  ///< of the current entry
   /// The status of the current entry. Fails as Info::get() does, with the path of the directory as it was
   /// opened, a slash, and the entry's name.
   void entryInfo(Info& info, bool follow) const;

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <string>
@@ -69,7 +69,7 @@ class File : NoCopy {
   /// Two shared files on NULLDEV, opened for reading and for writing; null before init() and after exit().
   /// Both calls belong to the start and the end of the process, while no other thread runs.
   static File* m_null_in;
-  static File* m_null_out;
+  static File* m_null_out;  ///< see m_null_in
   /// Opens the shared files; what open() raises.
   static void init();
   /// Destroys the shared files, if there are any.

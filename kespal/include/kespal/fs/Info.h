@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -20,14 +20,14 @@ class Info {
   /// The status of an open file. OsError.
   static Info get(const int& fd);
 
-  bool isDir() const noexcept { return S_ISDIR(status_.st_mode); }
-  bool isRegular() const noexcept { return S_ISREG(status_.st_mode); }
-  bool isLink() const noexcept { return S_ISLNK(status_.st_mode); }
+  bool isDir() const noexcept { return S_ISDIR(status_.st_mode); }      ///< a directory
+  bool isRegular() const noexcept { return S_ISREG(status_.st_mode); }  ///< a regular file
+  bool isLink() const noexcept { return S_ISLNK(status_.st_mode); }     ///< a symbolic link
 
   /// The twelve permission bits: set-id, sticky, and rwx for owner, group and others.
   unsigned short mode() const noexcept { return static_cast<unsigned short>(status_.st_mode & 07777); }
-  unsigned owner() const noexcept { return status_.st_uid; }
-  unsigned group() const noexcept { return status_.st_gid; }
+  unsigned owner() const noexcept { return status_.st_uid; }  ///< user id
+  unsigned group() const noexcept { return status_.st_gid; }  ///< group id
   /// Owner, group and permission bits in one.
   Access access() const noexcept { return {owner(), group(), mode()}; }
   /// In bytes; the length of the target for a link.

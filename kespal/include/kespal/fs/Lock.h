@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstdio>
 
@@ -33,7 +33,7 @@ class Lock {
   /// waits without a limit, or asks at the right moment, may get it first. The time is that of the monotonic
   /// clock.
   bool readLockTimed(time::Milliseconds limit) const;
-  bool writeLockTimed(time::Milliseconds limit) const;
+  bool writeLockTimed(time::Milliseconds limit) const;  ///< see readLockTimed()
   /// Gives the lock back; one that is not held is no error.
   void unlock() const;
 
@@ -45,6 +45,7 @@ class Lock {
 /// standard error.
 class ScopedLock : NoCopy {
  public:
+  /// Of the lock's descriptor; the object need not live on.
   explicit ScopedLock(const Lock& lock) noexcept : lock_(lock) {}
   ~ScopedLock();
 

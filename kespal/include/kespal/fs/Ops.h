@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstddef>
 #include <cstdint>
@@ -19,6 +19,7 @@ enum class Flags : std::uint32_t {
 };
 using enum Flags;
 
+/// The set of both flags.
 constexpr EnumBitset<Flags> operator|(Flags one, Flags other) noexcept { return {one, other}; }
 
 /// Operations on named files, without state: any thread may call. Paths are NUL-terminated byte strings. A
@@ -29,7 +30,7 @@ class Ops {
   /// The working directory. OsError (ENOENT when it was removed, ENAMETOOLONG when the name is longer than
   /// the platform's path maximum).
   static std::string cwd();
-  static void setCWD(const char* path);
+  static void setCWD(const char* path);  ///< changes it, for all threads
   /// Whether the file exists, or with `follow` what a link leads to. Only ENOENT means it does not.
   static bool exists(const char* path, bool follow);
   /// Reads what a symbolic link holds. ENOENT, ENOTDIR: NoSuchFileError; EINVAL: NotASymlinkError.

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <concepts>
 #include <cstddef>
@@ -47,8 +47,8 @@ class Path : public std::string {
   Path(const std::string& text, const canonical_t&) : Path(text) {}
   Path(const char* text, const canonical_t&) : Path(text) {}
 
-  Path& operator=(const Path&) = default;
-  Path& operator=(Path&&) noexcept = default;
+  Path& operator=(const Path&) = default;      ///< as it is
+  Path& operator=(Path&&) noexcept = default;  ///< as it is; the other one stays valid
   /// Becomes a copy of the text, cleansed as by the constructors.
   Path& operator=(const std::string& text) { return cleansed(assign(text)); }
   Path& operator=(std::string&& text) noexcept { return cleansed(assign(std::move(text))); }
@@ -66,6 +66,7 @@ class Path : public std::string {
     while (size() >= 2 && back() == '/') pop_back();
   }
 
+  /// Whether it begins with a slash.
   bool isAbsolute() const noexcept { return !empty() && front() == '/'; }
   /// "/" for an absolute path, else empty.
   std::string root() const { return isAbsolute() ? "/" : ""; }
@@ -91,7 +92,7 @@ class Path : public std::string {
 
   /// What follows the last '/': the whole text if there is none, nothing if the text ends with it.
   std::string basename() const;
-  Path& assignBasename();
+  Path& assignBasename();  ///< becomes its basename()
   /// Cuts at the last '/': "a/b" becomes "a", and "/a" becomes empty. "a" becomes ".", and "/" stays.
   Path& assignDirname();
   /// Cuts at the last '/', n times. Empty when there are fewer.

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include "kespal/EnumBitset.h"
 
@@ -7,9 +7,10 @@ namespace kes::fs {
 /// The two descriptors of a pipe, -1 where an end is not held. A plain record: it closes nothing. Who wants
 /// an end closed in time hands it to a File.
 struct Pipe {
-  int readEnd = -1;
-  int writeEnd = -1;
+  int readEnd = -1;   ///< where bytes come out
+  int writeEnd = -1;  ///< where they go in
 
+  /// Names ends.
   enum End : unsigned { ReadEnd = 0x1, WriteEnd = 0x2 };
 
   /// Makes a pipe, both ends close-on-exec. Those that are named do not block: what cannot be done at once

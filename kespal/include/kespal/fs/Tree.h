@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstdint>
 #include <memory>
@@ -49,7 +49,7 @@ class TreeWalk : NoCopy {
   /// The descriptor of the directory that it is in, and its name there, for calls such as openat(). The
   /// descriptor stays the walk's; both are good until the next nextEntry().
   int directory() const;
-  const char* entryName() const;
+  const char* entryName() const;  ///< see directory()
 
  private:
   class State;

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <sys/types.h>
 
@@ -71,8 +71,8 @@ class Child : NoCopy {
   /// process starts from then on, by whatever means, gets them as well, until the caller closes them.
   /// Installed in the order 1, 2, 0, so that a number may stand for what was installed before it.
   void setStdin(int fd) { stdinFd_ = fd; }
-  void setStdout(int fd) { stdoutFd_ = fd; }
-  void setStderr(int fd) { stderrFd_ = fd; }
+  void setStdout(int fd) { stdoutFd_ = fd; }  ///< see setStdin()
+  void setStderr(int fd) { stderrFd_ = fd; }  ///< see setStdin()
   /// Whether the child becomes the leader of a new process group.
   void setNewProcessGroup(bool enter) { newProcessGroup_ = enter; }
   /// Who is told when the child ends; not owned. Waits while the notification of an earlier child still
@@ -101,7 +101,7 @@ class Child : NoCopy {
   /// or not it was waited for; OsError (EINVAL for a signal that does not exist, EPERM for a program of
   /// another user).
   void kill(const int& signal = SIGKILL);
-  void term(const int& signal = SIGTERM);
+  void term(const int& signal = SIGTERM);  ///< kill() with another default
 
   /// The running child's process id; -1 when there is none.
   pid_t pid() const noexcept { return pid_; }

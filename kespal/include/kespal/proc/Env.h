@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <string>
 
@@ -21,7 +21,7 @@ class Env {
   /// when it begins, not when the object was made; a change of the environment ends it: the array may be
   /// another one then, and the old one freed.
   const char* const* begin() const noexcept;
-  const char* const* end() const noexcept;
+  const char* const* end() const noexcept;  ///< see begin()
 
  private:
   char*** place_;  ///< of the array

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <set>
 
@@ -14,7 +14,7 @@ class Privilege {
   /// The account of the real, or effective, user id, with the group of that kind. Errors of
   /// UserInfo::resolve(): a user without an account is one, as in many containers.
   UserInfo realProcUser() const;
-  UserInfo effectiveProcUser() const;
+  UserInfo effectiveProcUser() const;  ///< see realProcUser()
   /// Fills in the account of the record's user id; the group id stays.
   void resolveUser(UserInfo& user) const;
 

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <memory>
 
@@ -24,7 +24,7 @@ class Flock;
 /// anew without children.
 class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
  public:
-  using Guard = ::kes::thread::LockGuardT<::kes::thread::Condition>;
+  using Guard = ::kes::thread::LockGuardT<::kes::thread::Condition>;  ///< holds the collector's lock
 
   /// OsError (ENOMEM, EAGAIN) when the system has no lock or condition left.
   Shepherd();

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <csignal>
 #include <initializer_list>
@@ -17,9 +17,9 @@ class Set {
   void add(int signal) noexcept;
   /// Takes a signal out; one that is not in the set stays out.
   void remove(int signal) noexcept;
-  bool contains(int signal) const noexcept;
+  bool contains(int signal) const noexcept;  ///< false also for what is no signal
 
-  const ::sigset_t& native() const noexcept { return signals_; }
+  const ::sigset_t& native() const noexcept { return signals_; }  ///< for calls of the system
 
   /// The mask that this process started with, which is what the programs it starts get. Taken when the
   /// program is initialised, and by the runtime object before it changes the mask.

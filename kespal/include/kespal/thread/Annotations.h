@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 // What clang's thread-safety analysis is told: which lock guards what, and who takes it. To any other
 // compiler the words say nothing.

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <pthread.h>
 
@@ -22,6 +22,7 @@ class PerProcess;
 /// raises UsageError, a failing system call OsError; every operation raises the OsError of a lock that fails.
 class BasicThread : NoCopy {
  public:
+  /// Where the thread is in its life.
   enum State : int {
     CREATED = 0,           ///< the native thread exists and is held before the body
     STARTING = 1,          ///< it was told to go and has not picked that up yet
@@ -79,8 +80,8 @@ class BasicThread : NoCopy {
   /// Waits while the state is STARTING.
   void waitStartOver() const;
 
-  const std::string& name() const noexcept;
-  State state() const;
+  const std::string& name() const noexcept;  ///< as it was given
+  State state() const;                       ///< may be another one by the time it is looked at
   /// Waits while the state is STARTING. Raises RuntimeError while there is no native thread, or it is held.
   Id id() const;
 
@@ -96,8 +97,10 @@ class BasicThread : NoCopy {
   /// What the object and its native thread share, so that neither depends on the other's life.
   struct Control;
 
+  /// For a derived class, whose control block knows the body. Errors of the public constructor.
   BasicThread(std::shared_ptr<Control> control, unsigned long stackSize);
 
+  /// This process's control block, made anew in a forked child. Raises OsError and std::bad_alloc.
   const std::shared_ptr<Control>& control() const;
   /// Whether the calling thread is this one; false, too, when the run was buried meanwhile. Raises what id()
   /// raises. The control block is locked.

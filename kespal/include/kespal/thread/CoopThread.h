@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <memory>
 #include <string>
@@ -15,9 +15,12 @@ namespace kes::thread {
 /// raises UsageError; the other errors are those of BasicThread.
 class CoopThread : public CppThread, public CppThread::IThread {
  public:
-  enum CoopState : int { Running = 0, Returned = 1, Paused = 2 };  ///< what the thread does
-  enum Request : int { Run = 0, Return = 1, Pause = 2 };           ///< what it was asked to do last
+  /// What the thread does.
+  enum CoopState : int { Running = 0, Returned = 1, Paused = 2 };
+  /// What it was asked to do last.
+  enum Request : int { Run = 0, Return = 1, Pause = 2 };
 
+  /// The body of a cooperative thread.
   class ICoopThread {
    public:
     /// The body. Called on the native thread; see CppThread::IThread.
@@ -32,12 +35,13 @@ class CoopThread : public CppThread, public CppThread::IThread {
       : CoopThread(name, user, nullptr) {}
   ~CoopThread() override;
 
-  bool isCoopThread() const override { return true; }
+  bool isCoopThread() const override { return true; }  ///< true
   /// Runs the body and notes that it has returned. Called by the native thread.
   void thread(CppThread& self) override;
 
+  /// Each asks, and waits for nothing; a thread that sleeps or pauses wakes up.
   void requestRun();
-  void requestReturn();
+  void requestReturn();  ///< see requestRun()
   /// Wakes nobody: a thread that sleeps sleeps on.
   void requestPause();
 
@@ -46,8 +50,8 @@ class CoopThread : public CppThread, public CppThread::IThread {
   /// when the body has returned, also in a run that was buried meanwhile. RuntimeError for a thread that is
   /// held.
   void waitRunning() const;
-  void waitPaused() const;
-  void waitReturned() const;
+  void waitPaused() const;    ///< see waitRunning()
+  void waitReturned() const;  ///< see waitRunning()
 
   /// Stays paused while that is the request. For the thread itself only: UsageError on another one,
   /// RuntimeError when there is none.
@@ -57,8 +61,8 @@ class CoopThread : public CppThread, public CppThread::IThread {
   /// pause(). The deadline is of the calendar clock, and moves when that is set.
   bool sleep(const time::RealtimeClock& deadline);
 
-  Request request() const;
-  CoopState coopState() const;
+  Request request() const;      ///< Run when buried
+  CoopState coopState() const;  ///< Running when buried
 
  protected:
   /// For a derived object that is a body itself: `self` is run when there is no `user`.

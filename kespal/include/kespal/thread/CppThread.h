@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <memory>
 #include <string>
@@ -13,6 +13,7 @@ namespace kes::thread {
 /// its own body joins the thread in its destructor. Errors are those of BasicThread.
 class CppThread : public BasicThread {
  public:
+  /// The body of a thread.
   class IThread {
    public:
     /// The body. Called on the native thread. What it throws is reported and ends the thread, except a
@@ -28,12 +29,13 @@ class CppThread : public BasicThread {
   /// A thread that was told to go and has not begun yet leaves without running its body.
   ~CppThread() override;
 
-  virtual bool isCoopThread() const { return false; }
+  virtual bool isCoopThread() const { return false; }  ///< whether it is a CoopThread
 
  protected:
   /// For a derived object that is a body itself: `self` is run when there is no `user`.
   CppThread(const std::string& name, IThread* user, IThread* self);
 
+  /// For a derived class, whose control block knows the body.
   explicit CppThread(std::shared_ptr<BasicThread::Control> control);
 
  private:

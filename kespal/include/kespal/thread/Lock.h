@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include "kespal/os/posix/thread/Lock.h"
 
@@ -10,6 +10,7 @@ namespace kes::thread {
 /// another thread held it, nobody will ever release it there.
 class KES_CAPABILITY("lock") Lock : public LockBase {
  public:
+  /// A lock that nobody holds. Raises OsError (ENOMEM, EAGAIN).
   explicit Lock(LockKind kind) : LockBase(kind) {}
   ~Lock() = default;
 };

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include "kespal/ScopeGuard.h"
 #include "kespal/thread/Annotations.h"
@@ -10,6 +10,7 @@ namespace kes::thread {
 template <typename T>
 class KES_SCOPED_CAPABILITY LockGuardT : public ObjScopeGuard0<T const, void (T::*)() const> {
  public:
+  /// Waits for the lock and takes it.
   explicit LockGuardT(const T& lockable) KES_ACQUIRE(lockable)
       : Guard((lockable.lock(), lockable), &T::unlock) {}
   ~LockGuardT() noexcept(false) KES_RELEASE() = default;

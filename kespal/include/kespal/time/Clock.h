@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstdint>
 #include <ctime>
@@ -12,11 +12,11 @@ namespace kes::time {
 class OsClock {
  public:
   // NOLINTBEGIN(readability-identifier-naming): the services' established names
-  static std::uint32_t REALTIME;   ///< calendar time
-  static std::uint32_t MONOTONIC;  ///< time since boot, never set back
-  static std::uint32_t INITTIME;   ///< the same service as MONOTONIC, and so are the next two
-  static std::uint32_t PROCTIME;
-  static std::uint32_t THREADTIME;
+  static std::uint32_t REALTIME;    ///< calendar time
+  static std::uint32_t MONOTONIC;   ///< time since boot, never set back
+  static std::uint32_t INITTIME;    ///< the same service as MONOTONIC, and so are the next two
+  static std::uint32_t PROCTIME;    ///< see INITTIME
+  static std::uint32_t THREADTIME;  ///< see INITTIME
   // NOLINTEND(readability-identifier-naming)
 };
 
@@ -43,11 +43,13 @@ class ClockBase : public OsClock {
   ::timespec toTimespec() const noexcept;
 
  protected:
+  /// Of one of the services, not read yet.
   explicit ClockBase(std::uint32_t clock) noexcept : clock_(clock) {}
   ~ClockBase() = default;
   ClockBase(const ClockBase&) = default;
-  ClockBase& operator=(const ClockBase&) = default;
+  ClockBase& operator=(const ClockBase&) = default;  ///< with the reading
 
+  /// Takes a reading off the value; the seconds wrap around at 32 bits.
   void subtract(std::uint32_t sec, std::int32_t nsec) noexcept;
 
  private:
@@ -71,9 +73,10 @@ class MonotonicClock final : public ClockBase {
 /// Steady time since the platform library was started.
 class InitClock final : public ClockBase {
  public:
+  /// A reading of the clock.
   struct Origin {
-    std::uint32_t sec;
-    std::int32_t nsec;
+    std::uint32_t sec;  ///< whole seconds
+    std::int32_t nsec;  ///< nanoseconds, 0 to 999,999,999
   };
 
   /// Makes the present moment the origin. Call once, right after ClockBase::init().

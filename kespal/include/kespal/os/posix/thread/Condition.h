@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <pthread.h>
 
@@ -25,8 +25,9 @@ class KES_CAPABILITY("condition") Condition : NoCopy {
   /// Never throws: a failure of the system gives a warning on standard error.
   ~Condition();
 
+  /// Takes, and releases, the lock; as Lock::lock() and Lock::unlock().
   [[gnu::always_inline]] void lock() const KES_ACQUIRE() KES_UNCHECKED { lock_->lock(); }
-  [[gnu::always_inline]] void unlock() const KES_RELEASE() KES_UNCHECKED { lock_->unlock(); }
+  [[gnu::always_inline]] void unlock() const KES_RELEASE() KES_UNCHECKED { lock_->unlock(); }  ///< see lock()
 
   /// Releases the lock, waits to be woken, and takes the lock again; it may wake up without a reason. A
   /// thread that is cancelled in there releases the lock. Raises OsError EPERM for who does not hold an
