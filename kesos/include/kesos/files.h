@@ -11,7 +11,8 @@ extern "C" {
 
 /* Files and directories. Paths have at most 1023 bytes where one is composed of parts: what does not fit
  * fails with ENAMETOOLONG, and nothing is done to a shortened name. A null name fails with EFAULT. Failures
- * leave errno; nothing is printed. Links are followed, also where a tree is deleted. */
+ * leave errno; nothing is printed. Links are followed, also where a tree is deleted. Any thread may call
+ * these; a search is for one thread at a time. */
 
 /** Size of the buffers that receive names. */
 #define KESOS_PATH_SIZE 1024

@@ -9,7 +9,7 @@ extern "C" {
  * own. Call before threads are started. */
 void KesOsSetIpcPerms(int mode, unsigned int uid, unsigned int gid);
 
-/** The value of a System V semaphore; -1 with errno when it cannot be read. */
+/** The value of a System V semaphore; -1 with errno when it cannot be read. Any thread may call. */
 int KesOsSemaphoreVal(int semid);
 
 #ifdef __cplusplus

@@ -8,9 +8,11 @@
 extern "C" {
 #endif
 
-/** Memory that processes share: a mapped file, or a System V shared-memory segment. Filled by
- * KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. A record belongs to one thread at a time. The
- * key 32777 (0x8009) is taken: its segment counts the users of keyed mutexes and events. */
+/* Memory that processes share: a mapped file, or a System V shared-memory segment. The key 32777 (0x8009) is
+ * taken: its segment counts the users of keyed mutexes and events. Any thread may call these; a record
+ * belongs to one thread at a time. */
+
+/** A mapping. Filled by KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. */
 typedef struct KesOsMmf {
   int fd;            /**< the mapped file; -1 for a segment */
   int shmid;         /**< the segment; -1 for a file */

@@ -15,18 +15,19 @@ class Locale {
 
   /// Selects a language's locale; System, and any other value, takes the locale from the environment. A
   /// language that was selected is passed on to child processes in LC_ALL (not for System). Then fills
-  /// m_locale_dir. A locale that the system does not have is no error: the one in force stays.
+  /// m_locale_dir. A locale that the system does not have is no error: the one in force stays. Raises
+  /// nothing: without memory there are no catalogues.
   static void init(Language language);
 
   /// The language now in force, by the name of the message locale. System means that the untranslated
-  /// texts apply, as they do for every English locale.
+  /// texts apply, as they do for every English locale. std::bad_alloc.
   static Language language();
 
   // Good at any time, also before and after the life of a program's own static objects.
   static std::string& m_locale_dir;  ///< where the message catalogues lie; empty when there are none
   static std::string& m_locale_env;  ///< the environment variable that names that directory
 
-  /// Makes the two texts, if they are not there yet, and gives true. For this library.
+  /// Makes the two texts, if they are not there yet, and gives true. For this library. std::bad_alloc.
   static bool makeTexts();
 };
 

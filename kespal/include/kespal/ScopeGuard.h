@@ -6,7 +6,7 @@
 namespace kes {
 
 /// Base of the scope guards: whether the guard still has to act, and how a library error that its action
-/// threw is reported.
+/// threw is reported. For the thread whose scope it is.
 class ScopeGuardBase : NoCopy {
  public:
   /// The guard will do nothing any more.

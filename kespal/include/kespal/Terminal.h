@@ -30,12 +30,12 @@ struct Command {
   bool force = false;  ///< also where colour is off
 };
 
-/// Parameter of an escape sequence, as are the following.
+/// Parameters of the escape sequences for brighter, underlined and blinking text, and those that end each.
 inline constexpr const char* BRIGHT_CMD = "1";
 inline constexpr const char* NORMAL_INTENSITY_CMD = "22";  ///< ends BRIGHT_CMD
-inline constexpr const char* UNDERLINE_CMD = "4";          ///< parameter of a sequence
+inline constexpr const char* UNDERLINE_CMD = "4";          ///< see BRIGHT_CMD
 inline constexpr const char* UNDERLINE_OFF_CMD = "24";     ///< ends UNDERLINE_CMD
-inline constexpr const char* BLINK_CMD = "5";              ///< parameter of a sequence
+inline constexpr const char* BLINK_CMD = "5";              ///< see BRIGHT_CMD
 inline constexpr const char* BLINK_OFF_CMD = "25";         ///< ends BLINK_CMD
 
 /// The terminal behind one of the three standard descriptors, which it does not own, and the process-wide
@@ -64,15 +64,16 @@ class Terminal {
   /// Whether colour is enabled for the stream: only std::cout and std::cerr can have it.
   static bool isTerminal(const std::ostream& stream) noexcept;
   /// Sets the switches from the environment: KES_NO_COLOR turns both off, else KES_FORCE_COLOR both on,
-  /// whatever their values; else each is on where its descriptor is a terminal.
+  /// whatever their values; else each is on where its descriptor is a terminal. Raises nothing but
+  /// std::bad_alloc; neither does heedNoColor().
   static void init();
   static void setColorMode(bool out, bool err) noexcept;  ///< sets the two switches
   /// Turns colour off again where the user wants none in any program: where NO_COLOR is set and not empty, or
   /// TERM is "dumb". KES_FORCE_COLOR outweighs both. A program calls it behind init(), or behind the making
-  /// of its KesPal, which calls that; init() alone hears the two variables above.
+  /// of its KesPal, which calls that; init() alone hears the two variables above. Errors as init().
   static void heedNoColor();
 
-  /// What writing a Paint, or a Command, to a stream does.
+  /// What writing a Paint, or a Command, to a stream does. The errors are those of the stream.
   static void switchColor(std::ostream& stream, const Paint& paint);
   static void processCmd(std::ostream& stream, const Command& command);  ///< see switchColor()
 
@@ -90,7 +91,7 @@ std::ostream& operator<<(std::ostream& stream, const Command& command);
 std::ostream& operator<<(std::ostream& stream, const Terminal::Size& size);
 
 /// Paints a stream now, and resets and flushes it at the end of the scope; should that fail by an exception,
-/// the program ends. The stream must outlive the guard.
+/// the program ends. The stream must outlive the guard. For one thread at a time.
 class ColorGuard : NoCopy {
  public:
   /// Errors are those of the stream.

@@ -30,8 +30,8 @@ struct UserInfo {
 
   /// The login name of the controlling terminal's user; empty when unknown.
   static std::string& m_login_name;
-  static void setLoginName();  ///< what init() does
-  /// Finds out who is logged in. Called once, before threads are started.
+  static void setLoginName();  ///< what init() does; std::bad_alloc
+  /// Finds out who is logged in. Called once, before threads are started. std::bad_alloc.
   static void init() { setLoginName(); }
 };
 

@@ -5,7 +5,7 @@
 namespace kes {
 
 /// A light handle on a text that a message catalogue may translate. It keeps a reference: the string must
-/// outlive it.
+/// outlive it. A small value; any thread may read it.
 class Gettext {
  public:
   explicit Gettext(const std::string& text) noexcept : text_(text) {}  ///< refers to the caller's string
@@ -18,7 +18,7 @@ class Gettext {
 
 /// Finds the directory of the message catalogues: the value of KES_I18N_DIR, untested, when that variable
 /// exists; else the first directory "i18n" beside the executable or in a folder above it; else `dir` is
-/// empty. Raises nothing but std::bad_alloc.
+/// empty. Raises nothing but std::bad_alloc. Other threads must not change the environment meanwhile.
 void findLocaleDir(std::string& dir);
 
 }  // namespace kes

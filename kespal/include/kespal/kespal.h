@@ -27,9 +27,9 @@ class AppBase {
 class IQuitHandler {
  public:
   virtual ~IQuitHandler() = default;
-  /// Called with the runtime object's lock held: it must not add or delete quit handlers, nor call quit()
-  /// or destroy the runtime object; explicitQuit() it may call. A kes::Exception keeps the handlers behind it
-  /// from being called.
+  /// Called on the thread that quits, with the runtime object's lock held: it must not add or delete quit
+  /// handlers, nor call quit() or destroy the runtime object; explicitQuit() it may call. A kes::Exception
+  /// keeps the handlers behind it from being called.
   virtual void handleQuit() = 0;
 };
 
@@ -41,7 +41,7 @@ class IForkHandler {
   virtual void afterFork() = 0;
 };
 
-/// Turns a signal into an orderly quit of the runtime object.
+/// Turns a signal into an orderly quit of the runtime object, on the signal thread.
 class QuitSignal : public signal::Handler::INotify {
  public:
   /// For one runtime object, which outlives it.
@@ -56,13 +56,14 @@ class QuitSignal : public signal::Handler::INotify {
   KesPalInit& runtime_;
 };
 
-/// What the runtime object does with signals, and with a fork that is to come.
+/// What the runtime object does with signals, and with a fork that is to come. For the thread that has the
+/// runtime object, where nothing else is said.
 class KesPalInit : NoCopy {
  public:
   /// See KesPal::quit().
   virtual void quit() = 0;
 
-  /// Whether the received signal, which requested the quit, ends the process in the end.
+  /// Whether the received signal, which requested the quit, ends the process in the end. Any thread may call.
   void setQuitStatus(bool quitStatus) noexcept { quitStatus_ = quitStatus; }
 
   /// Whether a fork is to come, so that no thread can be made. Any thread may ask.
@@ -82,7 +83,8 @@ class KesPalInit : NoCopy {
   /// library; by a program in a forked child, to start anew there. Raises what Handler::add() and start()
   /// raise.
   void setupQuitHandling();
-  /// Installs the terminate handler, unless KESPAL_NO_TERMINATE_HANDLER is in the environment.
+  /// Installs the terminate handler, unless KESPAL_NO_TERMINATE_HANDLER is in the environment. Raises
+  /// nothing.
   void setupTerminateHandling();
 
   /// When a signal requested the quit and the quit status is set, ends the process by that signal, as far
@@ -162,7 +164,8 @@ class KesPal final : public KesPalInit {
 /// Whether an exception is being thrown or handled by the calling thread.
 bool exceptionActive() noexcept;
 
-/// The terminate handler: reports the uncaught exception, if there is one, and aborts.
+/// The terminate handler: reports the uncaught exception, if there is one, and aborts. Any thread; throws
+/// nothing.
 [[noreturn]] void kespal_terminate();
 
 }  // namespace kes

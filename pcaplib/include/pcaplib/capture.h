@@ -46,5 +46,5 @@ bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type);
 
 /// Ends the capture of a type: its entry is as it was before DumpOpen(), and the file, which is complete, is
 /// left alone. What is written to the type then goes into a file of the default name. False when there is no
-/// such type.
+/// such type. For the thread that writes captures.
 bool DumpClose(PCAP_TYPE type);

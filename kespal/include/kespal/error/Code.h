@@ -11,7 +11,8 @@ class Exception;
 int errnum(const Exception& error) noexcept;
 
 /// The same as a std::error_code of the generic category, to compare with std::errc and to hand to code that
-/// knows no class of this library; empty where the error carries no number, which is no sign of success.
+/// knows no class of this library; empty where the error carries no number, which is no sign of success. Any
+/// thread may call.
 std::error_code errorCode(const Exception& error) noexcept;
 
 }  // namespace kes

@@ -15,7 +15,7 @@ class DynError : public Raisable<DynError, Exception> {
  public:
   /// An error with this text, and the name of its kind.
   DynError(std::string text, const char* name) noexcept : DynError("", std::move(text), "", name) {}
-  /// The copy of an error, or of this part of a derived one, has a text of its own.
+  /// The copy of an error, or of this part of a derived one, has a text of its own. std::bad_alloc.
   DynError(const DynError& other);
   /// Leaves `other` without a text.
   DynError(DynError&& other) noexcept;

@@ -67,7 +67,9 @@ class Exception : public std::exception {
 
  protected:
   Exception() = default;
+  /// The copy has a cause of its own; its text is built anew.
   Exception(const Exception& other);
+  /// Leaves `other` without a cause.
   Exception(Exception&& other) noexcept;
 
   /// Adds to the text of what(); for moreWhat().
@@ -93,20 +95,21 @@ class Raisable : public Base {
  public:
   using Base::Base;
 
-  /// As Exception::raise(): throws a Derived.
+  /// As Exception::raise(): throws a Derived. Any thread may call.
   [[noreturn, gnu::always_inline]] void raise() const override { throw static_cast<const Derived&>(*this); }
-  /// As Exception::clone(): a new Derived.
+  /// As Exception::clone(): a new Derived. Any thread may call.
   Exception* clone() const override { return new Derived(static_cast<const Derived&>(*this)); }
 };
 
 /// Fills in where an error arises: the site and, with backtraces on, the calling thread's stack. Always
-/// inlined, so that the first frame is the throw site's own.
+/// inlined, so that the first frame is the throw site's own. Any thread may call. std::bad_alloc.
 [[gnu::always_inline]] inline void locateAt(const Site& site, Exception& error) {
   error.setSite(site);
   if (Exception::m_gen_backtraces) error.setBacktrace(Backtrace::get());
 }
 
-/// Raises an error from a site: locates it there and throws a copy by its most derived type.
+/// Raises an error from a site: locates it there and throws a copy by its most derived type. Any thread may
+/// call. Raises what raise() of the error does, or std::bad_alloc.
 [[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Exception& error) {
   locateAt(site, error);
   error.raise();
@@ -115,6 +118,7 @@ class Raisable : public Base {
 
 /// The same for an error made on the spot. Where its type is what it is called, raise() becomes a part of the
 /// throw site: every frame that an exception passes is paid for, and so is every branch that it could take.
+/// Any thread may call; raises as above.
 template <typename Error>
 requires std::is_base_of_v<Exception, Error>
 [[noreturn, gnu::always_inline]] inline void raiseAt(const Site& site, Error&& error) {

@@ -26,7 +26,7 @@ class OsError : public Raisable<OsError, Exception> {
 
 /// For a call that answers -1 and sets errno: raises an OsError from the site when it failed, else gives its
 /// result. `check(KES_HERE, ::chdir(path));` is the whole of a wrapper: nothing stands between the call and
-/// the reading of errno.
+/// the reading of errno. Any thread may call.
 template <typename Result>
 [[gnu::always_inline]] inline Result check(const Site& site, Result result) {
   if (result == -1) [[unlikely]] {
@@ -36,7 +36,8 @@ template <typename Result>
   return result;
 }
 
-/// For a call that returns 0 or an error number, as those of POSIX threads do.
+/// For a call that returns 0 or an error number, as those of POSIX threads do: raises it as an OsError from
+/// the site. Any thread may call.
 [[gnu::always_inline]] inline void checkCode(const Site& site, int errnum) {
   if (errnum != 0) [[unlikely]] {
     raiseAt(Site(site), OsError(errnum));

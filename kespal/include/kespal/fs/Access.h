@@ -49,7 +49,7 @@ class Access {
 
 /// Gives a file, links followed, or if `path` is null the file behind `fd`, the owner and group of `access`;
 /// an unset one stays. The system drops set-id bits when a file changes hands: those that the mode of
-/// `access` asks for are set again. FsError.
+/// `access` asks for are set again. FsError. Any thread may call.
 void setOwnership(const char* path, int fd, const Access& access);
 
 /// Writes owner, ":", group, " " and nine characters rwxrwxrwx, "-" for a clear bit; an unset owner or

@@ -19,7 +19,7 @@ class Dir : NoCopy {
   enum class EntryType { Unknown, Directory, Regular, Link, Other };
 
   Dir() noexcept { init(); }
-  explicit Dir(const char* path) : Dir() { open(path); }
+  explicit Dir(const char* path) : Dir() { open(path); }  ///< open()
   /// Closes; a failure goes to standard error.
   ~Dir();
 

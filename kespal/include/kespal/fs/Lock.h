@@ -42,7 +42,7 @@ class Lock {
 };
 
 /// Gives a lock, taken before by whoever makes this object, back at the end of a scope. A failure goes to
-/// standard error.
+/// standard error. For the thread whose scope it is.
 class ScopedLock : NoCopy {
  public:
   /// Of the lock's descriptor; the object need not live on.

@@ -47,8 +47,8 @@ class Path : public std::string {
   Path(const std::string& text, const canonical_t&) : Path(text) {}
   Path(const char* text, const canonical_t&) : Path(text) {}
 
-  Path& operator=(const Path&) = default;      ///< as it is
-  Path& operator=(Path&&) noexcept = default;  ///< as it is; the other one stays valid
+  Path& operator=(const Path&) = default;
+  Path& operator=(Path&&) noexcept = default;
   /// Becomes a copy of the text, cleansed as by the constructors.
   Path& operator=(const std::string& text) { return cleansed(assign(text)); }
   Path& operator=(std::string&& text) noexcept { return cleansed(assign(std::move(text))); }

@@ -6,7 +6,8 @@
 
 namespace kes {
 
-/// Where bytes can be read from. Nobody owns an object through this interface.
+/// Where bytes can be read from. Nobody owns an object through this interface. The errors are those of the
+/// class behind it, and so is what threads may do.
 class IInput {
  public:
   /// Reads at most `size` bytes into `buffer`; returns their count, 0 at the end.
@@ -16,7 +17,8 @@ class IInput {
   ~IInput() = default;
 };
 
-/// Where bytes can be written to. Nobody owns an object through this interface.
+/// Where bytes can be written to. Nobody owns an object through this interface. The errors are those of the
+/// class behind it, and so is what threads may do.
 class IOutput {
  public:
   /// Writes at most `size` bytes of `buffer`; returns the count written, which may be smaller.

@@ -19,6 +19,8 @@ class DirChain;
 /// It goes by descriptors, so that a tree may be deeper than a path can be long, and whoever may write to the
 /// tree cannot lead the walk out of it. At most ten are open at once, and three are enough. Each directory
 /// is read when it is entered, and kept in memory until it is left. One thread at a time.
+///
+/// What is asked about the current entry is a UsageError "No current entry" without one.
 class TreeWalk : NoCopy {
  public:
   /// Opens the top. ENOENT: NoSuchFileError; anything else, ENOTDIR for what is no directory and a null path
@@ -33,7 +35,7 @@ class TreeWalk : NoCopy {
   /// Does not enter the current entry.
   void skip() noexcept { mayEnter_ = false; }
 
-  // What follows is about the current entry, and is a UsageError "No current entry" without one.
+  // What follows is about the current entry.
 
   /// Its path, which begins with the top's as it was given, less slashes at its end. It may be longer than
   /// the system takes.

@@ -55,6 +55,7 @@ class Child : NoCopy {
   };
 
   Child() = default;
+  /// With the arguments that setArguments() takes. std::bad_alloc.
   explicit Child(const std::list<std::string>& arguments) : arguments_(arguments) {}
   virtual ~Child();  // NOLINT(bugprone-exception-escape): ends the program then
 
@@ -150,7 +151,7 @@ class Child : NoCopy {
 std::ostream& operator<<(std::ostream& stream, const Child::ExitState& state);
 
 /// Makes the calling process the leader of a new process group; a failure is told on standard error only.
-/// Safe between fork and exec.
+/// Safe between fork and exec. Any thread may call.
 void enterNewProcessGroup();
 
 }  // namespace kes::proc

@@ -14,7 +14,7 @@ class Env {
   static bool get(const char* name, std::string& value);
   /// Sets a variable, replacing an older value. OsError (EINVAL for an empty name or one with '=', ENOMEM).
   static void set(const char* name, const char* value);
-  /// Removes a variable; one that does not exist is no error, nor is an impossible name.
+  /// Removes a variable; one that does not exist is no error, nor is an impossible name. Raises nothing.
   static void del(const char* name);
 
   /// Iterates the NAME=value texts, up to the array's terminating null. An iteration sees the array as it is

@@ -17,6 +17,7 @@ class Info {
 
   /// The ids of all processes whose command name is `name`, of which the system keeps a part only: the
   /// first 15 bytes on Linux, 16 on macOS; more are not compared. Empty when the system does not tell.
+  /// std::bad_alloc.
   static std::set<int> running(const std::string& name);
 };
 

@@ -10,6 +10,7 @@ namespace kes::signal {
 class Set {
  public:
   constexpr Set() noexcept = default;
+  /// Of these signals, each as by add(); and of what the system filled in.
   Set(std::initializer_list<int> signals) noexcept;
   explicit Set(const ::sigset_t& signals) noexcept : signals_(signals) {}
 

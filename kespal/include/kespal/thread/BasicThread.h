@@ -35,6 +35,7 @@ class BasicThread : NoCopy {
   /// Names a native thread. A plain value.
   struct Id {
     Id() = default;
+    /// Of a thread whose names are known.
     Id(::pthread_t threadHandle, std::uint64_t number) : handle(threadHandle), nativeId(number) {}
     /// Reads the friendly form: a decimal number, after blanks if there are any; what follows the digits
     /// is ignored. Raises RuntimeError for everything else, signs included.

@@ -47,7 +47,7 @@ class ClockBase : public OsClock {
   explicit ClockBase(std::uint32_t clock) noexcept : clock_(clock) {}
   ~ClockBase() = default;
   ClockBase(const ClockBase&) = default;
-  ClockBase& operator=(const ClockBase&) = default;  ///< with the reading
+  ClockBase& operator=(const ClockBase&) = default;
 
   /// Takes a reading off the value; the seconds wrap around at 32 bits.
   void subtract(std::uint32_t sec, std::int32_t nsec) noexcept;
@@ -79,7 +79,7 @@ class InitClock final : public ClockBase {
     std::int32_t nsec;  ///< nanoseconds, 0 to 999,999,999
   };
 
-  /// Makes the present moment the origin. Call once, right after ClockBase::init().
+  /// Makes the present moment the origin. Call once, right after ClockBase::init(). OsError as update().
   static void init();
 
   InitClock() : ClockBase(INITTIME) { InitClock::update(); }

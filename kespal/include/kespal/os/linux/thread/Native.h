@@ -40,7 +40,8 @@ inline int waitOn(::pthread_cond_t& condition, ::pthread_mutex_t& mutex) {
   return ::pthread_cond_wait(&condition, &mutex);
 }
 
-/// The same until a moment of the calendar clock; the nanoseconds have to be 0 to 999,999,999.
+/// The same until a moment of the calendar clock, for the calling thread; the nanoseconds have to be 0 to
+/// 999,999,999.
 /// @return 0, ETIMEDOUT, or an error number
 inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, const ::timespec& deadline) {
   return ::pthread_cond_timedwait(&condition, &mutex, &deadline);

@@ -15,7 +15,7 @@ enum LockKind : int {
   ErrorCheck = 2,  ///< both fail, with EDEADLK and EPERM; so does every kind that is not listed here
 };
 
-/// The mutex of a Lock.
+/// The mutex of a Lock. Any thread may call.
 class KES_CAPABILITY("lock") LockBase : NoCopy {
  public:
   /// Raises OsError (ENOMEM, EAGAIN) when the system cannot make a mutex.

@@ -1,0 +1,60 @@
+"""build.py OUTPUT: builds the reference of the libraries below the folder OUTPUT, and prints what Doxygen complains
+about, each with the place in the sources; status 1 when there is anything. Run from the top folder."""
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+from filter import Filter
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+LIBRARIES = ("kespal", "kesos", "pcaplib")
+
+
+def version():
+    return re.search(r"project\(kes VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
+
+
+def write_headers(folder):
+    for library in LIBRARIES:
+        include = ROOT / library / "include"
+        for path in sorted(include.rglob("*.h")):
+            header = path.relative_to(include)
+            (folder / header).parent.mkdir(parents=True, exist_ok=True)
+            lines = Filter(header.as_posix(), path.read_text().split("\n")).run()
+            (folder / header).write_text("\n".join(lines))
+
+
+def introduction(example):
+    """The comment at the head of an example, whose first sentence is its title."""
+    text = example.read_text()
+    comment = re.match(r"(?://.*\n)+", text)
+    if comment:
+        return re.sub(r"^// ?", "", comment[0], flags=re.MULTILINE)
+    return re.sub(r"^ \* ?", "", re.match(r"/\* ([^*]*(?:\n \*[^*/]*)*)\*/", text)[1], flags=re.MULTILINE)
+
+
+def write_examples(file):
+    pages = [f"/** @example {path.name}\n\n{introduction(path)}*/\n"
+             for path in sorted((ROOT / "examples").iterdir()) if path.suffix in (".c", ".cpp")]
+    file.write_text("\n".join(pages))
+
+
+def main(output):
+    output = pathlib.Path(output).resolve()
+    for part in ("headers", "html", "xml"):
+        shutil.rmtree(output / part, ignore_errors=True)
+    write_headers(output / "headers")
+    write_examples(output / "examples.dox")
+    environment = {"PATH": "/usr/local/bin:/usr/bin:/bin", "LC_ALL": "C.UTF-8", "OUTPUT": str(output), "VERSION": version()}
+    doxygen = subprocess.run(["doxygen", "docs/reference/Doxyfile"], cwd=ROOT, env=environment, capture_output=True, text=True,
+                             check=False)
+    place = re.compile(re.escape(f"{output}/headers/") + r"(\w+)/")
+    for complaint in dict.fromkeys(doxygen.stderr.splitlines()):
+        print(place.sub(r"\1/include/\1/", complaint).replace(f"{ROOT}/", ""))
+    return doxygen.returncode
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1]))
