@@ -27,7 +27,7 @@ def write_headers(folder):
 
 
 def introduction(example):
-    """The comment at the head of an example, whose first sentence is its title."""
+    """The comment at the head of an example."""
     text = example.read_text()
     comment = re.match(r"(?://.*\n)+", text)
     if comment:
@@ -35,9 +35,15 @@ def introduction(example):
     return re.sub(r"^ \* ?", "", re.match(r"/\* ([^*]*(?:\n \*[^*/]*)*)\*/", text)[1], flags=re.MULTILINE)
 
 
+def first_sentence(text):
+    return " ".join(re.split(r"(?<=\.)\s|:\n|\n\n", text)[0].split()).rstrip(":.")
+
+
 def write_examples(file):
-    pages = [f"/** @example {path.name}\n\n{introduction(path)}*/\n"
-             for path in sorted((ROOT / "examples").iterdir()) if path.suffix in (".c", ".cpp")]
+    examples = [path for path in sorted((ROOT / "examples").iterdir()) if path.suffix in (".c", ".cpp")]
+    rows = [f"| @ref {path.name} | {first_sentence(introduction(path))} |" for path in examples]
+    table = "\n".join(["| program | what it does |", "|---|---|", *rows])
+    pages = [f"/** @page programs Examples\n\n{table}\n*/"] + [f"/** @example {path.name} */" for path in examples]
     file.write_text("\n".join(pages))
 
 
@@ -51,6 +57,9 @@ def main(output):
     doxygen = subprocess.run(["doxygen", "docs/reference/Doxyfile"], cwd=ROOT, env=environment, capture_output=True, text=True,
                              check=False)
     place = re.compile(re.escape(f"{output}/headers/") + r"(\w+)/")
+    # The results of a search are pages of their own.
+    with (output / "html/search/search.css").open("a") as style:
+        style.write((ROOT / "docs/reference/search.css").read_text())
     for complaint in dict.fromkeys(doxygen.stderr.splitlines()):
         print(place.sub(r"\1/include/\1/", complaint).replace(f"{ROOT}/", ""))
     return doxygen.returncode

@@ -54,7 +54,7 @@ class Filter:
             if line.startswith(("/**", "///", "namespace")):
                 break
         self.lines[1] = "/** @file */"
-        return 0
+        return 2
 
     def rest_of_comment(self, number):
         """Does the same to the other lines of a comment, up to the line behind it."""
@@ -106,7 +106,7 @@ class Filter:
         elif function is not None and self.speaking is None and COMPILERS.search(line):
             return "/** As the compiler makes it. */" + line
         elif function is not None and self.documented == (indent, function[1]):
-            return "/** @overload */" + line
+            return "/** The same for another kind of argument. */" + line
         elif function is not None and self.speaking == indent:
             self.speaking, self.documented = None, (indent, function[1])
         elif function is not None and self.documented is not None and self.documented[0] == indent:

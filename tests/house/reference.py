@@ -100,6 +100,9 @@ def lacks(reference, member, compound):
 
 def promises(folder):
     reference = Reference(folder)
+    for compound in reference.classes:
+        if compound.get("prot") == "public" and not text(compound).strip():
+            yield f"{compound.find('location').get('file')}: {compound.findtext('compoundname')}: has no comment"
     for member, compound in reference.operations():
         place = member.find("location")
         for what in lacks(reference, member, compound):

@@ -4,9 +4,9 @@
 
 /// What kind of packets a capture holds: an index into `cap_types`.
 using PCAP_TYPE = unsigned int;
-inline constexpr PCAP_TYPE PCAP_ETHERNET = 0;
-inline constexpr PCAP_TYPE PCAP_PPP = 1;
-inline constexpr PCAP_TYPE PCAP_IP = 2;
+inline constexpr PCAP_TYPE PCAP_ETHERNET = 0;  ///< Ethernet frames
+inline constexpr PCAP_TYPE PCAP_PPP = 1;       ///< frames of PPP
+inline constexpr PCAP_TYPE PCAP_IP = 2;        ///< packets of IP, without a link layer
 
 /// One kind of capture and the file that it is written to.
 struct CaptureType {

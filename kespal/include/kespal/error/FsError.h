@@ -28,28 +28,37 @@ class FsError : public Raisable<FsError, DynError> {
   OsError osError_;
 };
 
-/// The eight conditions that callers catch by type; they differ in nothing else.
+// The eight conditions that callers catch by type; they differ in nothing else.
+
+/// Nothing can be written there (EROFS).
 class ReadOnlyFileSystemError : public Raisable<ReadOnlyFileSystemError, FsError> {
   using Raisable::Raisable;
 };
+/// A file cannot be renamed to another device (EXDEV).
 class NotSameDeviceError : public Raisable<NotSameDeviceError, FsError> {
   using Raisable::Raisable;
 };
+/// The right to do it is missing (EACCES, EPERM).
 class FileAccessError : public Raisable<FileAccessError, FsError> {
   using Raisable::Raisable;
 };
+/// There is something else than the symbolic link that was to be read (EINVAL).
 class NotASymlinkError : public Raisable<NotASymlinkError, FsError> {
   using Raisable::Raisable;
 };
+/// There is something of that name already (EEXIST).
 class FileExistsError : public Raisable<FileExistsError, FsError> {
   using Raisable::Raisable;
 };
+/// There is a symbolic link where none is followed (ELOOP).
 class IsASymlinkError : public Raisable<IsASymlinkError, FsError> {
   using Raisable::Raisable;
 };
+/// The program in the file runs (ETXTBSY).
 class FileBusyError : public Raisable<FileBusyError, FsError> {
   using Raisable::Raisable;
 };
+/// There is nothing of that name, or no such directory above it (ENOENT, ENOTDIR).
 class NoSuchFileError : public Raisable<NoSuchFileError, FsError> {
   using Raisable::Raisable;
 };

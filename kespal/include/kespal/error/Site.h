@@ -68,8 +68,9 @@ inline constexpr const char* sitePath = Path.text;
 #define KES_SOURCE_ROOT ""
 #endif
 
-/// The place where it stands, as a kes::Site; the second names the function where the place is outside of it.
+/// The place where it stands, as a kes::Site.
 #define KES_HERE KES_HERE_IN(__func__)
+/// The same with the name of the function, for a place outside of it.
 #define KES_HERE_IN(function)                                                                         \
   (::kes::Site{::kes::detail::sitePath<::kes::detail::SitePath(__FILE__, KES_SOURCE_ROOT)>, __LINE__, \
                function})

@@ -17,6 +17,7 @@ namespace kes::fs {
 /// Components are the non-empty pieces between slashes. '.' and '..' are ordinary pieces.
 class Path : public std::string {
  public:
+  /// The type of CANONICAL.
   struct canonical_t {};  // NOLINT(readability-identifier-naming): as the standard library names its tags
   /// Says that the caller's text needs no resolution. Paths are never resolved when they are made, with this
   /// tag or without it.
@@ -132,5 +133,6 @@ class Path : public std::string {
 
 }  // namespace kes::fs
 
+/// A path has the hash of its text.
 template <>
 struct std::hash<kes::fs::Path> : std::hash<std::string> {};
