@@ -7,7 +7,9 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_C_STANDARD_REQUIRED ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+if(PROJECT_IS_TOP_LEVEL)
+  set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+endif()
 
 set(KES_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
 option(KES_COVERAGE "Instrument for coverage" OFF)
@@ -16,7 +18,7 @@ find_package(Threads REQUIRED)
 
 add_library(kes_compile INTERFACE)
 target_compile_options(kes_compile INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${KES_WERROR}>:-Werror>
   # Throw sites and assertions name files below the source tree, on every machine alike.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fno-omit-frame-pointer)

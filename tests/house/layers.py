@@ -2,7 +2,7 @@
 lower ones. A name ending in "/" is a folder, "*" any text; a header is in the first line that fits it."""
 
 LAYERS = [
-    ("base", ["NoCopy.h", "EnumBitset.h", "thread/Annotations.h"]),
+    ("base", ["Export.h", "NoCopy.h", "EnumBitset.h", "thread/Annotations.h"]),
     ("error", ["Backtrace.h", "Helper.h", "Hexdump.h", "ScopeGuard.h", "UnhandledException.h", "error/"]),
     ("atoms", ["proc/Env.h", "fs/Access.h", "time/", "os/*/time/", "signal/Set.h", "signal/Mask.h",
                "signal/Sender.h", "signal/Names.h", "os/*/signal/", "os/thread/Native.h",

@@ -133,6 +133,77 @@ def no_library_exports_a_foreign_name(*archives):
                 yield f"{os.path.basename(archive)}: {name}"
 
 
+def dynamic_symbols(library):
+    """Mangled name -> demangled name of what a shared library exports."""
+    def names(*options):
+        lines = run("nm", "-D", "--defined-only", *options, library).stdout.splitlines()
+        return [line.split(" ", 2)[2].split("@")[0] for line in lines if line.split()[1] != "A"]
+    return dict(zip(names(), names("-C")))
+
+
+def without_arguments(name):
+    """kes::A::f of "kes::A<int>::f[abi:x](char) const", of "vtable for kes::A::f", and so on."""
+    while (bare := re.sub(r"<[^<>]*>|\[abi:\w+\]", "", name)) != name:
+        name = bare
+    name = re.sub(r"^(?:[a-z -]+ (?:for|to) )+", "", name)
+    return name.split("(")[0]
+
+
+def is_documented(name, text):
+    """Whether public headers define the classes that a name is of, and name the rest."""
+    *scopes, own = [part for part in name.split("::") if part]
+    classes = [part for part in scopes if not part[0].islower()]
+    return all(defines_class(part, text) for part in classes) and (
+        re.search(rf"(?<!\w){re.escape(own.lstrip('~'))}\b", text) is not None or own.startswith("operator"))
+
+
+def is_method(name, text):
+    classes = [part for part in name.split("::")[:-1] if not part[0].islower()]
+    return bool(classes) and all(defines_class(part, text) for part in classes)
+
+
+def is_free_function(name, text):
+    """Whether a public header opens the namespace of a function and declares it there, at the left margin."""
+    scope, _, own = name.rpartition("::")
+    return ((not scope or re.search(rf"^namespace {scope} {{", text, re.MULTILINE) is not None) and
+            re.search(rf"^[\w:].*\b{re.escape(own)}\s*\(", text, re.MULTILINE) is not None)
+
+
+def defines_class(name, text):
+    return re.search(rf"\b(?:class|struct)\b[^;{{}}]*\b{name}\b[^;{{}}]*{{", text) is not None
+
+
+def the_shared_libraries_export_what_public_headers_declare(*files):
+    for archive, library in zip(files[::2], files[1::2]):
+        part = os.path.basename(archive)[3:].removesuffix(".a")
+        headers = [f"{part}/include/{header}" for header in public_headers(part)]
+        whole = "\n".join((ROOT / header).read_text() for header in headers)
+        exported = dynamic_symbols(library)
+        for name in sorted(set(exported.values())):
+            bare = without_arguments(name)
+            of_type = re.match(r"(?:vtable|VTT|typeinfo|typeinfo name|construction vtable) for ", name)
+            if not (is_documented(bare, whole) and (not of_type or defines_class(bare.split("::")[-1], whole))):
+                yield f"{os.path.basename(library)}: exports {name}, which no public header declares"
+        texts = [public_part(header) for header in headers]
+        for line in run("nm", "--defined-only", "--extern-only", archive).stdout.splitlines():
+            symbol = re.match(r"[0-9a-f]+ [TDB] (\S+)", line)
+            if symbol is None or symbol[1] in exported:
+                continue
+            name = without_arguments(run("c++filt", symbol[1]).stdout.strip())
+            if is_declared(name, texts) and (is_method(name, whole) or is_free_function(name, whole)):
+                yield f"{os.path.basename(library)}: does not export {name}, which a public header declares"
+
+
+def every_public_header_says_what_it_exports():
+    for part in ("kespal", "kesos", "pcaplib"):
+        mark = {"kespal": "KES"}.get(part, part.upper()) + "_EXPORT_"
+        for header in public_headers(part):
+            text = (ROOT / part / "include" / header).read_text()
+            declares = re.search(r'^(?:namespace|extern "C")', text, re.MULTILINE)
+            if declares and not re.search(rf"^{mark}BEGIN$.*^{mark}END$", text, re.MULTILINE | re.DOTALL):
+                yield f"{part}/include/{header}: its declarations stand outside of {mark}BEGIN and {mark}END"
+
+
 def every_source_is_formatted():
     files = [str(path) for path in sources(*PRODUCTS, "iokit", "driver", "tests", "bench", "fuzz", "examples")]
     result = run("clang-format", "--dry-run", "-Werror", *files, cwd=ROOT)

@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -20,3 +24,5 @@ int KesOsGetChNoWait(char echo);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

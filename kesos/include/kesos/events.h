@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -51,3 +55,5 @@ int KesOsEventWait(KesOsEvent* event, unsigned int timeoutMs, unsigned int* stat
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -5,6 +5,10 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -108,3 +112,5 @@ void vSplitFileName(const char* path, char* dir, char* file);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -15,3 +19,5 @@ int KesOsSemaphoreVal(int semid);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -24,3 +28,5 @@ int KesOsDlFree(void* handle);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -4,6 +4,10 @@
 #include <sys/ipc.h>
 #include <sys/types.h>
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -44,3 +48,5 @@ int KesOsMmfFlush(KesOsMmf* mapping, void* address, size_t length);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -48,3 +52,5 @@ int KesOsMutexRelease(KesOsMutex* mutex);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <stddef.h>
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -55,3 +59,5 @@ char* strlwr(char* s);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

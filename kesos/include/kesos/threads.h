@@ -5,6 +5,10 @@
 #include <stdbool.h>
 #endif
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -54,3 +58,5 @@ int KesOsCallOnce(void (*fn)(void));
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <time.h>
 
+#include "kesos/export.h"
+
+KESOS_EXPORT_BEGIN
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -36,3 +40,5 @@ void KesOsSleep(unsigned int ms);
 #ifdef __cplusplus
 }
 #endif
+
+KESOS_EXPORT_END

@@ -4,6 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// The call stack of a thread at one moment: one line of text per frame, stored outermost caller first.
@@ -24,3 +28,5 @@ class Backtrace : public std::vector<std::string> {
 std::ostream& operator<<(std::ostream& stream, const Backtrace& backtrace);
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -3,6 +3,10 @@
 #include <memory>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// The translations of a program's texts into one language: a catalogue of messages in the binary format of
@@ -38,9 +42,11 @@ class Catalogue {
   const char* translate(const char* one, const char* many, unsigned long number) const noexcept;
 
  private:
-  class Content;
+  class KES_HIDDEN Content;
 
   std::shared_ptr<const Content> content_;
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -3,7 +3,10 @@
 #include <sys/types.h>
 #include <termios.h>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::term {
 
@@ -29,3 +32,5 @@ class EchoGuard : NoCopy {
 };
 
 }  // namespace kes::term
+
+KES_EXPORT_END

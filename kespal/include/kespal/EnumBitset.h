@@ -4,6 +4,10 @@
 #include <initializer_list>
 #include <type_traits>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// A set of enumeration flags, stored as a 32-bit mask. The enumerators of E are the masks themselves
@@ -40,3 +44,5 @@ class EnumBitset {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

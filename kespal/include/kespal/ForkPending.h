@@ -2,6 +2,10 @@
 
 #include <atomic>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// Whether the process is about to fork, so that no thread of the library may be created. The runtime object
@@ -12,3 +16,5 @@ class ForkPending {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

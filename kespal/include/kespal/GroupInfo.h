@@ -4,6 +4,10 @@
 #include <set>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// A group, as the group database has it, with the login names of its members. A plain value; any thread
@@ -39,3 +43,5 @@ class GroupInfo {
 std::ostream& operator<<(std::ostream& stream, const GroupInfo& group);
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -4,8 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "kespal/Export.h"
+
 // All of these may be called by any thread and throw std::bad_alloc and nothing else; a text that was to be
 // changed is then as it was.
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// The bytes of `data` as hexadecimal digits, two each, `separator` between two bytes unless it is 0.
@@ -42,3 +46,5 @@ void makeStripped(std::string& text, char c);
 
 }  // namespace helper
 }  // namespace kes
+
+KES_EXPORT_END

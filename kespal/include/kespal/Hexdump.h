@@ -4,6 +4,10 @@
 #include <iosfwd>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// Bytes to be written to a stream as hexadecimal digits: `stream << Hexdump{data, size, 16, " "}`. A plain
@@ -22,3 +26,5 @@ struct Hexdump {
 std::ostream& operator<<(std::ostream& stream, const Hexdump& dump);
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -2,7 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/gettext.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -32,3 +35,5 @@ class Locale {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

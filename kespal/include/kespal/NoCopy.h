@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// Base of classes whose objects own something that cannot be shared: neither copyable nor assignable.
@@ -14,3 +18,5 @@ class NoCopy {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

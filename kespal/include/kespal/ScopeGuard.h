@@ -1,7 +1,10 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/Exception.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -55,3 +58,5 @@ class ObjScopeGuard0 : public ScopeGuardBase {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -2,7 +2,10 @@
 
 #include <iosfwd>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::term {
 
@@ -111,3 +114,5 @@ extern ColorGuard ec_guard;  ///< standard error, bright red
 extern ColorGuard gc_guard;  ///< standard output, green
 
 }  // namespace kes::term
+
+KES_EXPORT_END

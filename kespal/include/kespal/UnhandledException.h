@@ -1,5 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// Says on the system's log (standard error where there is none) which exception ends the program: a library
@@ -9,3 +13,5 @@ namespace kes {
 void kespal_unhandled_exception();
 
 }  // namespace kes
+
+KES_EXPORT_END

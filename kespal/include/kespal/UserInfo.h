@@ -3,6 +3,10 @@
 #include <iosfwd>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// A user account, as the password database has it. A plain record; an id with all bits set is unknown.
@@ -39,3 +43,5 @@ struct UserInfo {
 std::ostream& operator<<(std::ostream& stream, const UserInfo& user);
 
 }  // namespace kes
+
+KES_EXPORT_END

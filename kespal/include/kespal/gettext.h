@@ -2,6 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// A light handle on a text that a message catalogue may translate. It keeps a reference: the string must
@@ -22,3 +26,5 @@ class Gettext {
 void findLocaleDir(std::string& dir);
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -6,12 +6,15 @@
 #include <memory>
 #include <vector>
 
+#include "kespal/Export.h"
 #include "kespal/ForkPending.h"
 #include "kespal/Locale.h"
 #include "kespal/NoCopy.h"
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -155,7 +158,7 @@ class KesPal final : public KesPalInit {
   static KesPal* m_instance;  ///< the one that lives; null when none does
 
  private:
-  struct Shared;
+  struct KES_HIDDEN Shared;
 
   const std::unique_ptr<thread::PerProcess<Shared>> shared_;
   const AppBase* app_;
@@ -169,3 +172,5 @@ bool exceptionActive() noexcept;
 [[noreturn]] void kespal_terminate();
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -6,6 +6,10 @@
 #include <memory>
 #include <string>
 
+#include "pcaplib/export.h"
+
+PCAPLIB_EXPORT_BEGIN
+
 namespace kes::pcap {
 
 /// What a capture file looks like. All are in the byte order of this machine, which readers see.
@@ -86,3 +90,5 @@ class Writer {
 };
 
 }  // namespace kes::pcap
+
+PCAPLIB_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <cstdint>
 
+#include "pcaplib/export.h"
+
+PCAPLIB_EXPORT_BEGIN
+
 /// What kind of packets a capture holds: an index into `cap_types`.
 using PCAP_TYPE = unsigned int;
 inline constexpr PCAP_TYPE PCAP_ETHERNET = 0;  ///< Ethernet frames
@@ -48,3 +52,5 @@ bool DumpPacket(const unsigned char* data, unsigned int length, PCAP_TYPE type);
 /// left alone. What is written to the type then goes into a file of the default name. False when there is no
 /// such type. For the thread that writes captures.
 bool DumpClose(PCAP_TYPE type);
+
+PCAPLIB_EXPORT_END

@@ -2,7 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/error/FsError.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -29,3 +32,5 @@ class BadPermissionsError : public Raisable<BadPermissionsError, FsError> {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

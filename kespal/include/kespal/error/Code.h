@@ -2,6 +2,10 @@
 
 #include <system_error>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 class Exception;
@@ -16,3 +20,5 @@ int errnum(const Exception& error) noexcept;
 std::error_code errorCode(const Exception& error) noexcept;
 
 }  // namespace kes
+
+KES_EXPORT_END

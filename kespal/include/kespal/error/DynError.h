@@ -5,7 +5,10 @@
 #include <string>
 #include <utility>
 
+#include "kespal/Export.h"
 #include "kespal/error/Exception.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -51,3 +54,5 @@ class DynError : public Raisable<DynError, Exception> {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

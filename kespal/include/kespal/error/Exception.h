@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "kespal/Backtrace.h"
+#include "kespal/Export.h"
 #include "kespal/UnhandledException.h"  // who handles errors may report the one that nobody did
 #include "kespal/error/Site.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -131,3 +134,5 @@ requires std::is_base_of_v<Exception, Error>
 }
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -2,8 +2,11 @@
 
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -64,3 +67,5 @@ class NoSuchFileError : public Raisable<NoSuchFileError, FsError> {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

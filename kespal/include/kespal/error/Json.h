@@ -2,6 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 class Exception;
@@ -15,3 +19,5 @@ class Exception;
 std::string json(const Exception& error);
 
 }  // namespace kes
+
+KES_EXPORT_END

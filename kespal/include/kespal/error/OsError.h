@@ -2,7 +2,10 @@
 
 #include <cerrno>
 
+#include "kespal/Export.h"
 #include "kespal/error/Exception.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -51,3 +54,5 @@ class NoSuchProcessError : public Raisable<NoSuchProcessError, OsError> {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

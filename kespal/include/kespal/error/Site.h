@@ -3,6 +3,10 @@
 #include <cstddef>
 #include <string_view>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes {
 
 /// Where an error is raised. Plain data; the texts are static strings, never owned.
@@ -53,11 +57,16 @@ struct SitePath {
   }
 };
 
+template <std::size_t Size>
+SitePath(const char (&)[Size]) -> SitePath<Size>;
+
 template <SitePath Path>
 inline constexpr const char* sitePath = Path.text;
 
 }  // namespace detail
 }  // namespace kes
+
+KES_EXPORT_END
 
 /// The folder whose files are named by their path below it: the top folder of a program that uses this
 /// library, which the CMake package and add_subdirectory() define here. A program that is built in another

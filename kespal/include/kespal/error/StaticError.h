@@ -1,6 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
 #include "kespal/error/Exception.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -34,3 +37,5 @@ class UsageError : public Raisable<UsageError, StaticError> {
 };
 
 }  // namespace kes
+
+KES_EXPORT_END

@@ -3,6 +3,10 @@
 #include <iosfwd>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::fs {
 
 /// Owner, group and permission bits of a file. A plain value without a file behind it; an owner or group
@@ -57,3 +61,5 @@ void setOwnership(const char* path, int fd, const Access& access);
 std::ostream& operator<<(std::ostream& stream, const Access& access);
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

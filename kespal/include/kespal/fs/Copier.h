@@ -4,11 +4,14 @@
 #include <memory>
 
 #include "kespal/EnumBitset.h"
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Info.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/StreamFile.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -67,3 +70,5 @@ class Copier : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

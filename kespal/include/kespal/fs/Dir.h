@@ -4,7 +4,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -66,3 +69,5 @@ class Dir : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

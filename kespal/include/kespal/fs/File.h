@@ -3,9 +3,12 @@
 #include <cstddef>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Pipe.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -81,3 +84,5 @@ class File : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "kespal/Export.h"
 #include "kespal/fs/Access.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -41,3 +44,5 @@ class Info {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

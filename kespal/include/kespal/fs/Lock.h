@@ -2,8 +2,11 @@
 
 #include <cstdio>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/time/Milliseconds.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -54,3 +57,5 @@ class ScopedLock : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -6,6 +6,9 @@
 #include <string>
 
 #include "kespal/EnumBitset.h"
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -104,3 +107,5 @@ class Ops {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -9,6 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::fs {
 
 /// A path as text: a byte string that knows about the pieces between '/' characters. A plain value. It can do
@@ -132,6 +136,8 @@ class Path : public std::string {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END
 
 /// A path has the hash of its text.
 template <>

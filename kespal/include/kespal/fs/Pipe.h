@@ -2,6 +2,10 @@
 
 #include "kespal/EnumBitset.h"
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::fs {
 
 /// The two descriptors of a pipe, -1 where an end is not held. A plain record: it closes nothing. Who wants
@@ -22,3 +26,5 @@ struct Pipe {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -5,8 +5,11 @@
 #include <cstddef>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/fs/Access.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -63,3 +66,5 @@ class SaveFile : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

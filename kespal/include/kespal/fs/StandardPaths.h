@@ -1,6 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
 #include "kespal/fs/Path.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::fs {
 
@@ -28,3 +31,5 @@ class StandardPaths {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

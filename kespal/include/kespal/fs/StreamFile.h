@@ -2,7 +2,10 @@
 
 #include <cstddef>
 
+#include "kespal/Export.h"
 #include "kespal/fs/File.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 
@@ -59,3 +62,5 @@ class StreamFile : public File, public IInOut {
 
 }  // namespace fs
 }  // namespace kes
+
+KES_EXPORT_END

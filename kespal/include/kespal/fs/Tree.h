@@ -4,13 +4,16 @@
 #include <memory>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/fs/Dir.h"
 #include "kespal/fs/Info.h"
 
+KES_EXPORT_BEGIN
+
 namespace kes::fs {
 
-class DirChain;
+class KES_HIDDEN DirChain;
 
 /// Walks over all entries of a directory and of those below it, each directory before what is in it, in the
 /// system's order. Links are shown, never followed, below the top and as the top. A directory that is mounted
@@ -54,7 +57,7 @@ class TreeWalk : NoCopy {
   const char* entryName() const;  ///< see directory()
 
  private:
-  class State;
+  class KES_HIDDEN State;
 
   void needEntry() const;
 
@@ -75,3 +78,5 @@ class TreeWalk : NoCopy {
 std::uintmax_t removeAll(const char* path);
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -5,8 +5,11 @@
 #include <string>
 
 #include "kespal/EnumBitset.h"
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/fs/Ops.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes {
 class Exception;
@@ -60,3 +63,5 @@ class TreeCopier : NoCopy {
 };
 
 }  // namespace kes::fs
+
+KES_EXPORT_END

@@ -11,15 +11,18 @@
 #include <string>
 #include <utility>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/Site.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/time/Milliseconds.h"
 
+KES_EXPORT_BEGIN
+
 namespace kes::proc {
 
-class Flock;
-class Program;
+class KES_HIDDEN Flock;
+class KES_HIDDEN Program;
 class Shepherd;
 
 /// A program to start, as a child process or in place of this one, and the child while it runs. An object is
@@ -155,3 +158,5 @@ std::ostream& operator<<(std::ostream& stream, const Child::ExitState& state);
 void enterNewProcessGroup();
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::proc {
 
 /// The process's environment: variables by name, and the whole array of NAME=value texts. The environment is
@@ -28,3 +32,5 @@ class Env {
 };
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

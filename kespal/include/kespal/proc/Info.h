@@ -3,7 +3,10 @@
 #include <set>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/fs/Path.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::proc {
 
@@ -22,3 +25,5 @@ class Info {
 };
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

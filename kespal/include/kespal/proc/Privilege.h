@@ -2,7 +2,10 @@
 
 #include <set>
 
+#include "kespal/Export.h"
 #include "kespal/UserInfo.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::proc {
 
@@ -51,3 +54,5 @@ class Privilege {
 };
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

@@ -2,16 +2,19 @@
 
 #include <memory>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Milliseconds.h"
 
+KES_EXPORT_BEGIN
+
 namespace kes::proc {
 
 class Child;
-class Flock;
+class KES_HIDDEN Flock;
 
 /// The process collector: the one place that reaps children. While children are registered its thread waits
 /// for ANY child of this process. One that nobody registered (of popen(), system(), a fork of your own) is
@@ -71,3 +74,5 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
 };
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

@@ -3,11 +3,14 @@
 #include <csignal>
 #include <memory>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/CppThread.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::signal {
 
@@ -64,9 +67,11 @@ class Handler : public thread::CppThread::IThread, NoCopy {
   void thread(thread::CppThread& self) override;
 
  private:
-  struct Shared;
+  struct KES_HIDDEN Shared;
 
   const std::unique_ptr<thread::PerProcess<Shared>> shared_;
 };
 
 }  // namespace kes::signal
+
+KES_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::signal {
 
 /// The system's description of a signal, such as "Interrupt"; empty when it has none. As safe for threads as
@@ -13,3 +17,5 @@ std::string signame(int signal);
 std::string siglabel(int signal);
 
 }  // namespace kes::signal
+
+KES_EXPORT_END

@@ -2,6 +2,10 @@
 
 #include <pthread.h>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::signal {
 
 /// Sends signals to processes and threads. Any thread may call.
@@ -17,3 +21,5 @@ class Sender {
 };
 
 }  // namespace kes::signal
+
+KES_EXPORT_END

@@ -3,6 +3,10 @@
 #include <csignal>
 #include <initializer_list>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::signal {
 
 /// A set of signals. A small value without a lock. Only the signals 1 to 32 that the system lets programs
@@ -34,3 +38,5 @@ class Set {
 };
 
 }  // namespace kes::signal
+
+KES_EXPORT_END

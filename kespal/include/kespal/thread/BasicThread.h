@@ -7,12 +7,16 @@
 #include <memory>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
+class KES_HIDDEN Run;
 template <typename Value>
-class PerProcess;
+class KES_HIDDEN PerProcess;
 
 /// One thread of the system with an explicit life. The object is made buried, run() starts the thread, and
 /// join() buries it again, after which it can be started anew. Any thread may call any operation. A
@@ -96,7 +100,7 @@ class BasicThread : NoCopy {
 
  protected:
   /// What the object and its native thread share, so that neither depends on the other's life.
-  struct Control;
+  struct KES_HIDDEN Control;
 
   /// For a derived class, whose control block knows the body. Errors of the public constructor.
   BasicThread(std::shared_ptr<Control> control, unsigned long stackSize);
@@ -112,7 +116,7 @@ class BasicThread : NoCopy {
  private:
   friend class Run;
 
-  struct PlainControl;
+  struct KES_HIDDEN PlainControl;
 
   const std::unique_ptr<PerProcess<Control>> control_;
   ::pthread_attr_t attributes_;
@@ -125,3 +129,5 @@ std::ostream& operator<<(std::ostream& stream, const BasicThread::Id& id);
 std::uint64_t getNativeThreadId();
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

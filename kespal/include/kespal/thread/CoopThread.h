@@ -3,8 +3,11 @@
 #include <memory>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/thread/CppThread.h"
 #include "kespal/time/Clock.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -73,10 +76,12 @@ class CoopThread : public CppThread, public CppThread::IThread {
   bool requestPauseIfRun();
 
  private:
-  struct Control;
+  struct KES_HIDDEN Control;
 
   std::shared_ptr<Control> control() const;
   void ask(Request request);
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

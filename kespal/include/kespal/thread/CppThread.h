@@ -3,7 +3,10 @@
 #include <memory>
 #include <string>
 
+#include "kespal/Export.h"
 #include "kespal/thread/BasicThread.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -39,7 +42,9 @@ class CppThread : public BasicThread {
   explicit CppThread(std::shared_ptr<BasicThread::Control> control);
 
  private:
-  struct Control;
+  struct KES_HIDDEN Control;
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

@@ -1,6 +1,9 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
 #include "kespal/os/posix/thread/Lock.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -16,3 +19,5 @@ class KES_CAPABILITY("lock") Lock : public LockBase {
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

@@ -1,7 +1,10 @@
 #pragma once  // since 0.1
 
+#include "kespal/Export.h"
 #include "kespal/ScopeGuard.h"
 #include "kespal/thread/Annotations.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -26,3 +29,5 @@ class KES_SCOPED_CAPABILITY LockGuardT : public ObjScopeGuard0<T const, void (T:
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

@@ -3,7 +3,10 @@
 #include <cstdint>
 #include <ctime>
 
+#include "kespal/Export.h"
 #include "kespal/time/Milliseconds.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::time {
 
@@ -90,3 +93,5 @@ class InitClock final : public ClockBase {
 };
 
 }  // namespace kes::time
+
+KES_EXPORT_END

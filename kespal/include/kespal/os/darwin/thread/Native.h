@@ -6,6 +6,10 @@
 #include <cstring>
 #include <ctime>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::os {
 
 /// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`. Never true here: a cancelled thread
@@ -51,3 +55,5 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
 }
 
 }  // namespace kes::os
+
+KES_EXPORT_END

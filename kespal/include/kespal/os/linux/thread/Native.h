@@ -9,6 +9,10 @@
 #include <ctime>
 #include <exception>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::os {
 
 /// For a `catch (...)`, which begins with `if (isForcedUnwind()) throw;`: a thread that is cancelled or calls
@@ -48,3 +52,5 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
 }
 
 }  // namespace kes::os
+
+KES_EXPORT_END

@@ -4,6 +4,10 @@
 
 #include <cstddef>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::os {
 
 /// What a child does until it is a program; it ends when it comes back.
@@ -24,3 +28,5 @@ using ChildBody = void (*)(void* argument);
 pid_t startChild(ChildBody quietly, ChildBody aloud, void* argument, std::size_t arguments) noexcept;
 
 }  // namespace kes::os
+
+KES_EXPORT_END

@@ -3,8 +3,11 @@
 #include <cerrno>
 #include <csignal>
 
+#include "kespal/Export.h"
 #include "kespal/error/OsError.h"
 #include "kespal/signal/Set.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::signal {
 
@@ -34,3 +37,5 @@ class Mask {
 };
 
 }  // namespace kes::signal
+
+KES_EXPORT_END

@@ -6,9 +6,12 @@
 #include <ctime>
 #include <memory>
 
+#include "kespal/Export.h"
 #include "kespal/os/thread/Native.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/time/Clock.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -78,3 +81,5 @@ class KES_CAPABILITY("condition") Condition : NoCopy {
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

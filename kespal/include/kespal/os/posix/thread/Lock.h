@@ -2,9 +2,12 @@
 
 #include <pthread.h>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/OsError.h"
 #include "kespal/thread/Annotations.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::thread {
 
@@ -41,3 +44,5 @@ class KES_CAPABILITY("lock") LockBase : NoCopy {
 };
 
 }  // namespace kes::thread
+
+KES_EXPORT_END

@@ -1,0 +1,12 @@
+complete -c kesdriver -f
+complete -c kesdriver -l dir -x -a '(__fish_complete_directories)' -d 'directory of the socket'
+complete -c kesdriver -l replay -r -F -d 'serve the packets of a capture'
+complete -c kesdriver -l live -x -a '(__fish_print_interfaces)' -d 'serve the packets of an interface'
+complete -c kesdriver -l rate -x -d 'packets per second'
+complete -c kesdriver -l loop -d 'begin again when the captures are at their end'
+complete -c kesdriver -l trace -r -F -d 'trace text, from a file or - for standard input'
+complete -c kesdriver -l oversize -x -a 'cut refuse' -d 'what becomes of packets of more than 4096 bytes'
+complete -c kesdriver -l once -d 'end with the first client'
+complete -c kesdriver -l script -r -F -d 'results and packets by a script'
+complete -c kesdriver -l verbose -d 'print every call'
+complete -c kesdriver -l help -d 'print how it is called'
