@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "Input.h"
-#include "Records.h"
 #include "State.h"
 #include "Target.h"
+#include "client/Records.h"
 #include "pcaplib/capture.h"
 #include "sys/Owner.h"
 
@@ -24,6 +24,7 @@ int kestrace(int argc, char** argv);
 
 namespace {
 
+using namespace kes::client;
 using kes::sys::Descriptor;
 
 struct Answer {

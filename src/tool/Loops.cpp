@@ -7,12 +7,15 @@
 
 #include "Console.h"
 #include "DriverCalls.h"
-#include "Records.h"
 #include "State.h"
+#include "client/Records.h"
 #include "kesos/kesos.h"
 #include "pcaplib/capture.h"
 
 namespace {
+
+using kes::client::packetCapacity;
+using kes::client::traceHeader;
 
 constexpr unsigned int tracePeriod = 1000;  // milliseconds
 constexpr unsigned int packetPeriod = 10;

@@ -7,7 +7,7 @@
 
 #include "Console.h"
 #include "DriverCalls.h"
-#include "Records.h"
+#include "client/Records.h"
 #include "kesos/kesos.h"
 
 unsigned char t1running = 0;
@@ -26,7 +26,7 @@ void awaitRunning(bool wanted) {
 
 void readOnce(unsigned int connect) {
   const auto buffer = std::make_unique<unsigned char[]>(bufferSize);
-  std::size_t count = packetCapacity;
+  std::size_t count = kes::client::packetCapacity;
   const kern_return_t result = CallGetPacket(connect, buffer.get(), count);
   if (result != KERN_SUCCESS) {
     std::fprintf(stderr, "Read returned 0x%08x.\n\n", static_cast<unsigned>(result));

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace kes::client {
+
 /// What travels in the calls. The input records of selector 3 are as the driver reads them: in the byte order
 /// of both targets, which is little-endian. What the leading constants mean is the driver's.
 
@@ -26,3 +28,5 @@ inline constexpr std::size_t traceHeader = 2;
 
 /// No packet is longer.
 inline constexpr std::size_t packetCapacity = 4096;
+
+}  // namespace kes::client
