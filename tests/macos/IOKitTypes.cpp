@@ -1,5 +1,6 @@
 // Holds our declarations of I/O Kit against the tool chain's Mach types. Compiles against a real SDK too.
 #include <IOKit/IOKitLib.h>
+#include <IOKit/IOReturn.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,14 @@ static_assert(is_same_v<mach_port_t, unsigned int> && is_same_v<task_port_t, mac
 static_assert(is_same_v<kern_return_t, int> && is_same_v<IOReturn, kern_return_t>);
 static_assert(is_same_v<decltype(mach_task_self()), mach_port_t>);
 static_assert(kIOReturnSuccess == KERN_SUCCESS && IO_OBJECT_NULL == MACH_PORT_NULL);
+
+// What a result is called, and its value, are the platform's.
+constexpr unsigned valueOf(kern_return_t result) { return static_cast<unsigned>(result); }
+static_assert(valueOf(MACH_SEND_INVALID_DEST) == 0x10000003);
+static_assert(valueOf(kIOReturnNoDevice) == 0xe00002c0 && valueOf(kIOReturnNotPrivileged) == 0xe00002c1);
+static_assert(valueOf(kIOReturnExclusiveAccess) == 0xe00002c5 && valueOf(kIOReturnStillOpen) == 0xe00002d2);
+static_assert(valueOf(kIOReturnBusy) == 0xe00002d5 && valueOf(kIOReturnNoSpace) == 0xe00002db);
+static_assert(valueOf(kIOReturnNotPermitted) == 0xe00002e2);
 
 static_assert(is_same_v<io_object_t, mach_port_t> && is_same_v<io_service_t, mach_port_t>);
 static_assert(is_same_v<io_connect_t, mach_port_t> &&
