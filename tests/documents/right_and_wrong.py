@@ -1,4 +1,6 @@
 """Tries the tests of the documents on documents that are right, and on some that are wrong each in one way."""
+import importlib.machinery
+import importlib.util
 import json
 import os
 import pathlib
@@ -106,6 +108,17 @@ class QuotedTest(unittest.TestCase):
         self.assertEqual("", differences("red\n", "\x1b[31mred\x1b[0m\r\n"))
 
 
+class PicturesTest(unittest.TestCase):
+    def test_a_picture_is_read_as_it_was_drawn_and_another_line_is_noticed(self):
+        picture = load("scripts/picture")
+        for file in picture.PICTURES.values():
+            lines = picture.told(file)
+            self.assertIn(("command", "kestrace -dump vpn_%s.pcap"), lines)
+            self.assertIn(("text", "quit tracing with 'Q'"), lines)
+        self.assertEqual([], list(picture.difference(lines)))
+        self.assertIn("-text: quit tracing with 'Q'", list(picture.difference([line for line in lines if "'Q'" not in line[1]])))
+
+
 class WordsTest(unittest.TestCase):
     def complaints(self, check, text, others=None):
         with tempfile.TemporaryDirectory() as folder:
@@ -150,9 +163,20 @@ class WordsTest(unittest.TestCase):
         self.assert_wrong("options", "`kestrace -tracee`", "no option -tracee")
         self.assert_wrong("options", "```sh\nbuild/release/bin/kesdriver --onse &\n```\n", "no option --onse")
 
+    def test_citations(self):
+        self.assert_right("citations", "`pcap/pcap.h: pcap_dump`, `no/such/header.h: any_name`, `key: value`")
+        self.assert_wrong("citations", "`pcap/pcap.h: pcap_dumq`", "has no pcap_dumq")
+
     def test_every_document_with_code_is_tested(self):
         self.assert_wrong("listed", HELLO, "no test of its blocks")
         self.assert_right("listed", "no code")
+
+
+def load(program):
+    loader = importlib.machinery.SourceFileLoader("program", str(pathlib.Path(configuration["sources"]) / program))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("program", loader))
+    loader.exec_module(module)
+    return module
 
 
 def some_test():

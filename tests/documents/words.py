@@ -3,6 +3,7 @@
     links      every link within the sources leads somewhere, and one that names a test to a file that has it
     names      files, functions, types, variables and settings that stand in code exist
     options    options in code behind the name of a program are options of that program
+    citations  every name that the comparison cites from the header of a peer stands there, where it is installed
     listed     every document with code blocks is among those whose blocks are tested"""
 import json
 import pathlib
@@ -121,6 +122,25 @@ def options(tree):
                 for word in re.findall(r"(?<!\S)--?[a-zA-Z][\w-]*", arguments):
                     if word not in known[program]:
                         yield f"{name}:{line}: {program} has no option {word}"
+
+
+HEADERS = [pathlib.Path(folder) for folder in ("/usr/include", "/usr/include/x86_64-linux-gnu/qt5",
+                                               "/usr/include/aarch64-linux-gnu/qt5")]
+
+
+def citations(tree):
+    found, missing = 0, 0
+    for name, document in tree.documents.items():
+        for line, code in document.code_words():
+            if citation := re.fullmatch(r"([\w+.-]+(?:/[\w+.-]+)*): (\w+)", code):
+                header = next((folder / citation[1] for folder in HEADERS if (folder / citation[1]).is_file()), None)
+                if header is None:
+                    missing += 1
+                elif not re.search(rf"\b{citation[2]}\b", header.read_text(errors="replace")):
+                    yield f"{name}:{line}: {citation[1]} has no {citation[2]}"
+                else:
+                    found += 1
+    print(f"{found} citations are right, {missing} are of headers that are not installed here")
 
 
 def listed(tree):
