@@ -15,16 +15,24 @@ constinit std::uint32_t OsClock::THREADTIME = 0;
 
 constinit InitClock::Origin InitClock::m_init_time{0, 0};
 
+// Both quotients truncate, so that the two parts can be negated whatever the count is.
 ClockBase& ClockBase::operator+=(Milliseconds duration) noexcept {
-  const std::int64_t count = duration.count();
-  const std::int64_t seconds = count / 1000;
+  advance(duration.count() / 1000, duration.count() % 1000);
+  return *this;
+}
+
+ClockBase& ClockBase::operator-=(Milliseconds duration) noexcept {
+  advance(-(duration.count() / 1000), -(duration.count() % 1000));
+  return *this;
+}
+
+void ClockBase::advance(std::int64_t seconds, std::int64_t milliseconds) noexcept {
   sec_ += static_cast<std::uint32_t>(seconds);
-  nsec_ = static_cast<std::int32_t>(nsec_ + (count - seconds * 1000) * nanosPerMilli);
+  nsec_ = static_cast<std::int32_t>(nsec_ + milliseconds * nanosPerMilli);
   if (nsec_ > nanosPerSecond) {
     sec_ += 1;
     nsec_ -= nanosPerSecond;
   }
-  return *this;
 }
 
 ::timespec ClockBase::toTimespec() const noexcept {

@@ -1,5 +1,7 @@
 #pragma once  // since 0.1
 
+#include <chrono>
+#include <compare>
 #include <cstdint>
 #include <ctime>
 
@@ -24,7 +26,8 @@ class OsClock {
 };
 
 /// A small value: the handle of one clock service and the last time read from it. It is read when it is
-/// made and again on update(). Owned by its user, not shared between threads. Both may throw OsError.
+/// made and again on update(). Owned by its user, not shared between threads. Both may throw OsError; nothing
+/// else does.
 class ClockBase : public OsClock {
  public:
   /// Obtains the clock services; failures show when a clock is read. Call before any clock is made.
@@ -41,13 +44,29 @@ class ClockBase : public OsClock {
   /// Advances the value. A sum of exactly 1,000,000,000 nanoseconds is not carried, and a negative count
   /// borrows nothing, so that the nanoseconds may go negative. Seconds wrap around at 32 bits.
   ClockBase& operator+=(Milliseconds duration) noexcept;
+  /// The same the other way: as `+=` with the count that has the other sign.
+  ClockBase& operator-=(Milliseconds duration) noexcept;
 
+  /// How long after its beginning the value is: after 1970, the start of the machine or that of the library.
+  std::chrono::nanoseconds sinceEpoch() const noexcept {
+    return std::chrono::seconds(sec_) + std::chrono::nanoseconds(nsec_);
+  }
   /// The value as it is, in the system's type; not normalised.
   ::timespec toTimespec() const noexcept;
 
  protected:
   /// Of one of the services, not read yet.
   explicit ClockBase(std::uint32_t clock) noexcept : clock_(clock) {}
+  /// A value that is not read from the clock. Its seconds wrap around at 32 bits, its nanoseconds are those
+  /// of a second.
+  template <typename Rep, typename Period>
+  ClockBase(std::uint32_t clock, const std::chrono::duration<Rep, Period>& sinceEpoch) noexcept
+      : clock_(clock) {
+    const auto whole = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
+    sec_ = static_cast<std::uint32_t>(whole.count());
+    nsec_ =
+        static_cast<std::int32_t>(std::chrono::floor<std::chrono::nanoseconds>(sinceEpoch - whole).count());
+  }
   ~ClockBase() = default;
   ClockBase(const ClockBase&) = default;
   ClockBase& operator=(const ClockBase&) = default;
@@ -56,25 +75,111 @@ class ClockBase : public OsClock {
   void subtract(std::uint32_t sec, std::int32_t nsec) noexcept;
 
  private:
+  void advance(std::int64_t seconds, std::int64_t milliseconds) noexcept;
+
   std::uint32_t clock_;
   std::uint32_t sec_ = 0;
   std::int32_t nsec_ = 0;
 };
 
-/// Wall time since 1970-01-01 00:00:00 UTC.
-class RealtimeClock final : public ClockBase {
+/// What values of one kind of clock can do with each other, and with none of another kind: they are compared
+/// and subtracted by the moment that they mean, however that is written in seconds and nanoseconds. Each kind
+/// is a clock of std::chrono, too, whose time points convert to values and back. They are exact where values
+/// are advanced by the rules of `+=`.
+template <typename Kind, bool isSteady>
+class ClockOf : public ClockBase {
  public:
-  RealtimeClock() : ClockBase(REALTIME) { ClockBase::update(); }
+  // NOLINTBEGIN(readability-identifier-naming): what a clock of std::chrono has to have
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<Kind, duration>;
+  static constexpr bool is_steady = isSteady;
+  // NOLINTEND(readability-identifier-naming)
+
+  /// Reads the clock. Raises OsError as update() does.
+  static time_point now() { return Kind().toTimePoint(); }
+
+  time_point toTimePoint() const noexcept { return time_point(sinceEpoch()); }
+
+  Kind& operator+=(Milliseconds span) noexcept {
+    ClockBase::operator+=(span);
+    return static_cast<Kind&>(*this);
+  }
+  Kind& operator-=(Milliseconds span) noexcept {
+    ClockBase::operator-=(span);
+    return static_cast<Kind&>(*this);
+  }
+
+ protected:
+  explicit ClockOf(std::uint32_t clock) noexcept : ClockBase(clock) {}
+  template <typename Rep, typename Period>
+  ClockOf(std::uint32_t clock, const std::chrono::duration<Rep, Period>& sinceEpoch) noexcept
+      : ClockBase(clock, sinceEpoch) {}
 };
 
-/// A steady time that is never set back; it stands still while the machine sleeps.
-class MonotonicClock final : public ClockBase {
+template <typename Kind, bool isSteady>
+Kind operator+(const ClockOf<Kind, isSteady>& clock, Milliseconds duration) noexcept {
+  Kind sum(static_cast<const Kind&>(clock));
+  sum += duration;
+  return sum;
+}
+
+template <typename Kind, bool isSteady>
+Kind operator-(const ClockOf<Kind, isSteady>& clock, Milliseconds duration) noexcept {
+  Kind difference(static_cast<const Kind&>(clock));
+  difference -= duration;
+  return difference;
+}
+
+/// How much later the first one is; exact, whatever the values are.
+template <typename Kind, bool isSteady>
+std::chrono::nanoseconds operator-(const ClockOf<Kind, isSteady>& end,
+                                   const ClockOf<Kind, isSteady>& start) noexcept {
+  return end.sinceEpoch() - start.sinceEpoch();
+}
+
+template <typename Kind, bool isSteady>
+bool operator==(const ClockOf<Kind, isSteady>& one, const ClockOf<Kind, isSteady>& other) noexcept {
+  return one.sinceEpoch() == other.sinceEpoch();
+}
+
+/// Earlier is less.
+template <typename Kind, bool isSteady>
+std::weak_ordering operator<=>(const ClockOf<Kind, isSteady>& one,
+                               const ClockOf<Kind, isSteady>& other) noexcept {
+  return one.sinceEpoch().count() <=> other.sinceEpoch().count();
+}
+
+/// Wall time since 1970-01-01 00:00:00 UTC, which is what std::chrono::system_clock tells, too.
+class RealtimeClock final : public ClockOf<RealtimeClock, /*isSteady=*/false> {
  public:
-  MonotonicClock() : ClockBase(MONOTONIC) { ClockBase::update(); }
+  RealtimeClock() : ClockOf(REALTIME) { ClockBase::update(); }
+  template <typename Duration>
+  explicit RealtimeClock(const std::chrono::time_point<RealtimeClock, Duration>& moment) noexcept
+      : ClockOf(REALTIME, moment.time_since_epoch()) {}
+  template <typename Duration>
+  explicit RealtimeClock(const std::chrono::sys_time<Duration>& moment) noexcept
+      : ClockOf(REALTIME, moment.time_since_epoch()) {}
+
+  std::chrono::sys_time<std::chrono::nanoseconds> toSysTime() const noexcept {
+    return std::chrono::sys_time<std::chrono::nanoseconds>(sinceEpoch());
+  }
+};
+
+/// A steady time that is never set back; it stands still while the machine sleeps. On Linux it is the one of
+/// std::chrono::steady_clock. On macOS that one goes on meanwhile, so that no moment of the one can be told
+/// in the other.
+class MonotonicClock final : public ClockOf<MonotonicClock, /*isSteady=*/true> {
+ public:
+  MonotonicClock() : ClockOf(MONOTONIC) { ClockBase::update(); }
+  template <typename Duration>
+  explicit MonotonicClock(const std::chrono::time_point<MonotonicClock, Duration>& moment) noexcept
+      : ClockOf(MONOTONIC, moment.time_since_epoch()) {}
 };
 
 /// Steady time since the platform library was started.
-class InitClock final : public ClockBase {
+class InitClock final : public ClockOf<InitClock, /*isSteady=*/true> {
  public:
   /// A reading of the clock.
   struct Origin {
@@ -85,7 +190,10 @@ class InitClock final : public ClockBase {
   /// Makes the present moment the origin. Call once, right after ClockBase::init(). OsError as update().
   static void init();
 
-  InitClock() : ClockBase(INITTIME) { InitClock::update(); }
+  InitClock() : ClockOf(INITTIME) { InitClock::update(); }
+  template <typename Duration>
+  explicit InitClock(const std::chrono::time_point<InitClock, Duration>& moment) noexcept
+      : ClockOf(INITTIME, moment.time_since_epoch()) {}
 
   void update() override;
 

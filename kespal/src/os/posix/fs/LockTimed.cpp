@@ -15,8 +15,6 @@ using std::chrono::steady_clock;
 using time::Milliseconds;
 
 constexpr Milliseconds firstNap(1), longestNap(20);
-/// No waiting is longer, and no sum of times overflows.
-constexpr std::chrono::hours forEver(24 * 365 * 100);
 
 void nap(steady_clock::duration span) {
   const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(span).count();
@@ -27,7 +25,7 @@ void nap(steady_clock::duration span) {
 template <typename TryLock>
 bool lockTimed(Milliseconds limit, TryLock tryLock) {
   const auto start = steady_clock::now();
-  const steady_clock::duration allowed = std::clamp<Milliseconds>(limit, Milliseconds(0), forEver);
+  const steady_clock::duration allowed = time::boundedWait(limit);
   for (steady_clock::duration span = firstNap;;
        span = std::min<steady_clock::duration>(2 * span, longestNap)) {
     if (tryLock()) return true;
