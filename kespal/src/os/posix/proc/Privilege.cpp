@@ -1,6 +1,5 @@
 #include "kespal/proc/Privilege.h"
 
-#include <grp.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,20 +8,14 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
-#include "os/System.h"
+#include "os/posix/proc/Identity.h"
 
 namespace kes::proc {
 
 namespace {
 
-/// Calls setgroups(), whose count has another type on each system.
-template <typename Count>
-int setGroups(int (*call)(Count, const gid_t*), const std::vector<gid_t>& groups) {
-  return call(static_cast<Count>(groups.size()), groups.data());
-}
-
 [[gnu::always_inline]] inline void becomeMemberOf(const std::vector<gid_t>& groups) {
-  check(KES_HERE_IN("setSupplementaryGroups"), setGroups(::setgroups, groups));
+  check(KES_HERE_IN("setSupplementaryGroups"), setGroups(groups));
 }
 
 UserInfo resolved(unsigned uid, unsigned gid) {
@@ -33,48 +26,8 @@ UserInfo resolved(unsigned uid, unsigned gid) {
   return user;
 }
 
-bool changeGroupIds(unsigned gid) { return ::setegid(gid) == 0 && ::setgid(gid) == 0; }
-
-/// Sets the effective user id without touching errno: the way out of a change that went wrong.
-void retreatTo(unsigned uid) {
-  const int code = errno;
-  (void)!::seteuid(uid);
-  errno = code;
-}
-
-/// Gives up all user ids. Who is root only by its real or saved id may set nothing but the effective one
-/// (EPERM): root is taken back for the one call that changes all three.
-bool changeAllUserIds(unsigned uid) {
-  if (::setuid(uid) == 0) return true;
-  if (errno != EPERM || (::getuid() != 0 && os::savedUserId() != 0)) return false;
-  if (::seteuid(0) != 0) return false;
-  const bool changed = ::setuid(uid) == 0;
-  if (!changed || ::getuid() != uid || os::savedUserId() != uid) retreatTo(uid);
-  return changed;
-}
-
 bool changeUserIds(unsigned uid, bool permanent) {
   return ::seteuid(uid) == 0 && (!permanent || changeAllUserIds(uid));
-}
-
-/// Tries to become root again; a success is undone.
-bool canComeBack(const UserInfo& user) {
-  if (::seteuid(0) == 0) {
-    retreatTo(user.uid);
-    return true;
-  }
-  if (::setegid(0) == 0) {
-    (void)!::setegid(user.gid);
-    return true;
-  }
-  return false;
-}
-
-/// Whether nothing of another identity is left. Who is not root changes its effective ids alone, and could
-/// return to what the others are.
-bool isWhollyChanged(const UserInfo& user) {
-  return ::getuid() == user.uid && os::savedUserId() == user.uid && ::getgid() == user.gid &&
-         os::savedGroupId() == user.gid;
 }
 
 }  // namespace
@@ -120,7 +73,7 @@ void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
   if (::getegid() != user.gid || ::geteuid() != user.uid) {
     raiseAt(KES_HERE, RuntimeError("Privilege change silently failed?!"));
   }
-  if (permanent && (canComeBack(user) || !isWhollyChanged(user))) {
+  if (permanent && !isChangedForGood(user.uid, user.gid)) {
     raiseAt(KES_HERE, RuntimeError("Permanent privilege change isn't permanent?!"));
   }
 }
