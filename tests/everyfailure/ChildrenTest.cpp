@@ -222,6 +222,61 @@ TEST(EveryFailureOfChildren, TheCollectorIsMadeAndEnded) {
                   .spared = {Call::fork}});  // without a process the next child's end is awaited
 }
 
+/// What a failed start says stays out of the test's report.
+struct Quiet {
+  const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  explicit Quiet(Child& child) { child.setStderr(null); }
+  ~Quiet() { ::close(null); }
+};
+
+TEST(EveryFailureOfChildren, AProgramThatCannotBeStartedIsTold) {
+  expectSurvival({.operations = {"kes::proc::Child::startFailure", "kes::proc::Child::create",
+                                 "kes::proc::StartFailure::text"},
+                  .raises = childErrors,
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    Child child({"/no/such/program"});
+                    const Quiet quiet(child);
+                    const bool made = stage.act([&] { child.create(); });
+                    stage.check(made || !child.startFailure(), "without a child there is nothing to tell");
+                    if (!made) return expectService(stage);
+                    Child::ExitState state{0, false};
+                    if (!stage.act([&] { state = child.wait(); })) return expectService(stage);
+                    stage.check(endedWith(state, 125), "how it ends");
+                    const auto failure = child.startFailure();
+                    stage.check(failure && failure->isFatal(), "why is told");
+                    std::string text;
+                    stage.act([&] { text = failure->text(); });
+                    stage.check(stage.succeeded() == !text.empty(), "in words");
+                    expectService(stage);
+                  }});
+}
+
+TEST(EveryFailureOfChildren, AProgramOfAnotherUserIsStarted) {
+  expectSurvival({.operations = {"kes::proc::Child::setUser", "kes::proc::Child::create",
+                                 "kes::proc::Child::startFailure"},
+                  .raises = childErrors,
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    UserInfo stranger;
+                    stranger.uid = stranger.gid = 64444;
+                    Child child({"true"});
+                    const Quiet quiet(child);
+                    child.setEnvironment({"PATH=/bin"});
+                    child.setSearchOwnPath(true);
+                    child.setWorkingDirectory("/");
+                    if (!stage.act([&] { child.setUser(stranger, {4, 27}); })) return expectService(stage);
+                    if (stage.act([&] { child.create(); })) {
+                      Child::ExitState state{0, false};
+                      if (!stage.act([&] { state = child.wait(); })) return expectService(stage);
+                      const auto failure = child.startFailure();
+                      stage.check(endedWith(state, failure && failure->isFatal() ? 125 : 0),
+                                  "it runs, or says why it does not");
+                    }
+                    expectService(stage);
+                  }});
+}
+
 TEST(EveryFailureOfChildren, TheWordsForAnEndAreMade) {
   expectSurvival({.operations = {"kes::proc::ExitStatus::exitCode", "kes::proc::ExitStatus::signal",
                                  "kes::proc::ExitStatus::coreDumped", "kes::proc::ExitStatus::text"},

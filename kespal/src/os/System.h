@@ -1,8 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <set>
+#include <vector>
 
 /// What the systems do differently in a line or two.
 namespace kes::os {
@@ -24,6 +28,9 @@ bool nothingToSync(int errnum) noexcept;
 unsigned savedUserId() noexcept;
 /// The same of the group ids.
 unsigned savedGroupId() noexcept;
+
+/// What setgroups() has to be given for a process of this group id that is a member of these groups besides.
+std::vector<gid_t> groupList(unsigned gid, const std::set<unsigned>& groups);
 
 /// A number that grows whenever code is unloaded from this process: as long as it stays, an address in a
 /// loaded library means what it meant before. None where asking could wait for ever, as in a forked child.

@@ -182,6 +182,18 @@ TEST_F(ForkWindowTest, WithEverythingElseThatCanBeSetNeither) {
   ::close(null);
 }
 
+TEST_F(ForkWindowTest, AsAnotherUserNeither) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can start a program as another user";
+  UserInfo stranger;
+  stranger.uid = stranger.gid = 64444;
+  Child child({"true"});
+  child.setUser(stranger, {4, 27});
+  child.setEnvironment({"A=1", "PATH=/no/such/place:/bin"});
+  child.setSearchOwnPath(true);
+  child.setWorkingDirectory("/");
+  expectACleanWindow(child, 2);
+}
+
 TEST_F(ForkWindowTest, AStreamThatCannotBeDuplicatedIsToldAndTheProgramStartsAllTheSame) {
   const auto result = test::inChild([] {
     counts().failDup2 = EBUSY;
@@ -271,6 +283,17 @@ std::vector<Trouble> troubles(const test::TempDir& dir) {
          child.setArguments({"/bin/true", std::string(200'000, 'x')});
        }},
       {"a script without a first line", scriptName.c_str(), 4, [](Child&) {}},
+      {"another user", "/bin/true", 125,
+       [](Child& child) {
+         UserInfo stranger;
+         stranger.uid = stranger.gid = 64444;
+         child.setUser(stranger, {0xFFFFFFFF});
+       }},
+      {"a search of its own path", "kes-no-such-program", 125,
+       [](Child& child) {
+         child.setEnvironment({"PATH=/bin:/usr/bin"});
+         child.setSearchOwnPath(true);
+       }},
       {"the same with an environment", scriptName.c_str(), 125,
        [](Child& child) { child.setEnvironment({"A=1"}); }},
   };

@@ -8,12 +8,16 @@
 #include <iosfwd>
 #include <list>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
 #include "kespal/Export.h"
 #include "kespal/NoCopy.h"
+#include "kespal/UserInfo.h"
 #include "kespal/error/Site.h"
+#include "kespal/proc/StartFailure.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/time/Milliseconds.h"
 
@@ -24,6 +28,8 @@ namespace kes::proc {
 class KES_HIDDEN Flock;
 class KES_HIDDEN Program;
 class Shepherd;
+class StartNote;
+struct Identity;
 
 /// A program to start, as a child process or in place of this one, and the child while it runs. An object is
 /// used by one thread at a time; several objects by as many threads as you like. Its end neither waits for
@@ -67,7 +73,10 @@ class Child : NoCopy {
   /// The program, searched on PATH when it has no "/", and its arguments; the first is both.
   void setArguments(std::list<std::string> arguments) noexcept { arguments_ = std::move(arguments); }
   /// NAME=value texts; none means that the child inherits this process's environment.
-  void setEnvironment(std::list<std::string> environment) noexcept { environment_ = std::move(environment); }
+  void setEnvironment(std::list<std::string> environment) noexcept {
+    environment_ = std::move(environment);
+    environmentCleared_ = false;
+  }
   /// Empty means that this process's is kept.
   void setWorkingDirectory(const std::string& directory) { workingDirectory_ = directory; }
   /// Descriptors that the child gets as its 0, 1 and 2; -1 means that it inherits this process's. They stay
@@ -82,6 +91,28 @@ class Child : NoCopy {
   /// Who is told when the child ends; not owned. Waits while the notification of an earlier child still
   /// runs on the collector's thread. RuntimeError while a child runs.
   void setNotify(Notification* notification);
+
+  /// An environment without any variable, until the next setEnvironment().
+  void clearEnvironment() noexcept {
+    environment_.clear();
+    environmentCleared_ = true;
+  }
+  /// Along which PATH a program without a "/" is searched, when the child has an environment of its own: this
+  /// process's, or with `own` that of its environment, and nowhere if there is none (ENOENT). Without `own` a
+  /// file of that name in the working directory comes first, and the path that was found takes the place of
+  /// the first argument; with it neither. Empty entries are left out.
+  void setSearchOwnPath(bool own) noexcept { searchesOwnPath_ = own; }
+  /// Starts programs, from now on, with the user and the group id of this account, as a member of these
+  /// groups besides and of no other. Before it enters its directory and looks for the program, the child
+  /// gives up all of its former ids for good, and tries to come back: that takes a process whose effective
+  /// user is root, and what is refused shows as startFailure(). Such a child is forked, which takes longer
+  /// from a large process. UsageError for an id that is unknown or root's; std::bad_alloc. The former user
+  /// stays then.
+  void setUser(const UserInfo& user, const std::set<unsigned>& groups = {});
+  /// What failed on the way to the program, the last of it; none when it was started as was asked. So a
+  /// program that ends with exit code 125 by itself is told from one that could not be started. Complete when
+  /// the child has ended, for a notification as well; forgotten by the next create().
+  std::optional<StartFailure> startFailure() const noexcept;
 
   /// Starts the program. With `inPlace` this process becomes it, and the call does not return. Otherwise
   /// returns once the child is made and registered; that the program could not be started then shows as
@@ -147,6 +178,10 @@ class Child : NoCopy {
   int stdinFd_ = -1;
   Notification* notify_ = nullptr;
   bool newProcessGroup_ = false;
+  bool environmentCleared_ = false;
+  bool searchesOwnPath_ = false;
+  std::shared_ptr<const Identity> user_;  // null: this process's
+  std::shared_ptr<StartNote> note_;       // of the last child
 };
 
 /// "finished: " and 0 or 1, "killed: " and 0 or 1 on a second line, and for a child that ended by itself

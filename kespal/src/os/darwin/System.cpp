@@ -45,6 +45,15 @@ unsigned savedGroupId() noexcept {
   return findProcess(entry) ? entry.kp_eproc.e_pcred.p_svgid : ::getegid();
 }
 
+// The first of the list is the effective group id here, and an empty list is that of root's group.
+std::vector<gid_t> groupList(unsigned gid, const std::set<unsigned>& groups) {
+  std::vector<gid_t> list{gid};
+  for (const unsigned group : groups) {
+    if (group != gid) list.push_back(group);
+  }
+  return list;
+}
+
 namespace {
 
 constinit std::atomic<std::uint64_t> counter{0};

@@ -35,6 +35,10 @@ unsigned savedGroupId() noexcept {
   return saved;
 }
 
+std::vector<gid_t> groupList(unsigned /*gid*/, const std::set<unsigned>& groups) {
+  return {groups.begin(), groups.end()};
+}
+
 namespace {
 
 // The loader answers under a lock that stays as it is in a forked child: another thread of the parent may

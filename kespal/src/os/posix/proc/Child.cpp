@@ -8,13 +8,22 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "os/System.h"
+#include "os/posix/proc/Identity.h"
 #include "os/posix/proc/Program.h"
 #include "os/posix/proc/RawMessage.h"
 #include "os/posix/proc/Start.h"
+#include "os/posix/proc/StartNote.h"
 #include "proc/Flock.h"
 #include "signal/Pending.h"
 
 namespace kes::proc {
+
+namespace {
+
+constexpr unsigned unknownId = 0xFFFFFFFF;
+
+}  // namespace
 
 void Child::create(bool inPlace) {
   if (arguments_.empty()) {
@@ -23,26 +32,47 @@ void Child::create(bool inPlace) {
   if (!inPlace && pid_ != -1 && isOfThisProcess()) {
     raiseAt(KES_HERE, UsageError("Can't start another program: the child was not waited for"));
   }
+  if (!inPlace) note_ = nullptr;
   for (int fd : {stdoutFd_, stderrFd_, stdinFd_}) {
     if (fd != -1) check({"src/os/posix/proc/Child", 97, "create"}, ::fcntl(fd, F_SETFD, 0));
   }
-  const Program program(arguments_, environment_, workingDirectory_, {stdoutFd_, stderrFd_, stdinFd_});
+  const Program program({.arguments = arguments_,
+                         .environment = environment_,
+                         .inheritsEnvironment = environment_.empty() && !environmentCleared_,
+                         .searchesOwnPath = searchesOwnPath_,
+                         .workingDirectory = workingDirectory_,
+                         .streams = {stdoutFd_, stderrFd_, stdinFd_},
+                         .user = user_.get()});
   if (inPlace) {
     signal::takePending();
-    program.become();
+    program.become(StartNote());
   }
   fork(program);
+}
+
+void Child::setUser(const UserInfo& user, const std::set<unsigned>& groups) {
+  const auto isOfAccount = [](unsigned id) { return id != 0 && id != unknownId; };
+  if (!isOfAccount(user.uid) || !isOfAccount(user.gid)) {
+    raiseAt(KES_HERE, UsageError("A program can be started only as a known user without root's rights"));
+  }
+  user_ = std::make_shared<const Identity>(Identity{user.uid, user.gid, os::groupList(user.gid, groups)});
+}
+
+std::optional<StartFailure> Child::startFailure() const noexcept {
+  return note_ ? note_->read() : std::nullopt;
 }
 
 /// The collector's lock is held from before the fork until the child is registered. Nothing of this object
 /// is touched once it is free: the child's end may already have destroyed it.
 void Child::fork(const Program& program) {
   pid_ = -1;
+  note_ = std::make_shared<StartNote>();
   const std::shared_ptr<Flock> flock = flock_ = collector();
   const Flock::Guard guard(flock->condition());
   if (!flock->isServingNoLock()) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
   flock->expectNoLock();
-  const pid_t pid = check({"src/os/posix/proc/Child", 129, "create"}, start(program, newProcessGroup_));
+  const pid_t pid =
+      check({"src/os/posix/proc/Child", 129, "create"}, start(program, newProcessGroup_, *note_));
   pid_ = registeredPid_ = pid;
   registration_ = flock->addNoLock(pid, notify_ != nullptr ? this : nullptr);
 }
@@ -65,10 +95,13 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
   return state;
 }
 
-void enterNewProcessGroup() {
-  if (::setpgid(0, 0) == 0) return;
+int leadNewProcessGroup() noexcept {
+  if (::setpgid(0, 0) == 0) return 0;
   const int errnum = errno;
   RawMessage().add("Failed to set new process group. Errno = ").add(errnum).add("\n").send();
+  return errnum;
 }
+
+void enterNewProcessGroup() { leadNewProcessGroup(); }
 
 }  // namespace kes::proc

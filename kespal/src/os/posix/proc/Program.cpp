@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 
 #include "kespal/Helper.h"
 #include "kespal/error/FsError.h"
@@ -19,6 +20,8 @@
 
 namespace kes::proc {
 
+using Step = StartFailure::Step;
+
 namespace {
 
 std::vector<char*> nullTerminated(const std::list<std::string>& texts) {
@@ -29,15 +32,31 @@ std::vector<char*> nullTerminated(const std::list<std::string>& texts) {
   return pointers;
 }
 
-/// The files that a search along PATH would try.
-std::vector<std::string> candidatesFor(const std::string& program) {
-  if (program.starts_with('/')) return {program};
-  std::string path;
+/// The files that a search along a path would try.
+std::vector<std::string> candidatesAlong(const std::string& path, const std::string& program) {
   std::vector<std::string> files;
-  proc::Env::get("PATH", path);
   helper::split(path, ':', files, /*strip=*/false, /*keepEmpty=*/false);
   for (std::string& file : files) file += '/' + program;
   return files;
+}
+
+/// Those of a search along this process's PATH.
+std::vector<std::string> candidatesFor(const std::string& program) {
+  if (program.starts_with('/')) return {program};
+  std::string path;
+  proc::Env::get("PATH", path);
+  return candidatesAlong(path, program);
+}
+
+/// Those of a search along the PATH of an environment.
+std::vector<std::string> candidatesWithin(const std::list<std::string>& environment,
+                                          const std::string& program) {
+  if (program.find('/') != program.npos) return {program};
+  constexpr std::string_view variable = "PATH=";
+  const auto path = std::find_if(environment.begin(), environment.end(),
+                                 [=](const std::string& text) { return text.starts_with(variable); });
+  return path != environment.end() ? candidatesAlong(path->substr(variable.size()), program)
+                                   : std::vector<std::string>{};
 }
 
 /// The error of a call whose number will be known later.
@@ -49,28 +68,31 @@ class CallError : public Raisable<CallError, OsError> {
 
 }  // namespace
 
-Program::Program(const std::list<std::string>& arguments, const std::list<std::string>& environment,
-                 const std::string& workingDirectory, const Streams& streams)
-    : directory_(workingDirectory),
-      redirections_{{{STDOUT_FILENO, "stdout", streams.out},
-                     {STDERR_FILENO, "stderr", streams.err},
-                     {STDIN_FILENO, "stdin", streams.in}}},
-      argv_(nullTerminated(arguments)) {
-  if (!environment.empty()) {
-    envp_ = nullTerminated(environment);
-    candidates_ = candidatesFor(arguments.front());
+Program::Program(const Plan& plan)
+    : directory_(plan.workingDirectory),
+      redirections_{{{STDOUT_FILENO, "stdout", plan.streams.out},
+                     {STDERR_FILENO, "stderr", plan.streams.err},
+                     {STDIN_FILENO, "stdin", plan.streams.in}}},
+      user_(plan.user),
+      searchesOwnPath_(plan.searchesOwnPath),
+      argv_(nullTerminated(plan.arguments)) {
+  if (!plan.inheritsEnvironment) {
+    envp_ = nullTerminated(plan.environment);
+    candidates_ = searchesOwnPath_ ? candidatesWithin(plan.environment, plan.arguments.front())
+                                   : candidatesFor(plan.arguments.front());
   }
   noMask_ = ofCall(signal::Mask::callSite);
   noProgram_ = ofCall({"src/os/posix/proc/Child", 318, "create"});
+  if (user_ != nullptr) noUser_ = ofCall(KES_HERE_IN("changeUser"), "\nCannot become another user:\n");
   if (!directory_.empty()) noDirectory_ = ofDirectory();
 }
 
-Program::Farewell Program::ofCall(const Site& site) {
+Program::Farewell Program::ofCall(const Site& site, const char* heading) {
   CallError error;
   locateAt(site, error);
   std::string stack = error.exStack();
   stack.pop_back();  // the end of the line that the error's text will be in
-  return {"):\n" + stack, ")\n\n"};
+  return {std::string("):\n") + heading + stack, ")\n\n"};
 }
 
 Program::Farewell Program::ofDirectory() const {
@@ -79,17 +101,14 @@ Program::Farewell Program::ofDirectory() const {
   return {"):\n\nCannot change working directory:\n" + error.exStack() + "\tReason: ", ").\n"};
 }
 
-void Program::become() const noexcept {
+void Program::become(const StartNote& note) const noexcept {
   const sys::NoCancel untilItIs;  // the calling thread's own: it may take the place of its process
-  if (const int errnum = restoreMask()) giveUp(noMask_, errnum);
-  for (const Redirection& each : redirections_) {
-    if (each.make()) continue;
-    const int errnum = errno;
-    RawMessage().add("Error dup2()'ing ").add(each.name).add(": ").add(errnum).add("\n").send();
-  }
-  if (!enterDirectory()) giveUp(noDirectory_, errno);
+  if (const int errnum = restoreMask()) giveUp(note, {Step::SignalMask, errnum, noMask_});
+  redirect(note);
+  if (const auto failure = changeUser()) giveUp(note, *failure);
+  if (!enterDirectory()) giveUp(note, {Step::Directory, errno, noDirectory_});
   execute();
-  giveUp(noProgram_, errno);
+  giveUp(note, {Step::Exec, errno, noProgram_});
 }
 
 void Program::becomeSilently() const noexcept {
@@ -107,8 +126,27 @@ int Program::restoreMask() noexcept {
   return ::pthread_sigmask(SIG_SETMASK, &signal::Set::m_original.native(), nullptr);
 }
 
+void Program::redirect(const StartNote& note) const noexcept {
+  for (const Redirection& each : redirections_) {
+    if (each.make()) continue;
+    const int errnum = errno;
+    note.write(Step::Redirection, errnum);
+    RawMessage().add("Error dup2()'ing ").add(each.name).add(": ").add(errnum).add("\n").send();
+  }
+}
+
 bool Program::Redirection::make() const noexcept {
   return fd == -1 || sys::retry([this] { return ::dup2(fd, target); }) != -1;
+}
+
+/// The groups go first, and root last: without it nothing else may be given up.
+std::optional<Program::Failure> Program::changeUser() const noexcept {
+  if (user_ == nullptr) return std::nullopt;
+  if (setGroups(user_->groups) != 0) return Failure{Step::Groups, errno, noUser_};
+  if (!changeGroupIds(user_->gid)) return Failure{Step::GroupId, errno, noUser_};
+  if (!changeAllUserIds(user_->uid)) return Failure{Step::UserId, errno, noUser_};
+  if (!isChangedForGood(user_->uid, user_->gid)) return Failure{Step::WayBack, EPERM, noUser_};
+  return std::nullopt;
 }
 
 bool Program::enterDirectory() const noexcept {
@@ -121,6 +159,7 @@ void Program::execute() const noexcept {
     ::execvp(argv_.front(), argv_.data());
     return;
   }
+  if (searchesOwnPath_) return executeAlongOwnPath();
   ::execve(argv_.front(), argv_.data(), envp_.data());
   if (errno != ENOENT) return;
   const auto found = std::find_if(candidates_.begin(), candidates_.end(),
@@ -133,7 +172,21 @@ void Program::execute() const noexcept {
   ::execve(argv_.front(), argv_.data(), envp_.data());
 }
 
-void Program::giveUp(const Farewell& farewell, int errnum) const noexcept {
+/// Tries one file after the other, as execvp() does. That one may not be executed is said when none may.
+void Program::executeAlongOwnPath() const noexcept {
+  int errnum = ENOENT;
+  for (const std::string& file : candidates_) {
+    ::execve(file.c_str(), argv_.data(), envp_.data());
+    if (errno != ENOENT && errno != ENOTDIR && errno != EACCES) return;
+    if (errno == EACCES) errnum = EACCES;
+  }
+  errno = errnum;
+}
+
+/// The note first: the message may have to wait for whoever reads it.
+void Program::giveUp(const StartNote& note, const Failure& failure) const noexcept {
+  const auto& [step, errnum, farewell] = failure;
+  note.write(step, errnum);
   RawMessage message;
   const char* text = errorTexts_.of(errnum);
   if (text == nullptr) {

@@ -6,9 +6,9 @@
 #include <cerrno>
 
 #include "kespal/os/posix/proc/Start.h"
-#include "kespal/proc/Child.h"
 #include "os/SharingChild.h"
 #include "os/posix/proc/Program.h"
+#include "os/posix/proc/StartNote.h"
 #include "sys/NoCancel.h"
 
 namespace kes::proc {
@@ -61,6 +61,12 @@ void resetAndCall(void* task) {
   todo.body(todo.argument);
 }
 
+/// While it lives, nothing disturbs the calling thread, nor a child that it makes.
+struct Undisturbed {
+  const sys::NoCancel untilStarted{};
+  const NoSignals untilReset{};
+};
+
 pid_t forkChild(Task task) noexcept {
   const pid_t pid = ::fork();
   if (pid != 0) return pid;
@@ -71,6 +77,7 @@ pid_t forkChild(Task task) noexcept {
 struct Order {
   const Program& program;
   bool newProcessGroup;
+  const StartNote& note;
 };
 
 void becomeSilently(void* order) {
@@ -81,15 +88,27 @@ void becomeSilently(void* order) {
 // The copy of the collector's lock is left alone: the exec throws it away.
 void become(void* order) {
   const auto& wanted = *static_cast<const Order*>(order);
-  if (wanted.newProcessGroup) enterNewProcessGroup();
-  wanted.program.become();
+  if (wanted.newProcessGroup) {
+    if (const int errnum = leadNewProcessGroup()) {
+      wanted.note.write(StartFailure::Step::ProcessGroup, errnum);
+    }
+  }
+  wanted.program.become(wanted.note);
 }
 
 }  // namespace
 
-pid_t start(const Program& program, bool newProcessGroup) noexcept {
-  Order order{program, newProcessGroup};
-  return os::startChild(&becomeSilently, &become, &order, program.argumentCount());
+// A child that becomes another user while it shares memory would hand that user this process's: it is forked.
+// Only a forked child has anything to note.
+pid_t start(const Program& program, bool newProcessGroup, StartNote& note) noexcept {
+  Order order{program, newProcessGroup, note};
+  if (!program.isForAnotherUser()) {
+    const pid_t pid = os::startChild(&becomeSilently, nullptr, &order, program.argumentCount());
+    if (pid != 0) return pid;
+  }
+  if (!note.open()) return -1;
+  const Undisturbed untilForked;
+  return forkChild({&become, &order});
 }
 
 }  // namespace kes::proc
@@ -100,8 +119,7 @@ pid_t start(const Program& program, bool newProcessGroup) noexcept {
 pid_t kes::os::startChild(ChildBody quietly, ChildBody aloud, void* argument,
                           std::size_t arguments) noexcept {
   const int errnum = errno;
-  const sys::NoCancel untilStarted;
-  const proc::NoSignals untilReset;
+  const proc::Undisturbed untilStarted;
   proc::Task task{quietly, argument};
   pid_t pid = startSharing(&proc::resetAndCall, &task, proc::stackFor(arguments));
   if (pid == 0 && aloud != nullptr) pid = proc::forkChild({aloud, argument});
