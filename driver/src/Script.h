@@ -37,7 +37,7 @@ struct Play {
   std::vector<std::uint8_t> datagram(const iokit::RequestHeader& request, const Answer& usual) const;
 };
 
-/// The lines of a script, in order for each call. kesdriver(8) describes the format.
+/// The lines of a script, in order for each call. kesdriver(5) describes the format.
 class Script {
  public:
   Script() = default;
