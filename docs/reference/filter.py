@@ -1,20 +1,26 @@
 """A public header with its comments in the words of Doxygen, line by line as it was.
 
-Comments of the headers are plain text. What Doxygen would take for markup is taken as it stands, but for `code` and
-@return. The text in front of a header's declarations is that of the file. Each declaration outside of a class gets
-its group, from groups.py, and the version of "#pragma once  // since VERSION". Of overloads that follow each other,
-the first one's comment speaks for all. What the compiler writes needs none."""
+Comments of the headers are plain text. What Doxygen would take for markup is taken as it stands, but for `code`,
+@return and @since. The text in front of a header's declarations is that of the file. Each declaration outside of a
+class gets its group, from groups.py, and the version of "#pragma once  // since VERSION". Of overloads that follow each
+other, the first one's comment speaks for all. What the compiler writes needs none."""
 import re
 
 from groups import group_of
 
 # Markup of Doxygen and of Markdown that a text may hold by chance.
-MARKUP = re.compile(r"\\|@(?!return\b)|<|>|#|%|&|--")
+MARKUP = re.compile(r"\\|@(?!(?:return|since)\b)|<|>|#|%|&|--")
 # A declaration of a function up to its name; not one that a macro or a comment makes.
 FUNCTION = re.compile(r"\s*(?!return\b|static_assert\b|#|/|\*)(?:[\w:<>,&*\[\] ~()]*?[\s&*])??"
                       r"((?:operator\s*[^\s(\w]+|~?\w+))\((?!\*)")
 # A function that the compiler writes.
 COMPILERS = re.compile(r"=\s*default;")
+# What a declaration may have in front of the line with the name.
+BEFORE_NAME = re.compile(r"\s*(?:template|requires|\[\[|//|#|__attribute__)")
+
+
+def indentation(line):
+    return line[:len(line) - len(line.lstrip())]
 
 
 def literal(text):
@@ -31,11 +37,11 @@ class Filter:
         self.head = f"@house_head{{{group}}} " if group.startswith("kesos") else "@house_file "
         since = re.match(r"#pragma once  // since (\S+)$", lines[0])
         self.lines = lines
-        self.tag = f" @house{{{group},{since.group(1) if since else ''}}}"
+        self.group, self.since = group, since[1] if since else ""
         self.speaking = None  # the indentation of a comment that speaks for the next declaration
         self.documented = None  # the function that the last comment speaks for, with its indentation
         self.in_comment = False  # of the kind that begins with /**
-        self.is_outer = False  # whether that is in front of a declaration outside of a class
+        self.has_age = False  # whether the comment says itself since when it is there
 
     def run(self):
         code = self.beginning()
@@ -69,48 +75,64 @@ class Filter:
         if self.in_comment or line.lstrip().startswith("/**"):
             return self.block(line)
         if line.lstrip().startswith("///"):
-            indent, _, text = line.partition("///")
-            self.speaking, self.documented = indent, None
-            ends = not self.next_line(number).lstrip().startswith("///")
-            return indent + "///" + literal(text) + (self.tag if ends and not indent else "")
-        return self.declaration(line)
+            return self.line_comment(line, not self.is_comment(number - 1), not self.is_comment(number + 1))
+        if "///<" in line or "/**<" in line:
+            return self.note(line)
+        return self.announcement(line) + line
 
-    def next_line(self, number):
-        return self.lines[number + 1] if number + 1 < len(self.lines) else ""
+    def is_comment(self, number):
+        return self.lines[number].lstrip().startswith("///")
+
+    def begin_comment(self, line):
+        self.speaking, self.documented, self.has_age = indentation(line), None, False
+
+    def tag(self):
+        """What goes to the end of a comment in front of a declaration outside of a class."""
+        return f" @house_group{{{self.group}}}" if self.has_age else f" @house{{{self.group},{self.since}}}"
+
+    def line_comment(self, line, is_first, is_last):
+        if is_first:
+            self.begin_comment(line)
+        indent, _, text = line.partition("///")
+        self.has_age = self.has_age or "@since" in text
+        return indent + "///" + literal(text) + (self.tag() if is_last and not indent else "")
 
     def block(self, line):
+        begin = ""
         if not self.in_comment:
-            self.speaking, self.documented = line[:len(line) - len(line.lstrip())], None
-            self.is_outer = line.startswith("/**")
-        begin, _, text = line.partition("/**") if not self.in_comment else ("", "", line)
-        text, end, rest = text.partition("*/")
+            self.begin_comment(line)
+            begin, _, line = line.partition("/**")
+            begin += "/**"
+        text, end, rest = line.partition("*/")
         self.in_comment = not end
+        self.has_age = self.has_age or "@since" in text
         is_table = re.match(r" \* {4,}", text) is not None  # is shown as it is
         text = text if is_table else literal(text)
-        if end and self.is_outer:
-            text += ("\n" if is_table else "") + self.tag
-        return begin + ("/**" if line.lstrip().startswith("/**") else "") + text + end + rest
+        if end and self.speaking == "":
+            text += ("\n" if is_table else "") + self.tag()
+        return begin + text + end + rest
 
-    def declaration(self, line):
-        code, mark, note = line.partition("///<")
-        if not mark:
-            code, mark, note = line.partition("/**<")
-        if mark:
-            note, end, rest = note.partition("*/")
-            tag = self.tag if not line.startswith(" ") else ""
-            return code + mark + literal(note) + tag + end + rest
-        indent = line[:len(line) - len(line.lstrip())]
-        function = FUNCTION.match(line)
+    def note(self, line):
+        """A comment behind a declaration."""
+        self.speaking, self.has_age = None, "@since" in line
+        code, mark, text = re.split(r"(///<|/\*\*<)", line, maxsplit=1)
+        text, end, rest = text.partition("*/")
+        return code + mark + literal(text) + ("" if line.startswith(" ") else self.tag()) + end + rest
+
+    def announcement(self, line):
+        """A comment for a declaration that needs none of its own."""
+        indent, function = indentation(line), FUNCTION.match(line)
+        name = (indent, function[1]) if function else None
         if not line.strip():
             self.documented = None
-        elif function is not None and self.speaking is None and COMPILERS.search(line):
-            return "/** As the compiler makes it. */" + line
-        elif function is not None and self.documented == (indent, function[1]):
-            return "/** The same for another kind of argument. */" + line
-        elif function is not None and self.speaking == indent:
-            self.speaking, self.documented = None, (indent, function[1])
-        elif function is not None and self.documented is not None and self.documented[0] == indent:
+        elif name and self.speaking is None and COMPILERS.search(line):
+            return "/** As the compiler makes it. */"
+        elif name and name == self.documented:
+            return "/** The same for another kind of argument. */"
+        elif name and self.speaking == indent:
+            self.speaking, self.documented = None, name
+        elif name and self.documented is not None and self.documented[0] == indent:
             self.documented = None
-        elif self.speaking == indent and not re.match(r"\s*(template|requires|\[\[|//|#|__attribute__)", line):
+        elif self.speaking == indent and not BEFORE_NAME.match(line):
             self.speaking = None
-        return line
+        return ""

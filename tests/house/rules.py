@@ -202,6 +202,16 @@ def every_public_header_says_what_it_exports():
             declares = re.search(r'^(?:namespace|extern "C")', text, re.MULTILINE)
             if declares and not re.search(rf"^{mark}BEGIN$.*^{mark}END$", text, re.MULTILINE | re.DOTALL):
                 yield f"{part}/include/{header}: its declarations stand outside of {mark}BEGIN and {mark}END"
+def every_public_header_has_an_age_and_a_group():
+    sys.path.append(str(ROOT / "docs/reference"))
+    from groups import group_of
+    for library in ("kespal", "kesos", "pcaplib"):
+        for header in public_headers(library):
+            first = (ROOT / library / "include" / header).read_text().split("\n", 1)[0]
+            if not re.fullmatch(r"#pragma once  // since \d+\.\d+", first):
+                yield f'{header}: has to begin with "#pragma once  // since VERSION"'
+            if group_of(header) is None:
+                yield f"{header}: in no group of the reference; add it to docs/reference/groups.py"
 
 
 def every_source_is_formatted():
