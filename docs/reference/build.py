@@ -7,6 +7,7 @@ import subprocess
 import sys
 
 from filter import Filter
+from groups import group_of
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIBRARIES = ("kespal", "kesos", "pcaplib")
@@ -19,8 +20,10 @@ def version():
 def write_headers(folder):
     for library in LIBRARIES:
         include = ROOT / library / "include"
-        for path in sorted(include.rglob("*.h")):
+        for path in sorted(include.rglob("*.h*")):
             header = path.relative_to(include)
+            if group_of(header.as_posix()) is None:
+                sys.exit(f"{header}: in no group of the reference; add it to docs/reference/groups.py")
             (folder / header).parent.mkdir(parents=True, exist_ok=True)
             lines = Filter(header.as_posix(), path.read_text().split("\n")).run()
             (folder / header).write_text("\n".join(lines))

@@ -13,8 +13,7 @@ GROUPS = [
     ("files", ["kespal/fs/"]),
     ("terminal", ["kespal/Terminal.h", "kespal/EchoGuard.h"]),
     ("locale", ["kespal/Locale.h", "kespal/gettext.h", "kespal/Catalogue.h"]),
-    ("helpers", ["kespal/Helper.h", "kespal/Hexdump.h", "kespal/NoCopy.h", "kespal/EnumBitset.h"]),
-    ("kesos", ["kesos/kesos.h"]),
+    ("helpers", ["kespal/Helper.h", "kespal/Hexdump.h", "kespal/NoCopy.h", "kespal/EnumBitset.h", "kespal/Export.h"]),
     ("kesos_strings", ["kesos/strings.h"]),
     ("kesos_time", ["kesos/time.h"]),
     ("kesos_console", ["kesos/console.h"]),
@@ -26,6 +25,7 @@ GROUPS = [
     ("kesos_libraries", ["kesos/libraries.h"]),
     ("kesos_files", ["kesos/files.h"]),
     ("kesos_mappings", ["kesos/mappings.h"]),
+    ("kesos", ["kesos/"]),
     ("pcaplib", ["pcaplib/"]),
 ]
 

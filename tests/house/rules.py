@@ -202,6 +202,8 @@ def every_public_header_says_what_it_exports():
             declares = re.search(r'^(?:namespace|extern "C")', text, re.MULTILINE)
             if declares and not re.search(rf"^{mark}BEGIN$.*^{mark}END$", text, re.MULTILINE | re.DOTALL):
                 yield f"{part}/include/{header}: its declarations stand outside of {mark}BEGIN and {mark}END"
+
+
 def every_public_header_has_an_age_and_a_group():
     sys.path.append(str(ROOT / "docs/reference"))
     from groups import group_of
