@@ -15,6 +15,7 @@ class Info {
  public:
   /// An empty record: of no type, everything 0.
   Info() noexcept = default;
+  /// What the system has told.
   explicit Info(const struct stat& status) noexcept : status_(status) {}
 
   /// The status of a named file; without `follow` that of a link itself. ENOENT: NoSuchFileError; anything

@@ -49,6 +49,7 @@ class Path : public std::string {
   template <typename Text>
   requires isView<Text>
   explicit Path(const Text& text) : std::string(text) { cleanse(); }
+  /// With the tag CANONICAL, as without it.
   Path(const std::string& text, const canonical_t&) : Path(text) {}
   Path(const char* text, const canonical_t&) : Path(text) {}
 
