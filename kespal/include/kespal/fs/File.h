@@ -46,7 +46,7 @@ class File : NoCopy {
   /// held after a failure. EPERM, EACCES: FileAccessError; ENOENT: NoSuchFileError; ETXTBSY: FileBusyError;
   /// ELOOP with NO_FOLLOW: IsASymlinkError; otherwise, EEXIST and a null path (EFAULT) included, FsError. If
   /// the former file cannot be closed, close()'s OsError, and nothing is opened: so it is for all three
-  /// forms.
+  /// forms. To open one end of a FIFO waits for the other.
   void open(const char* path, const Mode& mode, const unsigned& flags = 0, const Access* access = nullptr);
   /// Closes what is held and creates a file (0600, read and write) named `name` and six generated
   /// characters; a name without '/' lies in the temporary directory. `name` becomes the full name; it is

@@ -42,7 +42,8 @@ class IInOut : public IInput, public IOutput {
 namespace fs {
 
 /// A file read and written as a stream of bytes, without a buffer: every operation is one system call, and
-/// an interrupted one (EINTR) is not repeated. Opened with the forms of File::open().
+/// an interrupted one (EINTR) is not repeated. It waits where the system does, as for bytes of a pipe or a
+/// terminal, or for room in a pipe. Opened with the forms of File::open().
 class StreamFile : public File, public IInOut {
  public:
   /// Where an offset counts from. Any other value means FROM_START.
