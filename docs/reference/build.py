@@ -1,5 +1,6 @@
 """build.py OUTPUT: builds the reference of the libraries below the folder OUTPUT, and prints what Doxygen complains
-about, each with the place in the sources; status 1 when there is anything. Run from the top folder."""
+about, each with the place in the sources; status 1 when there is anything."""
+import os
 import pathlib
 import re
 import shutil
@@ -56,9 +57,9 @@ def main(output):
         shutil.rmtree(output / part, ignore_errors=True)
     write_headers(output / "headers")
     write_examples(output / "examples.dox")
-    environment = {"PATH": "/usr/local/bin:/usr/bin:/bin", "LC_ALL": "C.UTF-8", "OUTPUT": str(output), "VERSION": version()}
-    doxygen = subprocess.run(["doxygen", "docs/reference/Doxyfile"], cwd=ROOT, env=environment, capture_output=True, text=True,
-                             check=False)
+    environment = {**os.environ, "LC_ALL": "C.UTF-8", "OUTPUT": str(output), "VERSION": version()}
+    doxygen = subprocess.run(["doxygen", "docs/reference/Doxyfile"], cwd=ROOT, env=environment, capture_output=True,
+                             text=True, check=False)
     place = re.compile(re.escape(f"{output}/headers/") + r"(\w+)/")
     # The results of a search are pages of their own.
     with (output / "html/search/search.css").open("a") as style:

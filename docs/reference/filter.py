@@ -34,7 +34,8 @@ class Filter:
     def __init__(self, header, lines):
         group = group_of(header)
         # The headers of the flat layer tell all about their groups at their beginning.
-        self.head = f"@house_head{{{group}}} " if group.startswith("kesos_") or header == "kesos/kesos.h" else "@house_file "
+        tells = group.startswith("kesos_") or header == "kesos/kesos.h"
+        self.head = f"@house_head{{{group}}} " if tells else "@house_file "
         since = re.match(r"#pragma once  // since (\S+)$", lines[0])
         self.lines = lines
         self.group, self.since = group, since[1] if since else ""

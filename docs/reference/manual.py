@@ -39,6 +39,13 @@ class Entry:
             if found:
                 yield found[1].strip(), found[2], split_arguments(found[3])
 
+    def name(self):
+        """Of a macro, of the values of an enumeration, or the last word of a type."""
+        if self.macros:
+            return self.macros[0][0]
+        values = re.findall(r"(\w+) =", self.declarations[-1])
+        return " , ".join(values) or re.search(r"(\w+)\)?(?:\([^()]*\))?;$", self.declarations[-1])[1]
+
 
 def split_arguments(text):
     """At the commas that stand in no parentheses."""
@@ -53,8 +60,8 @@ def read_header(header):
     """Its version, the text at its head, and its entries."""
     text = (HEADERS / f"{header}.h").read_text()
     since = re.match(r"#pragma once  // since (\S+)", text)[1]
-    text = re.sub(r"#ifndef __cplusplus\n.*?#endif\n|#ifdef __\w+\n|#endif\n|extern \"C\" \{\n|^\w+_(?:BEGIN|END)\n", "", text,
-                  flags=re.DOTALL | re.MULTILINE)
+    text = re.sub(r"#ifndef __cplusplus\n.*?#endif\n|#ifdef __\w+\n|#endif\n|extern \"C\" \{\n|^\w+_(?:BEGIN|END)\n", "",
+                  text, flags=re.DOTALL | re.MULTILINE)
     head, entries = "", []
     for found in re.finditer(r"^/\*(\*?)((?:[^*]|\*(?!/))*)\*/\n((?:(?!/\*|\n).*\n)*)", text, re.MULTILINE):
         if found[1]:
@@ -88,7 +95,7 @@ def paragraphs(text):
         if number > 0 and not part.startswith("    "):
             yield ".Pp"
         if part.startswith("    "):
-            yield from (".Bd -literal", *(line.replace("\\", "\\e") for line in textwrap.dedent(part).split("\n")), ".Ed")
+            yield from (".Bd -literal", *textwrap.dedent(part).replace("\\", "\\e").split("\n"), ".Ed")
             continue
         before, *items = re.split(r"^- ", part, flags=re.MULTILINE)
         yield from sentences(before)
@@ -124,8 +131,7 @@ def descriptions(entries):
         if names:
             yield f".It Fn {names[-1]}"
         else:
-            names = [name for name, _ in entry.macros] or re.findall(r"(\w+)\)?(?:\([^()]*\))?;$", entry.declarations[-1]) or ["enum"]
-            yield f".It Vt {names[0]}"
+            yield f".It Vt {entry.name()}"
         yield from paragraphs(entry.comment)
     yield ".El"
 

@@ -4,16 +4,17 @@ may do with it, or its class or its file says so for all."""
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
 import xml.etree.ElementTree as ElementTree
 
-from sources import ROOT
+from sources import ROOT, run
 
 # An error by its class or its number, or that there is none, or where else it is said.
 ERRORS = re.compile(r"\b\w*(?:Error|Exception)\b|\bstd::(?:bad_alloc|invalid_argument)\b|\berrno\b|\bE[A-Z0-9]{2,}\b|"
-                    r"[Rr]aises? (?:nothing|what|as)|[Tt]hrows? (?:nothing|what)|\b[Nn]ever throws?\b|\bno operation throws\b|"
-                    r"[Ee]rrors? (?:is|are|of|as)\b|\berror number\b|\b[Ff]ails? as\b|\b(?:[Ss]ee|[Aa]s) [\w:]+\(\)|standard error|"
+                    r"[Rr]aises? (?:nothing|what|as)|[Tt]hrows? (?:nothing|what)|\b[Nn]ever throws?\b|"
+                    r"\bno operation throws\b|"
+                    r"[Ee]rrors? (?:is|are|of|as)\b|\berror number\b|\b[Ff]ails? as\b|"
+                    r"\b(?:[Ss]ee|[Aa]s) [\w:]+\(\)|standard error|"
                     r"\bends the (?:program|process)\b|[Ww]hat it throws")
 # Of the flat layer, the result tells.
 RESULTS = re.compile(r"\b(?:0|-1|1|[Nn]ull|[Ff]alse|errno)\b|\bfail")
@@ -39,7 +40,8 @@ class Reference:
                       if compound.get("kind") == "file"}
         # A header of the flat layer is a group.
         self.header_groups = {member.get("id"): compound for compound in self.compounds.values()
-                              if compound.findtext("compoundname").startswith("kesos_") for member in compound.iter("memberdef")}
+                              if compound.findtext("compoundname").startswith("kesos_")
+                              for member in compound.iter("memberdef")}
         for kinds in (("class", "struct"), ("namespace", "file"), ("group",)):
             for compound in self.compounds.values():
                 for member in compound.iter("memberdef") if compound.get("kind") in kinds else ():
@@ -105,16 +107,16 @@ def promises(folder):
             yield f"{compound.find('location').get('file')}: {compound.findtext('compoundname')}: has no comment"
     for member, compound in reference.operations():
         place = member.find("location")
+        name = member.findtext("qualifiedname") or member.findtext("name")
         for what in lacks(reference, member, compound):
-            yield f"{place.get('file')}:{place.get('line')}: {member.findtext('qualifiedname') or member.findtext('name')}: does not say {what}"
+            yield f"{place.get('file')}:{place.get('line')}: {name}: does not say {what}"
 
 
 def main(output):
     if shutil.which("doxygen") is None:
         print("Skipped\nDoxygen is not installed")
         return 0
-    built = subprocess.run([sys.executable, "-B", ROOT / "docs/reference/build.py", output], capture_output=True, text=True,
-                           check=False)
+    built = run(sys.executable, "-B", ROOT / "docs/reference/build.py", output)
     complaints = (built.stdout + built.stderr).splitlines()
     if built.returncode == 0:
         complaints += promises(output / "xml")

@@ -1,5 +1,5 @@
-"""Holds the manual pages against the sources: pages.py RULE ROOT MAN3 [ARGUMENT...]. MAN3 is where the pages of section 3
-were written to."""
+"""Holds the manual pages against the sources: pages.py RULE ROOT MAN3 [ARGUMENT...]. MAN3 is where the pages of
+section 3 were written to."""
 import pathlib
 import re
 import shutil
@@ -87,10 +87,12 @@ def the_capture_file_is_described_as_it_is_written(pages):
     sizes = {"uint16_t": 2, "uint32_t": 4}
     for struct, section in (("FileHeader", "File header"), ("RecordHeader", "Records")):
         offset, told = 0, list(fields(page, section))
-        members = re.findall(r"std::(\w+) \w+(?: = (\w+))?;", re.search(rf"struct {struct} \{{(.*?)\}};", header, re.DOTALL)[1])
+        body = re.search(rf"struct {struct} \{{(.*?)\}};", header, re.DOTALL)[1]
+        members = re.findall(r"std::(\w+) \w+(?: = (\w+))?;", body)
         for (kind, value), (place, size, text) in zip(members, told, strict=True):
             if (place, size) != (offset, sizes[kind]) or not text.startswith(value):
-                yield f"kestrace(5) has {size} bytes at {place} with {text}, {struct} {sizes[kind]} at {offset} with {value}"
+                yield (f"kestrace(5) has {size} bytes at {place} with {text}, "
+                       f"{struct} {sizes[kind]} at {offset} with {value}")
             offset += sizes[kind]
     numbers = re.findall(r"\.linkType = (\d+)", pages.source("pcaplib/src/capture.cpp"))
     if len(numbers) != 3:
@@ -141,12 +143,14 @@ def every_example_compiles(pages, cc, cxx):
             unit.write(example[1].replace("\\e", "\\"))
             unit.flush()
             folders = [f"-I{pages.root / part / 'include'}" for part in ("kespal", "kesos", "pcaplib")]
-            yield run(cc if language == "c11" else cxx, "-std=" + language, "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
-                      *folders, unit.name).stderr
+            compiler = cc if language == "c11" else cxx
+            yield run(compiler, "-std=" + language, "-fsyntax-only", "-Wall", "-Wextra", "-Werror", *folders,
+                      unit.name).stderr
 
 
 def main(rule, root, generated, *arguments):
-    complaints = [line for line in globals()[rule](Pages(pathlib.Path(root), pathlib.Path(generated)), *arguments) if line]
+    pages = Pages(pathlib.Path(root), pathlib.Path(generated))
+    complaints = [line for line in globals()[rule](pages, *arguments) if line]
     print("\n".join(complaints))
     return 1 if complaints else 0
 
