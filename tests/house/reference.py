@@ -79,11 +79,12 @@ class Reference:
 
 
 def says_all(member):
-    """Whether the declaration of a function says all: what the compiler writes, and what works on values alone. What
-    writes to a stream raises what the stream raises, and is for whoever may use the stream."""
-    arguments = member.findtext("argsstring", "").replace(" ", "")
+    """Whether the declaration of a function says all: what the compiler writes, and what works on values alone, as a
+    constexpr function or a comparison. What writes to a stream raises what the stream raises, and is for whoever may
+    use the stream."""
+    name, arguments = member.findtext("name", ""), member.findtext("argsstring", "").replace(" ", "")
     return (arguments.endswith(("=default", "=delete")) or "constexpr" in member.findtext("type", "")
-            or member.findtext("name") == "operator<<")
+            or name == "operator<<" or (re.match(r"operator\W", name) is not None and "noexcept" in arguments))
 
 
 def raises_nothing(member):

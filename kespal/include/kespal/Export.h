@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 /// What a public header declares between these two is seen by who links the shared library; all else of the
 /// library is hidden. Classes are seen whole, with their type: an error that one library throws is caught in

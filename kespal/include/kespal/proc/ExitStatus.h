@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <iosfwd>
 #include <optional>
@@ -9,9 +9,10 @@ namespace kes::proc {
 /// How a process ended: what is in the wait status that waitpid() and Child::wait() report. A plain value.
 class ExitStatus {
  public:
+  /// Of a raw wait status.
   constexpr explicit ExitStatus(int waitStatus) noexcept : waitStatus_(waitStatus) {}
 
-  constexpr int waitStatus() const noexcept { return waitStatus_; }
+  constexpr int waitStatus() const noexcept { return waitStatus_; }  ///< as it was given
 
   /// Whether it ended by itself, with exit code 0.
   constexpr bool isSuccess() const noexcept { return waitStatus_ == 0; }
@@ -24,7 +25,7 @@ class ExitStatus {
 
   /// "exited 3", "killed by SIGTERM", "killed by SIGSEGV, core dumped"; "killed by signal 34" for one of
   /// those that have no name on every system, and "not ended" for one that is only stopped. In no other
-  /// language.
+  /// language. std::bad_alloc.
   std::string text() const;
 
   friend constexpr bool operator==(const ExitStatus&, const ExitStatus&) noexcept = default;

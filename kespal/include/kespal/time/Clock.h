@@ -90,34 +90,40 @@ template <typename Kind, bool isSteady>
 class ClockOf : public ClockBase {
  public:
   // NOLINTBEGIN(readability-identifier-naming): what a clock of std::chrono has to have
-  using duration = std::chrono::nanoseconds;
-  using rep = duration::rep;
-  using period = duration::period;
-  using time_point = std::chrono::time_point<Kind, duration>;
-  static constexpr bool is_steady = isSteady;
+  using duration = std::chrono::nanoseconds;                   ///< between two time points
+  using rep = duration::rep;                                   ///< what counts them
+  using period = duration::period;                             ///< what is counted
+  using time_point = std::chrono::time_point<Kind, duration>;  ///< a moment of this clock
+  static constexpr bool is_steady = isSteady;                  ///< whether it is never set
   // NOLINTEND(readability-identifier-naming)
 
   /// Reads the clock. Raises OsError as update() does.
   static time_point now() { return Kind().toTimePoint(); }
 
+  /// The moment that the value means.
   time_point toTimePoint() const noexcept { return time_point(sinceEpoch()); }
 
+  /// As ClockBase::operator+=(), and back.
   Kind& operator+=(Milliseconds span) noexcept {
     ClockBase::operator+=(span);
     return static_cast<Kind&>(*this);
   }
+  /// See `+=`.
   Kind& operator-=(Milliseconds span) noexcept {
     ClockBase::operator-=(span);
     return static_cast<Kind&>(*this);
   }
 
  protected:
+  /// Of one of the services, not read yet.
   explicit ClockOf(std::uint32_t clock) noexcept : ClockBase(clock) {}
+  /// Of a service, with a value that was not read.
   template <typename Rep, typename Period>
   ClockOf(std::uint32_t clock, const std::chrono::duration<Rep, Period>& sinceEpoch) noexcept
       : ClockBase(clock, sinceEpoch) {}
 };
 
+/// The value advanced, by the rules of `+=`.
 template <typename Kind, bool isSteady>
 Kind operator+(const ClockOf<Kind, isSteady>& clock, Milliseconds duration) noexcept {
   Kind sum(static_cast<const Kind&>(clock));
@@ -125,6 +131,7 @@ Kind operator+(const ClockOf<Kind, isSteady>& clock, Milliseconds duration) noex
   return sum;
 }
 
+/// The value set back, by the rules of `-=`.
 template <typename Kind, bool isSteady>
 Kind operator-(const ClockOf<Kind, isSteady>& clock, Milliseconds duration) noexcept {
   Kind difference(static_cast<const Kind&>(clock));
@@ -139,6 +146,7 @@ std::chrono::nanoseconds operator-(const ClockOf<Kind, isSteady>& end,
   return end.sinceEpoch() - start.sinceEpoch();
 }
 
+/// Whether both mean the same moment.
 template <typename Kind, bool isSteady>
 bool operator==(const ClockOf<Kind, isSteady>& one, const ClockOf<Kind, isSteady>& other) noexcept {
   return one.sinceEpoch() == other.sinceEpoch();
@@ -154,14 +162,18 @@ std::weak_ordering operator<=>(const ClockOf<Kind, isSteady>& one,
 /// Wall time since 1970-01-01 00:00:00 UTC, which is what std::chrono::system_clock tells, too.
 class RealtimeClock final : public ClockOf<RealtimeClock, /*isSteady=*/false> {
  public:
+  /// Reads the clock. Raises OsError as update() does.
   RealtimeClock() : ClockOf(REALTIME) { ClockBase::update(); }
+  /// A moment that was not read, but is given.
   template <typename Duration>
   explicit RealtimeClock(const std::chrono::time_point<RealtimeClock, Duration>& moment) noexcept
       : ClockOf(REALTIME, moment.time_since_epoch()) {}
+  /// The same from the system's clock.
   template <typename Duration>
   explicit RealtimeClock(const std::chrono::sys_time<Duration>& moment) noexcept
       : ClockOf(REALTIME, moment.time_since_epoch()) {}
 
+  /// The moment for std::chrono::system_clock.
   std::chrono::sys_time<std::chrono::nanoseconds> toSysTime() const noexcept {
     return std::chrono::sys_time<std::chrono::nanoseconds>(sinceEpoch());
   }
@@ -172,7 +184,9 @@ class RealtimeClock final : public ClockOf<RealtimeClock, /*isSteady=*/false> {
 /// in the other.
 class MonotonicClock final : public ClockOf<MonotonicClock, /*isSteady=*/true> {
  public:
+  /// Reads the clock. Raises OsError as update() does.
   MonotonicClock() : ClockOf(MONOTONIC) { ClockBase::update(); }
+  /// A moment that was not read, but is given.
   template <typename Duration>
   explicit MonotonicClock(const std::chrono::time_point<MonotonicClock, Duration>& moment) noexcept
       : ClockOf(MONOTONIC, moment.time_since_epoch()) {}
@@ -190,7 +204,9 @@ class InitClock final : public ClockOf<InitClock, /*isSteady=*/true> {
   /// Makes the present moment the origin. Call once, right after ClockBase::init(). OsError as update().
   static void init();
 
+  /// Reads the clock. Raises OsError as update() does.
   InitClock() : ClockOf(INITTIME) { InitClock::update(); }
+  /// A moment that was not read, but is given.
   template <typename Duration>
   explicit InitClock(const std::chrono::time_point<InitClock, Duration>& moment) noexcept
       : ClockOf(INITTIME, moment.time_since_epoch()) {}
