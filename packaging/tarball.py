@@ -5,12 +5,13 @@
 
 The same files give the same archive, byte for byte: sorted, owned by root, of one date."""
 import gzip
+import os
 import pathlib
 import stat
 import sys
 import tarfile
 
-DATE = 1577836800  # 2020-01-01, as good as any
+DATE = int(os.environ.get("SOURCE_DATE_EPOCH", 1577836800))  # 2020-01-01 is as good as any
 
 
 def entry(folder, path):

@@ -63,6 +63,24 @@ def libraries_of(program):
             if name.startswith(("libkes", "libpcaplib"))}
 
 
+def the_libraries_are_hardened(place):
+    names = ("libkespal", "libkesos", "libpcaplib")
+    for path in [place.libraries / f"{name}.so.0" for name in names] + [place.prefix / "bin/kestrace"]:
+        segments, dynamic = run("readelf", "-lW", path), run("readelf", "-dW", path)
+        expect(re.search(r"GNU_STACK .* RW  ", segments), f"{path.name}: its stack is executable")
+        expect("GNU_RELRO" in segments, f"{path.name}: no RELRO")
+        expect("(TEXTREL)" not in dynamic and "TEXTREL" not in dynamic, f"{path.name}: relocations in its text")
+        if path.name == "kestrace":
+            continue
+        expect("BIND_NOW" in dynamic or "NOW" in dynamic, f"{path.name}: RELRO is not full")
+        expect("NODELETE" in dynamic, f"{path.name}: could be unloaded under its threads")
+        expect(f"soname: [{path.name}]" in dynamic, f"{path.name}: has another name")
+        paths = re.findall(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", dynamic)
+        expect(paths in ([], ["$ORIGIN"]), f"{path.name}: looks for libraries in {paths}")
+        undefined = run("ldd", "-r", path, env=dict(os.environ, LD_LIBRARY_PATH=str(place.libraries)))
+        expect("undefined symbol" not in undefined and "not found" not in undefined, undefined)
+
+
 def programs_of_cmake_link_either_kind(place):
     build = place.build("report")
     shared, static = run(build / "report_shared"), run(build / "report_static")

@@ -52,7 +52,8 @@ class Formula
   end
 
   def shell_output(command, expected = 0)
-    out, status = Open3.capture2(command)
+    # Shared libraries, which this system's build has, are found by their whole names on a Mac.
+    out, status = Open3.capture2({"LD_LIBRARY_PATH" => lib.to_s}, command)
     check(command, "exit code", expected, status.exitstatus)
     out
   end

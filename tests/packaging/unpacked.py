@@ -15,8 +15,19 @@ def expected_files():
     """What an installation holds, named from the sources and not from what was packed."""
     yield "bin/kestrace"
     yield "share/man/man1/kestrace.1"
+    yield "share/bash-completion/completions/kestrace"
+    yield "share/zsh/site-functions/_kestrace"
+    yield "share/fish/vendor_completions.d/kestrace.fish"
+    yield "include/kes/version.h"
+    yield from (f"share/doc/kes/{name}.md" for name in ("README", "CHANGELOG"))
+    yield from (f"share/doc/kes/{path.name}" for path in (ROOT / "docs").glob("*.md")
+                if path.stem not in ("release", "building-on-a-mac"))
+    yield "share/doc/kes/examples/CMakeLists.txt"
+    yield from (f"share/doc/kes/examples/{path.name}" for ending in ("c", "cpp")
+                for path in (ROOT / "examples").glob(f"*.{ending}"))
     for library in ("kespal", "kesos", "pcaplib"):
         yield f"lib/lib{library}.a"
+        yield from (f"lib/pkgconfig/{library}{kind}.pc" for kind in ("", "-static"))
         include = ROOT / library / "include"
         yield from (f"include/{path.relative_to(include).as_posix()}" for path in include.rglob("*.h"))
     for name in ("kes", "kes-release", "kes-config", "kes-config-version"):
