@@ -56,6 +56,9 @@ void startToExit(benchmark::State& state, const std::vector<std::string>& comman
 }
 BENCHMARK_CAPTURE(startToExit, empty, {KES_BENCH_EMPTY})->UseRealTime();
 BENCHMARK_CAPTURE(startToExit, kestrace, {KES_BENCH_KESTRACE})->UseRealTime();
+#ifdef KES_BENCH_KESTRACE_SHARED
+BENCHMARK_CAPTURE(startToExit, kestrace_shared, {KES_BENCH_KESTRACE_SHARED})->UseRealTime();
+#endif
 BENCHMARK_CAPTURE(startToExit, tcpdump, {"tcpdump", "--version"})->UseRealTime();
 
 /// kesdriver in a registry directory of its own.

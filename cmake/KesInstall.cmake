@@ -16,8 +16,12 @@ endforeach()
 install(FILES ${PROJECT_BINARY_DIR}/include/kes/version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kes)
 
 # What a program without C++ has to be linked with for the archives' sake.
-set(KES_CXX_RUNTIME ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
-list(REMOVE_ITEM KES_CXX_RUNTIME ${CMAKE_C_IMPLICIT_LINK_LIBRARIES})
+if(APPLE)
+  set(KES_CXX_RUNTIME c++)
+else()
+  set(KES_CXX_RUNTIME ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+  list(REMOVE_ITEM KES_CXX_RUNTIME "" ${CMAKE_C_IMPLICIT_LINK_LIBRARIES})
+endif()
 
 # --- CMake
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/kes)

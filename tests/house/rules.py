@@ -88,7 +88,8 @@ def no_constant_begins_with_a_k():
 
 def compile_header(compiler, language, header):
     with tempfile.NamedTemporaryFile("w", suffix=".c" if language == "c11" else ".cpp") as unit:
-        unit.write(f'#include "{header}"\n#include "{header}"\n')
+        # A header may have nothing but macros, and a unit needs a declaration.
+        unit.write(f'#include "{header}"\n#include "{header}"\nextern int declared;\n')
         unit.flush()
         folders = [f"-I{folder}" for folder in INCLUDE_FOLDERS[:3]]
         result = run(compiler, "-std=" + language, "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow",
