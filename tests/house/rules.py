@@ -274,11 +274,11 @@ def public_part(header):
 
 
 def is_declared(name, texts):
-    """Whether one of the texts declares a function, and the class that it is of."""
+    """Whether one of the texts declares a function, and the class that it is of, if that is not a hidden one."""
     *scopes, own = name.split("::")
     words = [re.compile(rf"(?<![\w~]){re.escape(own)}\s*\(")]
     if scopes and not scopes[-1].islower():
-        words.append(re.compile(rf"\b(?:class|struct)\b[^;]*?\b{scopes[-1]}\b"))
+        words.append(re.compile(rf"\b(?:class|struct)\b(?! KES_HIDDEN)[^;]*?\b{scopes[-1]}\b"))
     return any(all(word.search(text) for word in words) for text in texts)
 
 
