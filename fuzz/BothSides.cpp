@@ -87,7 +87,7 @@ class Serving {
   sys::Descriptor stop_;
   driver::EventLoop loop_;
   Fresh fresh_;
-  driver::Journal journal_{stdout, false};
+  driver::Journal journal_{nullptr, nullptr};
   driver::Server server_{{loop_, registry().listener(), fresh_.driver, script_, journal_}, false};
   std::thread thread_{[this] { loop_.run(); }};
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ostream>
+#include <sstream>
 
 namespace kes::driver {
 namespace {
@@ -166,7 +167,13 @@ void Driver::packetSeen(iokit::Bytes packet) {
   }
   // One byte above the limit is enough to know that a packet is above it.
   const iokit::Bytes kept = packet.first(std::min(packet.size(), maxPacket + 1));
-  if (!queue_.push({kept.begin(), kept.end()})) say(Area::Ppp, 1, "packet dropped: queue full");
+  if (!queue_.push({kept.begin(), kept.end()})) {
+    ++untoldDrops_;
+    say(Area::Ppp, 1, "packet dropped: queue full");
+  } else if (untoldDrops_ > 0) {
+    say(Area::Ppp, 1, "the queue has room again: " + std::to_string(untoldDrops_) + " packets were dropped");
+    untoldDrops_ = 0;
+  }
 }
 
 void Driver::describe(iokit::Bytes packet) {
@@ -185,6 +192,12 @@ bool Driver::wants(Area area, unsigned level) const {
 
 void Driver::say(Area area, unsigned level, const std::string& text) {
   if (wants(area, level)) trace_.append(rowOf(area).prefix + text + '\n');
+}
+
+void Driver::traceTotals() {
+  std::stringstream totals;
+  printTotals(totals);
+  for (std::string line; std::getline(totals, line);) say(Area::Driver, 1, line);
 }
 
 void Driver::printTotals(std::ostream& out) const {

@@ -64,6 +64,8 @@ class Driver {
   bool active() const { return tracers_ + dumpers_ > 0; }
   bool dumping() const { return dumpers_ > 0; }
   void printTotals(std::ostream& out) const;
+  /// The same as trace text, at the driver's level 1.
+  void traceTotals();
 
  private:
   Answer attach(Session& session);
@@ -99,6 +101,7 @@ class Driver {
   PacketQueue queue_;
   PacketSource* source_ = nullptr;
   Totals totals_;
+  std::uint64_t untoldDrops_ = 0;  // since the trace last said how many
   unsigned tracers_ = 0;
   unsigned dumpers_ = 0;
 };

@@ -8,10 +8,12 @@
 
 namespace kes::driver {
 
-/// What --verbose prints: every connection, request and reply on a line of its own, at once.
+/// Every connection, request and reply on a line of its own, at once: for people (--verbose), for programs
+/// (--journal, an object of JSON each), or both.
 class Journal {
  public:
-  Journal(std::FILE* out, bool verbose) : out_(out), verbose_(verbose) {}
+  /// Null for a form that nobody wants. The streams are their owner's.
+  Journal(std::FILE* lines, std::FILE* json) : lines_(lines), json_(json) {}
 
   void connected(const Session& session);
   void received(const Session& session, const Call& call);
@@ -22,9 +24,11 @@ class Journal {
 
  private:
   void line(const Session& session, const std::string& text);
+  /// `rest` begins with a comma, or is empty.
+  void object(const Session& session, const char* event, const std::string& rest);
 
-  std::FILE* out_;
-  bool verbose_;
+  std::FILE* lines_;
+  std::FILE* json_;
 };
 
 }  // namespace kes::driver

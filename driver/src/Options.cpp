@@ -12,7 +12,8 @@ namespace kes::driver {
 
 const char usage[] =
     "usage: kesdriver [--dir DIR] [--replay FILE.pcap[ng]]... [--live IFACE] [--rate PPS] [--loop]\n"
-    "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n";
+    "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n"
+    "                 [--pace] [--journal FILE|-]\n";
 
 namespace {
 
@@ -43,6 +44,7 @@ constexpr Setter withValue[] = {
     {"--rate", [](Options& o, const std::string& value) { o.rate = parseRate(value); }},
     {"--trace", [](Options& o, const std::string& value) { o.trace = value; }},
     {"--oversize", [](Options& o, const std::string& value) { o.oversize = parseOversize(value); }},
+    {"--journal", [](Options& o, const std::string& value) { o.journal = value; }},
     {"--script", [](Options& o, const std::string& value) { o.script = value; }},
 };
 
@@ -52,17 +54,17 @@ struct Flag {
 };
 
 constexpr Flag flags[] = {
-    {"--loop", &Options::loop},
-    {"--once", &Options::once},
-    {"--verbose", &Options::verbose},
-    {"--help", &Options::help},
+    {"--loop", &Options::loop},       {"--once", &Options::once}, {"--pace", &Options::pace},
+    {"--verbose", &Options::verbose}, {"--help", &Options::help},
 };
 
 void check(const Options& options) {
   if (options.live && !options.replays.empty()) throw UsageError("--live and --replay exclude each other");
   if (options.live && options.rate) throw UsageError("--rate is for --replay: live traffic has its own");
+  if (options.rate && options.pace) throw UsageError("--rate and --pace exclude each other");
   if (options.loop && options.replays.empty()) throw UsageError("--loop needs --replay");
   if (options.rate && options.replays.empty()) throw UsageError("--rate needs --replay");
+  if (options.pace && options.replays.empty()) throw UsageError("--pace needs --replay");
 }
 
 }  // namespace

@@ -14,12 +14,14 @@ struct Options {
   std::vector<std::string> replays;
   std::optional<std::string> live;
   std::optional<double> rate;  ///< packets per second; without it a replay waits for who fetches
+  bool pace = false;           ///< a replay keeps the time of its capture
   bool loop = false;
   std::optional<std::string> trace;
   Oversize oversize = Oversize::Cut;
   bool once = false;
   std::optional<std::string> script;
   bool verbose = false;
+  std::optional<std::string> journal;  ///< where what happens is written as JSON
   bool help = false;
 };
 

@@ -85,7 +85,8 @@ PcapHandle openCapture(const std::string& file) {
   if (stream == nullptr) fail(file, std::strerror(errno));
   std::setvbuf(stream, nullptr, _IOFBF, readAhead);
   std::array<char, PCAP_ERRBUF_SIZE> error{};
-  PcapHandle capture(::pcap_fopen_offline(stream, error.data()));
+  PcapHandle capture(
+      ::pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, error.data()));
   if (!capture) {
     std::fclose(stream);
     fail(file, error.data());

@@ -2,10 +2,19 @@
 
 #include <pcap/pcap.h>
 
+#include <algorithm>
 #include <iostream>
 #include <stdexcept>
 
 namespace kes::driver {
+namespace {
+
+// The capture was opened for nanoseconds, which stand in the place of the microseconds.
+std::chrono::nanoseconds timeOf(const pcap_pkthdr& header) {
+  return std::chrono::seconds(header.ts.tv_sec) + std::chrono::nanoseconds(header.ts.tv_usec);
+}
+
+}  // namespace
 
 Replay::Replay(const std::vector<std::string>& files, bool loop) : loop_(loop) {
   for (const std::string& name : files) files_.push_back(survey(name));
@@ -31,13 +40,20 @@ std::optional<iokit::Bytes> Replay::next() {
     const int result = ::pcap_next_ex(capture_.get(), &header, &bytes);
     if (result == 1) {
       sawPacket_ = sawPacket_ || header->caplen > 0;
+      note(timeOf(*header));
       return iokit::Bytes(bytes, header->caplen);
     }
     if (result == PCAP_ERROR) {
       std::cerr << "kesdriver: " << files_[index_ - 1].name << ": " << ::pcap_geterr(capture_.get()) << '\n';
     }
     capture_.reset();
+    lastTime_.reset();
   }
+}
+
+void Replay::note(std::chrono::nanoseconds time) {
+  gap_ = std::max(time - lastTime_.value_or(time), std::chrono::nanoseconds(0));
+  lastTime_ = time;
 }
 
 bool Replay::openNext() {

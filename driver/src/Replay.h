@@ -18,6 +18,8 @@ class Replay : public PacketSource {
   Replay(const std::vector<std::string>& files, bool loop);
 
   std::optional<iokit::Bytes> next() override;
+  /// 0 for the first packet of each file, too.
+  std::chrono::nanoseconds gap() const override { return gap_; }
 
   /// Says for each file how many of its packets are shorter than they were on the wire, if any are.
   void printShortened(std::ostream& out) const;
@@ -31,11 +33,14 @@ class Replay : public PacketSource {
 
   static File survey(const std::string& name);
   bool openNext();
+  void note(std::chrono::nanoseconds time);
 
   std::vector<File> files_;
   bool loop_;
   std::size_t index_ = 0;  // of the file after the open one
   PcapHandle capture_;
+  std::optional<std::chrono::nanoseconds> lastTime_;  // of a packet of the open file
+  std::chrono::nanoseconds gap_{};
   bool sawPacket_ = false;  // in this pass: a pass without any is the last
 };
 

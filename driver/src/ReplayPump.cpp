@@ -1,12 +1,11 @@
 #include "ReplayPump.h"
 
 #include <algorithm>
-#include <chrono>
+#include <utility>
 
 namespace kes::driver {
 
 using Clock = EventLoop::Clock;
-using Seconds = std::chrono::duration<double>;
 
 namespace {
 
@@ -14,40 +13,47 @@ constexpr std::chrono::milliseconds longestTick(10);
 
 }  // namespace
 
-ReplayPump::ReplayPump(EventLoop& loop, Driver& driver, PacketSource& source, double packetsPerSecond)
-    : loop_(loop), driver_(driver), source_(source), rate_(packetsPerSecond) {
+ReplayPump::ReplayPump(EventLoop& loop, Driver& driver, PacketSource& source, Timing timing)
+    : loop_(loop), driver_(driver), source_(source), timing_(std::move(timing)) {
   driver_.activityChanged = [this](bool active) {
     ++run_;
     if (active) resume();
   };
 }
 
+ReplayPump::Timing ReplayPump::atRate(double packetsPerSecond) {
+  return [packetsPerSecond](const PacketSource&) { return Seconds(1 / packetsPerSecond); };
+}
+
+ReplayPump::Timing ReplayPump::asCaptured() {
+  return [](const PacketSource& source) { return Seconds(source.gap()); };
+}
+
+// The first packet of a run passes at once.
 void ReplayPump::resume() {
+  if (!next_ && !fetch()) return;
   start_ = Clock::now();
-  passed_ = 0;
+  due_ = Seconds(0);
   tick(run_);
 }
 
-// A rate that this machine cannot keep up with must not starve the requests: each tick comes to an end, and
+// Times that this machine cannot keep up with must not starve the requests: each tick comes to an end, and
 // the next is not before the loop has looked at them.
 void ReplayPump::tick(unsigned run) {
   if (run != run_) return;
   const Clock::time_point begin = Clock::now();
   Clock::time_point now = begin;
-  const double due = Seconds(begin - start_).count() * rate_;
-  for (; static_cast<double>(passed_) <= due && now < begin + longestTick; now = Clock::now()) {
-    if (!passOne()) return;
+  for (; due_ <= begin - start_ && now < begin + longestTick; now = Clock::now()) {
+    driver_.packetSeen(*next_);
+    if (!fetch()) return;
   }
-  const Seconds next(static_cast<double>(passed_) / rate_);
-  loop_.at(std::max(now, start_ + std::chrono::ceil<Clock::duration>(next)), [this, run] { tick(run); });
+  loop_.at(std::max(now, start_ + std::chrono::ceil<Clock::duration>(due_)), [this, run] { tick(run); });
 }
 
-bool ReplayPump::passOne() {
-  const auto packet = source_.next();
-  if (!packet) return false;
-  driver_.packetSeen(*packet);
-  ++passed_;
-  return true;
+bool ReplayPump::fetch() {
+  next_ = source_.next();
+  if (next_) due_ += timing_(source_);
+  return next_.has_value();
 }
 
 }  // namespace kes::driver

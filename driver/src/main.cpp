@@ -3,10 +3,15 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <fstream>
+#include <functional>
+#include <initializer_list>
 #include <iostream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 #include "LiveCapture.h"
 #include "Options.h"
@@ -28,17 +33,33 @@ Script readScript(const Options& options) {
   return parseScript({std::istreambuf_iterator<char>(file), {}});
 }
 
-/// The signals that end the program, as something to read. They are blocked, and SIGPIPE is ignored: a reader
-/// of our output that goes away is no reason to leave the socket behind.
-kes::sys::Descriptor watchSignals(EventLoop& loop) {
-  sigset_t ending;
-  sigemptyset(&ending);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, number);
-  ::sigprocmask(SIG_BLOCK, &ending, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
-  kes::sys::Descriptor signals(::signalfd(-1, &ending, SFD_CLOEXEC));
+/// Some signals, as something to read. They are blocked.
+kes::sys::Descriptor signalsToRead(std::initializer_list<int> numbers) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : numbers) sigaddset(&set, number);
+  ::sigprocmask(SIG_BLOCK, &set, nullptr);
+  kes::sys::Descriptor signals(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
+  return signals;
+}
+
+/// The signals that end the program. SIGPIPE is ignored: a reader of our output that goes away is no reason
+/// to leave the socket behind.
+kes::sys::Descriptor watchEnding(EventLoop& loop) {
+  ::signal(SIGPIPE, SIG_IGN);
+  kes::sys::Descriptor signals = signalsToRead({SIGINT, SIGTERM, SIGHUP});
   loop.watch(signals.get(), [&loop] { loop.stop(); });
+  return signals;
+}
+
+/// The signal that asks for totals while the program runs.
+kes::sys::Descriptor watchQuestions(EventLoop& loop, std::function<void()> answer) {
+  kes::sys::Descriptor signals = signalsToRead({SIGUSR1});
+  loop.watch(signals.get(), [fd = signals.get(), answer = std::move(answer)] {
+    signalfd_siginfo asked;
+    if (::read(fd, &asked, sizeof asked) > 0) answer();
+  });
   return signals;
 }
 
@@ -59,7 +80,9 @@ class Traffic {
   Traffic(const Options& options, EventLoop& loop, Driver& driver) : replay_(options.replays, options.loop) {
     if (options.live) live_.emplace(*options.live, loop, driver);
     if (options.rate) {
-      pump_.emplace(loop, driver, replay_, *options.rate);
+      pump_.emplace(loop, driver, replay_, ReplayPump::atRate(*options.rate));
+    } else if (options.pace) {
+      pump_.emplace(loop, driver, replay_, ReplayPump::asCaptured());
     } else {
       driver.fetchFrom(replay_);
     }
@@ -83,6 +106,23 @@ void announce(const Traffic& traffic, const Listener& listener) {
   std::cout << "serving " << driverClass << " at " << listener.path() << std::endl;
 }
 
+/// The stream of the JSON journal; null without one. What is opened is left to the end of the process.
+std::FILE* openJournal(const Options& options) {
+  if (!options.journal) return nullptr;
+  if (*options.journal == "-") return stdout;
+  std::FILE* const file = std::fopen(options.journal->c_str(), "we");
+  if (file == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "cannot write " + *options.journal);
+  }
+  return file;
+}
+
+void printTotals(Driver& driver, const Traffic& traffic) {
+  driver.printTotals(std::cout);
+  traffic.printTotals(std::cout);
+  std::cout.flush();
+}
+
 int run(const Options& options) {
   Script script = readScript(options);
   EventLoop loop;
@@ -90,14 +130,17 @@ int run(const Options& options) {
   const Traffic traffic(options, loop, driver);
   std::optional<TraceSource> trace;
   if (options.trace) trace.emplace(*options.trace, loop, driver);
-  const kes::sys::Descriptor signals = watchSignals(loop);
+  const kes::sys::Descriptor ending = watchEnding(loop);
+  const kes::sys::Descriptor questions = watchQuestions(loop, [&] {
+    printTotals(driver, traffic);
+    driver.traceTotals();
+  });
   const Listener listener(options.directory, driverClass, socketMode(options));
-  Journal journal(stdout, options.verbose);
+  Journal journal(options.verbose ? stdout : nullptr, openJournal(options));
   const Server server({loop, listener, driver, script, journal}, options.once);
   announce(traffic, listener);
   loop.run();
-  driver.printTotals(std::cout);
-  traffic.printTotals(std::cout);
+  printTotals(driver, traffic);
   if (server.brokenProtocols() > 0) std::cout << "broken protocols: " << server.brokenProtocols() << '\n';
   if (options.script) {
     std::cout << "script: " << script.unplayed() << " unplayed, " << script.failures()

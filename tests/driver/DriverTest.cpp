@@ -303,6 +303,34 @@ TEST_F(DriverTest, AFullQueueDropsAndCounts) {
               HasSubstr("5 seen, 0 delivered, 0 cut, 0 refused, 3 dropped, 0 empty, 0 unwatched, 2 left"));
 }
 
+TEST_F(DriverTest, HowManyWereDroppedIsSaidInTheTraceWhenThereIsRoomAgain) {
+  Driver driver({.queueCapacity = 1});
+  Client trace(driver, 1);
+  trace.attach();
+  trace.open(1);
+  trace.levels(0, 1, 0);
+  Client dump(driver, 2);
+  dump.attach();
+  dump.open(2);
+  for (int i = 0; i < 3; ++i) driver.packetSeen(CaptureFiles::packet(60));
+  dump.packet();
+  for (int i = 0; i < 2; ++i) driver.packetSeen(CaptureFiles::packet(60));
+  EXPECT_EQ(trace.text(),
+            "ppp: packet dropped: queue full\nppp: packet dropped: queue full\n"
+            "ppp: the queue has room again: 2 packets were dropped\nppp: packet dropped: queue full\n");
+}
+
+TEST_F(DriverTest, TotalsMayBeHadAsTraceText) {
+  Client trace = client(1);
+  trace.levels(1, 0, 0);
+  driver_.traceTotals();
+  EXPECT_EQ(
+      trace.text(),
+      "driver: connections: 1 (trace 1, dump 0)\n"
+      "driver: trace: 0 bytes delivered, 0 lost, 0 left\n"
+      "driver: packets: 0 seen, 0 delivered, 0 cut, 0 refused, 0 dropped, 0 empty, 0 unwatched, 0 left\n");
+}
+
 TEST_F(DriverTest, ALossOfTraceTextIsSaidInTheTraceAndInTheTotals) {
   Driver driver({.traceCapacity = 64});
   Client trace(driver, 1);

@@ -50,6 +50,8 @@ TEST(OptionsTest, EveryOptionIsUnderstoodInBothSpellings) {
   EXPECT_TRUE(options.verbose);
   EXPECT_TRUE(options.help);
   EXPECT_EQ(parseOptions({"--live", "lo"}).live, "lo");
+  EXPECT_TRUE(parseOptions({"--replay", "a", "--pace"}).pace);
+  EXPECT_EQ(parseOptions({"--journal", "j"}).journal, "j");
 }
 
 TEST(OptionsTest, WhatIsNotUnderstoodIsSaid) {
@@ -69,6 +71,8 @@ TEST(OptionsTest, OptionsThatMakeNoSenseTogetherAreRefused) {
   EXPECT_EQ(errorOf({"--live", "lo", "--rate", "5"}), "--rate is for --replay: live traffic has its own");
   EXPECT_EQ(errorOf({"--loop"}), "--loop needs --replay");
   EXPECT_EQ(errorOf({"--rate", "5"}), "--rate needs --replay");
+  EXPECT_EQ(errorOf({"--pace"}), "--pace needs --replay");
+  EXPECT_EQ(errorOf({"--replay", "a", "--pace", "--rate", "5"}), "--rate and --pace exclude each other");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "iokit/UserClient.h"
 #include "support/CaptureFiles.h"
 #include "support/DriverProcess.h"
+#include "support/Eventually.h"
 
 namespace kes::test {
 namespace {
@@ -114,6 +115,59 @@ TEST(DriverProgramTest, ARateIsKeptAndPausesWhileNobodyIsConnected) {
   EXPECT_EQ(fetchUntil(openClient(2), 20).size(), 20u);
   driver.stop();
   EXPECT_THAT(driver.output(), HasSubstr("40 seen, 40 delivered"));
+}
+
+TEST(DriverProgramTest, TheTimesOfACaptureAreKeptWhenTheyAreWanted) {
+  const TempDir directory;
+  // Nanoseconds: 0, then 50 ms later, a stamp in disorder, and 100 ms after that one.
+  writeFile(directory / "capture",
+            CaptureFiles::stampedPcap({{100, 900'000'000}, {100, 950'000'000}, {100, 0}, {100, 100'000'000}},
+                                      CaptureFiles::packet(60)));
+  DriverProcess driver({"--replay", directory / "capture", "--pace"});
+  const auto start = Clock::now();
+  const io_connect_t connect = openClient(2);
+  EXPECT_EQ(fetchUntil(connect, 1).size(), 1u);
+  EXPECT_EQ(fetchUntil(connect, 2).size(), 2u);
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50)) << "the second waits, the third does not";
+  EXPECT_EQ(fetchUntil(connect, 1).size(), 1u);
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(150));
+  IOServiceClose(connect);
+}
+
+TEST(DriverProgramTest, TotalsAreToldWheneverTheyAreAskedFor) {
+  const TempDir directory;
+  DriverProcess driver({"--replay", captureFile(directory, {CaptureFiles::packet(60)})});
+  const io_connect_t trace = openClient(1);
+  setLevels(trace, 1, 0, 0);
+  const io_connect_t dump = openClient(2);
+  EXPECT_EQ(fetchUntil(dump, 1).size(), 1u);
+  traceUntil(trace, 1);
+  for (const char* connections : {"2", "3"}) {
+    driver.signal(SIGUSR1);
+    ASSERT_TRUE(driver.waitForOutput(std::string("connections: ") + connections + " (trace 1"));
+    ASSERT_TRUE(driver.waitForOutput("packets: 1 seen, 1 delivered, 0 cut"));
+    EXPECT_THAT(traceUntil(trace, 1),
+                HasSubstr("driver: packets: 1 seen, 1 delivered, 0 cut, 0 refused, 0 dropped"));
+    openClient(2);
+    traceUntil(trace, 1);
+  }
+  EXPECT_EQ(driver.stop(), 0);
+}
+
+TEST(DriverProgramTest, AJournalIsWrittenBesideTheUsualOutput) {
+  const TempDir directory;
+  DriverProcess driver({"--journal", directory / "journal"});
+  IOServiceClose(openClient(2));
+  ASSERT_TRUE(
+      eventually([&] { return readFile(directory / "journal").find("\"closed\"") != std::string::npos; }));
+  EXPECT_THAT(readFile(directory / "journal"),
+              testing::ContainsRegex("\"call\":\"open\",.*\"scalars\":\\[2\\]"));
+  EXPECT_THAT(driver.output(), testing::Not(HasSubstr("event")));
+  DriverProcess other({"--journal", "-"});
+  IOServiceClose(openClient(2));
+  EXPECT_TRUE(other.waitForOutput("\"event\":\"closed\",\"reason\":\"by the client\"}"));
+  EXPECT_THAT(runDriver({"--dir", directory.path(), "--journal", "/nowhere/at/all"}).output,
+              HasSubstr("cannot write /nowhere/at/all"));
 }
 
 TEST(DriverProgramTest, AtARateAFullQueueDropsAndTheTotalsSayIt) {
@@ -293,10 +347,10 @@ TEST(DriverProgramTest, MistakesEndItBeforeThereIsASocket) {
 TEST(DriverProgramTest, HelpIsTheUsageAndNoFailure) {
   const DriverRun run = runDriver({"--help"});
   EXPECT_EQ(run.exitCode, 0);
-  EXPECT_EQ(
-      run.output,
-      "usage: kesdriver [--dir DIR] [--replay FILE.pcap[ng]]... [--live IFACE] [--rate PPS] [--loop]\n"
-      "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n");
+  EXPECT_EQ(run.output,
+            "usage: kesdriver [--dir DIR] [--replay FILE.pcap[ng]]... [--live IFACE] [--rate PPS] [--loop]\n"
+            "                 [--trace FILE|-] [--oversize cut|refuse] [--once] [--script FILE] [--verbose]\n"
+            "                 [--pace] [--journal FILE|-]\n");
 }
 
 TEST(DriverProgramTest, ASecondDriverIsRefusedAndADeadOnesPlaceIsTaken) {

@@ -198,6 +198,16 @@ TEST_F(ExtcapCaptureTest, AnIdleDriverIsAskedAHundredTimesASecondAtMost) {
   program.wait();
 }
 
+TEST_F(ExtcapCaptureTest, TenTimesAsManyPacketsAsTheToolCanTakeAreTakenWithoutALoss) {
+  playSample({"--loop", "--rate", "1000"});
+  Process program(capturing(dir_ / "file"));
+  ASSERT_TRUE(waitForPackets("file", 2000));
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+  driver().stop();
+  EXPECT_THAT(driver().output(), HasSubstr(" 0 dropped, "));
+}
+
 /// The window's ends of the toolbar's pipes.
 class ExtcapWindowTest : public ExtcapTest {
  protected:

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kes::test {
@@ -22,6 +23,16 @@ class CaptureFiles {
     std::string file = le32(0xa1b2c3d4) + le16(2) + le16(4) + le32(0) + le32(0) +
                        le32(header.snapshotLength) + le32(header.linkType);
     for (const Packet& packet : packets) file += record(packet, packet.size());
+    return file;
+  }
+
+  /// A capture of one packet again and again, at these seconds and nanoseconds.
+  static std::string stampedPcap(const std::vector<std::pair<std::size_t, std::size_t>>& times,
+                                 const Packet& packet) {
+    std::string file = le32(0xa1b23c4d) + le16(2) + le16(4) + le32(0) + le32(0) + le32(262144) + le32(1);
+    for (const auto& [seconds, nanoseconds] : times) {
+      file += le32(seconds) + le32(nanoseconds) + le32(packet.size()) + le32(packet.size()) + text(packet);
+    }
     return file;
   }
 
