@@ -1,12 +1,9 @@
 #include "Capture.h"
 
 #include <IOKit/IOReturn.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <iterator>
 #include <utility>
@@ -14,7 +11,6 @@
 #include "Ending.h"
 #include "Menu.h"
 #include "client/UserClient.h"
-#include "kespal/error/FsError.h"
 
 namespace kes::extcap {
 
@@ -27,11 +23,6 @@ constexpr int shortestSleep = 1, longestSleep = 10;  // milliseconds
 constexpr unsigned packetsPerLook = 64;
 constexpr auto tracePeriod = 1s;
 constexpr auto longWait = 500ms;  // a driver's queue may overflow meanwhile
-
-bool isPipe(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
-}
 
 std::string counted(std::uint64_t number, const char* what) { return std::to_string(number) + ' ' + what; }
 
@@ -49,22 +40,21 @@ bool tellsOfLosses(const Totals& totals) {
   return totals.tooLong + totals.full + totals.failed != 0 || totals.wait >= longWait;
 }
 
-Capture::Capture(const Request& request)
-    : fifo_(request.fifo),
-      toolbar_(request.controlIn, request.controlOut),
-      writer_(request.fifo.c_str(), {.format = pcap::Format::NanosecondPcap, .linkType = linkType}),
-      packets_(client::dumpRole) {
-  if (isPipe(fifo_)) {
-    watch_.reset(::open(fifo_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    isRead_ = static_cast<bool>(watch_);
-  }
+Capture::Capture(const Request& request, Output& output)
+    : output_(output), toolbar_(request.controlIn, request.controlOut), packets_(client::dumpRole) {
   if (request.levels) setLevels(*request.levels);
+}
+
+Totals Capture::totals() const {
+  Totals totals = totals_;
+  totals.wait = output_.longestWait();
+  return totals;
 }
 
 void Capture::run() {
   int sleep = shortestSleep;
   unsigned sinceLook = 0;
-  while (isRead_ && !Ending::isAskedFor()) {
+  while (output_.isRead() && !Ending::isAskedFor()) {
     if (takeOne() == Found::Packet) {
       sleep = shortestSleep;
       if (++sinceLook % packetsPerLook == 0) attend(0);
@@ -73,7 +63,7 @@ void Capture::run() {
       sleep = std::min(2 * sleep, longestSleep);
     }
   }
-  toolbar_.say(StatusMessage, textOf(totals_));
+  toolbar_.say(StatusMessage, textOf(totals()));
 }
 
 Capture::Found Capture::takeOne() {
@@ -92,12 +82,7 @@ Capture::Found Capture::takeOne() {
 }
 
 void Capture::deliver(std::size_t length) {
-  const auto begin = Clock::now();
-  const int errnum = writer_.write({.data = packet_, .length = static_cast<std::uint32_t>(length)});
-  totals_.wait = std::max(totals_.wait, std::chrono::nanoseconds(Clock::now() - begin));
-  isRead_ = errnum != EPIPE;
-  if (!isRead_) return;
-  if (errnum != 0) raiseAt(KES_HERE, FsError(fifo_.c_str(), errnum));
+  if (!output_.write(packet_, length)) return;
   ++totals_.packets;
   totals_.bytes += length;
   if (length == sizeof packet_) ++totals_.full;
@@ -113,10 +98,10 @@ void Capture::noteFailure(kern_return_t result) {
 }
 
 void Capture::attend(int milliseconds) {
-  pollfd sources[] = {{.fd = watch_.get(), .events = 0, .revents = 0},
+  pollfd sources[] = {{.fd = output_.watch(), .events = 0, .revents = 0},
                       {.fd = toolbar_.fd(), .events = POLLIN, .revents = 0}};
   if (::poll(sources, std::size(sources), milliseconds) > 0) {
-    if (sources[0].revents != 0) isRead_ = false;
+    if (sources[0].revents != 0) output_.noteEnd();
     for (const ControlMessage& message : toolbar_.read()) obey(message);
   }
   toolbar_.flush();

@@ -6,11 +6,10 @@
 #include <string>
 
 #include "Driver.h"
+#include "Output.h"
 #include "Request.h"
 #include "Toolbar.h"
 #include "client/Records.h"
-#include "pcaplib/Writer.h"
-#include "sys/Owner.h"
 
 namespace kes::extcap {
 
@@ -30,18 +29,17 @@ std::string textOf(const Totals& totals);
 /// Whether packets were lost, or may have been.
 bool tellsOfLosses(const Totals& totals);
 
-/// Moves packets from the driver to the pipe of the analyser, or to a file: asks again at once while there
+/// Moves packets from the driver to the analyser: asks again at once while there
 /// are packets, and sleeps while there are none, at most 10 ms. Used by one thread.
 class Capture : public NoCopy {
  public:
-  /// Opens the pipe, and waits for its reader, then connects to the driver. Raises DriverError, and
-  /// kes::FsError where the pipe cannot be opened.
-  explicit Capture(const Request& request);
+  /// Connects to the driver; `output` must outlive the object. Raises DriverError.
+  Capture(const Request& request, Output& output);
 
   /// Returns when it is to end, or nobody reads any more. Raises DriverError when the driver goes away, and
   /// kes::FsError when the file cannot take a packet.
   void run();
-  const Totals& totals() const { return totals_; }
+  Totals totals() const;
 
  private:
   enum class Found { Packet, Nothing };
@@ -55,15 +53,12 @@ class Capture : public NoCopy {
   void warn(const std::string& text);
   void showTrace();
 
-  std::string fifo_;
+  Output& output_;
   Toolbar toolbar_;
-  pcap::Writer writer_;
-  sys::Descriptor watch_;  ///< on the pipe as well: tells when nobody reads it any more. Files have none
   Connection packets_;
   std::unique_ptr<Connection> trace_;
   Levels levels_;
   Totals totals_;
-  bool isRead_ = true;
   std::chrono::steady_clock::time_point nextTrace_{};
   unsigned char packet_[client::packetCapacity];
 };

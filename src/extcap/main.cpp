@@ -30,12 +30,32 @@ void tell(const Totals& totals, bool always) {
   if (always || tellsOfLosses(totals)) fail(textOf(totals));
 }
 
+/// What `action` returns, or what is said of the error that it ends with.
+template <typename Action>
+int reporting(Action action) {
+  try {
+    return action();
+  } catch (const UsageError& error) {
+    fail(error.what());
+    std::fputs(usage, stderr);
+    return exitUsage;
+  } catch (const kes::Exception& error) {
+    return fail(error.text());
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+}
+
+// All is said before the pipe is closed: at its end the analyser looks for words, and no later.
 int capture(const Request& request) {
-  Capture capture(request);
-  const Ending untilDone;
-  const kes::sys::AtEnd telling([&] { tell(capture.totals(), request.totals); });
-  capture.run();
-  return 0;
+  Output output(request.fifo);
+  return reporting([&] {
+    Capture capture(request, output);
+    const Ending untilDone;
+    const kes::sys::AtEnd telling([&] { tell(capture.totals(), request.totals); });
+    capture.run();
+    return 0;
+  });
 }
 
 int answer(const Request& request) {
@@ -62,14 +82,6 @@ int answer(const Request& request) {
 
 }  // namespace
 
-int main(int argc, char** argv) try {
-  return answer(parseRequest({argv + 1, argv + argc}));
-} catch (const UsageError& error) {
-  fail(error.what());
-  std::fputs(usage, stderr);
-  return exitUsage;
-} catch (const kes::Exception& error) {
-  return fail(error.text());
-} catch (const std::exception& error) {
-  return fail(error.what());
+int main(int argc, char** argv) {
+  return reporting([&] { return answer(parseRequest({argv + 1, argv + argc})); });
 }

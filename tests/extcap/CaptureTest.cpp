@@ -24,17 +24,18 @@ std::string firstWord(const std::string& bytes) {
 class ExtcapCaptureTest : public ExtcapTest {};
 
 TEST_F(ExtcapCaptureTest, AThousandPacketsArriveByteForByteAndInOrder) {
-  playSample({"--loop"});
+  // Not without an end: a file that grows faster than it is read cannot be looked at.
+  playSample(repeated(12));
   const auto begin = std::time(nullptr);
   Process program(capturing(dir_ / "file"));
-  ASSERT_TRUE(waitForPackets("file", 1000));
+  ASSERT_TRUE(waitForPackets("file", 1027));
   program.signal(SIGTERM);
   EXPECT_EQ(program.wait(), 0) << program.err();
   EXPECT_EQ(program.err(), "");
   const PcapFile file = captured("file");
   EXPECT_EQ(file.torn, 0U);
   EXPECT_EQ(file.linkType, 1U);
-  EXPECT_EQ(file.packets(), sample(file.records.size()));
+  EXPECT_EQ(file.packets(), sample(1027));
   EXPECT_EQ(firstWord(readFile(dir_ / "file")), "a1b23c4d") << "nanoseconds";
   std::uint64_t last = 0;
   bool isFine = false;

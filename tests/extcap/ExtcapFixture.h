@@ -28,6 +28,13 @@ class ExtcapTest : public ToolTest {
     play("", options);
   }
 
+  /// Options that serve the sample so many times more.
+  static std::vector<std::string> repeated(int times) {
+    std::vector<std::string> options;
+    for (; times > 0; --times) options.insert(options.end(), {"--replay", SAMPLES "/loopback.pcap"});
+    return options;
+  }
+
   /// The first packets of the sample, which begins again at its end.
   static std::vector<std::string> sample(std::size_t count) {
     const auto once = PcapFile::parse(readFile(SAMPLES "/loopback.pcap")).packets();
