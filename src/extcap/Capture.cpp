@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <iterator>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "Ending.h"
 #include "Menu.h"
 #include "client/UserClient.h"
+#include "kespal/error/OsError.h"
 
 namespace kes::extcap {
 
@@ -100,7 +102,10 @@ void Capture::noteFailure(kern_return_t result) {
 void Capture::attend(int milliseconds) {
   pollfd sources[] = {{.fd = output_.watch(), .events = 0, .revents = 0},
                       {.fd = toolbar_.fd(), .events = POLLIN, .revents = 0}};
-  if (::poll(sources, std::size(sources), milliseconds) > 0) {
+  const int count = ::poll(sources, std::size(sources), milliseconds);
+  // A wait that a signal cuts short is over; one that cannot be made would leave nobody time.
+  if (count == -1 && errno != EINTR) raiseAt(KES_HERE, OsError(errno));
+  if (count > 0) {
     if (sources[0].revents != 0) output_.noteEnd();
     for (const ControlMessage& message : toolbar_.read()) obey(message);
   }

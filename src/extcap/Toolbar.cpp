@@ -20,9 +20,25 @@ constexpr unsigned char noControl = 255;
 
 std::size_t byteAt(const std::string& bytes, std::size_t at) { return static_cast<unsigned char>(bytes[at]); }
 
-/// The size of the message that the bytes begin with.
-std::size_t sizeOf(const std::string& bytes) {
-  return lengthEnd + (byteAt(bytes, 1) << 16 | byteAt(bytes, 2) << 8 | byteAt(bytes, 3));
+/// The size of the message that begins at `at`.
+std::size_t sizeOf(const std::string& bytes, std::size_t at = 0) {
+  return lengthEnd + (byteAt(bytes, at + 1) << 16 | byteAt(bytes, at + 2) << 8 | byteAt(bytes, at + 3));
+}
+
+/// Whether a message may begin at `at`, behind which there may be no more yet than a part of its head.
+bool isBeginning(const std::string& bytes, std::size_t at) {
+  const std::size_t size = bytes.size() - at < headSize ? headSize : sizeOf(bytes, at);
+  return size >= headSize && size <= headSize + longestPayload;
+}
+
+/// Drops all up to where a message may begin.
+void dropWhatIsNone(std::string& bytes) {
+  std::size_t begin = 0;
+  while ((begin = std::min(bytes.find(mark, begin), bytes.size())) < bytes.size() &&
+         !isBeginning(bytes, begin)) {
+    ++begin;
+  }
+  bytes.erase(0, begin);
 }
 
 }  // namespace
@@ -38,14 +54,9 @@ std::string encode(const ControlMessage& message) {
 }
 
 std::optional<ControlMessage> takeMessage(std::string& bytes) {
-  bytes.erase(0, std::min(bytes.find(mark), bytes.size()));
-  if (bytes.size() < headSize) return std::nullopt;
+  dropWhatIsNone(bytes);
+  if (bytes.size() < headSize || bytes.size() < sizeOf(bytes)) return std::nullopt;
   const std::size_t size = sizeOf(bytes);
-  if (size < headSize || size > headSize + longestPayload) {
-    bytes.erase(0, 1);
-    return takeMessage(bytes);
-  }
-  if (bytes.size() < size) return std::nullopt;
   ControlMessage message{static_cast<unsigned char>(bytes[4]), static_cast<unsigned char>(bytes[5]),
                          bytes.substr(headSize, size - headSize)};
   bytes.erase(0, size);

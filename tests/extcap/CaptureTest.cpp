@@ -180,8 +180,8 @@ TEST_F(ExtcapCaptureTest, TotalsAreToldWhenTheyAreWanted) {
 
 TEST_F(ExtcapCaptureTest, AFullDiskIsSaid) {
   playSample();
-  Process program(
-      {"sh", "-c", "ulimit -f 1; trap '' XFSZ; exec \"$0\" --capture --fifo " + dir_ / "file", EXTCAP});
+  Process program({"sh", "-c", "ulimit -f 1; trap '' XFSZ; exec \"$0\" --capture --fifo " + dir_ / "file",
+                   extcapProgram()});
   EXPECT_EQ(program.wait(), 1);
   EXPECT_THAT(program.err(), HasSubstr("File too large"));
   EXPECT_EQ(captured("file").torn, 0U);

@@ -10,13 +10,19 @@
 
 namespace kes::test {
 
+/// The program, or what KES_TEST_EXTCAP names in its place.
+inline std::string extcapProgram() {
+  const char* const other = ::getenv("KES_TEST_EXTCAP");
+  return other != nullptr ? other : EXTCAP;
+}
+
 inline std::vector<std::string> extcap(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), EXTCAP);
+  arguments.insert(arguments.begin(), extcapProgram());
   return arguments;
 }
 
 inline std::vector<std::string> capturing(const std::string& fifo, std::vector<std::string> more = {}) {
-  more.insert(more.begin(), {EXTCAP, "--capture", "--extcap-interface", "kes_vpn", "--fifo", fifo});
+  more.insert(more.begin(), {extcapProgram(), "--capture", "--extcap-interface", "kes_vpn", "--fifo", fifo});
   return more;
 }
 

@@ -40,6 +40,14 @@ TEST(ExtcapToolbarTest, WhatIsNoMessageIsDropped) {
   EXPECT_EQ(bytes, "");
 }
 
+TEST(ExtcapToolbarTest, MuchThatIsNoMessageIsDroppedAtOnce) {
+  std::string bytes;
+  while (bytes.size() < 60'000) bytes += "T\xff\xff\xff";
+  const std::size_t before = bytes.size();
+  EXPECT_FALSE(takeMessage(bytes));
+  EXPECT_LT(bytes.size(), 6U) << before;
+}
+
 TEST(ExtcapToolbarTest, WithoutPipesThereIsNone) {
   Toolbar toolbar("", "");
   EXPECT_FALSE(toolbar.isThere());

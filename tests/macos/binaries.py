@@ -107,7 +107,8 @@ def check(path, rule):
 
 def main(folder, *options):
     folder = pathlib.Path(folder)
-    programs, libraries = sorted(folder.glob("bin/*")), sorted(folder.glob("lib/*.a"))
+    programs = [path for path in sorted(folder.glob("bin/*")) if not path.read_bytes().startswith(b"#!")]
+    libraries = sorted(folder.glob("lib/*.a"))
     if not programs + libraries:
         print(f"FAILED: there is something below {folder}")
         return 1

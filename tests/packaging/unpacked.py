@@ -13,11 +13,6 @@ from tarball import pack  # noqa: E402 - found by the line above
 
 def expected_files():
     """What an installation holds, named from the sources and not from what was packed."""
-    yield "bin/kestrace"
-    yield "share/man/man1/kestrace.1"
-    yield "share/bash-completion/completions/kestrace"
-    yield "share/zsh/site-functions/_kestrace"
-    yield "share/fish/vendor_completions.d/kestrace.fish"
     yield "include/kes/version.h"
     yield from (f"share/doc/kes/{name}.md" for name in ("README", "CHANGELOG"))
     yield from (f"share/doc/kes/{path.name}" for path in (ROOT / "docs").glob("*.md")
@@ -25,6 +20,12 @@ def expected_files():
     yield "share/doc/kes/examples/CMakeLists.txt"
     yield from (f"share/doc/kes/examples/{path.name}" for ending in ("c", "cpp")
                 for path in (ROOT / "examples").glob(f"*.{ending}"))
+    yield from ("bin/kestrace", "bin/kestrace-extcap", "bin/kestrace-log")
+    for program in ("kestrace", "kestrace-extcap", "kestrace-log"):
+        yield f"share/man/man1/{program}.1"
+        yield f"share/bash-completion/completions/{program}"
+        yield f"share/zsh/site-functions/_{program}"
+        yield f"share/fish/vendor_completions.d/{program}.fish"
     for library in ("kespal", "kesos", "pcaplib"):
         yield f"lib/lib{library}.a"
         yield from (f"lib/pkgconfig/{library}{kind}.pc" for kind in ("", "-static"))
