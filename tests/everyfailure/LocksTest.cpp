@@ -1,3 +1,4 @@
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -10,13 +11,15 @@
 namespace kes::thread {
 namespace {
 
+using namespace std::chrono_literals;
 using test::Call;
 using test::expectSurvival;
 using test::raises;
 using test::Stage;
 
 TEST(EveryFailureOfLocks, LocksAreMadeTakenAndGivenBack) {
-  expectSurvival({.operations = {"kes::thread::LockBase::LockBase", "kes::thread::LockBase::~LockBase"},
+  expectSurvival({.operations = {"kes::thread::LockBase::LockBase", "kes::thread::LockBase::~LockBase",
+                                 "kes::thread::LockBase::lockTimed"},
                   .raises = {raises("kes::OsError")},
                   .play =
                       [](Stage& stage) {
@@ -25,6 +28,10 @@ TEST(EveryFailureOfLocks, LocksAreMadeTakenAndGivenBack) {
                           stage.act([&] { lock.emplace(kind); });
                           if (!lock) continue;
                           stage.act([&] { const LockGuardT<Lock> guard(*lock); });
+                          for (const auto take : {&Lock::tryLock, &Lock::try_lock}) {
+                            stage.act([&] { return ((*lock).*take)() && (lock->unlock(), true); });
+                          }
+                          stage.act([&] { return lock->lockTimed(1h) && (lock->unlock(), true); });
                           lock->lock();
                           lock->unlock();
                         }
@@ -61,6 +68,32 @@ TEST(EveryFailureOfLocks, AConditionIsMadeWaitedForAndSignalled) {
                               Call::pthread_cond_broadcast, Call::pthread_cond_timedwait}});
 }
 
+TEST(EveryFailureOfLocks, AConditionIsWaitedForByTheMonotonicClockAndWithAPredicate) {
+  expectSurvival({.operations = {"kes::thread::Condition::Condition"},
+                  .raises = {raises("kes::OsError")},
+                  .play =
+                      [](Stage& stage) {
+                        time::ClockBase::init();
+                        const Condition own;
+                        const time::MonotonicClock now;
+                        bool woken = true;
+                        stage.act([&] {
+                          const LockGuardT<Condition> guard(own);
+                          woken = own.waitTimed(now);
+                        });
+                        stage.check(!stage.succeeded() || !woken, "the moment has come");
+                        bool holds = true;
+                        stage.act([&] {
+                          const LockGuardT<Condition> guard(own);
+                          holds = own.waitFor(1ms, [] { return false; });
+                        });
+                        stage.check(!stage.succeeded() || !holds, "it does not hold");
+                        own.lock();
+                        own.unlock();
+                      },
+                  .misused = {Call::pthread_cond_clockwait}});
+}
+
 TEST(EveryFailureOfLocks, WhoIsCancelledInAWaitGivesTheLockBack) {
   expectSurvival({.operations = {"kes::thread::Condition::Condition"},
                   .raises = {raises("kes::OsError"), raises("kes::UsageError", {}, "run")},
@@ -86,7 +119,7 @@ TEST(EveryFailureOfLocks, WhoIsCancelledInAWaitGivesTheLockBack) {
                         stage.act([&] {
                           thread.run();
                           const LockGuardT<Condition> guard(*own);
-                          while (!*waited) own->wait();
+                          own->wait([&] { return *waited; });
                         });
                         thread.join();
                         own->lock();

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <numeric>
 #include <sstream>
@@ -19,6 +20,7 @@
 #include "kespal/proc/Env.h"
 #include "kespal/proc/Info.h"
 #include "kespal/thread/Condition.h"
+#include "kespal/thread/Lock.h"
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Clock.h"
 #include "os/System.h"
@@ -93,23 +95,72 @@ struct Waiter : thread::CppThread::IThread {
     condition.lock();
     waiting = true;
     condition.signal();
-    for (;;) condition.wait();
+    if (isTimed) {
+      condition.waitFor(std::chrono::hours(1), [] { return false; });
+    } else {
+      condition.wait([] { return false; });
+    }
   }
 
   thread::Condition condition;
-  bool waiting = false;
+  bool waiting = false, isTimed = false;
 };
 
 TEST(NativeThreadTest, AThreadThatIsCancelledInAWaitLeavesItsLockFree) {
-  auto* const waiter = new Waiter;  // stays: it lies on the stack of a thread that nobody unwinds
-  thread::CppThread thread("waiter", waiter);
+  time::ClockBase::init();
+  for (const bool isTimed : {false, true}) {
+    auto* const waiter = new Waiter;  // stays: it lies on the stack of a thread that nobody unwinds
+    waiter->isTimed = isTimed;
+    thread::CppThread thread("waiter", waiter);
+    thread.run();
+    waiter->condition.lock();
+    waiter->condition.wait([waiter] { return waiter->waiting; });
+    waiter->condition.unlock();
+    thread.kill();
+    waiter->condition.lock();
+    waiter->condition.unlock();
+  }
+}
+
+TEST(NativeThreadTest, AWaitByTheMonotonicClockIsOverAtItsDeadlineAndNotBefore) {
+  time::ClockBase::init();
+  const thread::Condition condition;
+  condition.lock();
+  for (int i = 0; i < 20; ++i) {
+    const time::MonotonicClock deadline = time::MonotonicClock() + std::chrono::milliseconds(3);
+    while (condition.waitTimed(deadline)) {
+    }
+    EXPECT_GE(time::MonotonicClock(), deadline);
+  }
+  EXPECT_FALSE(condition.waitTimed(time::MonotonicClock(time::MonotonicClock::time_point())));
+  condition.unlock();
+}
+
+struct LockHolder : thread::CppThread::IThread {
+  void thread(thread::CppThread&) override {
+    lock.lock();
+    isHeld = true;
+    while (!isToGive) thread::BasicThread::yield();
+    lock.unlock();
+  }
+
+  thread::Lock lock{thread::Normal};
+  std::atomic<bool> isHeld{false}, isToGive{false};
+};
+
+TEST(NativeThreadTest, ALockIsWaitedForNoLongerThanSaid) {
+  LockHolder holder;
+  thread::CppThread thread("holder", &holder);
   thread.run();
-  waiter->condition.lock();
-  while (!waiter->waiting) waiter->condition.wait();
-  waiter->condition.unlock();
-  thread.kill();
-  waiter->condition.lock();
-  waiter->condition.unlock();
+  while (!holder.isHeld) thread::BasicThread::yield();
+  EXPECT_FALSE(holder.lock.tryLock());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(holder.lock.lockTimed(std::chrono::milliseconds(30)));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
+  holder.isToGive = true;
+  EXPECT_TRUE(holder.lock.lockTimed(time::Milliseconds::max()));
+  holder.lock.unlock();
+  thread.join();
 }
 
 TEST(NativeProcessTest, TheEnvironmentIsTheOneOfTheProgram) {

@@ -22,6 +22,8 @@
 #define KES_REQUIRES(...) KES_ANNOTATION(requires_capability(__VA_ARGS__))  ///< call it with the lock held
 #define KES_EXCLUDES(...) KES_ANNOTATION(locks_excluded(__VA_ARGS__))  ///< call it without: it takes the lock
 #define KES_ACQUIRE(...) KES_ANNOTATION(acquire_capability(__VA_ARGS__))  ///< takes the lock
+#define KES_TRY_ACQUIRE(...) \
+  KES_ANNOTATION(try_acquire_capability(__VA_ARGS__))                     ///< takes it when it gives this
 #define KES_RELEASE(...) KES_ANNOTATION(release_capability(__VA_ARGS__))  ///< gives it back
 #define KES_RETURNS_LOCK(lock) KES_ANNOTATION(lock_returned(lock))        ///< gives a reference to it
 #define KES_UNCHECKED KES_ANNOTATION(no_thread_safety_analysis)           ///< the analysis cannot follow it

@@ -118,6 +118,14 @@ int conditionWait(Native* native, Native* mutex) {
 int conditionTimedWait(Native* native, Native* mutex, const timespec* deadline) {
   return macError(::pthread_cond_timedwait(conditionOf(native), mutexOf(mutex), deadline));
 }
+int conditionTimedWaitRelative(Native* native, Native* mutex, const timespec* limit) {
+  timespec deadline;
+  ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+  const long nanoseconds = deadline.tv_nsec + limit->tv_nsec;
+  deadline.tv_sec += limit->tv_sec + nanoseconds / 1'000'000'000;
+  deadline.tv_nsec = nanoseconds % 1'000'000'000;
+  return macError(::pthread_cond_clockwait(conditionOf(native), mutexOf(mutex), CLOCK_MONOTONIC, &deadline));
+}
 int conditionSignal(Native* native) { return macError(::pthread_cond_signal(conditionOf(native))); }
 int conditionBroadcast(Native* native) { return macError(::pthread_cond_broadcast(conditionOf(native))); }
 int conditionDestroy(Native* native) { return forget(native, conditionOf(native), ::pthread_cond_destroy); }
@@ -176,6 +184,7 @@ const Call calls[] = {
     {"pthread_cond_init", conditionInit},
     {"pthread_cond_wait", conditionWait},
     {"pthread_cond_timedwait", conditionTimedWait},
+    {"pthread_cond_timedwait_relative_np", conditionTimedWaitRelative},
     {"pthread_cond_signal", conditionSignal},
     {"pthread_cond_broadcast", conditionBroadcast},
     {"pthread_cond_destroy", conditionDestroy},

@@ -2,11 +2,14 @@
 
 #include <pthread.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 
 #include "kespal/Export.h"
+#include "kespal/time/Clock.h"
 
 KES_EXPORT_BEGIN
 
@@ -50,6 +53,24 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
   int result = 0;
   pthread_cleanup_push(&detail::releaseMutex, &mutex);
   result = ::pthread_cond_timedwait(&condition, &mutex, &deadline);
+  pthread_cleanup_pop(0);
+  return result;
+}
+
+/// The same until a moment of the monotonic clock. The system is told how long that is from now: it has no
+/// conditions with another clock. Raises OsError when the clock cannot be read.
+/// @return 0, ETIMEDOUT, or an error number
+inline int waitUntilSteady(::pthread_cond_t& condition, ::pthread_mutex_t& mutex,
+                           const ::timespec& deadline) {
+  using std::chrono::nanoseconds, std::chrono::seconds;
+  const nanoseconds end = seconds(deadline.tv_sec) + nanoseconds(deadline.tv_nsec);
+  const nanoseconds left = end - time::MonotonicClock().sinceEpoch();
+  if (left <= nanoseconds::zero()) return ETIMEDOUT;
+  const seconds whole = std::chrono::floor<seconds>(left);
+  const ::timespec limit{static_cast<::time_t>(whole.count()), static_cast<long>((left - whole).count())};
+  int result = 0;
+  pthread_cleanup_push(&detail::releaseMutex, &mutex);
+  result = ::pthread_cond_timedwait_relative_np(&condition, &mutex, &limit);
   pthread_cleanup_pop(0);
   return result;
 }

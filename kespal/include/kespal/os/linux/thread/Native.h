@@ -51,6 +51,13 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
   return ::pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
+/// The same until a moment of the monotonic clock.
+/// @return 0, ETIMEDOUT, or an error number
+inline int waitUntilSteady(::pthread_cond_t& condition, ::pthread_mutex_t& mutex,
+                           const ::timespec& deadline) {
+  return ::pthread_cond_clockwait(&condition, &mutex, CLOCK_MONOTONIC, &deadline);
+}
+
 }  // namespace kes::os
 
 KES_EXPORT_END

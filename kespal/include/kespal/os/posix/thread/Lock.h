@@ -2,10 +2,14 @@
 
 #include <pthread.h>
 
+#include <cerrno>
+#include <chrono>
+
 #include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/error/OsError.h"
 #include "kespal/thread/Annotations.h"
+#include "kespal/time/Milliseconds.h"
 
 KES_EXPORT_BEGIN
 
@@ -32,10 +36,47 @@ class KES_CAPABILITY("lock") LockBase : NoCopy {
     checkCode({"include/os/posix/thread/Lock", 21, "lock"}, ::pthread_mutex_lock(&mutex_));
   }
 
+  /// Takes the lock if it is free. False, without any waiting, when somebody holds it: another thread or,
+  /// unless the lock is Recursive, the caller. Raises OsError: EAGAIN when a Recursive one was taken too
+  /// often.
+  bool tryLock() const KES_TRY_ACQUIRE(true) KES_UNCHECKED {
+    const int result = ::pthread_mutex_trylock(&mutex_);
+    if (result == EBUSY) return false;
+    checkCode(KES_HERE, result);
+    return true;
+  }
+
+  /// Waits until the lock is free, but no longer than this by the monotonic clock, and takes it; a free one
+  /// is taken without any time, too. False when the time is over: the lock is not held. No signal and no
+  /// cancellation ends the waiting. Raises OsError as lock(). macOS knows no such limit. There the lock is
+  /// asked for again, every 10 ms at the latest: who waits without a limit, or asks at the right moment, may
+  /// get it first, and the owner of an ErrorCheck lock waits like anybody else.
+  bool lockTimed(time::Milliseconds limit) const KES_TRY_ACQUIRE(true);
+
   /// Releases the lock. Raises OsError: EPERM for who does not own an ErrorCheck or Recursive lock.
   [[gnu::always_inline]] void unlock() const KES_RELEASE() KES_UNCHECKED {
     checkCode({"include/os/posix/thread/Lock", 49, "unlock"}, ::pthread_mutex_unlock(&mutex_));
   }
+
+  // NOLINTBEGIN(readability-identifier-naming): what the standard library asks of a mutex
+  /// tryLock() and lockTimed() by the names that std::scoped_lock, std::unique_lock and their kind call.
+  /// Where an unlocking at the end of a scope fails, those end the program, and the lock analysis of clang
+  /// does not see what they hold: LockGuardT reports, and is seen.
+  bool try_lock() const KES_TRY_ACQUIRE(true) KES_UNCHECKED { return tryLock(); }
+  template <typename Rep, typename Period>
+  bool try_lock_for(const std::chrono::duration<Rep, Period>& limit) const
+      KES_TRY_ACQUIRE(true) KES_UNCHECKED {
+    return lockTimed(time::boundedWait(limit));
+  }
+  template <typename Clock, typename Duration>
+  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) const
+      KES_TRY_ACQUIRE(true) KES_UNCHECKED {
+    for (auto now = Clock::now(); now < deadline; now = Clock::now()) {
+      if (try_lock_for(deadline - now)) return true;
+    }
+    return tryLock();
+  }
+  // NOLINTEND(readability-identifier-naming)
 
  private:
   friend class Condition;  // a wait releases the mutex and takes it again
