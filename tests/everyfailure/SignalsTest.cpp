@@ -6,6 +6,7 @@
 #include "kespal/signal/Handler.h"
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Names.h"
+#include "kespal/signal/ScopedMask.h"
 #include "kespal/signal/Sender.h"
 #include "support/Eventually.h"
 #include "support/EveryFailure.h"
@@ -114,6 +115,25 @@ TEST(EveryFailureOfSignals, SignalsAreSentMaskedAndNamed) {
                         stage.check(!stage.succeeded() || name == "SIGTERMTerminated", "the names are whole");
                       },
                   .misused = {Call::pthread_kill, Call::pthread_sigmask}});
+}
+
+TEST(EveryFailureOfSignals, SignalsAreBlockedForAScope) {
+  expectSurvival(
+      {.operations = {"kes::signal::ScopedMask::ScopedMask", "kes::signal::ScopedMask::~ScopedMask"},
+       .raises = {raises("kes::OsError")},
+       .play =
+           [](Stage& stage) {
+             const Blocking blocking;
+             std::optional<ScopedMask> masked;
+             stage.act([&] { masked.emplace(Set{SIGHUP}); });
+             stage.check(stage.succeeded() == Mask::get().contains(SIGHUP), "it is masked, or not");
+             stage.act([&] { masked.reset(); });
+             stage.check(!Mask::get().contains(SIGHUP) || stage.isRefused(Call::pthread_sigmask),
+                         "the mask is the one from before");
+             const ScopedMask again({SIGHUP});
+             stage.check(Mask::get().contains(SIGHUP), "it can be done again");
+           },
+       .misused = {Call::pthread_sigmask}});
 }
 
 }  // namespace

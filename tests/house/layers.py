@@ -5,7 +5,7 @@ LAYERS = [
     ("base", ["Export.h", "NoCopy.h", "EnumBitset.h", "thread/Annotations.h"]),
     ("error", ["Backtrace.h", "Helper.h", "Hexdump.h", "ScopeGuard.h", "UnhandledException.h", "error/"]),
     ("atoms", ["proc/Env.h", "fs/Access.h", "time/", "os/*/time/", "signal/Set.h", "signal/Mask.h",
-               "signal/Sender.h", "signal/Names.h", "os/*/signal/", "os/thread/Native.h",
+               "signal/ScopedMask.h", "signal/Sender.h", "signal/Names.h", "os/*/signal/", "os/thread/Native.h",
                "os/*/thread/Native.h"]),
     ("sync", ["thread/Lock.h", "thread/Condition.h", "thread/LockGuard.h",
               "os/*/thread/Lock.h", "os/*/thread/Condition.h"]),

@@ -211,6 +211,25 @@ TEST_F(HandlerTest, TheThreadHasTheHandledSignalsBlocked) {
   handler.stop();
 }
 
+TEST_F(HandlerTest, TheThreadBlocksWhatIsSentToTheProcessAndNotWhatAThreadBringsOnItself) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
+  Handler handler;
+  Set mask;
+  Notifier notifier([&](int) { mask = Mask::get(); });
+  handler.add(SIGTERM, notifier);
+  handler.start(SIGUSR1);
+  send(SIGTERM);
+  ASSERT_TRUE(notifier.isTold(1));
+  handler.stop();
+  for (const int signal : {SIGHUP, SIGQUIT, SIGALRM, SIGCHLD, SIGTSTP, SIGRTMIN, SIGRTMAX}) {
+    EXPECT_TRUE(mask.contains(signal)) << signal;
+  }
+  for (const int signal :
+       {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS, SIGXFSZ, SIGTTIN, SIGTTOU}) {
+    EXPECT_FALSE(mask.contains(signal)) << signal;
+  }
+}
+
 TEST_F(HandlerTest, AThreadThatCannotBeWokenIsCancelledBeforeItsHandlerDies) {
   KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
   testing::internal::CaptureStderr();

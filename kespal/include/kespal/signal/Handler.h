@@ -17,6 +17,8 @@ namespace kes::signal {
 /// Takes signals in a thread of its own and tells whoever registered for them, in ordinary thread context.
 /// Any thread may call. Every thread of the process has to block the signals that are registered, and the
 /// management signal, which ends the wait when something has changed; the runtime object sees to that.
+/// Several handlers share a process if each signal is one's only, the management signals included. The
+/// handler's own thread blocks whatever is sent to the process, and so does a thread that a notifier starts.
 /// In a forked child the handler is stopped, with the same registrations, and can be started anew. Misuse
 /// raises UsageError, a failing system call OsError.
 class Handler : public thread::CppThread::IThread, NoCopy {

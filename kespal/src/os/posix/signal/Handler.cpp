@@ -9,11 +9,11 @@
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
 #include "kespal/signal/Mask.h"
+#include "kespal/signal/ScopedMask.h"
 #include "kespal/signal/Sender.h"
 #include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
-#include "signal/Blocked.h"
 #include "signal/Registrations.h"
 #include "sys/NoCancel.h"
 #include "thread/PerProcess.h"
@@ -38,6 +38,19 @@ void giveBack(int signal, int mgmSignal) {
 /// Nobody may handle the one kind, and sigwait() takes none of the other.
 bool canBeWaitedFor(int signal) {
   return Set{signal}.contains(signal) && signal != SIGKILL && signal != SIGSTOP;
+}
+
+/// Every signal but those that a thread brings on itself: a fault is no less one where it is blocked, and a
+/// terminal or a limit answers such a thread otherwise.
+Set whatIsSentToTheProcess() {
+  ::sigset_t all;
+  sigfillset(&all);
+  Set signals(all);
+  for (const int own :
+       {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS, SIGPIPE, SIGXFSZ, SIGTTIN, SIGTTOU}) {
+    signals.remove(own);
+  }
+  return signals;
 }
 
 }  // namespace
@@ -90,8 +103,11 @@ void Handler::start(const int& mgmSignal) {
   next->leave(shared->mgmSignal);
   next->manage(mgmSignal);
   {
-    // The thread inherits the signal blocked: one that comes before its first wait would end the process.
-    const Blocked inherited({mgmSignal});
+    // The thread inherits this: a signal that comes before its first wait would end the process, and so would
+    // one that the program blocks in its other threads from now on.
+    Set blocked = whatIsSentToTheProcess();
+    blocked.add(mgmSignal);
+    const ScopedMask inherited(blocked);
     shared->worker.run();  // waits for the lock before it does anything
   }
   shared->registrations.replace(std::move(next));
