@@ -90,6 +90,7 @@ KesPal::~KesPal() {
 }
 
 void KesPal::quit() {
+  quitRequested_ = true;
   try {
     const Shared& shared = *shared_->get();
     const Guard guard(shared.lock);

@@ -66,6 +66,9 @@ class KesPalInit : NoCopy {
   /// See KesPal::quit().
   virtual void quit() = 0;
 
+  /// The signal that requested the quit, the last one if there were several; 0 when none did. Any thread may
+  /// ask.
+  int receivedSignal() const noexcept { return receivedSignal_; }
   /// Whether the received signal, which requested the quit, ends the process in the end. Any thread may call.
   void setQuitStatus(bool quitStatus) noexcept { quitStatus_ = quitStatus; }
 
@@ -134,9 +137,13 @@ class KesPalInit : NoCopy {
 /// errors of the construction are raised, those of the destruction end the process.
 ///
 /// It blocks those signals only, and leaves them blocked when it ends: a program that wants others blocked in
-/// every thread blocks them after constructing it and before starting threads. Clocks and timed waits need it
-/// (or the clocks' own init()). A SIGTERM that comes before the first quit handler is registered is noted,
-/// and nothing else. In a forked child it has no signal thread, and its end leaves the parent's alone.
+/// every thread blocks them after constructing it and before starting threads. So it takes SIGHUP, or any
+/// other signal, by a signal::Handler of its own: blocks the signal with signal::Mask, adds a notifier for
+/// it, and starts the handler with SIGUSR2, which the library blocks and leaves to the program. What is
+/// blocked before the construction is, too, for the programs that are started. Clocks and timed waits need
+/// the runtime object (or the clocks' own init()). A SIGTERM that comes before the first quit handler is
+/// registered is noted, and nothing else: who has registered asks quitRequested(). In a forked child it has
+/// no signal thread, and its end leaves the parent's alone.
 class KesPal final : public KesPalInit {
  public:
   /// `quitHandling`: SIGINT and SIGTERM become quit(). `forkPending`: the process is about to fork, and no
@@ -149,6 +156,9 @@ class KesPal final : public KesPalInit {
   /// Calls the quit handlers, on the calling thread; the signal thread calls it for a signal. An error of a
   /// handler is reported on standard error and ends the walk.
   void quit() override;
+  /// Whether quit() was called, be it before a quit handler was there to be told. Asked after registering
+  /// one, no quit is missed: either this says so or the handler is called, and perhaps both.
+  bool quitRequested() const noexcept { return quitRequested_; }
   /// Handlers are not owned. Any thread may call these, but no quit handler.
   void addQuitHandler(IQuitHandler& handler);
   void delQuitHandler(IQuitHandler& handler);  ///< one that was not added is no error
@@ -162,6 +172,7 @@ class KesPal final : public KesPalInit {
 
   const std::unique_ptr<thread::PerProcess<Shared>> shared_;
   const AppBase* app_;
+  std::atomic<bool> quitRequested_{false};  // set before the lock is taken that registering takes, too
 };
 
 /// Whether an exception is being thrown or handled by the calling thread.
