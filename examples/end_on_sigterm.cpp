@@ -28,7 +28,7 @@ class Ending : public kes::signal::Handler::INotify {
 
   int wait() const {
     const kes::thread::LockGuardT<kes::thread::Condition> guard(condition_);
-    while (signal_ == 0) condition_.wait();
+    condition_.wait([this] { return signal_ != 0; });
     return signal_;
   }
 

@@ -11,7 +11,6 @@
 #include "kespal/proc/Child.h"
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/LockGuard.h"
-#include "kespal/time/Clock.h"
 
 namespace {
 
@@ -47,7 +46,7 @@ class Supervisor : public kes::IQuitHandler, public kes::proc::Child::Notificati
 
   bool awaitChild() const {
     const Guard guard(changed_);
-    while (!quitting_ && !childEnded_) changed_.wait();
+    changed_.wait([this] { return quitting_ || childEnded_; });
     return !quitting_;
   }
 
@@ -61,12 +60,8 @@ class Supervisor : public kes::IQuitHandler, public kes::proc::Child::Notificati
 
   /// False when the pause was cut short because the supervisor has to stop.
   bool sleep(Milliseconds pause) const {
-    kes::time::RealtimeClock end;
-    end += pause;
     const Guard guard(changed_);
-    while (!quitting_ && changed_.waitTimed(end)) {
-    }
-    return !quitting_;
+    return !changed_.waitFor(pause, [this] { return quitting_; });
   }
 
   void handleQuit() override { note(quitting_); }
@@ -94,7 +89,7 @@ int main(int argc, char** argv) {
   kes::KesPal runtime(/*quitHandling=*/true, /*forkPending=*/false, kes::Locale::System);
   Supervisor supervisor({argv + 1, argv + argc});
   runtime.addQuitHandler(supervisor);
-  supervisor.run();
+  if (!runtime.quitRequested()) supervisor.run();  // somebody may have been faster than the line above
   runtime.delQuitHandler(supervisor);
   std::cout << "stopped" << std::endl;
 }

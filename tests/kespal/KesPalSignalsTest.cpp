@@ -31,6 +31,9 @@ struct Reloading : signal::Handler::INotify {
   std::atomic<int> calls{0};
 };
 
+/// In a child: who started the tests may have ignored SIGHUP, as nohup does.
+void notIgnoringSighup() { ::signal(SIGHUP, SIG_DFL); }
+
 void send(int signal) { signal::Sender::signalProc(signal, ::getpid()); }
 
 TEST(QuitRequestTest, NobodyHasAskedAtFirst) {
@@ -110,6 +113,7 @@ TEST(QuitRequestTest, WhoRegistersAndThenAsksMissesNoQuit) {
 
 TEST(OwnSignalTest, WhatTheProgramBlocksAfterTheConstructionEndsItByNoThreadOfTheLibrary) {
   const auto child = inChild([] {
+    notIgnoringSighup();
     const KesPal runtime(true, false, Locale::System, nullptr);
     signal::Mask::call({SIGHUP, SIGALRM}, SIG_BLOCK);
     for (const int signal : {SIGHUP, SIGALRM}) send(signal);
@@ -149,6 +153,7 @@ TEST(OwnSignalTest, AHandlerOfTheProgramTakesSighupBesideTheRuntimeObjectsOwn) {
 
 TEST(OwnSignalTest, SeveralHandlersStartAndStopBesideTheRuntimeObject) {
   const auto child = inChild([] {
+    notIgnoringSighup();
     const KesPal runtime(true, false, Locale::System, nullptr);
     signal::Mask::call({SIGHUP}, SIG_BLOCK);
     for (int round = 1; round <= 20; ++round) {
@@ -166,6 +171,7 @@ TEST(OwnSignalTest, SeveralHandlersStartAndStopBesideTheRuntimeObject) {
 
 TEST(OwnSignalTest, ProgramsThatAreStartedMeanwhileAreEndedByThatSignalAsEver) {
   const auto child = inChild([] {
+    notIgnoringSighup();
     const KesPal runtime(true, false, Locale::System, nullptr);
     signal::Mask::call({SIGHUP}, SIG_BLOCK);
     proc::Child shell({"/bin/sh", "-c", "kill -HUP $$; echo lives on"});

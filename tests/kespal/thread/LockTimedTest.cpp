@@ -171,7 +171,7 @@ TEST(LockTimedTest, TheOwnerOfAnErrorCheckLockIsToldSo) {
   if (isSanitized) GTEST_SKIP() << "a build with sanitizers asks again and again, and learns nothing else";
   const Lock lock(ErrorCheck);
   const LockGuardT<Lock> guard(lock);
-  EXPECT_EQ(raisedBy([&] { (void)lock.lockTimed(1h); }),
+  EXPECT_EQ(raisedBy([&] { (void)lock.lockTimed(10s); }),
             osError(EDEADLK, "src/os/linux/thread/LockTimed", 0, "lockTimed"));
 }
 
