@@ -1,11 +1,12 @@
 # kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [CALLS name...] [FAKES function...]
-#          [LOCK resource...] [TIMEOUT seconds])
+#          [LOCK resource...] [TIMEOUT seconds] [PREFIX text] [WITHOUT filter])
 # One test program; each of its tests runs in a process of its own and is counted by itself. LOCK names
 # machine-wide things (System V keys, ids, a fixed file) that two tests must not touch at once. THREADED
 # marks those that have threads: a build for the thread sanitizer is for them alone. CALLS names what
 # tests/support/Calls.h comes between in this program: calls of the C library or whole sections of
 # tests/support/Calls.def (files, threads, ...), or all. FAKES names functions of other libraries for which the
-# program defines a __wrap_NAME of its own.
+# program defines a __wrap_NAME of its own. PREFIX is put before the names of tests that another program has as
+# well, WITHOUT leaves some of them out.
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
@@ -51,7 +52,7 @@ function(kes_wrap_calls target)
 endfunction()
 
 function(kes_test name)
-  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;CALLS;FAKES;LOCK" ${ARGN})
+  cmake_parse_arguments(arg "THREADED" "TIMEOUT;PREFIX;WITHOUT" "SOURCES;LIBRARIES;CALLS;FAKES;LOCK" ${ARGN})
   kes_program(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kes_test_support)
   kes_wrap_calls(${name} ${arg_CALLS})
@@ -69,5 +70,8 @@ function(kes_test name)
   if(arg_LOCK)
     list(APPEND properties RESOURCE_LOCK "${arg_LOCK}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+  if(arg_WITHOUT)
+    set(filter TEST_FILTER "*-${arg_WITHOUT}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX "${arg_PREFIX}" ${filter} PROPERTIES ${properties})
 endfunction()

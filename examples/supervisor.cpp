@@ -1,5 +1,5 @@
 // Keeps a program running: restarts it whenever it ends, after a pause that doubles each time, and stops it
-// when it is asked to stop itself (SIGTERM, SIGINT).
+// when it is asked to stop itself (SIGTERM, SIGINT); it then has ten seconds for that.
 //   supervisor PROGRAM [ARGUMENT...]
 #include <algorithm>
 #include <chrono>
@@ -39,8 +39,11 @@ class Supervisor : public kes::IQuitHandler, public kes::proc::Child::Notificati
     childEnded_ = false;
     child_.create(/*inPlace=*/false);
     const bool goesOn = awaitChild();
-    if (!goesOn) stopChild();
-    child_.wait();
+    if (goesOn) {
+      child_.wait();
+    } else {
+      child_.terminate(std::chrono::seconds(10));
+    }
     return goesOn;
   }
 
@@ -48,14 +51,6 @@ class Supervisor : public kes::IQuitHandler, public kes::proc::Child::Notificati
     const Guard guard(changed_);
     changed_.wait([this] { return quitting_ || childEnded_; });
     return !quitting_;
-  }
-
-  void stopChild() {
-    try {
-      child_.term();
-    } catch (const kes::NoSuchProcessError&) {
-      // It ended in the same moment.
-    }
   }
 
   /// False when the pause was cut short because the supervisor has to stop.

@@ -8,6 +8,7 @@
 
 #include "kespal/proc/Child.h"
 #include "kespal/proc/ExitStatus.h"
+#include "kespal/proc/Output.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/time/Clock.h"
 #include "support/Eventually.h"
@@ -202,6 +203,104 @@ TEST(EveryFailureOfChildren, AChildIsSignalled) {
                     const Child::ExitState state = child.wait();
                     stage.check(WIFSIGNALED(state.status), "it was ended by the signal");
                   }});
+}
+
+TEST(EveryFailureOfChildren, AChildIsTerminated) {
+  expectSurvival(
+      {.operations = {"kes::proc::Child::terminate", "kes::proc::Child::waitFor",
+                      "kes::proc::Flock::terminate", "kes::proc::Flock::waitFor"},
+       .raises = childErrors,
+       .play = [](Stage& stage) {
+         const Collecting collecting;
+         Child child({"/bin/sleep", "100"});
+         child.create();
+         const sys::AtEnd ending([pid = child.pid()] { ::kill(pid, SIGKILL); });
+         Child::ExitState state{0, false};
+         stage.act([&] { state = child.waitFor(time::Milliseconds(1)); });
+         stage.check(!state.finished, "it was not ended by that");
+         if (!stage.succeeded()) return;
+         ExitStatus status{0};
+         if (stage.act([&] { status = child.terminate(std::chrono::seconds(100)); })) {
+           stage.check(status.signal() == SIGTERM && child.pid() == -1, "it was ended by the signal");
+         } else if (child.pid() != -1) {
+           stage.check(child.terminate(time::Milliseconds(0)).signal().has_value(), "it can be tried again");
+         }
+         expectService(stage);
+       }});
+}
+
+/// Only children that were registered are reaped, until the end of the play.
+struct RegisteredOnly {
+  RegisteredOnly() { Child::setReaping(Reaping::Registered); }
+  ~RegisteredOnly() {
+    const sys::NoCancel untilChanged;
+    Child::exit();
+    Child::setReaping(Reaping::EveryChild);
+  }
+};
+
+TEST(EveryFailureOfChildren, AChildIsStartedAndTerminatedBesideThoseOfOthers) {
+  expectSurvival({.operations = {"kes::proc::Child::setReaping", "kes::proc::Child::create",
+                                 "kes::proc::Child::terminate", "kes::proc::Child::exit",
+                                 "kes::proc::Shepherd::Shepherd"},
+                  .raises = childErrors,
+                  .play = [](Stage& stage) {
+                    const Collecting collecting;
+                    const RegisteredOnly registeredOnly;
+                    Child child({"/bin/sleep", "100"});
+                    const bool made = stage.act([&] { child.create(); });
+                    const pid_t pid = child.pid();
+                    stage.check(made == (pid != -1), "there is a child if that was said");
+                    const sys::AtEnd ending([pid] {
+                      if (pid != -1) ::kill(pid, SIGKILL);
+                    });
+                    if (made) stage.act([&] { child.terminate(time::Milliseconds(0)); });
+                    const pid_t stranger = ::fork();
+                    if (stranger == 0) ::_exit(3);
+                    expectService(stage);
+                    int status = 0;
+                    stage.check(::waitpid(stranger, &status, 0) == stranger && status == 3 << 8,
+                                "a child that was not registered is left alone");
+                  }});
+}
+
+TEST(EveryFailureOfChildren, AProgramIsRunForItsOutput) {
+  expectSurvival(
+      {.operations = {"kes::proc::captureOutput"}, .raises = childErrors, .play = [](Stage& stage) {
+         const Collecting collecting;
+         Child child({"/bin/sh", "-c", "cat; echo err >&2"});
+         // A pipe for which the system never has room, or a byte, has no other end.
+         const OutputOptions options{.input = "in\n", .limit = std::chrono::seconds(2)};
+         Output output;
+         const bool captured = stage.act([&] { output = captureOutput(child, options); });
+         stage.check(child.pid() == -1 || stage.isRefused(Call::kill), "no program is left");
+         if (captured && output.status.isSuccess() && !output.timedOut && !stage.isRefused(Call::dup2)) {
+           stage.check(output.out == "in\n" && output.err == "err\n", "all that it wrote is there");
+         }
+         killIfThere(child);
+         expectService(stage);
+       }});
+}
+
+TEST(EveryFailureOfChildren, AProgramThatTakesTooLongIsEndedWithItsOutput) {
+  expectSurvival({.operations = {"kes::proc::captureOutput"},
+                  .raises = childErrors,
+                  .play =
+                      [](Stage& stage) {
+                        const Collecting collecting;
+                        Child child({"/bin/sleep", "100"});
+                        const OutputOptions options{.limit = time::Milliseconds(10),
+                                                    .grace = std::chrono::seconds(10)};
+                        Output output;
+                        const bool captured = stage.act([&] { output = captureOutput(child, options); });
+                        stage.check(child.pid() == -1 || stage.isRefused(Call::kill), "no program is left");
+                        stage.check(!captured || output.timedOut || output.status.exitCode() == 125,
+                                    "that it was ended is said");
+                        killIfThere(child);
+                        expectService(stage);
+                      },
+                  // A collector that is told of no child takes those that run for lost, and nobody ends them.
+                  .spared = {Call::waitid}});
 }
 
 TEST(EveryFailureOfChildren, TheCollectorIsMadeAndEnded) {

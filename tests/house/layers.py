@@ -19,7 +19,7 @@ LAYERS = [
     ("files: standard paths", ["fs/StandardPaths.h"]),
     ("files: copier", ["fs/Copier.h", "fs/TreeCopier.h"]),
     ("users", ["UserInfo.h", "GroupInfo.h", "proc/Privilege.h"]),
-    ("processes", ["proc/Child.h", "proc/ExitStatus.h", "proc/StartFailure.h", "proc/Shepherd.h", "proc/Info.h", "os/*/proc/"]),
+    ("processes", ["proc/Child.h", "proc/ExitStatus.h", "proc/Output.h", "proc/StartFailure.h", "proc/Shepherd.h", "proc/Info.h", "os/*/proc/"]),
     ("user interface", ["Locale.h", "gettext.h", "Catalogue.h", "Terminal.h", "EchoGuard.h"]),
     ("runtime", ["kespal.h"]),
 ]

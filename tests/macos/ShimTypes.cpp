@@ -6,6 +6,7 @@
 #include <mach/clock.h>
 #include <mach/mach.h>
 #include <pthread.h>
+#include <sys/event.h>
 #include <sys/stat.h>
 #include <sys/sysctl.h>
 
@@ -46,7 +47,18 @@ static_assert(is_same_v<decltype(kinfo_proc{}.kp_eproc.e_pcred.p_svgid), gid_t>)
 static_assert(is_same_v<decltype(sysctl), int(int*, unsigned int, void*, std::size_t*, void*, std::size_t)>);
 
 static_assert(is_same_v<decltype(pthread_threadid_np(nullptr, std::declval<std::uint64_t*>())), int>);
+static_assert(is_same_v<decltype(pthread_cond_timedwait_relative_np(std::declval<pthread_cond_t*>(),
+                                                                    std::declval<pthread_mutex_t*>(),
+                                                                    std::declval<const timespec*>())),
+                        int>);
 static_assert(is_same_v<decltype(pthread_setname_np(std::declval<const char*>())), int>);
+
+static_assert(is_same_v<decltype(kqueue), int()>);
+static_assert(
+    is_same_v<decltype(::kevent), int(int, const struct kevent*, int, struct kevent*, int, const timespec*)>);
+static_assert(is_same_v<decltype(std::declval<struct kevent>().ident), std::uintptr_t>);
+static_assert(EVFILT_PROC == -5 && EVFILT_USER == -10 && EV_ADD == 0x1 && EV_ONESHOT == 0x10);
+static_assert(NOTE_EXIT == 0x80000000 && NOTE_TRIGGER == 0x01000000);
 
 static_assert(F_FULLFSYNC == 51);
 static_assert(is_same_v<decltype(std::declval<struct stat>().st_atimespec), timespec>);

@@ -26,6 +26,9 @@ using InitGuard = thread::LockGuardT<thread::Lock>;
 /// may end while the process does. A fork makes it anew, as another thread may have held it at that moment.
 constinit Lasting<thread::Lock> g_initLock;
 
+/// Of the next collector; the init lock guards it.
+constinit Reaping g_reaping = Reaping::EveryChild;
+
 void makeInitLockAnew() noexcept {
   try {
     new (&g_initLock.value) thread::Lock(thread::Normal);
@@ -56,7 +59,7 @@ void makeCollector() {
   if (ForkPending::m_pending) {
     raiseAt({"src/proc/Child", 35, "init"}, RuntimeError("Tried to lazy-initialize shepherd before forking"));
   }
-  auto shepherd = std::make_unique<Shepherd>();
+  auto shepherd = std::make_unique<Shepherd>(g_reaping);
   shepherd->start();
   Child::m_shepherd = shepherd.release();
 }
@@ -81,6 +84,15 @@ thread::Lock& Child::m_init_lock = initLock();
 void Child::init() {
   const InitGuard guard(initLock());
   makeCollector();
+}
+
+void Child::setReaping(Reaping reaping) {
+  const InitGuard guard(initLock());
+  abandonForeignCollector();
+  if (m_shepherd != nullptr) {
+    raiseAt(KES_HERE, UsageError("Can't change which children are reaped: there is a process collector"));
+  }
+  g_reaping = reaping;
 }
 
 std::shared_ptr<Flock> Child::collector() {

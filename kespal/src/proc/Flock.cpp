@@ -7,6 +7,7 @@
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "error/Report.h"
 #include "kespal/error/OsError.h"
@@ -31,6 +32,14 @@ std::optional<time::RealtimeClock> deadlineAfter(const time::Milliseconds* timeo
   return deadline;
 }
 
+/// Waits until the waiter is woken; false when the moment came before.
+bool await(const Waiter& waiter, const time::MonotonicClock& deadline) {
+  while (!waiter.isWoken()) {
+    if (!waiter.arrived().waitTimed(deadline)) return waiter.isWoken();
+  }
+  return true;
+}
+
 /// Whether this process has such a child, and it has not ended.
 bool runsUnattended(pid_t pid) noexcept {
   const sys::NoCancel untilKnown;
@@ -43,13 +52,16 @@ bool runsUnattended(pid_t pid) noexcept {
 
 }  // namespace
 
-Flock::Flock(Shepherd& shepherd)
-    : lock_(thread::Normal), cond_(lock_), thread_("process collector", &shepherd) {
+Flock::Flock(Shepherd& shepherd, Reaping reaping)
+    : lock_(thread::Normal),
+      cond_(lock_),
+      watch_(Watch::make(reaping)),
+      thread_("process collector", &shepherd) {
   records_.reserve();
 }
 
-std::shared_ptr<Flock> Flock::make(Shepherd& shepherd) {
-  return {new Flock(shepherd), [](Flock* flock) {
+std::shared_ptr<Flock> Flock::make(Shepherd& shepherd, Reaping reaping) {
+  return {new Flock(shepherd, reaping), [](Flock* flock) {
             if (!flock->isInherited()) delete flock;
           }};
 }
@@ -81,16 +93,14 @@ void Flock::stop() {
   reporting([&] { reapSentinel(sentinel); });
 }
 
-/// Gives the run to join: one that begins later is not the caller's business. The collector may sit in
-/// waitid() until the next child ends, so one that ends at once is made for it. Should that be refused, the
-/// next real child has to do.
+/// Gives the run to join: one that begins later is not the caller's business. The collector may sit in its
+/// look until the next child ends, which has to do if it cannot be interrupted.
 thread::Run Flock::tellToEnd(pid_t& sentinel) {
   const Guard guard(cond_);
   if (isBuried()) return {};
   if (phase_ == Phase::Serving) {
     phase_ = Phase::Stopping;
-    if (records_.anyRuns()) sentinel = sentinel_ = ::fork();
-    if (sentinel == 0) ::_exit(0);
+    if (records_.anyRuns()) sentinel = sentinel_ = watch_->interrupt();
   }
   thread_.requestReturn();
   return thread::Run::of(thread_);
@@ -109,27 +119,76 @@ void Flock::expectNoLock() {
   thread_.requestRun();
 }
 
-std::uint64_t Flock::addNoLock(pid_t pid, Child* child) { return records_.add(pid, child); }
+std::uint64_t Flock::addNoLock(pid_t pid, Child* child) {
+  sys::Descriptor handle;
+  watch_->add(pid, handle, /*alone=*/!records_.anyRuns());
+  return records_.add(pid, child, std::move(handle));
+}
 
 bool Flock::wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number) {
   const bool isCollector = runsHere();
   const Guard guard(cond_);
   const auto deadline = deadlineAfter(timeout);
   while (!records_.fetch(pid, number, status)) {
-    if (isCollector) {
-      raiseAt({"src/proc/Shepherd", 124, "wait"}, RuntimeError("need no lock but my result's not there?!"));
-    }
-    if (phase_ == Phase::Ended) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
-    if (number != Records::latest && !records_.runs(pid, number)) {
-      raiseAt(KES_HERE, RuntimeError("The process collector does not know this child"));
-    }
+    requireEndInSight(pid, number, isCollector);
     const Waiter waiter(records_, lock_, pid, number);
     if (!deadline) {
       waiter.arrived().wait();
     } else if (!waiter.arrived().waitTimed(*deadline)) {
       return false;
     }
+    if (take(waiter, pid, status, number)) break;
   }
+  return true;
+}
+
+bool Flock::waitFor(pid_t pid, int& status, const time::Milliseconds& timeout, std::uint64_t number) {
+  const bool isCollector = runsHere();
+  const Guard guard(cond_);
+  const auto deadline = time::MonotonicClock() + time::boundedWait(timeout);
+  while (!records_.fetch(pid, number, status)) {
+    requireEndInSight(pid, number, isCollector);
+    const Waiter waiter(records_, lock_, pid, number);
+    if (!await(waiter, deadline)) return false;
+    if (take(waiter, pid, status, number)) break;
+  }
+  return true;
+}
+
+/// The waiter is there from before the first signal, so that another one cannot take the status away unseen.
+int Flock::terminate(pid_t pid, const time::Milliseconds& grace, std::uint64_t number) {
+  const bool isCollector = runsHere();
+  int status = 0;
+  const Guard guard(cond_);
+  const auto deadline = time::MonotonicClock() + time::boundedWait(grace);
+  if (records_.fetch(pid, number, status)) return status;
+  requireEndInSight(pid, number, isCollector);
+  const Waiter waiter(records_, lock_, pid, number);
+  signal::Sender::signalProc(SIGTERM, pid);
+  const bool hasEnded = await(waiter, deadline) || !records_.runs(pid, number);
+  if (!hasEnded) signal::Sender::signalProc(SIGKILL, pid);
+  while (!waiter.isWoken()) waiter.arrived().wait();
+  if (!take(waiter, pid, status, number)) requireEndInSight(pid, number, isCollector);
+  return status;
+}
+
+/// Raises an error where nobody will see this child's end.
+void Flock::requireEndInSight(pid_t pid, std::uint64_t number, bool isCollector) {
+  if (isCollector) {
+    raiseAt({"src/proc/Shepherd", 124, "wait"}, RuntimeError("need no lock but my result's not there?!"));
+  }
+  if (phase_ == Phase::Ended) raiseAt(KES_HERE, RuntimeError("The process collector has ended"));
+  if (number != Records::latest && !records_.runs(pid, number)) {
+    raiseAt(KES_HERE, RuntimeError("The process collector does not know this child"));
+  }
+}
+
+/// A child's status is for all who wait for it; that of a number is for one.
+bool Flock::take(const Waiter& waiter, pid_t pid, int& status, std::uint64_t number) {
+  if (number == Records::latest || !waiter.status()) return false;
+  status = *waiter.status();
+  int sameHere = 0;
+  records_.fetch(pid, number, sameHere);
   return true;
 }
 

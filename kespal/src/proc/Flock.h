@@ -13,6 +13,7 @@
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Milliseconds.h"
 #include "proc/Records.h"
+#include "proc/Watch.h"
 #include "thread/PerProcess.h"
 #include "thread/Run.h"
 
@@ -26,7 +27,7 @@ class Flock : public thread::ProcessBound {
  public:
   using Guard = Shepherd::Guard;
 
-  static std::shared_ptr<Flock> make(Shepherd& shepherd);
+  static std::shared_ptr<Flock> make(Shepherd& shepherd, Reaping reaping);
   static const std::shared_ptr<Flock>& of(const Shepherd& shepherd) noexcept { return shepherd.flock_; }
 
   const thread::Condition& condition() const noexcept KES_RETURNS_LOCK(cond_) { return cond_; }
@@ -38,6 +39,9 @@ class Flock : public thread::ProcessBound {
   std::uint64_t addNoLock(pid_t pid, Child* child) KES_REQUIRES(cond_);
   bool wait(pid_t pid, int& status, const time::Milliseconds* timeout, std::uint64_t number);
   void checkCB(pid_t pid, Guard& guard);
+  // As Child has them.
+  bool waitFor(pid_t pid, int& status, const time::Milliseconds& timeout, std::uint64_t number);
+  int terminate(pid_t pid, const time::Milliseconds& grace, std::uint64_t number);
   /// The collector's body.
   void collect();
 
@@ -74,14 +78,19 @@ class Flock : public thread::ProcessBound {
     using CoopThread::requestPauseIfRun;
   };
 
-  explicit Flock(Shepherd& shepherd);
+  Flock(Shepherd& shepherd, Reaping reaping);
   ~Flock() = default;
+
+  void requireEndInSight(pid_t pid, std::uint64_t number, bool isCollector) KES_REQUIRES(cond_);
+  bool take(const Waiter& waiter, pid_t pid, int& status, std::uint64_t number) KES_REQUIRES(cond_);
 
   thread::Run tellToEnd(pid_t& sentinel);
   void reapSentinel(pid_t sentinel);
   bool awaitWork();
   void reapSome();
   void waitFailed(int errnum);
+  void sweep();
+  bool findEnded(siginfo_t& ended) KES_EXCLUDES(cond_);
   void reap(const siginfo_t& ended) KES_EXCLUDES(cond_);
   bool isOurs(pid_t pid) KES_REQUIRES(cond_);
   bool file(pid_t pid, int status, Guard& guard);
@@ -93,6 +102,7 @@ class Flock : public thread::ProcessBound {
 
   thread::Lock lock_;
   thread::Condition cond_;
+  const std::unique_ptr<Watch> watch_;
 
   // Guarded by the lock.
   Records records_ KES_GUARDED_BY(cond_);

@@ -16,14 +16,25 @@ using thread::CoopThread;
 
 namespace {
 
-/// Whether the system tells nothing of this child.
-bool isLost(pid_t pid) noexcept {
+/// Asks the system for this child, as waitid() does.
+int ask(pid_t pid, siginfo_t& state) noexcept {
   const sys::NoCancel untilKnown;
-  siginfo_t state{};
   const auto look = [&] {
     return ::waitid(P_PID, static_cast<id_t>(pid), &state, WEXITED | WNOHANG | WNOWAIT);
   };
-  return sys::retry(look) == -1;
+  return sys::retry(look);
+}
+
+/// Whether the system tells nothing of this child.
+bool isLost(pid_t pid) noexcept {
+  siginfo_t state{};
+  return ask(pid, state) == -1;
+}
+
+/// Whether it has ended, and how.
+bool hasEnded(pid_t pid, siginfo_t& ended) noexcept {
+  ended.si_pid = 0;
+  return ask(pid, ended) == 0 && ended.si_pid != 0;
 }
 
 /// The status as waitpid() tells it.
@@ -57,10 +68,12 @@ void Flock::reapSome() {
   // Only looks: a child that is reaped without the lock would leave its number to the next one before its
   // own status is filed.
   siginfo_t ended{};
-  if (::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) == -1) {
+  if (watch_->look(ended) == -1) {
     waitFailed(errno);
-  } else {
+  } else if (ended.si_pid != 0) {
     reap(ended);
+  } else {
+    sweep();
   }
 }
 
@@ -84,12 +97,28 @@ void Flock::releaseLost() KES_UNCHECKED {
   }
 }
 
+/// Asks for each child that runs.
+void Flock::sweep() {
+  {
+    const Guard guard(cond_);
+    if (phase_ == Phase::Stopping) return;
+  }
+  releaseLost();
+  for (siginfo_t ended{}; findEnded(ended);) reap(ended);
+}
+
+bool Flock::findEnded(siginfo_t& ended) {
+  const Guard guard(cond_);
+  return records_.anyRuns([&ended](pid_t pid) { return hasEnded(pid, ended); });
+}
+
 // The analysis of locks does not follow a guard that is handed on, or may be none.
 
 /// Children often end close together: whoever else has ended by now is taken along, without another look and
 /// another locking. Only so many, as meanwhile nobody can start a child.
 void Flock::reap(const siginfo_t& ended) KES_UNCHECKED {
   Guard guard(cond_);
+  if (!watch_->takesStrangers() && !isOurs(ended.si_pid)) return;
   int status = 0;
   pid_t pid = sys::retry([&] { return ::waitpid(ended.si_pid, &status, WNOHANG); });
   if (pid == 0) return;  // somebody else was faster, and the number is a new child's
@@ -97,7 +126,8 @@ void Flock::reap(const siginfo_t& ended) KES_UNCHECKED {
     if (isOurs(ended.si_pid)) file(ended.si_pid, statusOf(ended), guard);
     return;
   }
-  for (int others = 15; pid > 0 && file(pid, status, guard) && records_.anyRuns() && others > 0; --others) {
+  int others = watch_->takesStrangers() ? 15 : 0;
+  for (; pid > 0 && file(pid, status, guard) && records_.anyRuns() && others > 0; --others) {
     pid = ::waitpid(-1, &status, WNOHANG);
   }
 }

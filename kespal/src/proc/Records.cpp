@@ -19,14 +19,14 @@ void Records::reserve() {
   spare_ = one.extract(one.begin());
 }
 
-std::uint64_t Records::add(pid_t pid, Child* child) {
+std::uint64_t Records::add(pid_t pid, Child* child, sys::Descriptor watch) {
   reserve();
   // Also one without a child, whose waiters will find this one.
   if (const auto last = find(pid, latest); last != records_.end() && !last->second.ended) erase(last);
   const std::uint64_t number = ++registrations;
   Map::node_type node = std::move(spare_);
   node.key() = {pid, number};
-  node.mapped() = Record{.child = child};
+  node.mapped() = Record{.child = child, .watch = std::move(watch)};
   records_.insert(records_.end(), std::move(node));
   ++running_;
   try {
@@ -62,7 +62,7 @@ Records::End Records::end(pid_t pid, int status) {
   }
   found->second.status = status;
   found->second.ended = true;
-  --running_;
+  noteGone(found->second);
   if (!end.isToBeTold) wake(found->second);
   return end;
 }
@@ -100,7 +100,7 @@ bool Records::takeLost(bool (*isLost)(pid_t), Child*& child) {
     if (!runs(*record) || !isLost(record->first.first)) continue;
     child = std::exchange(record->second.child, nullptr);
     record->second.lost = true;
-    --running_;
+    noteGone(record->second);
     wake(record->second);
     if (record->second.abandoned) erase(record);
     return true;
@@ -120,11 +120,17 @@ void Records::wakeAll() {
   }
 }
 
+void Records::noteGone(Record& record) noexcept {
+  record.watch.reset();
+  --running_;
+}
+
 /// What a waiter stands on may be gone when he wakes: he is taken off the list at once.
 void Records::wake(Record& record) {
   while (Waiter* const waiter = record.waiters) {
     record.waiters = waiter->next_;
     waiter->record_ = nullptr;
+    if (record.ended) waiter->status_ = record.status;
     waiter->arrived_.signal();
   }
 }
@@ -132,7 +138,7 @@ void Records::wake(Record& record) {
 /// The memory stays for the next child.
 void Records::erase(Map::iterator record) {
   wake(record->second);
-  if (runs(*record)) --running_;
+  if (runs(*record)) noteGone(record->second);
   spare_ = records_.extract(record);
 }
 

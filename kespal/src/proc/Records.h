@@ -2,12 +2,15 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "kespal/NoCopy.h"
 #include "kespal/thread/Condition.h"
+#include "sys/Owner.h"
 
 namespace kes::proc {
 
@@ -22,6 +25,7 @@ struct Record {
   bool lost = false;          ///< somebody else reaped it
   bool abandoned = false;     ///< nobody will ask for the status
   Waiter* waiters = nullptr;  ///< the first of a list
+  sys::Descriptor watch{};    ///< by which its end is waited for, where that takes one
 };
 
 /// What is known of children: one record for each, under its process id and the number of its registration,
@@ -37,9 +41,16 @@ class Records : NoCopy {
   /// Registers a child that runs, and gives the registration's number. The memory for it is there, unless
   /// there was none when the last one was registered, and no reserve() since. A process with this id exists
   /// now: a child that was still thought to run under it is gone, reaped by somebody else.
-  std::uint64_t add(pid_t pid, Child* child);
+  std::uint64_t add(pid_t pid, Child* child, sys::Descriptor watch);
 
   bool anyRuns() const noexcept { return running_ != 0; }
+  /// Whether one runs, as far as is known here, of which this is true; the first of them ends the search.
+  template <typename Predicate>
+  bool anyRuns(Predicate isTrueOf) const {
+    return std::any_of(records_.begin(), records_.end(), [&](const Map::value_type& record) {
+      return runs(record) && isTrueOf(record.first.first);
+    });
+  }
   /// Whether this child has not been reaped yet.
   bool runs(pid_t pid, std::uint64_t number);
 
@@ -75,6 +86,7 @@ class Records : NoCopy {
   using Map = std::map<std::pair<pid_t, std::uint64_t>, Record>;
 
   static bool runs(const Map::value_type& record) noexcept;
+  void noteGone(Record& record) noexcept;
   Map::iterator find(pid_t pid, std::uint64_t number);
 
   void erase(Map::iterator record);
@@ -93,6 +105,9 @@ class Waiter : NoCopy {
   ~Waiter();
 
   const thread::Condition& arrived() const noexcept { return arrived_; }
+  bool isWoken() const noexcept { return record_ == nullptr; }
+  /// The status of the child, if it was woken for that: the record may be another waiter's by now.
+  const std::optional<int>& status() const noexcept { return status_; }
 
  private:
   friend class Records;
@@ -103,6 +118,7 @@ class Waiter : NoCopy {
   std::uint64_t number_ = Records::latest;
   Record* record_ = nullptr;  ///< in whose list this is; null once it was woken
   Waiter* next_ = nullptr;
+  std::optional<int> status_;
 };
 
 }  // namespace kes::proc

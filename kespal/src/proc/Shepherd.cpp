@@ -5,7 +5,9 @@
 
 namespace kes::proc {
 
-Shepherd::Shepherd() : flock_(Flock::make(*this)) {}
+Shepherd::Shepherd() : Shepherd(Reaping::EveryChild) {}
+
+Shepherd::Shepherd(Reaping reaping) : reaping_(reaping), flock_(Flock::make(*this, reaping)) {}
 
 Shepherd::~Shepherd() {  // NOLINT(bugprone-exception-escape)
   const sys::NoCancel untilEnded;
@@ -13,7 +15,7 @@ Shepherd::~Shepherd() {  // NOLINT(bugprone-exception-escape)
 }
 
 void Shepherd::start() {
-  if (flock_->isInherited()) flock_ = Flock::make(*this);
+  if (flock_->isInherited()) flock_ = Flock::make(*this, reaping_);
   flock_->start();
 }
 

@@ -9,9 +9,13 @@
 #include "support/Calls.h"
 #include "support/NoMemory.h"
 
+#ifndef KES_TEST_REAPING
+#define KES_TEST_REAPING EveryChild
+#endif
+
 namespace kes::test {
 
-Collecting::Collecting() {
+Collecting::Collecting() : shepherd(proc::Reaping::KES_TEST_REAPING) {
   time::ClockBase::init();
   shepherd.start();
 }

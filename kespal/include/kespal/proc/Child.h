@@ -17,6 +17,7 @@
 #include "kespal/NoCopy.h"
 #include "kespal/UserInfo.h"
 #include "kespal/error/Site.h"
+#include "kespal/proc/ExitStatus.h"
 #include "kespal/proc/StartFailure.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/time/Milliseconds.h"
@@ -28,8 +29,11 @@ namespace kes::proc {
 class KES_HIDDEN Flock;
 class KES_HIDDEN Program;
 class Shepherd;
-class StartNote;
-struct Identity;
+class KES_HIDDEN StartNote;
+struct KES_HIDDEN Identity;
+struct Output;
+struct OutputOptions;
+enum class Reaping : std::uint8_t;
 
 /// A program to start, as a child process or in place of this one, and the child while it runs. An object is
 /// used by one thread at a time; several objects by as many threads as you like. Its end neither waits for
@@ -37,8 +41,8 @@ struct Identity;
 ///
 /// Children are reaped by the one process collector (Shepherd). While one of them runs it reaps EVERY child
 /// of the process, also those of popen(), system() and forks of your own, whose statuses are then lost: start
-/// such programs by a Child as well. The first create() makes the collector, and with it a SIGCHLD that the
-/// process ignores gets its default action, for good.
+/// such programs by a Child as well, or tell it to leave them alone (setReaping()). The first create() makes
+/// the collector, and with it a SIGCHLD that the process ignores gets its default action, for good.
 ///
 /// A fork without exec has a copy of the object and not the child: there pid() is only a number, wait()
 /// raises RuntimeError, kill() and term() raise NoSuchProcessError, and create() starts a child of its own.
@@ -138,6 +142,21 @@ class Child : NoCopy {
   void kill(const int& signal = SIGKILL);
   void term(const int& signal = SIGTERM);  ///< kill() with another default
 
+  /// The same as wait(true, timeout), by the monotonic clock.
+  ExitState waitFor(const time::Milliseconds& timeout);
+  /// Ends the child, and waits for that: SIGTERM, and SIGKILL if it still runs when `grace` has passed by the
+  /// monotonic clock. Gives its status, also when it had ended before: then nothing is signalled. Another
+  /// thread may be in wait(); both get the status. UsageError when there is no child; RuntimeError as wait()
+  /// raises it, and with the same consequence; before SIGTERM, if there was a reason already. OsError
+  /// (EINVAL) before the clocks were made ready (ClockBase::init(), KesPal), and (EPERM) for a program of
+  /// another user; NoSuchProcessError when somebody else has reaped it: the child stays as it was. Who is
+  /// cancelled within the grace has sent SIGTERM only.
+  ExitStatus terminate(const time::Milliseconds& grace);
+  /// Which children the collector reaps, once there is one: for a program that needs the statuses of
+  /// system(), popen() and the like (Shepherd.h). Call before the first child, or after Child::exit();
+  /// UsageError while there is a collector. A fork keeps the choice.
+  static void setReaping(Reaping reaping);
+
   /// The running child's process id; -1 when there is none.
   pid_t pid() const noexcept { return pid_; }
 
@@ -159,11 +178,14 @@ class Child : NoCopy {
 
  private:
   friend class Flock;
+  friend Output captureOutput(Child& child, const OutputOptions& options);
 
   static std::shared_ptr<Flock> collector();
   void released();
   void fork(const Program& program);
   void signal(const Site& site, int signal) const;
+  void forget();
+  void createOver(int in, int out, int err);
   bool isOfThisProcess() const noexcept;
 
   std::list<std::string> environment_;
@@ -182,6 +204,7 @@ class Child : NoCopy {
   bool searchesOwnPath_ = false;
   std::shared_ptr<const Identity> user_;  // null: this process's
   std::shared_ptr<StartNote> note_;       // of the last child
+  bool keepsCloseOnExec_ = false;
 };
 
 /// "finished: " and 0 or 1, "killed: " and 0 or 1 on a second line, and for a child that ended by itself

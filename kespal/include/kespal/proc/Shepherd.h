@@ -1,5 +1,6 @@
 #pragma once  // since 0.1
 
+#include <cstdint>
 #include <memory>
 
 #include "kespal/Export.h"
@@ -16,11 +17,22 @@ namespace kes::proc {
 class Child;
 class KES_HIDDEN Flock;
 
+/// Which children a collector reaps.
+enum class Reaping : std::uint8_t {
+  EveryChild,  ///< every child of the process: no zombie is left, whoever has started it
+  Registered   ///< those that were registered; for programs whose parts start children in other ways
+};
+
 /// The process collector: the one place that reaps children. While children are registered its thread waits
 /// for ANY child of this process. One that nobody registered (of popen(), system(), a fork of your own) is
 /// reaped, reported on standard error, and its status lost: whoever started it then gets ECHILD from
 /// waitpid(). A program that needs such statuses starts those programs by Child, too, or while no child
-/// is registered. Any thread may call.
+/// is registered, or has a collector of Reaping::Registered, which leaves them alone. Any thread may call.
+///
+/// A collector of Reaping::Registered holds two descriptors and, on Linux, one more for each child that runs,
+/// all close-on-exec; a plain fork has copies of them. When the system has none left, or cannot watch a child
+/// by one (Linux before 5.4), it asks for its children every 20 ms until no child runs any more. It makes no
+/// child to be stopped by.
 ///
 /// Lock order: the collector's lock, then its thread's own, never the other way round. A collector belongs
 /// to the process that made it: in a fork of that process its end and stop() do nothing, and start() begins
@@ -31,6 +43,8 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
 
   /// OsError (ENOMEM, EAGAIN) when the system has no lock or condition left.
   Shepherd();
+  /// The same, and OsError (EMFILE, ENFILE, ENOMEM) for what Reaping::Registered needs.
+  explicit Shepherd(Reaping reaping);
   /// Stops it, if nobody did.
   ~Shepherd();  // NOLINT(bugprone-exception-escape): ends the program then
 
@@ -70,6 +84,7 @@ class Shepherd final : public ::kes::thread::CoopThread::ICoopThread, NoCopy {
  private:
   friend class Flock;
 
+  const Reaping reaping_;
   std::shared_ptr<Flock> flock_;
 };
 

@@ -16,6 +16,7 @@
 #include "os/posix/proc/StartNote.h"
 #include "proc/Flock.h"
 #include "signal/Pending.h"
+#include "sys/AtEnd.h"
 
 namespace kes::proc {
 
@@ -34,7 +35,8 @@ void Child::create(bool inPlace) {
   }
   if (!inPlace) note_ = nullptr;
   for (int fd : {stdoutFd_, stderrFd_, stdinFd_}) {
-    if (fd != -1) check({"src/os/posix/proc/Child", 97, "create"}, ::fcntl(fd, F_SETFD, 0));
+    if (fd != -1 && !keepsCloseOnExec_)
+      check({"src/os/posix/proc/Child", 97, "create"}, ::fcntl(fd, F_SETFD, 0));
   }
   const Program program({.arguments = arguments_,
                          .environment = environment_,
@@ -62,6 +64,22 @@ std::optional<StartFailure> Child::startFailure() const noexcept {
   return note_ ? note_->read() : std::nullopt;
 }
 
+/// Starts the program with streams that no other program is to inherit: each is a copy in the child, which is
+/// not close-on-exec. They must not have the numbers of streams.
+void Child::createOver(int in, int out, int err) {
+  const sys::AtEnd restoring([this, stdinFd = stdinFd_, stdoutFd = stdoutFd_, stderrFd = stderrFd_] {
+    stdinFd_ = stdinFd;
+    stdoutFd_ = stdoutFd;
+    stderrFd_ = stderrFd;
+    keepsCloseOnExec_ = false;
+  });
+  stdinFd_ = in;
+  stdoutFd_ = out;
+  stderrFd_ = err;
+  keepsCloseOnExec_ = true;
+  create();
+}
+
 /// The collector's lock is held from before the fork until the child is registered. Nothing of this object
 /// is touched once it is free: the child's end may already have destroyed it.
 void Child::fork(const Program& program) {
@@ -84,15 +102,48 @@ Child::ExitState Child::wait(bool timed, const time::Milliseconds& timeout) {
   ExitState state{0, false};
   try {
     if (!isOfThisProcess()) raiseAt(KES_HERE, RuntimeError("There is no process collector"));
-    state.finished = flock_->wait(pid_, state.status, timed ? &timeout : nullptr, registration_);
+    state.finished = flock_->wait(registeredPid_, state.status, timed ? &timeout : nullptr, registration_);
   } catch (const std::exception&) {
-    pid_ = -1;
-    // The next child of this object is registered in its place, and its end would find no record of this one.
-    if (isOfThisProcess()) flock_->forget(registeredPid_, registration_);
+    forget();
     throw;
   }
   if (state.finished) pid_ = -1;
   return state;
+}
+
+Child::ExitState Child::waitFor(const time::Milliseconds& timeout) {
+  if (pid_ == -1) raiseAt(KES_HERE, UsageError("tried to wait on non-existent child"));
+  ExitState state{0, false};
+  try {
+    if (!isOfThisProcess()) raiseAt(KES_HERE, RuntimeError("There is no process collector"));
+    state.finished = flock_->waitFor(registeredPid_, state.status, timeout, registration_);
+  } catch (const std::exception&) {
+    forget();
+    throw;
+  }
+  if (state.finished) pid_ = -1;
+  return state;
+}
+
+/// A child that cannot be signalled is still there.
+ExitStatus Child::terminate(const time::Milliseconds& grace) {
+  if (pid_ == -1) raiseAt(KES_HERE, UsageError("Tried to terminate a child that does not exist"));
+  int status = 0;
+  try {
+    if (!isOfThisProcess()) raiseAt(KES_HERE, RuntimeError("There is no process collector"));
+    status = flock_->terminate(registeredPid_, grace, registration_);
+  } catch (const RuntimeError&) {
+    forget();
+    throw;
+  }
+  pid_ = -1;
+  return ExitStatus(status);
+}
+
+/// The next child of this object is registered in its place, and its end would find no record of this one.
+void Child::forget() {
+  pid_ = -1;
+  if (isOfThisProcess()) flock_->forget(registeredPid_, registration_);
 }
 
 int leadNewProcessGroup() noexcept {
