@@ -9,7 +9,10 @@
 #include <cstdio>
 #include <new>
 
+#include "deadline.h"
 #include "kespal/os/thread/Native.h"
+#include "keyed_waits.h"
+#include "limited_waits.h"
 #include "mutex_guard.h"
 #include "semaphores.h"
 #include "sync_handle.h"
@@ -52,26 +55,42 @@ void setLocal(KesOsEvent& event) {
 }
 
 /// Waits for the next setting, which is everyone's: the flag may be cleared again by another waiter.
-/// @return 0, ETIMEDOUT or an error number
-int awaitSetting(KesOsEvent& event, unsigned int timeoutMs) {
+/// `wait` waits once for the condition, and gives 0, ETIMEDOUT or an error number, as does this.
+template <typename Wait>
+int awaitSetting(const KesOsEvent& event, Wait wait) {
   const std::uint32_t generation = event.generation;
-  timespec deadline{};
-  if (timeoutMs != infinite) setTimespec(&deadline, timeoutMs);
   int errnum = 0;
-  while (errnum == 0 && event.generation == generation) {
-    errnum = timeoutMs == infinite ? kes::os::waitOn(event.condition, event.mutex)
-                                   : kes::os::waitUntil(event.condition, event.mutex, deadline);
-  }
+  while (errnum == 0 && event.generation == generation) errnum = wait();
   return errnum;
 }
 
-int waitLocal(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
+template <typename Wait>
+int waitLocal(KesOsEvent& event, unsigned int* state, Wait wait) {
   waitResult(state, failed, 0);
   const MutexGuard guard(event.mutex);
-  const int errnum = event.signalled != 0 ? 0 : awaitSetting(event, timeoutMs);
-  if (errnum != 0) return waitResult(state, errnum == ETIMEDOUT ? timedOut : failed, 0);
+  const int errnum = event.signalled != 0 ? 0 : awaitSetting(event, wait);
+  if (errnum != 0) {
+    errno = errnum;
+    return waitResult(state, errnum == ETIMEDOUT ? timedOut : failed, 0);
+  }
   event.signalled = 0;
   return waitResult(state, signalled, 1);
+}
+
+int waitByCalendar(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
+  return waitLocal(event, state, [&, deadline = timespec{}]() mutable {
+    if (timeoutMs == infinite) return kes::os::waitOn(event.condition, event.mutex);
+    if (deadline.tv_sec == 0) setTimespec(&deadline, timeoutMs);
+    return kes::os::waitUntil(event.condition, event.mutex, deadline);
+  });
+}
+
+int waitBySteadyClock(KesOsEvent& event, unsigned int timeoutMs, unsigned int* state) {
+  return waitLocal(event, state, [&, end = Deadline(timeoutMs)] {
+    if (timeoutMs == infinite) return kes::os::waitOn(event.condition, event.mutex);
+    const int errnum = kes::os::waitWithin(event.condition, event.mutex, end.rest());
+    return errnum == ETIMEDOUT && !end.isOver() ? 0 : errnum;
+  });
 }
 
 // strerror_r() comes in two forms: one returns the text, the other puts it into the buffer and returns 0.
@@ -92,6 +111,13 @@ void reportFailedSet(const KesOsEvent* event, int errnum) {
 }  // namespace
 
 int KesOsEventCreate(KesOsEvent** out, unsigned int key) { return createHandle(out, key, 0, 'E', initLocal); }
+
+int KesOsEventCreateEx(KesOsEvent** out, unsigned int key, int* created) {
+  bool isNew = false;
+  if (createHandle(out, key, 0, 'E', initLocal, isNew) == 0) return 0;
+  if (created != nullptr) *created = isNew ? 1 : 0;
+  return 1;
+}
 
 int KesOsEventOpen(KesOsEvent** out, unsigned int key) { return openHandle(out, key, 'E'); }
 
@@ -118,5 +144,13 @@ int KesOsEventReset(KesOsEvent* event) {
 int KesOsEventWait(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state) {
   if (!isHandle(event)) return waitResult(state, failed, 0);
   if (event->kind == Kind::keyed) return KesOsWait(event->semid, timeoutMs, state);
-  return waitLocal(*event, timeoutMs, state);
+  return waitByCalendar(*event, timeoutMs, state);
+}
+
+int KesOsEventWaitEx(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state) {
+  if (!isHandle(event)) return waitResult(state, failed, failWith(EINVAL));
+  if (event->kind == Kind::local) return waitBySteadyClock(*event, timeoutMs, state);
+  const WaitState outcome =
+      waitKeyed(event->semid, timeoutMs, std::chrono::hours(1), [](int) { return false; });
+  return waitResult(state, outcome, outcome == signalled ? 1 : 0);
 }

@@ -1,8 +1,12 @@
 #include "ipc.h"
 
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include "kesos/ipc.h"
+#include "paths.h"
+#include "usage_table.h"
 
 int ipc_default_mode = 0666;
 unsigned int ipc_default_uid = 0xFFFFFFFF;
@@ -32,4 +36,20 @@ void fillOwner(ipc_perm& permissions) noexcept {
   permissions.mode = static_cast<decltype(permissions.mode)>(ipc_default_mode);
 }
 
+bool setSegmentOwner(int shmid) noexcept {
+  if (!ownerWanted()) return true;
+  shmid_ds state{};
+  fillOwner(state.shm_perm);
+  return ::shmctl(shmid, IPC_SET, &state) == 0;
+}
+
 }  // namespace kes::kesos
+
+int KesOsRemoveKeyed(unsigned int key) {
+  using namespace kes::kesos;
+  if (key == 0) return failWith(EINVAL);
+  const int semid = ::semget(static_cast<key_t>(key), 0, 0);
+  if (semid < 0 || ::semctl(semid, 0, IPC_RMID) != 0) return 0;
+  forgetTheDead();
+  return 1;
+}

@@ -25,4 +25,7 @@ bool ownerWanted() noexcept;
 /// Enters the owner and the permission bits that new objects get.
 void fillOwner(ipc_perm& permissions) noexcept;
 
+/// Gives a new segment the owner that is wanted.
+bool setSegmentOwner(int shmid) noexcept;
+
 }  // namespace kes::kesos

@@ -89,13 +89,6 @@ int unmapFile(KesOsMmf& mapping) {
 
 // --- segments
 
-bool setSegmentOwner(int shmid) {
-  if (!kes::kesos::ownerWanted()) return true;
-  shmid_ds state{};
-  kes::kesos::fillOwner(state.shm_perm);
-  return ::shmctl(shmid, IPC_SET, &state) == 0;
-}
-
 bool attach(KesOsMmf& mapping) {
   void* address = ::shmat(mapping.shmid, nullptr, 0);
   if (reinterpret_cast<std::intptr_t>(address) == -1) return false;
@@ -130,7 +123,7 @@ int openSegment(KesOsMmf& mapping, key_t key) {
 }
 
 int prepareSegment(KesOsMmf& mapping) {
-  if (!setSegmentOwner(mapping.shmid) || !attach(mapping) || !measure(mapping)) {
+  if (!kes::kesos::setSegmentOwner(mapping.shmid) || !attach(mapping) || !measure(mapping)) {
     return abandonSegment(mapping, true);
   }
   mapping.created = 1;

@@ -2,10 +2,16 @@
 
 #include <pthread.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 
+#include "deadline.h"
+#include "holders.h"
+#include "keyed_waits.h"
+#include "limited_waits.h"
 #include "semaphores.h"
 #include "sync_handle.h"
 
@@ -37,9 +43,41 @@ bool initLocal(KesOsMutex& mutex) {
   std::exit(1);
 }
 
+WaitState lockLocal(pthread_mutex_t& mutex, unsigned int timeoutMs) {
+  int errnum = ETIMEDOUT;
+  if (timeoutMs == infinite) {
+    errnum = ::pthread_mutex_lock(&mutex);
+  } else {
+    const Deadline end(timeoutMs);
+    do {
+      errnum = kes::os::lockWithin(mutex, end.rest());
+    } while (errnum == ETIMEDOUT && !end.isOver());
+  }
+  if (errnum == 0) return signalled;
+  errno = errnum;
+  return errnum == ETIMEDOUT ? timedOut : failed;
+}
+
+/// In a wait the holder is looked at ten times a second.
+WaitState lockKeyed(int semid, unsigned int timeoutMs) {
+  if (!joinHolders()) return failed;
+  const WaitState outcome = waitKeyed(semid, timeoutMs, std::chrono::milliseconds(100), lockOfDead);
+  if (outcome == signalled || outcome == holderDied) noteHolder(semid);
+  return outcome;
+}
+
 }  // namespace
 
 int KesOsMutexCreate(KesOsMutex** out, unsigned int key) { return createHandle(out, key, 1, 'M', initLocal); }
+
+int KesOsMutexCreateEx(KesOsMutex** out, unsigned int key, int* created) {
+  bool isNew = false;
+  if (key != 0 && !joinHolders()) return noHandle(out);
+  if (createHandle(out, key, 1, 'M', initLocal, isNew) == 0) return 0;
+  if (!isNew) isNew = finishForDead((*out)->semid);
+  if (created != nullptr) *created = isNew ? 1 : 0;
+  return 1;
+}
 
 int KesOsMutexOpen(KesOsMutex** out, unsigned int key) { return openHandle(out, key, 'M'); }
 
@@ -53,6 +91,13 @@ int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* stat
   if (timeoutMs != infinite) refuseTimeout();
   return ::pthread_mutex_lock(&mutex->mutex) == 0 ? waitResult(state, signalled, 1)
                                                   : waitResult(state, failed, 0);
+}
+
+int KesOsMutexWaitEx(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state) {
+  if (!isHandle(mutex)) return waitResult(state, failed, failWith(EINVAL));
+  const WaitState outcome =
+      mutex->kind == Kind::keyed ? lockKeyed(mutex->semid, timeoutMs) : lockLocal(mutex->mutex, timeoutMs);
+  return waitResult(state, outcome, outcome == signalled || outcome == holderDied ? 1 : 0);
 }
 
 int KesOsMutexRelease(KesOsMutex* mutex) {

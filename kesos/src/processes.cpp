@@ -12,19 +12,17 @@
 #include <new>
 
 #include "command_line.h"
+#include "deadline.h"
 #include "kespal/os/posix/proc/Start.h"
 #include "kespal/signal/Set.h"
+#include "limited_waits.h"
 #include "paths.h"
+#include "process_handle.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
 #include "sys/Retry.h"
 
 using kes::kesos::CommandLine;
-
-struct KesOsProcess {
-  pid_t pid;   ///< 0 once the process has been reaped
-  int status;  ///< as waitpid() reports it
-};
 
 namespace {
 
@@ -32,11 +30,26 @@ pid_t waitFor(pid_t pid, int& status, int options) {
   return kes::sys::retry([&] { return ::waitpid(pid, &status, options); });
 }
 
+/// Asks for the child's end, which is noted then. As waitpid() has it: 0 when it runs, -1 with errno.
+pid_t askFor(KesOsProcess& process, int options) {
+  const pid_t answer = waitFor(process.pid, process.status, options);
+  if (answer == process.pid) process.pid = 0;
+  return answer;
+}
+
 /// Whether the process has ended, which is noted then.
-bool hasEnded(KesOsProcess& process) {
-  if (waitFor(process.pid, process.status, WNOHANG) != process.pid) return false;
-  process.pid = 0;
-  return true;
+bool hasEnded(KesOsProcess& process) { return askFor(process, WNOHANG) > 0; }
+
+/// Waits for the child's end until the time is over; false with errno.
+bool awaitEnd(KesOsProcess& process, unsigned int timeoutMs) {
+  if (timeoutMs == kes::kesos::infinite) return askFor(process, 0) > 0;
+  const kes::kesos::Deadline end(timeoutMs);
+  for (;;) {
+    const pid_t answer = askFor(process, WNOHANG);
+    if (answer != 0) return answer > 0;
+    if (end.isOver()) return kes::kesos::failWith(ETIMEDOUT) != 0;
+    kes::os::watchChild(process.pid, end.rest());
+  }
 }
 
 // Until a child is the program or cannot be, it makes only calls that are safe in a process whose other
@@ -132,6 +145,7 @@ int startChild(const CommandLine& commandLine, KesOsProcess** out) {
   };
   process->pid = kes::os::startChild(becomeIt, becomeItOrFail, const_cast<CommandLine*>(&commandLine),
                                      argumentsOf(commandLine));
+  process->id = process->pid;
   if (process->pid < 0) return 0;
   *out = process.release();
   return 1;
@@ -162,6 +176,25 @@ int KesOsProcessWait(KesOsProcess* process, unsigned int* exitCode) {
 int KesOsTerminateProcess(KesOsProcess* process) {
   if (process == nullptr || process->pid == 0 || hasEnded(*process)) return 0;
   return ::kill(process->pid, SIGTERM) == 0 ? 1 : 0;
+}
+
+int KesOsProcessId(const KesOsProcess* process) { return process != nullptr ? process->id : 0; }
+
+int KesOsProcessWaitEx(KesOsProcess* process, unsigned int timeoutMs, unsigned int* exitCode, int* signal) {
+  if (process == nullptr) return kes::kesos::failWith(EINVAL);
+  if (process->pid != 0 && !awaitEnd(*process, timeoutMs)) return 0;
+  const bool signalled = WIFSIGNALED(process->status);
+  if (exitCode != nullptr)
+    *exitCode = signalled ? 0 : static_cast<unsigned int>(WEXITSTATUS(process->status));
+  if (signal != nullptr) *signal = signalled ? WTERMSIG(process->status) : 0;
+  return 1;
+}
+
+int KesOsProcessClose(KesOsProcess* process) {
+  if (process == nullptr) return 0;
+  if (process->pid != 0) hasEnded(*process);
+  delete process;
+  return 1;
 }
 
 int KesOsCloseHdl(int fd) { return ::close(fd) == 0 ? 1 : 0; }

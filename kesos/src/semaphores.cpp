@@ -66,10 +66,11 @@ Outcome prepareAndCount(int semid, bool keyed, int initialValue) {
   return countUse(semid, keyed) ? lookAgain(semid) : Outcome::failed;
 }
 
-Outcome createAndCount(int& semid, key_t key, int initialValue) {
+Outcome createAndCount(int& semid, key_t key, int initialValue, bool& isNew) {
   const bool keyed = key != IPC_PRIVATE;
   semid = ::semget(key, 1, keyed ? ipc_default_mode | IPC_CREAT | IPC_EXCL : ipc_default_mode);
-  if (semid < 0) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
+  isNew = semid >= 0;
+  if (!isNew) return errno == EEXIST ? openAndCount(semid, key) : Outcome::failed;
   const Outcome outcome = prepareAndCount(semid, keyed, initialValue);
   const kes::sys::KeepErrno whyNotCounted;
   if (outcome != Outcome::counted) removeSemaphore(semid);
@@ -78,11 +79,11 @@ Outcome createAndCount(int& semid, key_t key, int initialValue) {
 
 /// Tries again with the table attached all the while: a semaphore is counted sooner then, and its users who
 /// come and go have less time to remove it before.
-Outcome createAgain(int& semid, key_t key, int initialValue) {
+Outcome createAgain(int& semid, key_t key, int initialValue, bool& isNew) {
   const bool held = kes::kesos::holdUsage();
   Outcome outcome = Outcome::gone;
   for (int tries = 1; outcome == Outcome::gone && tries < kes::kesos::mostTries; ++tries) {
-    outcome = createAndCount(semid, key, initialValue);
+    outcome = createAndCount(semid, key, initialValue, isNew);
   }
   const kes::sys::KeepErrno whyNotCounted;
   if (held) kes::kesos::leaveUsage();
@@ -129,11 +130,8 @@ bool lower(int semid, bool wait) {
 }  // namespace
 
 int KesOsCreate(int* semid, key_t key, int initialValue, char tag) {
-  const Outcome outcome = undisturbed([=] {
-    const Outcome first = createAndCount(*semid, key, initialValue);
-    return first == Outcome::gone ? createAgain(*semid, key, initialValue) : first;
-  });
-  return resultOf(outcome, *semid, tag);
+  bool isNew = false;
+  return kes::kesos::createSemaphore(*semid, key, initialValue, tag, isNew);
 }
 
 int KesOsOpen(int* semid, key_t key, char tag) {
@@ -162,6 +160,14 @@ int KesOsWait(int semid, unsigned int timeoutMs, unsigned int* state) {
 int KesOsSemaphoreVal(int semid) { return ::semctl(semid, 0, GETVAL); }
 
 namespace kes::kesos {
+
+int createSemaphore(int& semid, key_t key, int initialValue, char tag, bool& isNew) {
+  const Outcome outcome = undisturbed([&] {
+    const Outcome first = createAndCount(semid, key, initialValue, isNew);
+    return first == Outcome::gone ? createAgain(semid, key, initialValue, isNew) : first;
+  });
+  return resultOf(outcome, semid, tag);
+}
 
 bool addOne(int semid) {
   sembuf operation{0, 1, 0};

@@ -16,7 +16,7 @@ int KesOsWait(int semid, unsigned int timeoutMs, unsigned int* state);
 namespace kes::kesos {
 
 /// What a wait leaves in the caller's state word.
-enum WaitState : unsigned int { failed = 0, signalled = 1, timedOut = 999 };
+enum WaitState : unsigned int { failed = 0, signalled = 1, holderDied = 2, timedOut = 999 };
 
 /// Timeout of a wait without limit.
 constexpr unsigned int infinite = 0xFFFFFFFF;
@@ -33,6 +33,9 @@ union SemaphoreArgument {
   ::semid_ds* state;
   unsigned short* values;
 };
+
+/// KesOsCreate, which also says whether the semaphore is a new one.
+int createSemaphore(int& semid, key_t key, int initialValue, char tag, bool& isNew);
 
 /// Adds one to the semaphore.
 bool addOne(int semid);

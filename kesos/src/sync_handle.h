@@ -23,6 +23,13 @@ bool isHandle(const Handle* handle) {
   return handle != nullptr && reinterpret_cast<std::uintptr_t>(handle) != UINTPTR_MAX;
 }
 
+/// 0 and a null handle, where a handle was wanted.
+template <typename Handle>
+int noHandle(Handle** out) {
+  if (out != nullptr) *out = nullptr;
+  return 0;
+}
+
 /// Stores a new handle for what `init` made of it; 1, or 0 and a null handle.
 template <typename Handle, typename Init>
 int makeHandle(Handle** out, Init init) {
@@ -36,14 +43,22 @@ int makeHandle(Handle** out, Init init) {
   return 1;
 }
 
-/// The same for a new object: with key 0 a local one, which `initLocal` makes, else one of the key.
+/// The same for a new object: with key 0 a local one, which `initLocal` makes, else one of the key, which may
+/// be there already.
+template <typename Handle, typename Init>
+int createHandle(Handle** out, unsigned int key, int initialValue, char tag, Init initLocal, bool& isNew) {
+  return makeHandle(out, [=, &isNew](Handle& handle) {
+    handle.kind = key != 0 ? Kind::keyed : Kind::local;
+    isNew = true;
+    if (key == 0) return initLocal(handle);
+    return createSemaphore(handle.semid, static_cast<key_t>(key), initialValue, tag, isNew) != 0;
+  });
+}
+
 template <typename Handle, typename Init>
 int createHandle(Handle** out, unsigned int key, int initialValue, char tag, Init initLocal) {
-  return makeHandle(out, [=](Handle& handle) {
-    handle.kind = key != 0 ? Kind::keyed : Kind::local;
-    if (key == 0) return initLocal(handle);
-    return KesOsCreate(&handle.semid, static_cast<key_t>(key), initialValue, tag) != 0;
-  });
+  bool isNew = false;
+  return createHandle(out, key, initialValue, tag, initLocal, isNew);
 }
 
 /// The same for what has the key already.

@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "mutex_guard.h"
 #include "paths.h"
 #include "segments.h"
 
@@ -174,6 +175,12 @@ void leaveUsage() {
 void dropHandle() {
   if (kesos_shm != nullptr) subtractOne(kesos_shm->handles);
   leaveUsage();
+}
+
+// Whoever detaches the table last removes it.
+void forgetTheDead() {
+  const MutexGuard guard(usageMutex());
+  if (sem_counter == nullptr && holdUsage()) leaveUsage();
 }
 
 }  // namespace kes::kesos

@@ -74,4 +74,7 @@ void leaveUsage();
 /// Takes back a handle, and with it such a reference.
 void dropHandle();
 
+/// Removes the table when no process that lives has it attached, and with it what the dead are counted for.
+void forgetTheDead();
+
 }  // namespace kes::kesos

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <glob.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/select.h>

@@ -4,6 +4,8 @@
 
 KESOS_EXPORT_BEGIN
 
+#include "kesos/waits.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -51,6 +53,17 @@ int KesOsEventReset(KesOsEvent* event);
  *     the process is shutting down        -              0, 0
  *     no handle                           0, 0           0, 0 */
 int KesOsEventWait(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state);
+
+/** KesOsEventCreate, which says in *created (which may be null) whether the event is new, and so not set, or
+ * was opened as it is. */
+int KesOsEventCreateEx(KesOsEvent** out, unsigned int key, int* created);
+
+/** Waits until the event is set, and resets it, at most so many milliseconds by a clock that nobody sets: 0
+ * only looks, KESOS_INFINITE has no limit. 1 when it was set; 0 with errno otherwise: ETIMEDOUT
+ * (KESOS_WAIT_TIMED_OUT), EIDRM or EINVAL when a keyed event was removed, EACCES, EINTR when the process is
+ * shutting down and a signal comes, EINVAL for no handle (KESOS_WAIT_FAILED). Signals do not end it. What the
+ * systems do is as with KesOsMutexWaitEx: macOS looks for keyed events every 10 ms. */
+int KesOsEventWaitEx(KesOsEvent* event, unsigned int timeoutMs, unsigned int* state);
 
 #ifdef __cplusplus
 }

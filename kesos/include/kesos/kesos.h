@@ -15,3 +15,4 @@
 #include "kesos/strings.h"
 #include "kesos/threads.h"
 #include "kesos/time.h"
+#include "kesos/waits.h"

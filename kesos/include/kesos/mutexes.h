@@ -4,6 +4,8 @@
 
 KESOS_EXPORT_BEGIN
 
+#include "kesos/waits.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -45,6 +47,40 @@ int KesOsMutexClose(KesOsMutex* mutex);
  * may be null. A keyed wait that a signal interrupts is repeated after 50 ms, unless the process is shutting
  * down before or after them: then it has failed. */
 int KesOsMutexWait(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state);
+
+/* With a limit, and safe from holders that die. Locks of these calls and of those above are the same, by
+ * whatever call they were made, and KesOsMutexRelease gives back both.
+ *
+ * The holder of a keyed mutex is the process that locked it last, by whatever call. It has died when there is
+ * no such process, only its status, or another one with its id: how to tell that is noted by
+ * KesOsMutexWaitEx, so of one that locked with KesOsMutexWait it is not seen when another process was given
+ * its id. What does not go with this: to let another process release what one has locked, and end meanwhile;
+ * to lock, fork(), and go on in the child while the parent ends; to release for a holder that died, by
+ * KesOsMutexRelease, while others are in KesOsMutexWaitEx; processes that do not see each other's ids (pid
+ * namespaces): there nobody is taken for dead. A thread that ends with a lock is not noticed.
+ *
+ * The first call here with a key makes a shared-memory segment of the machine with the key 32778 (0x800A), 4
+ * KB for what is noted about holders. It stays until the machine is restarted. */
+
+/** KesOsMutexCreate, which says in *created (which may be null) whether the mutex is new, and so unlocked, or
+ * was opened as it is. One that another process has just made, but given no value yet, is waited for; after a
+ * second its maker has died, and the mutex is made usable and counts as new. errno also as of shmget() and
+ * shmat(). */
+int KesOsMutexCreateEx(KesOsMutex** out, unsigned int key, int* created);
+
+/** Locks the mutex, within so many milliseconds: 0 tries once, KESOS_INFINITE has no limit. 1 when it is
+ * locked now: *state (which may be null) is KESOS_WAIT_DONE, or KESOS_WAIT_HOLDER_DIED when the holder of a
+ * keyed mutex has died. That is told to one of those who wait, who is the new holder then, and up to 0.1 s
+ * later than it could be; when the new holder dies as well, to the next. 0 with errno otherwise: ETIMEDOUT
+ * (KESOS_WAIT_TIMED_OUT), EIDRM or EINVAL when a keyed mutex was removed, EACCES, EINTR when the process is
+ * shutting down, EINVAL for no handle, and of the segment as above (KESOS_WAIT_FAILED). Signals do not end
+ * it.
+ *
+ * The limit is kept by a clock that nobody sets. On Linux who waits is woken by the release. macOS has
+ * neither semaphores nor mutexes with a limit: there who waits looks every 10 ms, with a last look at the
+ * limit, so that a lock may be had up to 10 ms after it is free, and those in KesOsMutexWait are served
+ * first. */
+int KesOsMutexWaitEx(KesOsMutex* mutex, unsigned int timeoutMs, unsigned int* state);
 
 /** Unlocks the mutex. Releasing a keyed mutex that nobody holds succeeds and changes nothing. */
 int KesOsMutexRelease(KesOsMutex* mutex);

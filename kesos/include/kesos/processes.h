@@ -4,6 +4,10 @@
 
 KESOS_EXPORT_BEGIN
 
+#include <stddef.h>
+
+#include "kesos/waits.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -31,7 +35,7 @@ int KesOsCreateProcessSw(const char* cmd, unsigned int flags);
 /** The same, which tells the exit code; `exitCode` may be null. */
 int KesOsCreateProcessEx(const char* cmd, unsigned int flags, int* exitCode);
 
-/** A child process; freed by KesOsProcessWait, and by nothing else. For one thread at a time. */
+/** A child process; freed by KesOsProcessWait or KesOsProcessClose. For one thread at a time. */
 typedef struct KesOsProcess KesOsProcess;
 
 /** Starts a program without a shell. The command line is taken apart by parseProcessCommandline; the flags
@@ -43,6 +47,48 @@ typedef struct KesOsProcess KesOsProcess;
  * cannot be started then, nobody is told, and no exit handler runs. Either way 0 with errno ENOMEM when there
  * is no memory to take the command line apart, or for the handle; then nothing is forked. */
 int KesOsCreateProcessAsyn(const char* cmd, unsigned long flags, KesOsProcess** out);
+
+/** What a new process gets besides a command line. Begin with KESOS_PROCESS_OPTIONS, and change what is to be
+ * otherwise. New versions of the library may add members at the end: `size` says which this program knows. */
+typedef struct KesOsProcessOptions {
+  size_t size; /**< of this record in bytes */
+  const char* const*
+      arguments; /**< in place of a command line, as they are: the program, its arguments, null */
+  const char* const* environment; /**< NAME=value texts and null; null: this process's environment */
+  const char* directory;          /**< where the program begins; null: where this process is */
+  int standardInput;  /**< descriptors that become its three streams; -1: this process's stream. They */
+  int standardOutput; /**< stay the caller's to close; any may be given twice, or be 0, 1 or 2 */
+  int standardError;
+} KesOsProcessOptions;
+
+#define KESOS_PROCESS_OPTIONS \
+  { sizeof(KesOsProcessOptions), NULL, NULL, NULL, -1, -1, -1 }
+
+/** KesOsCreateProcessAsyn with options (which may be null), and with an answer when the program cannot be
+ * started: 0 with errno, and nothing is left of the child, nor do exit handlers run in it. Either the command
+ * line or the arguments are given. A program without "/" in its name is searched on this process's $PATH; a
+ * relative path begins in the new directory. A file that is no program is run by /bin/sh. The child keeps
+ * descriptors that are not close-on-exec.
+ *
+ * 1 with a handle in *out, or 0 with null. errno: ENOENT when there is no such program or directory, EACCES,
+ * ENOTDIR, ... as of exec and chdir, EBADF for a stream that is not open, EINVAL for no command line or two
+ * or a `size` that no version had, E2BIG for members that this version does not know or arguments that are
+ * too long, EFAULT without `out`, EAGAIN, ENOMEM, EMFILE, ENFILE. */
+int KesOsCreateProcessAsynEx(const char* cmd, const KesOsProcessOptions* options, KesOsProcess** out);
+
+/** The id of the child, also after its end; 0 for a null handle. Once the end was told the id may be another
+ * process's. */
+int KesOsProcessId(const KesOsProcess* process);
+
+/** Waits for the child's end, at most so many milliseconds (0: only looks; KESOS_INFINITE: without limit),
+ * and tells how it ended: its exit status (0 when a signal ended it), and that signal (else 0); both may be
+ * null. The handle stays, and says the same when asked again. The limit is kept by a clock that nobody sets.
+ * 0 with errno: ETIMEDOUT, ECHILD when somebody else has reaped it, EINVAL for a null handle. */
+int KesOsProcessWaitEx(KesOsProcess* process, unsigned int timeoutMs, unsigned int* exitCode, int* signal);
+
+/** Frees the handle and waits for nothing. A child that still runs goes on; when it ends, the system keeps
+ * its status until this process ends or asks for it by waitpid(). 0 for a null handle. */
+int KesOsProcessClose(KesOsProcess* process);
 
 /** Whether the child has not ended yet. One that somebody else has reaped counts as running for ever; only
  * KesOsProcessWait tells. */
