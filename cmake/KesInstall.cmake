@@ -7,7 +7,7 @@ set(made ${PROJECT_BINARY_DIR}/package)
 
 # --- libraries and headers
 foreach(library IN LISTS libraries)
-  install(DIRECTORY ${library}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+  install(DIRECTORY ${library}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
   install(TARGETS ${library} EXPORT kes)
   if(KES_SHARED)
     install(TARGETS ${library}_shared EXPORT kes)

@@ -1,8 +1,10 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -192,6 +194,135 @@ TEST_F(EveryFailureOfFlatObjects, AKeyedEventIsOpenedAndItsValueRead) {
                                     "there is a handle with an event");
                         const int id = idOf(key);
                         stage.act([&] { return KesOsSemaphoreVal(id) == 0; });
+                      },
+                  .spared = {Call::shmdt}});  // what cannot be detached stays
+}
+
+/// A holder that is found dead: its status is left until the play is over.
+class DeadHolder {
+ public:
+  explicit DeadHolder(KesOsMutex* mutex) : pid_(::fork()) {
+    if (pid_ == 0) {
+      KesOsMutexWait(mutex, infinite, nullptr);
+      ::_exit(0);
+    }
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT);
+  }
+  ~DeadHolder() { ::waitpid(pid_, nullptr, 0); }
+  DeadHolder(const DeadHolder&) = delete;
+  DeadHolder& operator=(const DeadHolder&) = delete;
+
+ private:
+  const pid_t pid_;
+};
+
+/// The segment of the notes is made once, and stays for all runs.
+void makeNotes() {
+  KesOsMutex* mutex = nullptr;
+  if (KesOsMutexCreateEx(&mutex, freshKey(), nullptr) == 1) KesOsMutexClose(mutex);
+}
+
+TEST_F(EveryFailureOfFlatObjects, AKeyedMutexIsHadWithinATimeAndAfterADeadHolder) {
+  makeNotes();
+  for (const bool isLeftByDead : {false, true}) {
+    expectSurvival(
+        {.operations = {"KesOsMutexCreateEx", "KesOsMutexWaitEx"},
+         .play =
+             [isLeftByDead](Stage& stage) {
+               const unsigned int key = keyOf(stage);
+               const Removal removal(stage);
+               Mutex mutex;
+               int created = 7;
+               flat(stage, [&] { return KesOsMutexCreateEx(mutex.place(), key, &created); });
+               stage.check(stage.succeeded() == (mutex.get() != nullptr), "there is a handle with a mutex");
+               if (mutex.get() == nullptr) return;
+               stage.check(created == 1, "it was made");
+               std::optional<DeadHolder> holder;
+               if (isLeftByDead) holder.emplace(mutex.get());
+               unsigned int state = 7;
+               // A look that is refused sees no death: then the time ends the wait.
+               stage.act([&] { return KesOsMutexWaitEx(mutex.get(), 150, &state) == 1; });
+               stage.check(stage.succeeded() == (state == KESOS_WAIT_DONE || state == KESOS_WAIT_HOLDER_DIED),
+                           "the state says whether it is locked");
+               stage.check(!stage.succeeded() || (state == KESOS_WAIT_HOLDER_DIED) == isLeftByDead,
+                           "it says whether the holder died");
+               if (stage.succeeded()) KesOsMutexRelease(mutex.get());
+             },
+         .spared = {Call::shmdt}});  // what cannot be detached stays
+  }
+}
+
+TEST_F(EveryFailureOfFlatObjects, AMutexOfADeadMakerIsFinished) {
+  makeNotes();
+  expectSurvival(
+      {.operations = {"KesOsMutexCreateEx"},
+       .play =
+           [](Stage& stage) {
+             const unsigned int key = keyOf(stage);
+             const int id = ::semget(static_cast<key_t>(key), 1, IPC_CREAT | 0666);
+             const sys::AtEnd removing([id] { ::semctl(id, 0, IPC_RMID); });
+             const Removal removal(stage);
+             Mutex mutex;
+             int created = 7;
+             stage.act([&] { return KesOsMutexCreateEx(mutex.place(), key, &created) == 1; });
+             stage.check(stage.succeeded() == (mutex.get() != nullptr), "there is a handle with a mutex");
+             stage.check(created != 1 || KesOsSemaphoreVal(id) == 1, "what counts as new is unlocked");
+           },
+       .spared = {Call::shmdt, Call::nanosleep}});  // what cannot be detached stays; a nap that fails is none
+}
+
+TEST_F(EveryFailureOfFlatObjects, ALocalMutexIsHadWithinATime) {
+  expectSurvival({.operations = {"KesOsMutexCreateEx", "KesOsMutexWaitEx"},
+                  .play =
+                      [](Stage& stage) {
+                        Mutex mutex;
+                        int created = 7;
+                        stage.act([&] { return KesOsMutexCreateEx(mutex.place(), 0, &created) == 1; });
+                        if (mutex.get() == nullptr) return;
+                        unsigned int state = 7;
+                        flat(stage, [&] { return KesOsMutexWaitEx(mutex.get(), 50, &state); });
+                        stage.check(stage.succeeded() == (state == KESOS_WAIT_DONE),
+                                    "the state says so, too");
+                        if (stage.succeeded()) KesOsMutexRelease(mutex.get());
+                      },
+                  .spared = {Call::pthread_mutex_trylock}});  // who closes waits until it is free
+}
+
+TEST_F(EveryFailureOfFlatObjects, AnEventIsWaitedForWithinATime) {
+  for (const bool isKeyed : {false, true}) {
+    expectSurvival(
+        {.operations = {"KesOsEventCreateEx", "KesOsEventWaitEx"},
+         .play =
+             [isKeyed](Stage& stage) {
+               const unsigned int key = isKeyed ? keyOf(stage) : 0;
+               const Removal removal(stage);
+               Event event;
+               int created = 7;
+               create(stage, key, [&] { return KesOsEventCreateEx(event.place(), key, &created); });
+               if (event.get() == nullptr) return;
+               stage.check(created == 1, "it was made");
+               unsigned int state = 7;
+               KesOsEventSet(event.get());
+               flat(stage, [&] { return KesOsEventWaitEx(event.get(), 50, &state); });
+               stage.check(stage.succeeded() == (state == KESOS_WAIT_DONE), "the state says so, too");
+               stage.act([&] { return KesOsEventWaitEx(event.get(), 1, &state) == 0; });
+             },
+         .spared = {Call::shmdt, Call::pthread_mutex_trylock},  // as above
+         .misused = {Call::pthread_cond_clockwait}});
+  }
+}
+
+TEST_F(EveryFailureOfFlatObjects, AKeyedObjectIsRemovedByItsKey) {
+  expectSurvival({.operations = {"KesOsRemoveKeyed"},
+                  .play =
+                      [](Stage& stage) {
+                        const unsigned int key = keyOf(stage);
+                        const sys::AtEnd removing([key] { ::semctl(idOf(key), 0, IPC_RMID); });
+                        const Removal removal(stage);
+                        ::semget(static_cast<key_t>(key), 1, IPC_CREAT | 0666);
+                        flat(stage, [key] { return KesOsRemoveKeyed(key); });
+                        stage.check(stage.succeeded() == (idOf(key) == -1), "it is gone or not");
                       },
                   .spared = {Call::shmdt}});  // what cannot be detached stays
 }

@@ -77,6 +77,30 @@ TEST(EveryFailureOfFlatPrograms, AProgramThatIsNobodysIsStarted) {
                   }});
 }
 
+TEST(EveryFailureOfFlatPrograms, AProgramIsStartedWithOptionsOrSaysWhyNot) {
+  expectSurvival({.operations = {"KesOsCreateProcessAsynEx", "KesOsProcessWaitEx", "KesOsProcessId",
+                                 "KesOsProcessClose"},
+                  .play = [](Stage& stage) {
+                    const std::string folder = stage / "";
+                    const char* const environment[] = {"NAME=value", nullptr};
+                    KesOsProcessOptions options = KESOS_PROCESS_OPTIONS;
+                    options.environment = environment;
+                    options.directory = folder.c_str();
+                    options.standardOutput = options.standardError = STDERR_FILENO;
+                    KesOsProcess* process = nullptr;
+                    flat(stage, [&] { return KesOsCreateProcessAsynEx("true", &options, &process); });
+                    stage.check(stage.succeeded() == (process != nullptr), "there is a handle with a child");
+                    if (process == nullptr) return;
+                    const pid_t id = KesOsProcessId(process);
+                    unsigned int code = 77;
+                    int signal = 77;
+                    flat(stage, [&] { return KesOsProcessWaitEx(process, 10'000, &code, &signal); });
+                    stage.check(!stage.succeeded() || (code == 0 && signal == 0), "it has ended well");
+                    stage.act([&] { return KesOsProcessClose(process) == 1; });
+                    ::waitpid(id, nullptr, 0);  // if it could not be waited for
+                  }});
+}
+
 TEST(EveryFailureOfFlatPrograms, AShellRunsOrDoesNot) {
   expectSurvival({.operations = {"KesOsCreateProcess", "KesOsCreateProcessSw", "KesOsCreateProcessEx"},
                   .play =

@@ -49,7 +49,7 @@ def libraries_know_nothing_of_what_stands_on_them():
 
 def no_header_includes_itself_by_way_of_others():
     known = {header: folder / header for folder in INCLUDE_FOLDERS if folder.is_dir()
-             for header in (path.relative_to(folder).as_posix() for path in folder.rglob("*.h"))}
+             for header in (path.relative_to(folder).as_posix() for path in folder.rglob("*.h*"))}
     finished, trail = set(), []
 
     def visit(header):
@@ -97,10 +97,11 @@ def compile_header(compiler, language, header):
     return f"{header} as {language}:\n{result.stderr}" if result.returncode != 0 else None
 
 
-def compile_headers(compiler, language, libraries):
+def compile_headers(compiler, language, libraries, suffixes=(".h", ".hpp")):
     # The halves of another system are its own business.
     foreign = "/os/linux/" if sys.platform == "darwin" else "/os/darwin/"
-    headers = [header for library in libraries for header in public_headers(library) if foreign not in header]
+    headers = [header for library in libraries for header in public_headers(library)
+               if header.endswith(suffixes) and foreign not in header]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         yield from filter(None, pool.map(lambda header: compile_header(compiler, language, header), headers))
 
@@ -110,7 +111,11 @@ def every_public_header_compiles_alone_and_twice(_, cxx):
 
 
 def every_flat_header_compiles_as_c(cc, _):
-    yield from compile_headers(cc, "c11", ("kesos",))
+    yield from compile_headers(cc, "c11", ("kesos",), ".h")
+
+
+def every_flat_header_compiles_as_an_older_cpp(_, cxx):
+    yield from compile_headers(cxx, "c++17", ("kesos",))
 
 
 # Names that the flat interfaces export besides those of namespace kes.

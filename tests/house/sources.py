@@ -4,7 +4,7 @@ import re
 import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SOURCE_ENDINGS = {".h", ".c", ".cpp", ".m", ".mm"}
+SOURCE_ENDINGS = {".h", ".hpp", ".c", ".cpp", ".m", ".mm"}
 # Where public headers lie; an include of "kespal/fs/Path.h" is resolved against these.
 INCLUDE_FOLDERS = [ROOT / part / "include" for part in ("kespal", "kesos", "pcaplib", "iokit")]
 
@@ -19,7 +19,7 @@ def sources(*folders):
 
 def public_headers(library):
     folder = ROOT / library / "include"
-    return [path.relative_to(folder).as_posix() for path in sorted(folder.rglob("*.h"))]
+    return [path.relative_to(folder).as_posix() for path in sorted(folder.rglob("*")) if path.suffix in (".h", ".hpp")]
 
 
 def includes(path):

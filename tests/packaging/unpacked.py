@@ -30,7 +30,7 @@ def expected_files():
         yield f"lib/lib{library}.a"
         yield from (f"lib/pkgconfig/{library}{kind}.pc" for kind in ("", "-static"))
         include = ROOT / library / "include"
-        yield from (f"include/{path.relative_to(include).as_posix()}" for path in include.rglob("*.h"))
+        yield from (f"include/{path.relative_to(include).as_posix()}" for path in include.rglob("*.h*"))
     for name in ("kes", "kes-release", "kes-config", "kes-config-version"):
         yield f"lib/cmake/kes/{name}.cmake"
 
