@@ -12,9 +12,9 @@ KESOS_EXPORT_BEGIN
 extern "C" {
 #endif
 
-/* Memory that processes share: a mapped file, or a System V shared-memory segment. The key 32777 (0x8009) is
- * taken: its segment counts the users of keyed mutexes and events. Any thread may call these; a record
- * belongs to one thread at a time. */
+/* Memory that processes share: a mapped file, or a System V shared-memory segment. The keys 32777 and
+ * 32778 (0x8009, 0x800A) are taken: their segments hold what is known of the users and holders of keyed
+ * mutexes and events. Any thread may call these; a record belongs to one thread at a time. */
 
 /** A mapping. Filled by KesOsMmfCreate and KesOsMmfOpen, released by KesOsMmfClose. */
 typedef struct KesOsMmf {
