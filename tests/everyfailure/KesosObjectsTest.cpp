@@ -305,7 +305,7 @@ TEST_F(EveryFailureOfFlatObjects, AnEventIsWaitedForWithinATime) {
                unsigned int state = 7;
                KesOsEventSet(event.get());
                // A semaphore that is always in vain ends with the time.
-                          stage.act([&] { return KesOsEventWaitEx(event.get(), 50, &state) == 1; });
+               stage.act([&] { return KesOsEventWaitEx(event.get(), 50, &state) == 1; });
                stage.check(stage.succeeded() == (state == KESOS_WAIT_DONE), "the state says so, too");
                stage.act([&] { return KesOsEventWaitEx(event.get(), 1, &state) == 0; });
              },

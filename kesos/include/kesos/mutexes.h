@@ -13,8 +13,8 @@ extern "C" {
 /* Mutexes. Key 0 makes a recursive mutex of this process; any other key a System V semaphore that every
  * process can open by that key. A keyed mutex belongs to nobody: it is not recursive, any thread of any
  * process may release it, and it stays locked when its holder dies, until somebody waits for it by
- * KesOsMutexWaitEx. Mutexes and events share their keys: with the key of an event comes the event's semaphore.
- * Null handles give 0. Any thread may call these; a handle that is closed must not be in use.
+ * KesOsMutexWaitEx. Mutexes and events share their keys: with the key of an event comes the event's
+ * semaphore. Null handles give 0. Any thread may call these; a handle that is closed must not be in use.
  *
  * The last user removes a keyed object. Users are counted in a shared-memory segment of the whole machine
  * with the key 32777 (0x8009), which nobody else may use:
