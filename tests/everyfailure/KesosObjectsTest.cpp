@@ -253,25 +253,6 @@ TEST_F(EveryFailureOfFlatObjects, AKeyedMutexIsHadWithinATimeAndAfterADeadHolder
   }
 }
 
-TEST_F(EveryFailureOfFlatObjects, AMutexOfADeadMakerIsFinished) {
-  makeNotes();
-  expectSurvival(
-      {.operations = {"KesOsMutexCreateEx"},
-       .play =
-           [](Stage& stage) {
-             const unsigned int key = keyOf(stage);
-             const int id = ::semget(static_cast<key_t>(key), 1, IPC_CREAT | 0666);
-             const sys::AtEnd removing([id] { ::semctl(id, 0, IPC_RMID); });
-             const Removal removal(stage);
-             Mutex mutex;
-             int created = 7;
-             stage.act([&] { return KesOsMutexCreateEx(mutex.place(), key, &created) == 1; });
-             stage.check(stage.succeeded() == (mutex.get() != nullptr), "there is a handle with a mutex");
-             stage.check(created != 1 || KesOsSemaphoreVal(id) == 1, "what counts as new is unlocked");
-           },
-       .spared = {Call::shmdt, Call::nanosleep}});  // what cannot be detached stays; a nap that fails is none
-}
-
 TEST_F(EveryFailureOfFlatObjects, ALocalMutexIsHadWithinATime) {
   expectSurvival({.operations = {"KesOsMutexCreateEx", "KesOsMutexWaitEx"},
                   .play =

@@ -236,36 +236,50 @@ TEST_F(HolderTest, OfAllWhoWaitOneIsToldAndNoTwoHoldTheMutex) {
 }
 
 TEST_F(HolderTest, ProcessesThatDieInTurnKeepNobodyOutAndNoTwoHoldTheMutex) {
+  constexpr int workers = 8, doomed = 4;
   const unsigned int key = freshKey();
-  const Shared<std::atomic<int>> inside, overlaps, deaths, told;
+  struct Seen {
+    std::atomic<int> inside, overlaps, deaths, told, finished;
+  };
+  const Shared<Seen> seen;
   KesOsMutex* mutex = mutexOf(key);
-  const auto work = [&](int index) {
+  const auto lock = [&](KesOsMutex* own, bool plainly) {
+    unsigned int state = 7;
+    const int result =
+        plainly ? KesOsMutexWait(own, infinite, &state) : KesOsMutexWaitEx(own, 60'000, &state);
+    if (state == holderDied) {
+      ++seen->told;
+      seen->inside = 0;
+    }
+    if (++seen->inside != 1) ++seen->overlaps;
+    return result == 1;
+  };
+  const auto unlock = [&](KesOsMutex* own) {
+    --seen->inside;
+    KesOsMutexRelease(own);
+  };
+  // Every other one is a plain user, for whom somebody has to see the deaths: the last one does to the end.
+  const auto codes = runProcesses(workers + 1, [&](int index) {
     KesOsMutex* own = mutexOf(key);
-    for (int round = 0; round < 20; ++round) {
-      unsigned int state = 7;
-      // Every other one is a plain user, who waits for those that are told to go on.
-      const bool locked = index % 2 == 0 ? KesOsMutexWaitEx(own, 60'000, &state) == 1
-                                         : KesOsMutexWait(own, infinite, &state) == 1 && state == done;
-      if (!locked) return 1;
-      if (state == holderDied) {
-        ++*told;
-        *inside = 0;
-      }
-      if (++*inside != 1) ++*overlaps;
-      if (round == 10 && index < 4) {
-        ++*deaths;
+    while (index == workers && seen->deaths + seen->finished < workers) {
+      if (!lock(own, false)) return 1;
+      unlock(own);
+    }
+    for (int round = 0; index < workers && round < 20; ++round) {
+      if (!lock(own, index % 2 == 1)) return 2;
+      if (round == 10 && index < doomed) {
+        ++seen->deaths;
         ::kill(::getpid(), SIGKILL);
       }
-      --*inside;
-      KesOsMutexRelease(own);
+      unlock(own);
     }
+    if (index < workers) ++seen->finished;
     return 0;
-  };
-  runProcesses(8, work);
-  if (lockWithin(mutex, 10'000) == holderDied) ++*told;
-  EXPECT_EQ(*deaths, 4);
-  EXPECT_EQ(*told, 4);
-  EXPECT_EQ(*overlaps, 0);
+  });
+  if (lockWithin(mutex, 10'000) == holderDied) ++seen->told;
+  EXPECT_THAT(codes, testing::UnorderedElementsAre(137, 137, 137, 137, 0, 0, 0, 0, 0));
+  EXPECT_EQ(seen->told, doomed);
+  EXPECT_EQ(seen->overlaps, 0);
   KesOsMutexRelease(mutex);
   KesOsMutexClose(mutex);
 }
@@ -446,6 +460,18 @@ TEST_F(HolderTest, AMutexWhoseMakerDiedOverItIsMadeUsable) {
   EXPECT_EQ(created, 1);
   EXPECT_EQ(semaphoreOf(key), id);
   EXPECT_EQ(lockWithin(mutex, 0), done);
+  KesOsMutexClose(mutex);
+}
+
+TEST_F(HolderTest, AMutexThatCannotBeMadeUsableIsOpenedAsItIs) {
+  const unsigned int key = freshKey();
+  ::semget(static_cast<key_t>(key), 1, IPC_CREAT | 0666);
+  const Refuse refused(Call::semctl, EACCES, {.option = SETVAL});
+  KesOsMutex* mutex = nullptr;
+  int created = 7;
+  ASSERT_EQ(KesOsMutexCreateEx(&mutex, key, &created), 1);
+  EXPECT_EQ(created, 0);
+  EXPECT_EQ(lockWithin(mutex, 0), timedOut);
   KesOsMutexClose(mutex);
 }
 

@@ -200,7 +200,16 @@ TEST_P(StartTest, AStreamOfThisProcessThatIsClosedByExecIsGivenAllTheSame) {
 }
 
 TEST_P(StartTest, AChildHasNoStrayDescriptors) {
-  EXPECT_EQ(outputOf("for fd in /proc/$$/fd/*; do echo ${fd##*/}; done"), "0\n1\n2\n");
+  const ChildResult result = inChild([] {
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);  // what this program was started with
+    KesOsProcessOptions options = KESOS_PROCESS_OPTIONS;
+    options.standardError = ::dup(STDOUT_FILENO);
+    ::fcntl(options.standardError, F_SETFD, FD_CLOEXEC);
+    const char script[] = "for fd in 3 4 5 6 7 8 9; do if test -e /proc/$$/fd/$fd; then echo $fd; fi; done";
+    return endOf(startShell(script, options)) == End{0, 0} ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.out, "");
 }
 
 TEST_P(StartTest, NothingStaysOpenHere) {
