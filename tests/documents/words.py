@@ -4,7 +4,7 @@
     names      files, functions, types, variables and settings that stand in code exist
     options    options in code behind the name of a program are options of that program
     citations  every name that the comparison cites from the header of a peer stands there, where it is installed
-    listed     every document with code blocks is among those whose blocks are tested"""
+    listed     every document with code blocks is among those whose blocks are tested, or has a test of its own"""
 import json
 import pathlib
 import re
@@ -103,6 +103,9 @@ def options_of(tree):
     helped = subprocess.run([tree.configuration["kesdriver"], "--help"], capture_output=True, text=True)
     yield "kestrace", set(re.findall(r"(?<!\w)-[a-z]+", usage))
     yield "kesdriver", set(re.findall(r"(?<!\w)--[a-z]+", helped.stdout + helped.stderr))
+    # What the analyser says to a program of this kind is more than its usage.
+    sources = "".join(path.read_text() for path in (tree.root / "src/extcap").rglob("*.cpp"))
+    yield "kestrace-extcap", set(re.findall(r"(?<![\w-])--[a-z][a-z-]*", sources))
     for script in (tree.root / "scripts").iterdir():
         if script.is_file():
             yield "scripts/" + script.name, set(re.findall(r"(?<![\w-])--?[a-z][a-z-]*", script.read_text()))
@@ -112,7 +115,7 @@ def options(tree):
     known = dict(options_of(tree))
     if len(known["kestrace"]) < 5 or len(known["kesdriver"]) < 8:
         yield "the programs do not tell their options where this test looks for them"
-    programs = "|".join(re.escape(program) for program in known)
+    programs = "|".join(re.escape(program) for program in sorted(known, key=len, reverse=True))
     command = re.compile(rf"(?:^|[\s/;|&=])({programs})((?: +[^\s;|&>)]+)*)")
     for name, document in tree.documents.items():
         texts = list(document.code_words())
@@ -145,8 +148,11 @@ def citations(tree):
 
 def listed(tree):
     tested = set(tree.configuration["documents"])
+    others = "\n".join(path.read_text() for path in (tree.root / "tests").rglob("CMakeLists.txt")
+                       if path.parent.name != "documents")
     for name, document in tree.documents.items():
-        if (document.blocks or document.complaints) and name not in tested:
+        has_its_own = f"}}/{name}" in others
+        if (document.blocks or document.complaints) and name not in tested and not has_its_own:
             yield f"{name}: has code, and no test of its blocks"
 
 
