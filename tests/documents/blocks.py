@@ -136,8 +136,9 @@ class Blocks:
         (project / "main.cpp").write_text((self.scratch / "main.cpp").read_text())
         settings = self.configuration["cmake"]
         steps = " && ".join([
-            f"cmake -G Ninja -S project -B project/build -DCMAKE_PREFIX_PATH=$HOME/kes -DCMAKE_CXX_COMPILER={settings['compiler']}"
-            f" -DCMAKE_EXE_LINKER_FLAGS='{settings['flags']}'", "cmake --build project/build", "project/build/mine"])
+            "cmake -G Ninja -S project -B project/build -DCMAKE_PREFIX_PATH=$HOME/kes "
+            f"-DCMAKE_CXX_COMPILER={settings['compiler']} -DCMAKE_EXE_LINKER_FLAGS='{settings['flags']}'",
+            "cmake --build project/build", "project/build/mine"])
         self.run(number, block, ["bash", "-eu", "-c", steps], self.scratch, {})
 
     def leave_out(self, block, reason):

@@ -116,7 +116,8 @@ class PicturesTest(unittest.TestCase):
             self.assertIn(("command", "kestrace -dump vpn_%s.pcap"), lines)
             self.assertIn(("text", "quit tracing with 'Q'"), lines)
         self.assertEqual([], list(picture.difference(lines)))
-        self.assertIn("-text: quit tracing with 'Q'", list(picture.difference([line for line in lines if "'Q'" not in line[1]])))
+        others = [line for line in lines if "'Q'" not in line[1]]
+        self.assertIn("-text: quit tracing with 'Q'", list(picture.difference(others)))
 
 
 class WordsTest(unittest.TestCase):
@@ -149,7 +150,7 @@ class WordsTest(unittest.TestCase):
         self.assert_wrong("links", "[a](http:/x)", "no address")
 
     def test_links_to_tests(self):
-        self.assert_right("links", '[yes](tests/kespal/fs/PathTest.cpp "PathTest.X")'.replace("PathTest.X", some_test()))
+        self.assert_right("links", f'[yes](tests/kespal/fs/PathTest.cpp "{some_test()}")')
         self.assert_wrong("links", '[yes](tests/kespal/fs/PathTest.cpp "PathTest.IsNone")', "has no test")
 
     def test_names(self):
@@ -166,6 +167,13 @@ class WordsTest(unittest.TestCase):
     def test_citations(self):
         self.assert_right("citations", "`pcap/pcap.h: pcap_dump`, `no/such/header.h: any_name`, `key: value`")
         self.assert_wrong("citations", "`pcap/pcap.h: pcap_dumq`", "has no pcap_dumq")
+
+    def test_figures(self):
+        tree = words.Tree(configuration)
+        self.assertEqual([], list(words.figures(tree)))
+        bench = tree.documents["bench/README.md"]
+        bench.text = bench.text.replace("1.21, 1.15", "1.00, 1.00")
+        self.assertIn("1.21, 1.15", "\n".join(words.figures(tree)))
 
     def test_every_document_with_code_is_tested(self):
         self.assert_wrong("listed", HELLO, "no test of its blocks")

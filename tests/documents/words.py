@@ -4,6 +4,7 @@
     names      files, functions, types, variables and settings that stand in code exist
     options    options in code behind the name of a program are options of that program
     citations  every name that the comparison cites from the header of a peer stands there, where it is installed
+    figures    every figure of the comparison is one of the benchmarks
     listed     every document with code blocks is among those whose blocks are tested, or has a test of its own"""
 import json
 import pathlib
@@ -75,7 +76,8 @@ FOLDERS = ("sys", "kespal", "kesos", "pcaplib", "src", "iokit", "driver", "tests
 
 def known_path(tree, document, word):
     """Whether a word that looks like a file of the sources is one. Headers are named as they are included."""
-    places = [tree.root, (tree.root / document).parent] + [tree.root / part / "include" for part in ("sys", "kespal", "kesos", "pcaplib")]
+    places = [tree.root, (tree.root / document).parent]
+    places += [tree.root / part / "include" for part in ("sys", "kespal", "kesos", "pcaplib")]
     places += [tree.root / "kespal", tree.root / "kespal" / "src", tree.root / "kespal" / "include" / "kespal"]
     return any(list(place.glob(word)) for place in places)
 
@@ -119,7 +121,8 @@ def options(tree):
     command = re.compile(rf"(?:^|[\s/;|&=])({programs})((?: +[^\s;|&>)]+)*)")
     for name, document in tree.documents.items():
         texts = list(document.code_words())
-        texts += [(block.line, line) for block in document.blocks if block.language == "sh" for line in block.text.splitlines()]
+        texts += [(block.line, line) for block in document.blocks if block.language == "sh"
+                  for line in block.text.splitlines()]
         for line, text in texts:
             for program, arguments in command.findall(text.split(" # ")[0]):
                 for word in re.findall(r"(?<!\S)--?[a-zA-Z][\w-]*", arguments):
@@ -144,6 +147,19 @@ def citations(tree):
                 else:
                     found += 1
     print(f"{found} citations are right, {missing} are of headers that are not installed here")
+
+
+def figures(tree):
+    """Rows of figures, by their peer and ratio."""
+    measured = tree.documents["bench/README.md"].text.splitlines()
+    rows = tree.documents["docs/comparison.md"].text.partition("\n## Figures\n")[2].partition("\n## ")[0]
+    rows = [row for row in rows.splitlines() if row.startswith("| ") and "|---" not in row and "| ratio |" not in row]
+    if len(rows) < 10:
+        yield "the figures are not where this test looks for them"
+    for row in rows:
+        cells = row.partition("| ")[2].partition(" | ")[2]
+        if not any(line.endswith("| " + cells) for line in measured):
+            yield f"docs/comparison.md: not measured: {row}"
 
 
 def listed(tree):
