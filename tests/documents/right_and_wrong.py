@@ -167,6 +167,9 @@ class WordsTest(unittest.TestCase):
     def test_citations(self):
         self.assert_right("citations", "`pcap/pcap.h: pcap_dump`, `no/such/header.h: any_name`, `key: value`")
         self.assert_wrong("citations", "`pcap/pcap.h: pcap_dumq`", "has no pcap_dumq")
+        tree = words.Tree(configuration)
+        tree.documents["docs/comparison.md"].prose.append("| what | yes | `none` |")
+        self.assertIn("a yes without its test", "\n".join(words.citations(tree)))
 
     def test_figures(self):
         tree = words.Tree(configuration)
