@@ -95,7 +95,7 @@ def names(tree):
                 if word not in known:
                     yield f"{name}:{line}: nobody knows {word}"
             for word in re.findall(r"(?:[\w~]+::)*~?\w+(?=\()|(?:\w+::)+\w+", code):
-                parts = [part.lstrip("~") for part in word.split("::")]
+                parts = [part.lstrip("~").removesuffix("_static") for part in word.split("::")]
                 if not FOREIGN.match(word) and (unknown := [part for part in parts if part not in known]):
                     yield f"{name}:{line}: nobody knows {unknown[0]} of {word}"
 
