@@ -136,14 +136,14 @@ TEST_F(ChildUserTest, TheStreamsAreThoseThatRootOpened) {
 }
 
 TEST_F(ChildUserTest, EveryStepThatIsRefusedIsTold) {
-  const std::pair<Call, const char*> steps[] = {{Call::setgroups, "supplementary groups"},
+  const std::pair<Call, std::string> steps[] = {{Call::setgroups, "supplementary groups"},
                                                 {Call::setegid, "group id"},
                                                 {Call::setgid, "group id"},
                                                 {Call::setuid, "user id"}};
-  for (const auto& [call, step] : steps) {
+  for (const auto& refused : steps) {
     std::optional<Refuse> refusing;
-    EXPECT_EQ(asStranger("true", [&](Child&) { refusing.emplace(call, EINVAL); }),
-              std::string("125, ") + step + ": Invalid argument (22)");
+    EXPECT_EQ(asStranger("true", [&](Child&) { refusing.emplace(refused.first, EINVAL); }),
+              "125, " + refused.second + ": Invalid argument (22)");
   }
 }
 
