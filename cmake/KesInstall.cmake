@@ -93,6 +93,7 @@ endif()
 # The stand-in is installed for who asks for it by name, as the Debian package of it does, and for nobody else.
 if(TARGET kesdriver)
   kes_install_program(kesdriver kesdriver.8 COMPONENT standin EXCLUDE_FROM_ALL)
+  install(FILES docs/man/kesdriver.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT standin EXCLUDE_FROM_ALL)
 endif()
 
 # --- documents and examples

@@ -18,6 +18,14 @@ def version():
     return re.search(r"project\(kes VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
 
 
+def words_for_compilers():
+    """Macros that say nothing to a reader: what is exported, and which lock guards what."""
+    texts = [path.read_text() for path in (ROOT / "kespal/include/kespal/thread/Annotations.h",
+                                           *ROOT.glob("*/include/*/[Ee]xport.h"))]
+    names = re.findall(r"^#define (\w+)(\()?", "\n".join(texts), re.MULTILINE)
+    return " ".join(f'"{name}(...)="' if arguments else f'"{name}="' for name, arguments in names)
+
+
 def write_headers(folder):
     for library in LIBRARIES:
         include = ROOT / library / "include"
@@ -57,7 +65,8 @@ def main(output):
         shutil.rmtree(output / part, ignore_errors=True)
     write_headers(output / "headers")
     write_examples(output / "examples.dox")
-    environment = {**os.environ, "LC_ALL": "C.UTF-8", "OUTPUT": str(output), "VERSION": version()}
+    environment = {**os.environ, "LC_ALL": "C.UTF-8", "OUTPUT": str(output), "VERSION": version(),
+                   "WORDS": words_for_compilers()}
     doxygen = subprocess.run(["doxygen", "docs/reference/Doxyfile"], cwd=ROOT, env=environment, capture_output=True,
                              text=True, check=False)
     place = re.compile(re.escape(f"{output}/headers/") + r"(\w+)/")

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <cstdint>
 #include <iosfwd>
@@ -21,13 +21,14 @@ struct StartFailure {
     Exec
   };
 
-  Step step;
+  Step step;   ///< that failed
   int errnum;  ///< of the system call that failed
 
   /// Whether the program was not started: the child has ended with exit code 125 then.
   bool isFatal() const noexcept { return step != Step::ProcessGroup && step != Step::Redirection; }
 
-  /// The step, and the system's text for the number: "exec: No such file or directory (2)".
+  /// The step, and the system's text for the number: "exec: No such file or directory (2)". Raises nothing
+  /// but std::bad_alloc.
   std::string text() const;
 
   friend bool operator==(const StartFailure&, const StartFailure&) noexcept = default;

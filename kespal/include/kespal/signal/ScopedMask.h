@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <csignal>
 

@@ -57,8 +57,8 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
   return result;
 }
 
-/// The same until a moment of the monotonic clock. The system is told how long that is from now: it has no
-/// conditions with another clock. Raises OsError when the clock cannot be read.
+/// The same until a moment of the monotonic clock, for the calling thread. The system is told how long that
+/// is from now: it has no conditions with another clock. Raises OsError when the clock cannot be read.
 /// @return 0, ETIMEDOUT, or an error number
 inline int waitUntilSteady(::pthread_cond_t& condition, ::pthread_mutex_t& mutex,
                            const ::timespec& deadline) {

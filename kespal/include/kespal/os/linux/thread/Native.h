@@ -51,7 +51,7 @@ inline int waitUntil(::pthread_cond_t& condition, ::pthread_mutex_t& mutex, cons
   return ::pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
-/// The same until a moment of the monotonic clock.
+/// The same until a moment of the monotonic clock, for the calling thread.
 /// @return 0, ETIMEDOUT, or an error number
 inline int waitUntilSteady(::pthread_cond_t& condition, ::pthread_mutex_t& mutex,
                            const ::timespec& deadline) {

@@ -59,15 +59,18 @@ class KES_CAPABILITY("lock") LockBase : NoCopy {
   }
 
   // NOLINTBEGIN(readability-identifier-naming): what the standard library asks of a mutex
-  /// tryLock() and lockTimed() by the names that std::scoped_lock, std::unique_lock and their kind call.
+  /// tryLock() and lockTimed() by the names that std::scoped_lock, std::unique_lock and their kind call; they
+  /// raise what those do.
   /// Where an unlocking at the end of a scope fails, those end the program, and the lock analysis of clang
   /// does not see what they hold: LockGuardT reports, and is seen.
   bool try_lock() const KES_TRY_ACQUIRE(true) KES_UNCHECKED { return tryLock(); }
+  /// See try_lock() and lockTimed().
   template <typename Rep, typename Period>
   bool try_lock_for(const std::chrono::duration<Rep, Period>& limit) const
       KES_TRY_ACQUIRE(true) KES_UNCHECKED {
     return lockTimed(time::boundedWait(limit));
   }
+  /// See try_lock() and lockTimed(): until a moment of any clock, also of one that is set meanwhile.
   template <typename Clock, typename Duration>
   bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) const
       KES_TRY_ACQUIRE(true) KES_UNCHECKED {
