@@ -103,12 +103,12 @@ class ClockOf : public ClockBase {
   /// The moment that the value means.
   time_point toTimePoint() const noexcept { return time_point(sinceEpoch()); }
 
-  /// As ClockBase::operator+=(), and back.
+  /// Advances the value, as ClockBase does.
   Kind& operator+=(Milliseconds span) noexcept {
     ClockBase::operator+=(span);
     return static_cast<Kind&>(*this);
   }
-  /// See `+=`.
+  /// Sets it back, likewise.
   Kind& operator-=(Milliseconds span) noexcept {
     ClockBase::operator-=(span);
     return static_cast<Kind&>(*this);
