@@ -1,7 +1,7 @@
 """Reads what CTest wrote with --output-junit.
 
     junit.py counts FILE     passed, failed and skipped, three numbers on one line
-    junit.py skips FILE      a line per skipped test, with its reason
+    junit.py skips FILE      a line per skipped test, with its reason, and each that a test began with "not run: "
     junit.py failures FILE   what the failed tests printed
 """
 import re
@@ -33,6 +33,8 @@ def main(what, path):
         for case in cases:
             if outcome(case) == "skipped":
                 print(f"{case.get('name')}: {reason(case)}")
+            for part in re.findall(r"^not run: (.+)$", printed(case), re.MULTILINE):
+                print(part)
     elif what == "failures":
         for case in cases:
             if outcome(case) == "failed":
