@@ -25,17 +25,27 @@ void handle(int number, void (*handler)(int)) {
   ::sigaction(number, &action, nullptr);
 }
 
+/// Who started this program may have said so: nohup does, and a shell that starts it in the background.
+bool isIgnored(int number) {
+  struct sigaction action {};
+  return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 Ending::Ending() {
   hasAsked = 0;
   handle(SIGPIPE, SIG_IGN);
-  for (const int number : asking) handle(number, noteRequest);
+  for (const int number : asking) {
+    if (!isIgnored(number)) handle(number, noteRequest);
+  }
 }
 
 Ending::~Ending() {
   ::alarm(0);
-  for (const int number : asking) handle(number, SIG_DFL);
+  for (const int number : asking) {
+    if (!isIgnored(number)) handle(number, SIG_DFL);
+  }
 }
 
 bool Ending::isAskedFor() { return hasAsked != 0; }

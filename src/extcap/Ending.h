@@ -4,8 +4,9 @@
 
 namespace kes::extcap {
 
-/// While it lives, SIGINT, SIGTERM and SIGHUP ask the capture to end, and SIGPIPE is ignored. A capture that
-/// cannot end, as its reader takes nothing or the driver does not answer, is killed a second later.
+/// While it lives, SIGINT, SIGTERM and SIGHUP ask the capture to end, unless they are ignored, as SIGPIPE
+/// then is. A capture that cannot end, as its reader takes nothing or the driver does not answer, is killed a
+/// second later.
 class Ending : public NoCopy {
  public:
   Ending();

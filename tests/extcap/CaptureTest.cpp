@@ -98,6 +98,17 @@ TEST_F(ExtcapCaptureTest, AReaderThatTakesNothingDoesNotKeepItFromEnding) {
   EXPECT_EQ(program.wait(), -SIGALRM);
 }
 
+TEST_F(ExtcapCaptureTest, ASignalThatIsIgnoredDoesNotEndIt) {
+  playSample({"--loop", "--rate", "100"});
+  Process program(
+      {"sh", "-c", "trap '' HUP; exec \"$0\" --capture --fifo " + dir_ / "file", extcapProgram()});
+  ASSERT_TRUE(waitForPackets("file", 5));
+  program.signal(SIGHUP);
+  EXPECT_TRUE(waitForPackets("file", captured("file").records.size() + 5)) << "as under nohup";
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+}
+
 TEST_F(ExtcapCaptureTest, ADriverThatDiesEndsItWithAWordAndLeavesTheFileWhole) {
   play("packet bytes 41414141 x5\npacket die\n");
   Process program(capturing(dir_ / "file"));
