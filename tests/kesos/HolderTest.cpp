@@ -107,6 +107,50 @@ class Notes {
   std::uint64_t* words_;
 };
 
+// First what is about a segment that is not there yet.
+
+TEST_F(HolderTest, ASegmentThatCannotChangeHandsIsNotKept) {
+  const ChildResult result = inChild([] {
+    KesOsSetIpcPerms(0600, 0xFFFFFFFE, 0xFFFFFFFE);
+    const Refuse refused(Call::shmctl, EPERM, {.option = IPC_SET});
+    KesOsMutex* mutex = nullptr;
+    const bool isMade = KesOsMutexCreateEx(&mutex, freshKey(), nullptr) == 1;
+    if (isMade || errno != EPERM) return 1;
+    return ::shmget(32778, 0, 0) == -1 ? 0 : 2;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST_F(HolderTest, TheSegmentOfTheNotesGetsThePermissionsOfOthers) {
+  const ChildResult result = inChild([] {
+    KesOsSetIpcPerms(0640, 0xFFFFFFFE, ::getgid());
+    KesOsMutex* mutex = nullptr;
+    if (KesOsMutexCreateEx(&mutex, freshKey(), nullptr) != 1) return 1;
+    shmid_ds state{};
+    if (::shmctl(::shmget(32778, 0, 0), IPC_STAT, &state) != 0) return 2;
+    KesOsMutexClose(mutex);
+    return (state.shm_perm.mode & 0777) == 0640 && state.shm_perm.uid == ::getuid() ? 0 : 3;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
+TEST_F(HolderTest, WithoutRoomForNotesAWaitFailsAndSaysWhy) {
+  KesOsMutex* mutex = mutexOf(freshKey());
+  const ChildResult result = inChild([mutex] {
+    for (const auto& [call, error] : {std::pair(Call::shmget, ENOSPC), std::pair(Call::shmat, ENOMEM)}) {
+      const Refuse refused(call, error);
+      unsigned int state = 7;
+      if (KesOsMutexWaitEx(mutex, 0, &state) != 0 || state != failed || errno != error) return 1;
+      KesOsMutex* other = mutex;
+      if (KesOsMutexCreateEx(&other, freshKey(), nullptr) != 0 || other != nullptr || errno != error)
+        return 2;
+    }
+    return KesOsMutexWaitEx(mutex, 0, nullptr) == 1 ? 0 : 3;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  KesOsMutexClose(mutex);
+}
+
 TEST_F(HolderTest, TheDeathOfAHolderIsToldAndTheMutexIsHadInOrder) {
   const unsigned int key = freshKey();
   Holder holder(key);
@@ -407,48 +451,6 @@ TEST_F(HolderTest, AHolderThatReleasesAtTheLastMomentIsNotTakenForDead) {
   EXPECT_EQ(lockWithin(mutex, 0), timedOut);
   EXPECT_EQ(lockWithin(mutex, 0), done);
   KesOsMutexClose(mutex);
-}
-
-TEST_F(HolderTest, WithoutRoomForNotesAWaitFailsAndSaysWhy) {
-  KesOsMutex* mutex = mutexOf(freshKey());
-  const ChildResult result = inChild([mutex] {
-    for (const auto& [call, error] : {std::pair(Call::shmget, ENOSPC), std::pair(Call::shmat, ENOMEM)}) {
-      const Refuse refused(call, error);
-      unsigned int state = 7;
-      if (KesOsMutexWaitEx(mutex, 0, &state) != 0 || state != failed || errno != error) return 1;
-      KesOsMutex* other = mutex;
-      if (KesOsMutexCreateEx(&other, freshKey(), nullptr) != 0 || other != nullptr || errno != error)
-        return 2;
-    }
-    return KesOsMutexWaitEx(mutex, 0, nullptr) == 1 ? 0 : 3;
-  });
-  EXPECT_EQ(result.exitCode(), 0);
-  KesOsMutexClose(mutex);
-}
-
-TEST_F(HolderTest, TheSegmentOfTheNotesGetsThePermissionsOfOthers) {
-  const ChildResult result = inChild([] {
-    KesOsSetIpcPerms(0640, 0xFFFFFFFE, ::getgid());
-    KesOsMutex* mutex = nullptr;
-    if (KesOsMutexCreateEx(&mutex, freshKey(), nullptr) != 1) return 1;
-    shmid_ds state{};
-    if (::shmctl(::shmget(32778, 0, 0), IPC_STAT, &state) != 0) return 2;
-    KesOsMutexClose(mutex);
-    return (state.shm_perm.mode & 0777) == 0640 && state.shm_perm.uid == ::getuid() ? 0 : 3;
-  });
-  EXPECT_EQ(result.exitCode(), 0);
-}
-
-TEST_F(HolderTest, ASegmentThatCannotChangeHandsIsNotKept) {
-  const ChildResult result = inChild([] {
-    KesOsSetIpcPerms(0600, 0xFFFFFFFE, 0xFFFFFFFE);
-    const Refuse refused(Call::shmctl, EPERM, {.option = IPC_SET});
-    KesOsMutex* mutex = nullptr;
-    const bool isMade = KesOsMutexCreateEx(&mutex, freshKey(), nullptr) == 1;
-    if (isMade || errno != EPERM) return 1;
-    return ::shmget(32778, 0, 0) == -1 ? 0 : 2;
-  });
-  EXPECT_EQ(result.exitCode(), 0);
 }
 
 TEST_F(HolderTest, AMutexWhoseMakerDiedOverItIsMadeUsable) {
