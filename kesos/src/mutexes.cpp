@@ -44,10 +44,8 @@ bool initLocal(KesOsMutex& mutex) {
 }
 
 WaitState lockLocal(pthread_mutex_t& mutex, unsigned int timeoutMs) {
-  int errnum = ETIMEDOUT;
-  if (timeoutMs == infinite) {
-    errnum = ::pthread_mutex_lock(&mutex);
-  } else {
+  int errnum = timeoutMs == infinite ? ::pthread_mutex_lock(&mutex) : ::pthread_mutex_trylock(&mutex);
+  if (errnum == EBUSY) {
     const Deadline end(timeoutMs);
     do {
       errnum = kes::os::lockWithin(mutex, end.rest());
