@@ -248,12 +248,14 @@ TEST(EveryFailureOfChildren, AChildIsStartedAndTerminatedBesideThoseOfOthers) {
                     const Collecting collecting;
                     const RegisteredOnly registeredOnly;
                     Child child({"/bin/sleep", "100"});
-                    const bool made = stage.act([&] { child.create(); });
-                    const pid_t pid = child.pid();
-                    stage.check(made == (pid != -1), "there is a child if that was said");
-                    const sys::AtEnd ending([pid] {
+                    pid_t pid = -1;
+                    const sys::AtEnd ending([&] {
+                      if (child.pid() != -1) pid = child.pid();
                       if (pid != -1) ::kill(pid, SIGKILL);
                     });
+                    const bool made = stage.act([&] { child.create(); });
+                    pid = child.pid();
+                    stage.check(made == (pid != -1), "there is a child if that was said");
                     if (made) stage.act([&] { child.terminate(time::Milliseconds(0)); });
                     const pid_t stranger = ::fork();
                     if (stranger == 0) ::_exit(3);

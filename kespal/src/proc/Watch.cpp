@@ -38,8 +38,8 @@ class RegisteredChildren : public Watch {
       return ::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
     };
     const int result = sys::retry(ask);
-    // A debugger gets a child's end first, and this queue tells of it only once.
-    if (result == 0 && ended.si_pid == 0) missesSome_ = true;
+    // The queue tells of an end only once, even if that cannot be seen yet, as a debugger gets it first.
+    if (result == -1 || ended.si_pid == 0) missesSome_ = true;
     return result;
   }
   bool takesStrangers() const noexcept override { return false; }

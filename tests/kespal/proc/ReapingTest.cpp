@@ -153,6 +153,7 @@ TEST_F(ReapingTest, AfterAChildThatCouldNotBeWatchedTheCollectorSleepsAgain) {
   next.create();
   next.wait();
   EXPECT_TRUE(eventually([&limit] { return limit == -1; }));
+  EXPECT_EQ(child.terminate(600s).text(), "killed by SIGTERM");
 }
 
 TEST_F(ReapingTest, ACollectorWhoseDescriptorsAreGoneGoesOn) {
