@@ -68,7 +68,8 @@ function(kes_shared_library name)
   if(APPLE)
     return()
   endif()
-  set_target_properties(${shared} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  # They lie side by side, and where that is must not show in them.
+  set_target_properties(${shared} PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
   set(script ${CMAKE_CURRENT_SOURCE_DIR}/exports.map)
   set_target_properties(${shared} PROPERTIES LINK_DEPENDS ${script})
   target_link_options(${shared} PRIVATE LINKER:--version-script=${script} LINKER:-Bsymbolic-functions

@@ -25,7 +25,7 @@ need_packages() {
 
 build_packages="g++ cmake ninja-build libpcap-dev"
 test_packages="gobjc++ libgnustep-base-dev libgtest-dev locales libgmock-dev tcpdump tshark mandoc groff-base doxygen python3 perl procps util-linux iproute2 strace pkg-config bash zsh fish"
-package_packages="binutils dpkg-dev debhelper fakeroot lintian mmdebstrap abigail-tools xz-utils pkg-config python3 clang"
+package_packages="git binutils dpkg-dev debhelper fakeroot lintian mmdebstrap abigail-tools xz-utils pkg-config python3 clang"
 
 # Builds with as many jobs as there are processors; a compiler cache is used where there is one.
 if command -v ccache >/dev/null; then
