@@ -7,11 +7,11 @@ elseif(APPLE OR KES_SANITIZE OR KES_COVERAGE)
 else()
   set(sharedToo ${PROJECT_IS_TOP_LEVEL})
 endif()
-option(KES_SHARED "Build the libraries as shared ones, too; kes::kespal and so on are those then" ${sharedToo})
+option(KES_SHARED "Build the libraries as shared ones, too" ${sharedToo})
 
 # kes_library(NAME [FLAT]): a library of this project, whose public headers lie in include/NAME below its folder;
 # FLAT ones are in C. The target NAME is the archive, kes::NAME_static to others. NAME_shared is made of the same
-# objects, so these are position independent. kes::NAME is the shared library if there is one.
+# objects, so these are position independent. kes::NAME is the archive unless BUILD_SHARED_LIBS is on.
 function(kes_library name)
   cmake_parse_arguments(arg "FLAT" "" "" ${ARGN})
   add_library(${name} STATIC)
@@ -35,6 +35,9 @@ function(kes_library name)
   endif()
   if(KES_SHARED)
     kes_shared_library(${name})
+    add_library(kes::${name}_shared ALIAS ${name}_shared)
+  endif()
+  if(KES_SHARED AND BUILD_SHARED_LIBS)
     add_library(kes::${name} ALIAS ${name}_shared)
   else()
     add_library(kes::${name} ALIAS ${name})
