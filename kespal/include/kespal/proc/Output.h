@@ -51,9 +51,9 @@ struct Output {
 ///
 /// Errors are those of Child::create() and Child::waitFor(); OsError (EINVAL) before the clocks were made
 /// ready (ClockBase::init(), KesPal), (EMFILE, ENFILE, ENOMEM) for the pipes, and (EPERM) for a program of
-/// another user that cannot be ended. std::bad_alloc. After an error, and in a thread that is cancelled, the
-/// program is killed and waited for, unless it is another user's. Any thread may call, with a child of its
-/// own.
+/// another user that cannot be ended. NoSuchProcessError when somebody else has reaped it. std::bad_alloc.
+/// After an error, and in a thread that is cancelled, the program is killed and waited for, unless it is
+/// another user's. Any thread may call, with a child of its own.
 Output captureOutput(Child& child, const OutputOptions& options = {});
 
 }  // namespace kes::proc

@@ -173,15 +173,22 @@ Child::ExitState stop(Child& child, Exchange& exchange, Milliseconds grace) {
   Child::ExitState state{0, false};
   try {
     child.term();
-    while (!state.finished && MonotonicClock() < end) {
-      const bool isOver = exchange.goOnUntil(std::min(end, MonotonicClock() + interval));
-      state = child.waitFor(isOver ? until(end) : Milliseconds::zero());
-    }
-    if (!state.finished) child.kill();
   } catch (const NoSuchProcessError&) {
     // It ended in the same moment.
   }
-  return state.finished ? state : child.wait();
+  while (!state.finished && MonotonicClock() < end) {
+    const bool isOver = exchange.goOnUntil(std::min(end, MonotonicClock() + interval));
+    state = child.waitFor(isOver ? until(end) : Milliseconds::zero());
+  }
+  if (state.finished) return state;
+  try {
+    child.kill();
+  } catch (const NoSuchProcessError&) {
+    state = child.waitFor(Milliseconds::zero());
+    if (!state.finished) throw;  // somebody else has reaped it
+    return state;
+  }
+  return child.wait();
 }
 
 /// For when nobody will ask for it any more.
