@@ -206,7 +206,8 @@ def every_public_header_says_what_it_exports():
         for header in public_headers(part):
             text = (ROOT / part / "include" / header).read_text()
             declares = re.search(r'^(?:namespace|extern "C")', text, re.MULTILINE)
-            if declares and not re.search(rf"^{mark}BEGIN$.*^{mark}END$", text, re.MULTILINE | re.DOTALL):
+            is_compiled_in = header.endswith(".hpp")  # whole, into the programs that include it
+            if declares and not is_compiled_in and not re.search(rf"^{mark}BEGIN$.*^{mark}END$", text, re.MULTILINE | re.DOTALL):
                 yield f"{part}/include/{header}: its declarations stand outside of {mark}BEGIN and {mark}END"
 
 

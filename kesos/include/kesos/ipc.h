@@ -19,7 +19,7 @@ int KesOsSemaphoreVal(int semid);
 /** Removes the mutex or event with this key, for all processes, whoever uses it: waits for it fail, and the
  * next create makes a new one. Its handles are closed as always. When no process that lives uses keyed
  * objects, those that died are not counted any more. 1, or 0 with errno: EINVAL for key 0, ENOENT when there
- * is none, EPERM when it is another user's. */
+ * is none, EPERM when it is another user's. Any thread may call. */
 int KesOsRemoveKeyed(unsigned int key);
 
 #ifdef __cplusplus

@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <pthread.h>
 
@@ -46,11 +46,14 @@ class NoCancel {
 template <typename Trait>
 class Owner {
  public:
-  using Value = typename Trait::Value;
+  using Value = typename Trait::Value;  ///< what it owns one of
 
   Owner() = default;
+  /// Takes the thing over.
   explicit Owner(const Value& value) : value_(value) {}
+  /// Leaves the other one with none.
   Owner(Owner&& other) noexcept : value_(other.release()) {}
+  /// The same, and gives back what it had.
   Owner& operator=(Owner&& other) {
     if (this != &other) reset(other.release());
     return *this;
@@ -64,6 +67,7 @@ class Owner {
 
   /// The thing itself, which stays the owner's. Of a record it is a reference.
   typename Trait::Access get() const noexcept { return value_; }
+  /// Whether it has a thing.
   explicit operator bool() const noexcept { return !Trait::isNone(value_); }
 
   /// Gives the thing up to the caller.
@@ -145,6 +149,7 @@ class Thread {
   /// What a body asks: whether it is to return.
   class Stop {
    public:
+    /// Any thread may ask, while the body runs.
     bool requested() const noexcept { return __atomic_load_n(state_, __ATOMIC_ACQUIRE) == 3; }
 
    private:
@@ -153,11 +158,13 @@ class Thread {
 
     const unsigned int* state_;
   };
-  using Body = std::function<void(const Stop& stop)>;
+  using Body = std::function<void(const Stop& stop)>;  ///< what the thread does
 
   Thread() = default;
+  /// Leaves the other one with none.
   Thread(Thread&& other) noexcept
       : handle_(std::exchange(other.handle_, pthread_t{})), state_(std::move(other.state_)) {}
+  /// The same, and stops the thread that it had.
   Thread& operator=(Thread&& other) {
     if (this == &other) return *this;
     reset();

@@ -56,11 +56,12 @@ typedef struct KesOsProcessOptions {
       arguments; /**< in place of a command line, as they are: the program, its arguments, null */
   const char* const* environment; /**< NAME=value texts and null; null: this process's environment */
   const char* directory;          /**< where the program begins; null: where this process is */
-  int standardInput;  /**< descriptors that become its three streams; -1: this process's stream. They */
-  int standardOutput; /**< stay the caller's to close; any may be given twice, or be 0, 1 or 2 */
-  int standardError;
+  int standardInput;  /**< a descriptor that becomes its stream; -1: this process's stream. It stays the */
+  int standardOutput; /**< caller's to close. Any may be given twice, or be 0, 1 or 2; the same for the */
+  int standardError;  /**< other streams */
 } KesOsProcessOptions;
 
+/** What a record of options begins with: nothing is otherwise than in this process. */
 #define KESOS_PROCESS_OPTIONS \
   { sizeof(KesOsProcessOptions), NULL, NULL, NULL, -1, -1, -1 }
 

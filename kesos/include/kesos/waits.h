@@ -1,4 +1,4 @@
-#pragma once
+#pragma once  // since 0.1
 
 /* What the ...Ex waits are told and tell. A wait gives 1 when it got what it waited for, and 0 otherwise,
  * with the reason in errno; the state word says the same in more words. */

@@ -4,6 +4,10 @@
 #include <optional>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::proc {
 
 /// How a process ended: what is in the wait status that waitpid() and Child::wait() report. A plain value.
@@ -38,3 +42,5 @@ class ExitStatus {
 std::ostream& operator<<(std::ostream& stream, const ExitStatus& status);
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

@@ -1,12 +1,15 @@
-#pragma once
+#pragma once  // since 0.1
 
 #include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
 
+#include "kespal/Export.h"
 #include "kespal/proc/ExitStatus.h"
 #include "kespal/time/Milliseconds.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::proc {
 
@@ -14,6 +17,7 @@ class Child;
 
 /// How a program is run for its output.
 struct OutputOptions {
+  /// As long as it takes.
   static constexpr time::Milliseconds noLimit = time::Milliseconds::max();
 
   /// What the program reads from its standard input; then that ends. Must outlive the call.
@@ -31,9 +35,9 @@ struct OutputOptions {
 
 /// What a program has written, and how it ended.
 struct Output {
-  ExitStatus status{0};
-  std::string out;  ///< also what was written to standard error, when they are joined
-  std::string err;
+  ExitStatus status{0};    ///< of the program
+  std::string out;         ///< also what was written to standard error, when they are joined
+  std::string err;         ///< empty when they are joined
   bool truncated = false;  ///< more was written than was to be kept
   bool timedOut = false;   ///< the limit passed before the program had ended, and all who could write
 };
@@ -57,3 +61,5 @@ struct Output {
 Output captureOutput(Child& child, const OutputOptions& options = {});
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

@@ -4,6 +4,10 @@
 #include <iosfwd>
 #include <string>
 
+#include "kespal/Export.h"
+
+KES_EXPORT_BEGIN
+
 namespace kes::proc {
 
 /// What failed in a child on its way to its program. A plain value.
@@ -38,3 +42,5 @@ struct StartFailure {
 std::ostream& operator<<(std::ostream& stream, const StartFailure& failure);
 
 }  // namespace kes::proc
+
+KES_EXPORT_END

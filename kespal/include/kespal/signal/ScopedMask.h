@@ -2,8 +2,11 @@
 
 #include <csignal>
 
+#include "kespal/Export.h"
 #include "kespal/NoCopy.h"
 #include "kespal/signal/Set.h"
+
+KES_EXPORT_BEGIN
 
 namespace kes::signal {
 
@@ -24,3 +27,5 @@ class ScopedMask : NoCopy {
 };
 
 }  // namespace kes::signal
+
+KES_EXPORT_END
