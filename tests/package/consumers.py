@@ -160,8 +160,10 @@ def the_examples_build_as_they_are_installed(place):
     build = place.scratch / "examples"
     run("cmake", "-S", found[0].parent, "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={place.prefix}")
     run("cmake", "--build", build)
-    run(build / "errors")
-    run(build / "kesos")
+    # Packages that are only unpacked do not lie where their libraries look for each other.
+    environment = dict(os.environ, LD_LIBRARY_PATH=str(place.libraries))
+    for name in ("errors", "kesos"):
+        run(build / name, env=environment)
 
 
 def headers_of(place, *folders):
