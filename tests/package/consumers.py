@@ -151,7 +151,7 @@ def python_calls_the_flat_layer(place):
 
 def a_parent_project_takes_in_the_sources(place):
     build = place.build("parent", f"-DSOURCE={ROOT}", "-DCMAKE_BUILD_TYPE=Release")
-    run(build / "parent")
+    run(build / "programs/parent")
 
 
 def the_examples_build_as_they_are_installed(place):
