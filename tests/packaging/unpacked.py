@@ -5,10 +5,13 @@ import hashlib
 import pathlib
 import sys
 import tarfile
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "packaging"))
-from tarball import pack  # noqa: E402 - found by the line above
+sys.path.insert(0, str(ROOT / "docs/reference"))
+import manual  # noqa: E402 - found by the lines above
+from tarball import pack  # noqa: E402
 
 
 def expected_files():
@@ -22,10 +25,15 @@ def expected_files():
                 for path in (ROOT / "examples").glob(f"*.{ending}"))
     yield from ("bin/kestrace", "bin/kestrace-extcap", "bin/kestrace-log")
     for program in ("kestrace", "kestrace-extcap", "kestrace-log"):
-        yield f"share/man/man1/{program}.1"
         yield f"share/bash-completion/completions/{program}"
         yield f"share/zsh/site-functions/_{program}"
         yield f"share/fish/vendor_completions.d/{program}.fish"
+    for page in (ROOT / "docs/man").glob("*.[1-7]"):
+        if page.stem != "kesdriver":
+            yield f"share/man/man{page.suffix[1:]}/{page.name}"
+    with tempfile.TemporaryDirectory() as folder:
+        manual.main(folder)
+        yield from (f"share/man/man3/{page.name}" for page in pathlib.Path(folder).iterdir())
     for library in ("kespal", "kesos", "pcaplib"):
         yield f"lib/lib{library}.a"
         yield from (f"lib/pkgconfig/{library}{kind}.pc" for kind in ("", "-static"))

@@ -130,5 +130,6 @@ Passing<call, Result, Parameters...> passing(std::atomic<Result (*)(Parameters..
     static constinit std::atomic<result (*)(BARE parameters, void*)> systems{nullptr}; \
     return passing<Call::NAME>(systems, #NAME)(BARE arguments, more);                  \
   }
+#define KES_WHOLE_PROGRAMS
 #include "support/Calls.def"
 // NOLINTEND(bugprone-macro-parentheses)

@@ -121,6 +121,9 @@ class ClockOf : public ClockBase {
   template <typename Rep, typename Period>
   ClockOf(std::uint32_t clock, const std::chrono::duration<Rep, Period>& sinceEpoch) noexcept
       : ClockBase(clock, sinceEpoch) {}
+  ~ClockOf() = default;
+  ClockOf(const ClockOf&) = default;
+  ClockOf& operator=(const ClockOf&) = default;
 };
 
 /// The value advanced, by the rules of `+=`.
