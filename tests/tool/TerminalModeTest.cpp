@@ -1,11 +1,13 @@
 #include <signal.h>
 #include <termios.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <optional>
 
 #include "Console.h"
 #include "State.h"
+#include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Pty.h"
 #include "tool/ToolFixture.h"
@@ -173,6 +175,11 @@ class JobControlTest : public TerminalModeTest {
     return pty_.screen(answer).find(answer) != std::string::npos;
   }
 
+  /// Whether the shell has given its terminal to a program.
+  bool isWaitedFor() {
+    return eventually([this] { return ::tcgetpgrp(pty_.keyboard()) != shell_->pid(); });
+  }
+
   void bringBack() {
     pty_.type("fg\n");
     ASSERT_TRUE(pty_.becomes(isKeyByKey));
@@ -225,6 +232,7 @@ TEST_F(JobControlTest, InTheBackgroundWhatIsTypedForSomebodyElseDoesNotStopIt) {
   // The shell waits for a program that reads nothing, and so the second line stays where the tool could see
   // it.
   pty_.type("sleep 600\n");
+  ASSERT_TRUE(isWaitedFor()) << "only then a Ctrl-C is for it";
   pty_.type("for nobody\n");
   ASSERT_TRUE(waitForRequests("packet", count("packet") + 100));
   pty_.type("\x03");
