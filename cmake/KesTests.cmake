@@ -1,12 +1,11 @@
 # kes_test(NAME [THREADED] SOURCES file... [LIBRARIES target...] [CALLS name...] [FAKES function...]
-#          [LOCK resource...] [TIMEOUT seconds] [PREFIX text] [WITHOUT filter])
+#          [LOCK resource...] [TIMEOUT seconds])
 # One test program; each of its tests runs in a process of its own and is counted by itself. LOCK names
 # machine-wide things (System V keys, ids, a fixed file) that two tests must not touch at once. THREADED
 # marks those that have threads: a build for the thread sanitizer is for them alone. CALLS names what
 # tests/support/Calls.h comes between in this program: calls of the C library or whole sections of
 # tests/support/Calls.def (files, threads, ...), or all. FAKES names functions of other libraries for which the
-# program defines a __wrap_NAME of its own. PREFIX is put before the names of tests that another program has as
-# well, WITHOUT leaves some of them out.
+# program defines a __wrap_NAME of its own.
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
@@ -52,7 +51,7 @@ function(kes_wrap_calls target)
 endfunction()
 
 function(kes_test name)
-  cmake_parse_arguments(arg "THREADED" "TIMEOUT;PREFIX;WITHOUT" "SOURCES;LIBRARIES;CALLS;FAKES;LOCK" ${ARGN})
+  cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;CALLS;FAKES;LOCK" ${ARGN})
   kes_program(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kes_test_support)
   kes_wrap_calls(${name} ${arg_CALLS})
@@ -70,8 +69,17 @@ function(kes_test name)
   if(arg_LOCK)
     list(APPEND properties RESOURCE_LOCK "${arg_LOCK}")
   endif()
-  if(arg_WITHOUT)
-    set(filter TEST_FILTER "*-${arg_WITHOUT}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+endfunction()
+
+# kes_test_again(NAME PREFIX text ENVIRONMENT variable=value [WITHOUT filter] [TIMEOUT seconds])
+# Every test of a program of kes_test() once more, with this in its environment and this before its name; WITHOUT
+# leaves some of them out.
+function(kes_test_again name)
+  cmake_parse_arguments(arg "" "PREFIX;ENVIRONMENT;WITHOUT;TIMEOUT" "" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 900)
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX "${arg_PREFIX}" ${filter} PROPERTIES ${properties})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX ${arg_PREFIX} TEST_FILTER "*-${arg_WITHOUT}"
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} ENVIRONMENT ${arg_ENVIRONMENT})
 endfunction()

@@ -5,17 +5,14 @@
 #include <filesystem>
 #include <fstream>
 
+#include "kespal/proc/WhichChildren.h"
 #include "kespal/time/Clock.h"
 #include "support/Calls.h"
 #include "support/NoMemory.h"
 
-#ifndef KES_TEST_REAPING
-#define KES_TEST_REAPING EveryChild
-#endif
-
 namespace kes::test {
 
-Collecting::Collecting() : shepherd(proc::Reaping::KES_TEST_REAPING) {
+Collecting::Collecting() : shepherd(whichChildren()) {
   time::ClockBase::init();
   shepherd.start();
 }
