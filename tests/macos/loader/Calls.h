@@ -23,6 +23,7 @@ std::span<const Call> accountCalls();
 std::span<const Call> backtraceCalls();
 std::span<const Call> errorCalls();
 std::span<const Call> fileCalls();
+std::span<const Call> formatCalls();
 std::span<const Call> globCalls();
 std::span<const Call> ioKitCalls();
 std::span<const Call> lockCalls();

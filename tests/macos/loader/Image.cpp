@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "Fixups.h"
+#include "Processor.h"
 #include "ThreadLocals.h"
 
 extern char** environ;
@@ -14,8 +15,6 @@ extern char** environ;
 namespace loader {
 
 namespace {
-
-constexpr std::uint64_t page = 4096;
 
 /// The range below every program that catches null pointers; nothing is mapped for it.
 bool isMapped(const Segment& segment) { return segment.name != "__PAGEZERO" && segment.size != 0; }
@@ -40,10 +39,12 @@ void Image::map() {
     lowest_ = std::min(lowest_, segment.address);
     highest = std::max(highest, segment.address + segment.size);
   }
-  size_ = (highest - lowest_ + page - 1) / page * page;
-  void* const place = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  size_ = (highest - lowest_ + macPage - 1) / macPage * macPage;
+  const std::size_t room = size_ + macPage;  // as the pages of this system may be smaller
+  void* const place = ::mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (place == MAP_FAILED) throw std::runtime_error("no memory for " + path_);
-  base_ = static_cast<std::uint8_t*>(place);
+  const auto first = reinterpret_cast<std::uintptr_t>(place);
+  base_ = static_cast<std::uint8_t*>(place) + (macPage - first % macPage) % macPage;
   for (const Segment& segment : file_.segments()) {
     if (!isMapped(segment) || segment.fileSize == 0) continue;
     std::memcpy(at<void>(segment.address), file_.bytes(segment.offset, segment.fileSize), segment.fileSize);
@@ -89,7 +90,9 @@ void Image::adoptThreadLocals() {
 void Image::protect() {
   for (const Segment& segment : file_.segments()) {
     if (!isMapped(segment)) continue;
-    if (::mprotect(at<void>(segment.address), segment.size, protectionOf(segment)) != 0) {
+    auto* const begin = at<char>(segment.address);
+    if ((segment.protection & 4) != 0) __builtin___clear_cache(begin, begin + segment.size);
+    if (::mprotect(begin, segment.size, protectionOf(segment)) != 0) {
       throw std::runtime_error("cannot protect " + segment.name + " of " + path_);
     }
   }

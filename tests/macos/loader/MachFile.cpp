@@ -3,11 +3,13 @@
 #include <fstream>
 #include <iterator>
 
+#include "Processor.h"
+
 namespace loader {
 
 namespace {
 
-constexpr std::uint32_t machMagic = 0xFEEDFACF, processor = 0x01000007, universalMagic = 0xCAFEBABE;
+constexpr std::uint32_t machMagic = 0xFEEDFACF, universalMagic = 0xCAFEBABE;
 
 enum Command : std::uint32_t {
   Symbols = 0x02,
@@ -28,11 +30,11 @@ std::uint32_t bigEndian(const std::vector<std::uint8_t>& bytes, std::size_t offs
 std::vector<std::uint8_t> ownImage(std::vector<std::uint8_t> bytes) {
   if (bytes.size() < 8 || bigEndian(bytes, 0) != universalMagic) return bytes;
   for (std::size_t entry = 8; entry < 8 + 20 * std::size_t{bigEndian(bytes, 4)}; entry += 20) {
-    if (bigEndian(bytes, entry) != processor) continue;
+    if (bigEndian(bytes, entry) != processorNumber) continue;
     const auto begin = bytes.begin() + bigEndian(bytes, entry + 8);
     return {begin, begin + bigEndian(bytes, entry + 12)};
   }
-  throw std::runtime_error("the universal file has no x86_64 image");
+  throw std::runtime_error(std::string("the universal file has no image for ") + processorName);
 }
 
 std::vector<std::uint8_t> readAll(const std::string& path) {
@@ -44,8 +46,8 @@ std::vector<std::uint8_t> readAll(const std::string& path) {
 }  // namespace
 
 MachFile::MachFile(const std::string& path) : content_(ownImage(readAll(path))) {
-  if (read<std::uint32_t>(0) != machMagic || read<std::uint32_t>(4) != processor) {
-    throw std::runtime_error(path + " is not an x86_64 Mach-O file");
+  if (read<std::uint32_t>(0) != machMagic || read<std::uint32_t>(4) != processorNumber) {
+    throw std::runtime_error(path + " is no Mach-O file for " + processorName);
   }
   const auto count = read<std::uint32_t>(16);
   std::uint64_t offset = 32;

@@ -32,8 +32,8 @@ struct Range {
   std::uint32_t offset = 0, size = 0;
 };
 
-/// An x86_64 Mach-O program or library as it lies in its file; of a universal file, that part. Addresses are
-/// those of the file. Throws std::runtime_error for everything it cannot read.
+/// A Mach-O program or library for this processor as it lies in its file; of a universal file, that part.
+/// Addresses are those of the file. Throws std::runtime_error for everything it cannot read.
 class MachFile {
  public:
   explicit MachFile(const std::string& path);

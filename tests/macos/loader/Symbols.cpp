@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "Calls.h"
+#include "Stub.h"
 
 namespace loader {
 
@@ -21,23 +22,23 @@ namespace {
 constexpr std::string_view sameOnBoth = R"(
   abort abs access alarm aligned_alloc atan atan2 atof atoi atol bcmp bsearch btowc bzero calloc catclose
   catgets catopen ceil ceilf chdir chmod chown clearenv clearerr close closedir ctime ctime_r __cxa_atexit
-  __cxa_finalize dirfd div dlclose dlerror dlopen dlsym dup dup2 execl execv execve execvp _exit exit exp
+  __cxa_finalize dirfd div dlclose dlerror dlopen dlsym dup dup2 execv execve execvp _exit exit exp
   fchdir fchmod fchown fclose fdopen fdopendir feof ferror fflush fgetc fgets fileno flock flockfile floor
-  fmod fopen fork fprintf fputc fputs fputwc fread free freelocale frexp fscanf fseek fseeko fsync ftell
+  fmod fopen fork fputc fputs fputwc fread free freelocale frexp fseek fseeko fsync ftell
   ftello ftruncate funlockfile fwrite getc getchar getcwd getegid getenv geteuid getgid getgrgid getgrgid_r
   getgrnam getgrnam_r getgroups gethostname getlogin_r getpgid getpgrp getpid getppid getsid gettid
   gettimeofday getuid getwc gmtime_r isatty ldexp link localtime localtime_r log log10 log2 lseek malloc
   memchr memcmp memcpy memmove memset mkdir mkdtemp mkfifo mkstemp mktime mprotect munmap nanosleep
-  nextafter open_memstream opendir pause perror pipe poll posix_memalign pow pread printf
+  nextafter open_memstream opendir pause perror pipe poll posix_memalign pow pread
   pthread_attr_destroy pthread_attr_getstack pthread_attr_getstacksize pthread_attr_init pthread_exit
   pthread_testcancel putc putchar puts qsort rand read readlink realloc realpath remove rename rewind
   rewinddir rmdir round roundf sched_yield setbuf setegid setenv seteuid setgid setpgid setsid setuid
-  setvbuf sleep snprintf sprintf sqrt srand sscanf stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l
+  setvbuf sleep sqrt srand stpcpy strcasecmp strcat strchr strcmp strcoll strcoll_l
   strcpy strcspn strdup strerror strftime strftime_l strlen strncasecmp strncat strncmp strncpy strndup
-  strnlen strpbrk strrchr strspn strstr strtod strtof strtok_r strtol strtold strtoll strtoul strtoull
-  strxfrm strxfrm_l swprintf symlink system tcgetpgrp time toascii tolower toupper trunc truncate tzset umask ungetc
-  ungetwc unlink unsetenv uselocale usleep utime utimes vasprintf vfprintf vprintf vsnprintf vsprintf
-  vsscanf wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof wcstol wcstold wcstoll wcstoul wcstoull
+  strnlen strpbrk strrchr strspn strstr strtod strtof strtok_r strtol strtoll strtoul strtoull
+  strxfrm strxfrm_l symlink system tcgetpgrp time toascii tolower toupper trunc truncate tzset umask ungetc
+  ungetwc unlink unsetenv uselocale usleep utime utimes
+  wcrtomb wcscmp wcscoll_l wcslen wcsstr wcstod wcstof wcstol wcstoll wcstoul wcstoull
   wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
 )";
 
@@ -54,9 +55,9 @@ std::set<std::string_view> wordsOf(std::string_view text) {
 
 std::map<std::string, void*> gather() {
   std::map<std::string, void*> all;
-  for (const auto group :
-       {accountCalls, backtraceCalls, errorCalls, fileCalls, globCalls, ioKitCalls, lockCalls, machClockCalls,
-        processCalls, regexCalls, signalCalls, terminalCalls, textCalls, threadCalls, unwindCalls}) {
+  for (const auto group : {accountCalls, backtraceCalls, errorCalls, fileCalls, formatCalls, globCalls,
+                           ioKitCalls, lockCalls, machClockCalls, processCalls, regexCalls, signalCalls,
+                           terminalCalls, textCalls, threadCalls, unwindCalls}) {
     for (const Call& call : group()) all[call.name] = call.address;
   }
   return all;
@@ -71,26 +72,21 @@ std::map<std::string, void*> gather() {
 /// Code that calls reportMissing() with a name. As the address of a variable it does no harm either, as long
 /// as nobody reads it.
 void* stubFor(const std::string& name) {
-  constexpr std::size_t codeSize = 22, room = 1 << 16;
+  constexpr std::size_t room = 1 << 16;
   static std::uint8_t* next = nullptr;
   static std::uint8_t* end = nullptr;
-  if (next == end || end - next < static_cast<std::ptrdiff_t>(codeSize)) {
+  if (next == end) {
     void* const place =
         ::mmap(nullptr, room, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (place == MAP_FAILED) throw std::runtime_error("no memory for stubs");
     next = static_cast<std::uint8_t*>(place);
     end = next + room;
   }
-  std::uint8_t code[codeSize] = {0x48, 0xBF, 0, 0, 0, 0, 0, 0, 0, 0,  // mov $name, %rdi
-                                 0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0,  // mov $reportMissing, %rax
-                                 0xFF, 0xE0};                         // jmp *%rax
-  const char* const kept = ::strdup(name.c_str());
-  void (*const report)(const char*) = reportMissing;
-  std::memcpy(code + 2, &kept, sizeof kept);
-  std::memcpy(code + 12, &report, sizeof report);
-  std::memcpy(next, code, codeSize);
-  next += codeSize;
-  return next - codeSize;
+  std::uint8_t* const stub = next;
+  next += stubRoom;
+  writeStub(stub, reportMissing, ::strdup(name.c_str()));
+  __builtin___clear_cache(reinterpret_cast<char*>(stub), reinterpret_cast<char*>(next));
+  return stub;
 }
 
 }  // namespace

@@ -7,7 +7,8 @@ namespace loader {
 class Image;
 
 /// The descriptor of a thread-local variable in an image. Code that wants the variable calls `access` with
-/// the descriptor in rdi, and gets its address in rax with all other registers as they were.
+/// the descriptor as the first argument, and gets its address as the result, with other registers as they
+/// were.
 struct ThreadLocal {
   void (*access)();
   const Image* image;

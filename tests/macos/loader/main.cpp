@@ -1,9 +1,13 @@
-// Runs an x86_64 Mach-O program on Linux, for tests: loader [-l LIBRARY]... PROGRAM [ARGUMENT...]
+// Runs a Mach-O program on Linux, for tests: loader [-l LIBRARY]... PROGRAM [ARGUMENT...]
 //
 // The program's own code, its C++ library and its unwinder are the ones that a Mac would run. What it calls
 // in the system is answered by this system: by the same function where both agree, else by one of calls/,
 // and a call that neither knows ends the program with its name and the exit code 127. There is no
-// Objective-C, no arm64 and no exec of another Mach-O program.
+// Objective-C and no exec of another Mach-O program.
+//
+// Built for x86_64 it runs programs for x86_64, built for arm64 those for arm64. What differs between these
+// is in the folders of their names; the call conventions of both systems agree on x86_64, while on arm64 the
+// program passes variable arguments in its own way (Variadic.h), and its long double is a double.
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>

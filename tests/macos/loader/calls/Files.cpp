@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 
 #include "Calls.h"
+#include "Variadic.h"
 
 namespace loader {
 
@@ -35,9 +35,11 @@ int hostOpenFlags(int flags) {
 }
 int hostDirectory(int fd) { return fd == macWorkingDirectory ? AT_FDCWD : fd; }
 
-int open(const char* path, int flags, unsigned mode) { return ::open(path, hostOpenFlags(flags), mode); }
-int openAt(int fd, const char* path, int flags, unsigned mode) {
-  return ::openat(hostDirectory(fd), path, hostOpenFlags(flags), mode);
+int open(const char* path, int flags, MacList mode) {
+  return ::open(path, hostOpenFlags(flags), HostArguments(mode).next<mode_t>());
+}
+int openAt(int fd, const char* path, int flags, MacList mode) {
+  return ::openat(hostDirectory(fd), path, hostOpenFlags(flags), HostArguments(mode).next<mode_t>());
 }
 int changeModeAt(int fd, const char* path, mode_t mode, int flags) {
   return ::fchmodat(hostDirectory(fd), path, mode, (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0);
@@ -138,7 +140,8 @@ MacEntry* nextEntry(DIR* directory) {
   return &mac;
 }
 
-int control(int fd, int command, long argument) {
+int control(int fd, int command, MacList rest) {
+  const auto argument = HostArguments(rest).next<long>();
   constexpr int macDuplicateCloseOnExec = 67, lastCommon = F_SETFD, getFlags = F_GETFL, setFlags = F_SETFL;
   if (command <= lastCommon) return ::fcntl(fd, command, argument);
   if (command == macDuplicateCloseOnExec) return ::fcntl(fd, F_DUPFD_CLOEXEC, argument);
@@ -168,8 +171,8 @@ int select(int count, fd_set* reads, fd_set* writes, fd_set* others, const MacTi
 int descriptorFits(int, const void*, int) { return 1; }
 
 const Call calls[] = {
-    {"open", open},
-    {"openat", openAt},
+    {"open", variadic<open>},
+    {"openat", variadic<openAt>},
     {"fchmodat", changeModeAt},
     {"utimensat", setTimesAt},
     {"mkostemp", makeTemporary},
@@ -181,7 +184,7 @@ const Call calls[] = {
     {"fstat", openStatus},
     {"fstatat", statusAt},
     {"readdir", nextEntry},
-    {"fcntl", control},
+    {"fcntl", variadic<control>},
     {"select", select},
     {"__darwin_check_fd_set_overflow", descriptorFits},
 };

@@ -8,9 +8,11 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <vector>
 
 #include "Calls.h"
 #include "ThreadLocals.h"
+#include "Variadic.h"
 
 extern "C" int __cxa_atexit(void (*)(void*), void*, void*);
 extern "C" int __cxa_thread_atexit_impl(void (*)(void*), void*, void*);
@@ -46,6 +48,14 @@ void atThreadExit(void (*function)(void*), void* object) {
   ::__cxa_thread_atexit_impl(function, object, &__dso_handle);
 }
 
+/// The list ends with a null pointer.
+int executeList(const char* path, const char* first, MacList rest) {
+  std::vector<char*> all{const_cast<char*>(first)};
+  HostArguments arguments(rest);
+  while (all.back() != nullptr) all.push_back(arguments.next<char*>());
+  return ::execv(path, all.data());
+}
+
 int clockTime(int mac, timespec* now) {
   switch (mac) {
     case 0:
@@ -72,7 +82,7 @@ long configuration(int mac) {
     case 93:
       return 8192;
     case 29:
-      return ::sysconf(_SC_PAGESIZE);
+      return macPage;
     case 57:
       return ::sysconf(_SC_NPROCESSORS_CONF);
     case 58:
@@ -123,6 +133,7 @@ const Call calls[] = {
     {"atexit", atExit},
     {"_tlv_atexit", atThreadExit},
     {"_tlv_bootstrap", threadLocalAccess},
+    {"execl", variadic<executeList>},
     {"clock_gettime", clockTime},
     {"sysconf", configuration},
     {"task_threads", threadsUnknown},

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Calls.h"
+#include "Variadic.h"
 
 namespace loader {
 
@@ -49,14 +50,15 @@ int setAttributes(int fd, int when, const MacTermios* mac) {
   return ::tcsetattr(fd, when, &host);
 }
 
-int deviceControl(int fd, unsigned long request, void* argument) {
+int deviceControl(int fd, unsigned long request, MacList rest) {
   constexpr unsigned long macGetWindowSize = 0x40087468;
-  if (request == macGetWindowSize) return ::ioctl(fd, TIOCGWINSZ, argument);
+  if (request == macGetWindowSize) return ::ioctl(fd, TIOCGWINSZ, HostArguments(rest).next<void*>());
   errno = EINVAL;
   return -1;
 }
 
-const Call calls[] = {{"tcgetattr", getAttributes}, {"tcsetattr", setAttributes}, {"ioctl", deviceControl}};
+const Call calls[] = {
+    {"tcgetattr", getAttributes}, {"tcsetattr", setAttributes}, {"ioctl", variadic<deviceControl>}};
 
 }  // namespace
 

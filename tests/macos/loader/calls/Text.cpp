@@ -1,14 +1,14 @@
 #include <locale.h>
 #include <cctype>
 #include <clocale>
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <iterator>
+#include <type_traits>
 
 #include "Calls.h"
+#include "Processor.h"
 
 namespace loader {
 
@@ -65,27 +65,6 @@ void* newLocale(int, const char* name, void*) { return ::newlocale(LC_ALL_MASK, 
 lconv* conventionsOf(void*) { return std::localeconv(); }
 
 // Functions that take a locale, where this system has none that does: the process's locale serves.
-int printTo(char* buffer, std::size_t size, void*, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int result = std::vsnprintf(buffer, size, format, arguments);
-  va_end(arguments);
-  return result;
-}
-int printNew(char** buffer, void*, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int result = ::vasprintf(buffer, format, arguments);
-  va_end(arguments);
-  return result;
-}
-int scanFrom(const char* text, void*, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int result = std::vsscanf(text, format, arguments);
-  va_end(arguments);
-  return result;
-}
 std::wint_t wideOf(int c, void*) { return std::btowc(c); }
 int narrowOf(std::wint_t c, void*) { return std::wctob(c); }
 std::size_t wideFrom(wchar_t* to, const char* from, std::size_t size, std::mbstate_t* state, void*) {
@@ -126,40 +105,47 @@ unsigned long long unsignedOf(const char* text, char** end, int base, void* mac)
 }
 double doubleOf(const char* text, char** end, void* mac) { return ::strtod_l(text, end, hostLocale(mac)); }
 float floatOf(const char* text, char** end, void* mac) { return ::strtof_l(text, end, hostLocale(mac)); }
-long double longDoubleOf(const char* text, char** end, void* mac) {
-  return ::strtold_l(text, end, hostLocale(mac));
+
+template <typename Number = MacLongDouble>
+Number longDoubleIn(const char* text, char** end, void* mac) {
+  if constexpr (std::is_same_v<Number, double>) {
+    return doubleOf(text, end, mac);
+  } else {
+    return ::strtold_l(text, end, hostLocale(mac));
+  }
+}
+template <typename Number = MacLongDouble>
+Number longDoubleOf(const char* text, char** end) {
+  if constexpr (std::is_same_v<Number, double>) {
+    return std::strtod(text, end);
+  } else {
+    return std::strtold(text, end);
+  }
+}
+template <typename Number = MacLongDouble>
+Number wideLongDoubleOf(const wchar_t* text, wchar_t** end) {
+  if constexpr (std::is_same_v<Number, double>) {
+    return std::wcstod(text, end);
+  } else {
+    return std::wcstold(text, end);
+  }
 }
 
 const Call calls[] = {
-    {"_DefaultRuneLocale", runes},
-    {"strtol_l", longOf},
-    {"strtoll_l", longLongOf},
-    {"strtoull_l", unsignedOf},
-    {"strtod_l", doubleOf},
-    {"strtof_l", floatOf},
-    {"strtold_l", longDoubleOf},
-    {"__maskrune", maskRune},
-    {"__maskrune_l", maskRuneIn},
-    {"__tolower", lowerIn},
-    {"__toupper", upperIn},
-    {"___tolower_l", lowerIn},
-    {"___toupper_l", upperIn},
-    {"___mb_cur_max_l", longestCharacter},
-    {"setlocale", setLocale},
-    {"newlocale", newLocale},
-    {"localeconv_l", conventionsOf},
-    {"snprintf_l", printTo},
-    {"asprintf_l", printNew},
-    {"sscanf_l", scanFrom},
-    {"btowc_l", wideOf},
-    {"wctob_l", narrowOf},
-    {"mbrtowc_l", wideFrom},
-    {"mbrlen_l", lengthOf},
-    {"wcrtomb_l", narrowFrom},
-    {"mbsrtowcs_l", allWide},
-    {"mbsnrtowcs_l", someWide},
-    {"wcsnrtombs_l", someNarrow},
-    {"mbtowc_l", oneWide},
+    {"_DefaultRuneLocale", runes},   {"strtol_l", longOf},
+    {"strtoll_l", longLongOf},       {"strtoull_l", unsignedOf},
+    {"strtod_l", doubleOf},          {"strtof_l", floatOf},
+    {"strtold_l", longDoubleIn<>},   {"strtold", longDoubleOf<>},
+    {"wcstold", wideLongDoubleOf<>}, {"__maskrune", maskRune},
+    {"__maskrune_l", maskRuneIn},    {"__tolower", lowerIn},
+    {"__toupper", upperIn},          {"___tolower_l", lowerIn},
+    {"___toupper_l", upperIn},       {"___mb_cur_max_l", longestCharacter},
+    {"setlocale", setLocale},        {"newlocale", newLocale},
+    {"localeconv_l", conventionsOf}, {"btowc_l", wideOf},
+    {"wctob_l", narrowOf},           {"mbrtowc_l", wideFrom},
+    {"mbrlen_l", lengthOf},          {"wcrtomb_l", narrowFrom},
+    {"mbsrtowcs_l", allWide},        {"mbsnrtowcs_l", someWide},
+    {"wcsnrtombs_l", someNarrow},    {"mbtowc_l", oneWide},
 };
 
 }  // namespace

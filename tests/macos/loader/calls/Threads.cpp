@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Calls.h"
+#include "Processor.h"
 
 namespace loader {
 
@@ -84,8 +85,8 @@ int attributesOf(Thread* thread, pthread_attr_t* attributes) {
 
 /// The platform takes whole pages, fewer than this system does.
 int setStackSize(pthread_attr_t* attributes, std::size_t size) {
-  constexpr std::size_t macMinimum = 8192, page = 4096, hostMinimum = 16384;
-  if (size < macMinimum || size % page != 0) return EINVAL;
+  constexpr std::size_t macMinimum = std::max<std::size_t>(8192, macPage), hostMinimum = 16384;
+  if (size < macMinimum || size % macPage != 0) return EINVAL;
   return ::pthread_attr_setstacksize(attributes, std::max(size, hostMinimum));
 }
 

@@ -15,18 +15,19 @@ struct UnwindSections {
   std::uint64_t compactSize;
 };
 
-/// Tells the unwinder where the tables of the image around an address lie.
-bool findUnwindSections(const void* address, UnwindSections* found) {
+/// Tells the unwinder where the tables of the image around an address lie. The result of a
+/// program's own would be a bool, but on arm64 callers there take a whole int for one.
+int findUnwindSections(const void* address, UnwindSections* found) {
   const auto image =
       std::ranges::find_if(program.images, [&](const Image* each) { return each->contains(address); });
-  if (image == program.images.end()) return false;
+  if (image == program.images.end()) return 0;
   *found = {(*image)->base(), nullptr, 0, nullptr, 0};
   for (const Section& section : (*image)->sections()) {
     const void* const begin = (*image)->at<void>(section.address);
     if (section.name == "__eh_frame") found->frames = begin, found->framesSize = section.size;
     if (section.name == "__unwind_info") found->compact = begin, found->compactSize = section.size;
   }
-  return true;
+  return 1;
 }
 
 void nothingIsUnloaded(void (*)(const void*, std::intptr_t)) {}
