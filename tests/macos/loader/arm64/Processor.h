@@ -9,7 +9,7 @@ namespace loader {
 // What a Mac with this processor has.
 constexpr const char processorName[] = "arm64";
 constexpr std::uint32_t processorNumber = 0x0100000C;
-constexpr std::uint64_t macPage = 16384;
+constexpr std::uint64_t macPage = 16384, macSmallestStack = 16384;
 using MacLongDouble = double;
 
 /// How the program passes a std::va_list: it has all variable arguments on its stack, 8 bytes each, and

@@ -80,7 +80,7 @@ long configuration(int mac) {
     case 71:
       return ::sysconf(_SC_GETPW_R_SIZE_MAX);
     case 93:
-      return 8192;
+      return macSmallestStack;
     case 29:
       return macPage;
     case 57:

@@ -83,10 +83,10 @@ int attributesOf(Thread* thread, pthread_attr_t* attributes) {
   return macError(::pthread_getattr_np(thread->host, attributes));
 }
 
-/// The platform takes whole pages, fewer than this system does.
+/// The platform takes whole pages, fewer than this system does, which differs from processor to processor.
 int setStackSize(pthread_attr_t* attributes, std::size_t size) {
-  constexpr std::size_t macMinimum = std::max<std::size_t>(8192, macPage), hostMinimum = 16384;
-  if (size < macMinimum || size % macPage != 0) return EINVAL;
+  const auto hostMinimum = static_cast<std::size_t>(::sysconf(_SC_THREAD_STACK_MIN));
+  if (size < macSmallestStack || size % macPage != 0) return EINVAL;
   return ::pthread_attr_setstacksize(attributes, std::max(size, hostMinimum));
 }
 

@@ -15,8 +15,8 @@ struct UnwindSections {
   std::uint64_t compactSize;
 };
 
-/// Tells the unwinder where the tables of the image around an address lie. The result of a
-/// program's own would be a bool, but on arm64 callers there take a whole int for one.
+/// Tells the unwinder where the tables of the image around an address lie. The caller
+/// expects a bool, which on arm64 fills a whole register over there, and one byte here.
 int findUnwindSections(const void* address, UnwindSections* found) {
   const auto image =
       std::ranges::find_if(program.images, [&](const Image* each) { return each->contains(address); });

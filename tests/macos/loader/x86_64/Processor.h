@@ -8,7 +8,7 @@ namespace loader {
 // What a Mac with this processor has.
 constexpr const char processorName[] = "x86_64";
 constexpr std::uint32_t processorNumber = 0x01000007;
-constexpr std::uint64_t macPage = 4096;
+constexpr std::uint64_t macPage = 4096, macSmallestStack = 8192;
 using MacLongDouble = long double;
 
 /// How the program passes a std::va_list: the address of the same record as here.
