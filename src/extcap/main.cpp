@@ -50,8 +50,8 @@ int reporting(Action action) {
 int capture(const Request& request) {
   Output output(request.fifo);
   return reporting([&] {
-    Capture capture(request, output);
     const Ending untilDone;
+    Capture capture(request, output);
     const kes::sys::AtEnd telling([&] { tell(capture.totals(), request.totals); });
     capture.run();
     return 0;
