@@ -93,7 +93,12 @@ write_starter() {
 }
 
 # What the loader cannot carry for a processor: lines of PATTERN, blanks, reason.
-cannot_load() { sed -e '/^#/d' -e '/^$/d' tests/macos/loader/cannot.txt $(ls "tests/macos/loader/$1/cannot.txt" 2>/dev/null); }
+cannot_load() {
+  local list
+  for list in tests/macos/loader/cannot.txt "tests/macos/loader/$1/cannot.txt"; do
+    [ ! -e "$list" ] || sed -e '/^#/d' -e '/^$/d' "$list"
+  done
+}
 
 # run_loaded PROCESSOR FOLDER: runs the programs of tests, and those of the folder, all but what is listed as
 # impossible. The programs that play the user of the latter, and the driver, are this machine's.
