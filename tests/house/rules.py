@@ -325,6 +325,37 @@ def scripts_that_a_mac_runs_need_only_its_shell_and_tools():
                 yield f"{name}:{number}: {match.group(0)}"
 
 
+def tests_of_a_mac():
+    """The names of the tests that a build on a Mac has."""
+    programs = (ROOT / "tests/macos/programs/CMakeLists.txt").read_text()
+    files = [path for listed in re.findall(r"^kes_mac_tests\(([^)]*)\)", programs, re.MULTILINE)
+             for path in re.findall(r"(?:\$\{tests\}|\.\.)/([\w/]+\.(?:cpp|mm))", listed)]
+    places = [ROOT / "tests", ROOT / "tests/macos"]
+    texts = [(place / name).read_text() for name in files for place in places if (place / name).is_file()]
+    texts += [path.read_text() for path in (ROOT / "tests/macos/promises").glob("*.cpp")]
+    for text in texts:
+        yield from (".".join(names) for names in re.findall(r"\bTEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)", text))
+    yield from re.findall(r"add_test\(NAME (\S+)", (ROOT / "tests/macos/CMakeLists.txt").read_text())
+
+
+def every_row_of_the_platforms_has_a_question_for_a_mac():
+    sys.path.append(str(ROOT / "scripts/lib"))
+    from mac_report import is_test, questions, rows_of_table
+    asked, rows, tests = questions(), list(rows_of_table()), set(tests_of_a_mac())
+    script = (ROOT / "scripts/mac-report").read_text()
+    if len(rows) < 50 or len(tests) < 100:
+        yield f"{len(rows)} rows and {len(tests)} tests are not all that there are"
+    yield from (f"{row}: nobody asks a Mac about it; add it to tests/macos/questions.txt"
+                for row in rows if not asked.get(row))
+    yield from (f"{row}: docs/platforms.md has no such row" for row in asked if row not in rows)
+    for question in sorted({question for row in asked.values() for question in row}):
+        if is_test(question):
+            if not fnmatch.filter(tests, question):
+                yield f"{question}: no test of a Mac's is called so"
+        elif f'"{question}"' not in script:
+            yield f"{question}: scripts/mac-report does not ask that"
+
+
 def main(rule, *arguments):
     complaints = list(globals()[rule](*arguments))
     print("\n".join(complaints))

@@ -53,6 +53,23 @@ TEST(NativeReporterTest, AnNSExceptionIsReportedWithNameReasonAndCallStack) {
   EXPECT_THAT(report, HasSubstr("Call stack: "));
 }
 
+/// Notes its end.
+struct Passenger {
+  ~Passenger() { isGone = true; }
+  bool& isGone;
+};
+
+TEST(NativeReporterTest, AnNSExceptionRunsTheDestructorsOnItsWayToTheHandlerOfEverything) {
+  bool isGone = false;
+  try {
+    const Passenger passenger{isGone};
+    [[NSException exceptionWithName:@"Overrun" reason:@"nothing fits" userInfo:nil] raise];
+    FAIL() << "it was not raised";
+  } catch (...) {
+    EXPECT_TRUE(isGone);
+  }
+}
+
 TEST(NativeReporterTest, AStandardExceptionPassesTheNSExceptionHandler) {
   EXPECT_THAT(reportOf([] { throw std::runtime_error("it failed"); }),
               HasSubstr("std::exception:\n\nit failed"));

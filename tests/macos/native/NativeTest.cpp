@@ -4,6 +4,7 @@
 #include <mach-o/dyld.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,7 +15,9 @@
 #include <sstream>
 #include <string>
 
+#include "kesos/threads.h"
 #include "kespal/Backtrace.h"
+#include "kespal/Locale.h"
 #include "kespal/error/OsError.h"
 #include "kespal/os/darwin/thread/Native.h"
 #include "kespal/proc/Env.h"
@@ -25,6 +28,7 @@
 #include "kespal/time/Clock.h"
 #include "os/System.h"
 #include "support/ForkedChild.h"
+#include "support/TempDir.h"
 
 namespace kes {
 namespace {
@@ -88,6 +92,43 @@ TEST(NativeThreadTest, TheNumberOfAThreadIsTheSystems) {
   std::uint64_t expected = 0;
   ASSERT_EQ(::pthread_threadid_np(::pthread_self(), &expected), 0);
   EXPECT_EQ(thread::getNativeThreadId(), expected);
+}
+
+TEST(NativeClockTest, TheStandardLibrarysSteadyClockGoesOnWhileTheMachineSleeps) {
+  const auto nanoseconds = [](clockid_t clock) {
+    return std::chrono::nanoseconds(::clock_gettime_nsec_np(clock));
+  };
+  const auto slept = nanoseconds(CLOCK_MONOTONIC_RAW) - nanoseconds(CLOCK_UPTIME_RAW);
+  if (slept < std::chrono::seconds(5)) GTEST_SKIP() << "this machine has not slept since it was started";
+  time::ClockBase::init();
+  const time::MonotonicClock ours;
+  const auto apart = std::chrono::steady_clock::now().time_since_epoch() - ours.sinceEpoch();
+  EXPECT_LT(std::chrono::abs(apart - slept), std::chrono::seconds(1));
+}
+
+/// What a thread finds its stack to be, in bytes.
+struct StackLooker : thread::CppThread::IThread {
+  void thread(thread::CppThread&) override { size = ::pthread_get_stacksize_np(::pthread_self()); }
+  std::size_t size = 0;
+};
+
+TEST(NativeThreadTest, TheStackOfAThreadIsOf512KiBUnlessTold) {
+  StackLooker looker;
+  thread::CppThread thread("looker", &looker);
+  thread.run();
+  thread.join();
+  EXPECT_EQ(looker.size, 512U * 1024);
+}
+
+TEST(NativeThreadTest, AStackOfAFlatThreadThatIsNoMultipleOfThePageIsRefused) {
+  const auto start = [](unsigned stackSize) {
+    pthread_t thread{};
+    return KesOsThreadBegin(
+        &thread, [](void*) -> void* { return nullptr; }, stackSize, nullptr);
+  };
+  EXPECT_EQ(start(16U * 1024), 1);
+  EXPECT_EQ(start(64U * 1024), 1);
+  EXPECT_EQ(start(64U * 1024 + 1), 0);
 }
 
 struct Waiter : thread::CppThread::IThread {
@@ -202,6 +243,21 @@ TEST(NativeFileTest, APipeCannotBeSynced) {
   EXPECT_TRUE(os::nothingToSync(errnum)) << errnum;
 }
 
+TEST(NativeFileTest, TheCaseOfANameDoesNotMatter) {
+  const test::TempDir dir;
+  test::writeFile(dir / "Name", "content");
+  EXPECT_EQ(::access((dir / "nAME").c_str(), F_OK), 0) << "this volume tells them apart";
+}
+
+TEST(NativeLocaleTest, TheSystemsSpellingOfALocaleIsUnderstood) {
+  const test::ChildResult child = test::inChild([] {
+    ::setenv("LC_ALL", "de_AT.UTF-8", 1);
+    Locale::init(Locale::System);
+    return Locale::language() == Locale::GermanAustria ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
 TEST(NativeLoaderTest, UnloadingALibraryIsNoticed) {
   const auto before = os::unloads();
   ASSERT_TRUE(before.has_value());
@@ -228,6 +284,16 @@ TEST(NativeBacktraceTest, ALineHasNumberModuleAddressAndSymbol) {
   EXPECT_THAT(line.module, ::testing::Not(::testing::IsEmpty()));
   EXPECT_THAT(line.address, ::testing::StartsWith("0x"));
   EXPECT_EQ(line.plus, "+") << backtrace.back();
+}
+
+/// A function that every program can see, by its name as the linker has it.
+extern "C" [[gnu::noinline]] void kesNativeBacktrace(Backtrace& backtrace);
+void kesNativeBacktrace(Backtrace& backtrace) { backtrace = Backtrace::get(); }
+
+TEST(NativeBacktraceTest, AFunctionOfAFileThatIsNotStrippedHasItsName) {
+  Backtrace backtrace;
+  kesNativeBacktrace(backtrace);
+  EXPECT_THAT(backtrace, ::testing::Contains(::testing::HasSubstr(" kesNativeBacktrace + ")));
 }
 
 /// The numbers of a capture's lines, innermost first, from so many calls further in.

@@ -56,6 +56,23 @@ TEST_F(FoundationTest, TheCallStackOfARaisedNSExceptionIsReportedAfterItsReason)
   EXPECT_NE(stack, std::string::npos);
 }
 
+/// Notes its end.
+struct Passenger {
+  ~Passenger() { isGone = true; }
+  bool& isGone;
+};
+
+TEST_F(FoundationTest, AnNSExceptionRunsTheDestructorsOnItsWayToTheHandlerOfEverything) {
+  bool isGone = false;
+  try {
+    const Passenger passenger{isGone};
+    [[NSException exceptionWithName:@"Overrun" reason:@"nothing fits" userInfo:nil] raise];
+    FAIL() << "it was not raised";
+  } catch (...) {
+    EXPECT_TRUE(isGone);
+  }
+}
+
 TEST_F(FoundationTest, NothingElseFollowsAnNSException) {
   EXPECT_THAT(reportOf(nil), Not(HasSubstr("unknown exception type")));
 }
