@@ -17,6 +17,7 @@ import subprocess
 import sys
 import xml.etree.ElementTree as xml
 
+# A Mac's own Python is 3.8.
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TABLE = ROOT / "docs/platforms.md"
 QUESTIONS = ROOT / "tests/macos/questions.txt"
@@ -113,8 +114,8 @@ def private_names():
     host = socket.gethostname()
     names = dict.fromkeys([host, host.split(".")[0], output_of("scutil", "--get", "ComputerName"),
                            output_of("scutil", "--get", "LocalHostName")], "<host>")
-    names |= dict.fromkeys([getpass.getuser(), user.pw_name, invoker], "<user>")
-    names |= dict.fromkeys([user.pw_gecos.split(",")[0], output_of("id", "-F")], "<name>")
+    names.update(dict.fromkeys([getpass.getuser(), user.pw_name, invoker], "<user>"))
+    names.update(dict.fromkeys([user.pw_gecos.split(",")[0], output_of("id", "-F")], "<name>"))
     own = set(re.findall(r"\w+", (QUESTIONS.read_text() + (ROOT / "scripts/mac-report").read_text()).lower()))
     return {name: stead for name, stead in names.items() if name and name.lower() not in own | {"root", "localhost"}}
 
@@ -124,9 +125,8 @@ def private_folders(root):
     homes = [os.path.expanduser("~"), pwd.getpwuid(os.getuid()).pw_dir]
     if "SUDO_USER" in os.environ:
         homes.append(os.path.expanduser("~" + os.environ["SUDO_USER"]))
-    folders = {os.path.realpath(root): "<sources>", root: "<sources>"}
-    folders |= {os.environ.get("TMPDIR", "").rstrip("/"): "<temporary>"}
-    folders |= dict.fromkeys(homes, "~")
+    folders = {os.path.realpath(root): "<sources>", root: "<sources>",
+               os.environ.get("TMPDIR", "").rstrip("/"): "<temporary>", **dict.fromkeys(homes, "~")}
     return {folder: stead for folder, stead in folders.items() if len(folder) > 1}
 
 
@@ -138,7 +138,7 @@ def without_names(root):
     # Of other users' folders, and of those that this system makes for a user, the place is enough.
     texts += [r"/(?:Users|home)/[\w.-]+", r"/(?:private/)?var/folders/\w+/\w+"]
     private = re.compile("|".join(texts), re.IGNORECASE)
-    known = {name.lower(): stead for name, stead in (steads | names).items()}
+    known = {name.lower(): stead for name, stead in {**steads, **names}.items()}
     for line in sys.stdin.buffer:
         text = line.decode(errors="replace")
         print(private.sub(lambda found: known.get(found[0].lower(), "~"), text), end="", flush=True)
