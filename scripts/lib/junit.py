@@ -41,4 +41,5 @@ def main(what, path):
                 print(f"FAILED: {case.get('name')}\n{printed(case)}")
 
 
-main(*sys.argv[1:])
+if __name__ == "__main__":
+    main(*sys.argv[1:])

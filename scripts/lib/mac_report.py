@@ -17,6 +17,8 @@ import subprocess
 import sys
 import xml.etree.ElementTree as xml
 
+import junit
+
 # A Mac's own Python is 3.8.
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TABLE = ROOT / "docs/platforms.md"
@@ -59,12 +61,10 @@ def results_of_tests(path):
 
 
 def result_of(case):
-    if case.get("status") == "run":
-        return EXPECTED, ""
-    if case.find("skipped") is not None:
-        reason = re.search(r": Skipped\n(.+)", case.findtext("system-out") or "")
-        return UNTRIED, reason[1] if reason else "it was skipped"
-    return DIFFERENT, f"{case.get('name')} fails"
+    outcome = junit.outcome(case)
+    if outcome == "skipped":
+        return UNTRIED, junit.reason(case)
+    return (EXPECTED, "") if outcome == "passed" else (DIFFERENT, f"{case.get('name')} fails")
 
 
 def read_answers(text):
