@@ -7,7 +7,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -69,6 +72,44 @@ struct Fresh {
   driver::Driver driver{{.traceCapacity = 4000, .queueCapacity = 4}};
 };
 
+/// A journal, of which each line is as it should be, whatever the clients say.
+class Noting {
+ public:
+  Noting() { require(lines_.stream != nullptr && json_.stream != nullptr); }
+  ~Noting() {
+    requireLines(lines_.text(), "connection ", "");
+    requireLines(json_.text(), "{\"time\":", "}");
+  }
+  Noting(const Noting&) = delete;
+  Noting& operator=(const Noting&) = delete;
+
+  driver::Journal journal() const { return {lines_.stream, json_.stream}; }
+
+ private:
+  struct Memory {
+    char* bytes = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = ::open_memstream(&bytes, &size);
+
+    std::string text() {
+      std::fclose(stream);
+      const std::string text(bytes, size);
+      std::free(bytes);
+      return text;
+    }
+  };
+
+  static void requireLines(const std::string& text, std::string_view start, std::string_view end) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      require(line.starts_with(start) && line.ends_with(end));
+      for (const char c : line) require(static_cast<unsigned char>(c) >= ' ');
+    }
+  }
+
+  Memory lines_, json_;
+};
+
 /// The stand-in on a thread of its own.
 class Serving {
  public:
@@ -87,7 +128,8 @@ class Serving {
   sys::Descriptor stop_;
   driver::EventLoop loop_;
   Fresh fresh_;
-  driver::Journal journal_{nullptr, nullptr};
+  Noting noting_;
+  driver::Journal journal_ = noting_.journal();
   driver::Server server_{{loop_, registry().listener(), fresh_.driver, script_, journal_}, false};
   std::thread thread_{[this] { loop_.run(); }};
 };

@@ -1,6 +1,6 @@
-// What the system tells in texts, as the platform library reads it: the account files, user-dirs.dirs, the
-// names of processes, the path of the program, the environment. While the target asks, the calls below answer
-// from the input.
+// What the system tells in texts, as the libraries read it: the account files, user-dirs.dirs, the names and
+// states of processes, the path of the program, the environment. While the target asks, the calls below
+// answer from the input.
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "kespal/error/Exception.h"
 #include "kespal/fs/StandardPaths.h"
 #include "kespal/proc/Info.h"
+#include "lives.h"
 #include "os/HomeDir.h"
 
 namespace {
@@ -31,6 +33,7 @@ struct System {
   std::string users, groups;              ///< as /etc/passwd and /etc/group
   std::string userDirs;                   ///< user-dirs.dirs
   std::vector<std::string> commandNames;  ///< of the processes 1, 2, ...
+  std::string state;                      ///< of a process, as /proc/PID/stat
   std::string program;                    ///< what /proc/self/exe points to
 };
 
@@ -40,6 +43,7 @@ System takeSystem(Input input) {
   for (std::string* text : {&system.users, &system.groups, &system.userDirs}) *text = input.text();
   system.commandNames.resize(input.number() % 16);
   for (std::string& name : system.commandNames) name = input.text().substr(0, 64);
+  system.state = input.text();
   system.program = input.rest();
   return system;
 }
@@ -109,7 +113,9 @@ int __real_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, mode_t mode) {
   if (g_system == nullptr) return __real_open(path, flags, mode);
   int process = 0;
-  if (std::sscanf(path, "/proc/%d/comm", &process) != 1) return fileOf(g_system->userDirs);
+  char kind = 0;
+  if (std::sscanf(path, "/proc/%d/%c", &process, &kind) != 2) return fileOf(g_system->userDirs);
+  if (kind == 's') return fileOf(g_system->state);
   return fileOf(g_system->commandNames.at(static_cast<std::size_t>(process) - 1) + '\n');
 }
 
@@ -213,6 +219,22 @@ void requireProcesses(const System& system) {
   }
 }
 
+/// A name in parentheses may hold anything; the fields count from behind it, between single blanks.
+void requireLife(const System& system) {
+  const std::string line = system.state.substr(0, 1023);
+  std::vector<std::string> fields;
+  for (std::size_t at = line.rfind(')'); at != line.npos;) {
+    const std::size_t end = line.find(' ', at);
+    fields.push_back(line.substr(at, end - at));
+    at = end == line.npos ? end : end + 1;
+  }
+  const os::Life life = os::lifeOf(::getpid());
+  if (fields.size() <= 20) return require(!life.isOver && life.start == 0);
+  const bool isDead = fields[1].starts_with('Z') || fields[1].starts_with('X');
+  require(life.isOver == (isDead && std::atol(fields[18].c_str()) <= 1));
+  require(life.start == std::strtoull(fields[20].c_str(), nullptr, 10));
+}
+
 void requireProgram(const System& system) {
   try {
     require(proc::Info::exe() == fs::Path(system.program.c_str()));
@@ -229,6 +251,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   requireAccounts(system);
   requireDirectories(system);
   requireProcesses(system);
+  requireLife(system);
   requireProgram(system);
   return 0;
 }
