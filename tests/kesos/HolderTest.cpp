@@ -107,6 +107,16 @@ class Notes {
   std::uint64_t* words_;
 };
 
+/// A test of a mutex that another process holds, and that is open here as well.
+class HeldMutexTest : public HolderTest {
+ protected:
+  ~HeldMutexTest() override { KesOsMutexClose(mutex_); }
+
+  const unsigned int key_ = freshKey();
+  Holder holder_{key_};
+  KesOsMutex* mutex_ = mutexOf(key_);
+};
+
 // First what is about a segment that is not there yet.
 
 TEST_F(HolderTest, ASegmentThatCannotChangeHandsIsNotKept) {
@@ -151,21 +161,17 @@ TEST_F(HolderTest, WithoutRoomForNotesAWaitFailsAndSaysWhy) {
   KesOsMutexClose(mutex);
 }
 
-TEST_F(HolderTest, TheDeathOfAHolderIsToldAndTheMutexIsHadInOrder) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  holder.end();
-  EXPECT_EQ(lockWithin(mutex, 10'000), holderDied);
-  EXPECT_EQ(valueOf(key), 0);
+TEST_F(HeldMutexTest, TheDeathOfAHolderIsToldAndTheMutexIsHadInOrder) {
+  holder_.end();
+  EXPECT_EQ(lockWithin(mutex_, 10'000), holderDied);
+  EXPECT_EQ(valueOf(key_), 0);
   unsigned int state = 7;
-  EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1);
+  EXPECT_EQ(KesOsMutexWait(mutex_, 0, &state), 1);
   EXPECT_EQ(state, timedOut) << "it is ours alone";
-  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
-  EXPECT_EQ(valueOf(key), 1);
-  EXPECT_EQ(lockWithin(mutex, 10'000), done) << "told once";
-  KesOsMutexRelease(mutex);
-  KesOsMutexClose(mutex);
+  EXPECT_EQ(KesOsMutexRelease(mutex_), 1);
+  EXPECT_EQ(valueOf(key_), 1);
+  EXPECT_EQ(lockWithin(mutex_, 10'000), done) << "told once";
+  KesOsMutexRelease(mutex_);
 }
 
 TEST_F(HolderTest, AHolderThatLockedByThePlainCallIsSeenToDieAsWell) {
@@ -177,36 +183,24 @@ TEST_F(HolderTest, AHolderThatLockedByThePlainCallIsSeenToDieAsWell) {
   KesOsMutexClose(mutex);
 }
 
-TEST_F(HolderTest, ADeadHolderThatNobodyReapedIsDead) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  holder.endUnreaped();
-  EXPECT_EQ(lockWithin(mutex, 10'000), holderDied);
-  KesOsMutexClose(mutex);
+TEST_F(HeldMutexTest, ADeadHolderThatNobodyReapedIsDead) {
+  holder_.endUnreaped();
+  EXPECT_EQ(lockWithin(mutex_, 10'000), holderDied);
 }
 
-TEST_F(HolderTest, ATryAtOnceSeesADeadHolder) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  EXPECT_EQ(lockWithin(mutex, 0), timedOut);
-  holder.end();
-  EXPECT_EQ(lockWithin(mutex, 0), holderDied);
-  KesOsMutexClose(mutex);
+TEST_F(HeldMutexTest, ATryAtOnceSeesADeadHolder) {
+  EXPECT_EQ(lockWithin(mutex_, 0), timedOut);
+  holder_.end();
+  EXPECT_EQ(lockWithin(mutex_, 0), holderDied);
 }
 
-TEST_F(HolderTest, ADeathDuringTheWaitEndsIt) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
+TEST_F(HeldMutexTest, ADeathDuringTheWaitEndsIt) {
   std::thread killer([&] {
-    EXPECT_TRUE(eventually([id = semaphoreOf(key)] { return ::semctl(id, 0, GETNCNT) > 0; }));
-    holder.end();
+    EXPECT_TRUE(eventually([id = semaphoreOf(key_)] { return ::semctl(id, 0, GETNCNT) > 0; }));
+    holder_.end();
   });
-  EXPECT_EQ(lockWithin(mutex, infinite), holderDied);
+  EXPECT_EQ(lockWithin(mutex_, infinite), holderDied);
   killer.join();
-  KesOsMutexClose(mutex);
 }
 
 TEST_F(HolderTest, ALivingHolderKeepsTheMutexUntilTheTimeIsOver) {
@@ -328,19 +322,15 @@ TEST_F(HolderTest, ProcessesThatDieInTurnKeepNobodyOutAndNoTwoHoldTheMutex) {
   KesOsMutexClose(mutex);
 }
 
-TEST_F(HolderTest, APlainWaiterGoesOnAfterTheDeathIsPutInOrder) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
+TEST_F(HeldMutexTest, APlainWaiterGoesOnAfterTheDeathIsPutInOrder) {
   const pid_t plain =
-      startProcess([key] { return KesOsMutexWait(mutexOf(key), infinite, nullptr) == 1 ? 0 : 1; });
-  ASSERT_TRUE(eventually([id = semaphoreOf(key)] { return ::semctl(id, 0, GETNCNT) == 1; }));
-  holder.end();
-  EXPECT_EQ(lockWithin(mutex, 10'000), holderDied);
-  EXPECT_EQ(KesOsMutexRelease(mutex), 1);
+      startProcess([key = key_] { return KesOsMutexWait(mutexOf(key), infinite, nullptr) == 1 ? 0 : 1; });
+  ASSERT_TRUE(eventually([id = semaphoreOf(key_)] { return ::semctl(id, 0, GETNCNT) == 1; }));
+  holder_.end();
+  EXPECT_EQ(lockWithin(mutex_, 10'000), holderDied);
+  EXPECT_EQ(KesOsMutexRelease(mutex_), 1);
   EXPECT_EQ(waitForProcess(plain), 0);
-  EXPECT_EQ(lockWithin(mutex, 10'000), holderDied) << "it ended with the lock";
-  KesOsMutexClose(mutex);
+  EXPECT_EQ(lockWithin(mutex_, 10'000), holderDied) << "it ended with the lock";
 }
 
 TEST_F(HolderTest, AProcessWithTheIdOfADeadHolderIsNotTakenForIt) {
@@ -386,44 +376,32 @@ TEST_F(HolderTest, AProcessWithTheIdOfAHolderOfBeforeHoldsWhatItLocksItself) {
   KesOsMutexClose(mutex);
 }
 
-TEST_F(HolderTest, AHolderThatIsOutOfSightCountsAsAlive) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  holder.end();
+TEST_F(HeldMutexTest, AHolderThatIsOutOfSightCountsAsAlive) {
+  holder_.end();
   const Instead<Call::semctl> unseen([](int id, int number, int command, void* more) {
     return command == GETPID ? 0 : real<Call::semctl>(id, number, command, more);
   });
-  EXPECT_EQ(lockWithin(mutex, 300), timedOut);
-  KesOsMutexClose(mutex);
+  EXPECT_EQ(lockWithin(mutex_, 300), timedOut);
 }
 
-TEST_F(HolderTest, WhereNothingTellsOfProcessesThoseWithoutAnIdAreDead) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
+TEST_F(HeldMutexTest, WhereNothingTellsOfProcessesThoseWithoutAnIdAreDead) {
   const Refuse noProc(Call::open, ENOENT);
-  EXPECT_EQ(lockWithin(mutex, 200), timedOut);
-  holder.endUnreaped();
-  EXPECT_EQ(lockWithin(mutex, 200), timedOut) << "it may be running";
-  holder.reap();
-  EXPECT_EQ(lockWithin(mutex, 200), holderDied);
-  KesOsMutexClose(mutex);
+  EXPECT_EQ(lockWithin(mutex_, 200), timedOut);
+  holder_.endUnreaped();
+  EXPECT_EQ(lockWithin(mutex_, 200), timedOut) << "it may be running";
+  holder_.reap();
+  EXPECT_EQ(lockWithin(mutex_, 200), holderDied);
 }
 
-TEST_F(HolderTest, WhoDiesWhileItLooksAfterADeadOneIsReplaced) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  EXPECT_EQ(lockWithin(mutex, 0), timedOut);
-  holder.end();
+TEST_F(HeldMutexTest, WhoDiesWhileItLooksAfterADeadOneIsReplaced) {
+  EXPECT_EQ(lockWithin(mutex_, 0), timedOut);
+  holder_.end();
   const pid_t dead = startProcess([] { return 0; });
   waitForProcess(dead);
   const Notes notes;
   notes.setRepairer(dead, 5);
-  EXPECT_EQ(lockWithin(mutex, 10'000), holderDied);
+  EXPECT_EQ(lockWithin(mutex_, 10'000), holderDied);
   EXPECT_EQ(notes.repairer(), 0U);
-  KesOsMutexClose(mutex);
 }
 
 TEST_F(HolderTest, OneThatLooksAfterADeadOneKeepsOthersFromIt) {
@@ -440,17 +418,13 @@ TEST_F(HolderTest, OneThatLooksAfterADeadOneKeepsOthersFromIt) {
   KesOsMutexClose(mutex);
 }
 
-TEST_F(HolderTest, AHolderThatReleasesAtTheLastMomentIsNotTakenForDead) {
-  const unsigned int key = freshKey();
-  Holder holder(key);
-  KesOsMutex* mutex = mutexOf(key);
-  holder.endUnreaped();
+TEST_F(HeldMutexTest, AHolderThatReleasesAtTheLastMomentIsNotTakenForDead) {
+  holder_.endUnreaped();
   // As if it had released before it died.
   const Before looked(Call::kill,
-                      [&] { real<Call::semctl>(semaphoreOf(key), 0, SETVAL, reinterpret_cast<void*>(1)); });
-  EXPECT_EQ(lockWithin(mutex, 0), timedOut);
-  EXPECT_EQ(lockWithin(mutex, 0), done);
-  KesOsMutexClose(mutex);
+                      [&] { real<Call::semctl>(semaphoreOf(key_), 0, SETVAL, reinterpret_cast<void*>(1)); });
+  EXPECT_EQ(lockWithin(mutex_, 0), timedOut);
+  EXPECT_EQ(lockWithin(mutex_, 0), done);
 }
 
 TEST_F(HolderTest, AMutexWhoseMakerDiedOverItIsMadeUsable) {

@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -12,12 +11,12 @@
 #include "kespal/error/StaticError.h"
 #include "kespal/fs/Pipe.h"
 #include "kespal/proc/Child.h"
+#include "kespal/proc/Collecting.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/time/Clock.h"
 #include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
-#include "support/Gate.h"
 #include "support/Raised.h"
 #include "support/Sanitizer.h"
 
@@ -77,14 +76,7 @@ TEST_F(ChildTerminateTest, OneThatHadEndedBeforeIsNotSignalled) {
 }
 
 TEST_F(ChildTerminateTest, OneThatHasBeenReapedIsNotKilledWhileSomebodyIsToldOfItsEnd) {
-  struct Slow : Child::Notification {
-    void exited(Child&) override {
-      begun = true;
-      hold.pass();
-    }
-    test::Gate hold;
-    std::atomic<bool> begun{false};
-  } slow;
+  test::SlowToBeTold slow;
   Child child({"/bin/sleep", "3600"});
   child.setNotify(&slow);
   child.create();

@@ -32,6 +32,12 @@ pid_t Collecting::add(std::optional<int> code, bool starving) {
   return pid;
 }
 
+void SlowToBeTold::exited(proc::Child&) {
+  begun = true;
+  hold.pass();
+  ended = true;
+}
+
 /// The thread with this name, as far as the system keeps it; 0 when there is none.
 std::uint64_t threadNamed(const std::string& name) {
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {

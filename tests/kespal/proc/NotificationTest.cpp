@@ -1,17 +1,30 @@
-// Whom a collector tells, and of what, asked without its thread.
+// Whom a collector tells, and of what: asked without its thread, and then of one that runs.
 #include <sys/types.h>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
-
+#include <future>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "kespal/proc/Child.h"
+#include "kespal/proc/Collecting.h"
 #include "kespal/proc/Shepherd.h"
 #include "kespal/time/Clock.h"
+#include "support/Eventually.h"
 #include "support/ForkedChild.h"
 
 namespace kes::proc {
 namespace {
+
+using namespace std::chrono_literals;
+using test::Collecting;
+using test::eventually;
 
 struct Noting : Child::Notification {
   std::vector<Child*> told;
@@ -80,5 +93,63 @@ TEST(NotificationTest, AnotherNotificationCanTakeThePlaceOfOne) {
   EXPECT_EQ(process.exitCode(), 11) << process.err;
 }
 
+TEST(NotificationTest, AChildWithANotificationMayBeDestroyedAtAnyMoment) {
+  struct Counter : Child::Notification {
+    void exited(Child& child) override {
+      EXPECT_EQ(&child, alive);
+      ++calls;
+    }
+    std::atomic<Child*> alive{nullptr};
+    std::atomic<int> calls{0};
+  } counter;
+  for (int round = 0; round < 300; ++round) {
+    auto child = std::make_unique<Child>(std::list<std::string>{"/bin/true"});
+    child->setNotify(&counter);
+    counter.alive = child.get();
+    child->create(false);
+    if (round % 3 == 0) child->wait(false, {});
+    if (round % 3 == 1) std::this_thread::sleep_for(std::chrono::microseconds(round * 10));
+    child.reset();
+    counter.alive = nullptr;
+  }
+  // Whose status was there had its notification called, which the end of the object waits for.
+  EXPECT_GE(counter.calls.load(), 100);
+  Child::exit();
+}
+
+TEST(NotificationTest, AnotherNotificationCanBeSetOnlyWhenTheEarlierOneIsOver) {
+  test::SlowToBeTold slow;
+  Child child({"/bin/true"});
+  child.setNotify(&slow);
+  child.create(false);
+  ASSERT_TRUE(eventually([&] { return slow.begun.load(); }));
+  EXPECT_TRUE(child.wait(false, {}).finished);  // the status is there already
+  auto changed = std::async(std::launch::async, [&] {
+    child.setNotify(nullptr);
+    return slow.ended.load();
+  });
+  EXPECT_EQ(changed.wait_for(20ms), std::future_status::timeout);
+  slow.hold.open();
+  EXPECT_TRUE(changed.get());
+  Child::exit();
+}
+
+TEST(NotificationTest, APidThatIsRegisteredAgainLosesTheNotificationOfItsOldChild) {
+  struct Unwanted : Child::Notification {
+    void exited(Child&) override { ADD_FAILURE() << "of a child that somebody else has reaped"; }
+  } unwanted;
+  Collecting collecting;
+  Child old({"/bin/true"});
+  old.setNotify(&unwanted);
+  const pid_t pid = collecting.add(std::nullopt);
+  {
+    const Shepherd::Guard guard(collecting.shepherd.condition());
+    collecting.shepherd.addNoLock(pid, &old);
+    collecting.shepherd.addNoLock(pid, nullptr);
+  }
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  EXPECT_TRUE(collecting.shepherd.wait(pid, status, nullptr));
+}
 }  // namespace
 }  // namespace kes::proc

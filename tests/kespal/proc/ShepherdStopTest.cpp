@@ -182,14 +182,7 @@ TEST(ShepherdStopTest, AStartThatComesTooEarlyDoesNotHideTheEnd) {
 
 TEST(ShepherdStopTest, AStopThatIsCancelledGoesOnToItsEndAndLeavesNoZombie) {
   const auto result = inChild([] {
-    struct Slow : Child::Notification {
-      void exited(Child&) override {
-        begun = true;
-        hold.pass();
-      }
-      test::Gate hold;
-      std::atomic<bool> begun{false};
-    } slow;
+    test::SlowToBeTold slow;
     Child ended({"/bin/true"}), left({"/bin/sleep", "3600"});
     left.create();
     ended.setNotify(&slow);

@@ -11,7 +11,6 @@
 #include <functional>
 #include <future>
 #include <iostream>
-#include <list>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,7 +24,6 @@
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
-#include "support/NoMemory.h"
 #include "support/Raised.h"
 #include "support/Sanitizer.h"
 
@@ -375,183 +373,6 @@ TEST(ShepherdTest, AfterAnErrorOfWaitingNobodyIsToldOfTheEnd) {
   EXPECT_TRUE(eventually([pid] { return ::kill(pid, 0) == -1; }));
   Child::exit();
   EXPECT_EQ(told.calls, 1);
-}
-
-TEST(ShepherdTest, ASigchldThatIsIgnoredWithAnyFlagsIsNoticed) {
-  const auto result = inChild([] {
-    time::ClockBase::init();
-    struct sigaction ignoring {};
-    ignoring.sa_handler = SIG_IGN;
-    ignoring.sa_flags = SA_SIGINFO;
-    ::sigaction(SIGCHLD, &ignoring, nullptr);
-    Child child({"/bin/sh", "-c", "exit 4"});
-    child.create();
-    const auto state = child.wait(true, 20s);
-    Child::exit();
-    return state.finished ? WEXITSTATUS(state.status) : 1;
-  });
-  EXPECT_EQ(result.exitCode(), 4);
-}
-
-TEST(ShepherdTest, WhereNoChildMayShareItsParentsMemoryAPlainForkDoes) {
-  for (const int refused : {EPERM, ENOSYS, EINVAL}) {
-    const Refuse failing(Call::clone, refused);
-    const int before = made(Call::fork);
-    Child child({"/bin/sh", "-c", "exit 4"});
-    child.create();
-    EXPECT_EQ(child.wait().status, 4 << 8);
-    EXPECT_EQ(made(Call::fork), before + 1);
-  }
-  Child::exit();
-}
-
-TEST(ShepherdTest, AStartThatSucceedsTakesNoPlainFork) {
-  KES_SKIP_UNDER_SANITIZERS("cannot watch a child that shares its parent's memory: there it is a plain fork");
-  const int forks = made(Call::fork), clones = made(Call::clone);
-  Child child({"true"});
-  child.setEnvironment({"A=1"});
-  child.create();
-  EXPECT_EQ(child.wait().status, 0);
-  EXPECT_EQ(made(Call::fork), forks);
-  EXPECT_EQ(made(Call::clone), clones + 1);
-  Child::exit();
-}
-
-TEST(ShepherdTest, NothingIsLeftOfAStartThatHadToBeRepeated) {
-  KES_SKIP_UNDER_THREAD_SANITIZER("handles a signal later, and never if its thread has ended by then");
-  const auto result = inChild([] {
-    std::atomic<int> ends{0};
-    static std::atomic<int>* counter = nullptr;
-    counter = &ends;
-    ::signal(SIGCHLD, [](int) { ++*counter; });
-    Child child({"/no/such/program"});
-    errno = EDOM;
-    child.create();
-    const int errnum = errno;
-    const int code = WEXITSTATUS(child.wait().status);
-    Child::exit();
-    const bool noneLeft = ::waitpid(-1, nullptr, __WALL) == -1 && errno == ECHILD;
-    while (ends == 0) std::this_thread::yield();  // another thread may be on its way to the handler
-    std::cout << code << ' ' << (errnum == EDOM) << ' ' << noneLeft << ' ' << ends;
-    return 0;
-  });
-  EXPECT_EQ(result.out, "125 1 1 1");
-}
-
-TEST(ShepherdTest, AForkThatFailsRaisesOsErrorAndReleasesTheLock) {
-  const auto result = inChild([] {
-    Child child({"/bin/true"});
-    Child::init();
-    try {
-      const Refuse noFork(Call::fork, EAGAIN), noClone(Call::clone, EAGAIN);
-      child.create(false);
-    } catch (const OsError& error) {
-      std::cout << error.errnum() << ' ' << error.file() << ':' << error.line() << ' ' << error.function();
-    }
-    child.create(false);
-    child.wait(false, {});
-    Child::exit();
-    return 0;
-  });
-  EXPECT_EQ(result.out, std::to_string(EAGAIN) + " src/os/posix/proc/Child:129 create");
-}
-
-TEST(ShepherdTest, WithoutMemoryAStartFailsBeforeAnythingIsForked) {
-  Child::init();
-  std::size_t refusals = 0;
-  {
-    Child child({"/bin/true"});
-    child.setEnvironment({"A=1"});
-    child.setWorkingDirectory("/");
-    refusals = test::starve([&child] {
-      const int before = made(Call::fork) + made(Call::clone);
-      try {
-        child.create();
-      } catch (const std::bad_alloc&) {
-        EXPECT_EQ(made(Call::fork) + made(Call::clone), before);
-        EXPECT_EQ(child.pid(), -1);
-        throw;
-      }
-      EXPECT_EQ(child.wait().status, 0);
-    });
-  }
-  EXPECT_GT(refusals, 3U);
-  Child::exit();
-}
-
-TEST(ShepherdTest, AChildIsRegisteredAlthoughThereIsNoMemoryAnyMore) {
-  Collecting collecting;
-  const pid_t pid = collecting.add(7, /*starving=*/true);
-  int status = 0;
-  EXPECT_TRUE(collecting.shepherd.wait(pid, status));
-  EXPECT_EQ(WEXITSTATUS(status), 7);
-}
-
-TEST(ShepherdTest, AChildWithANotificationMayBeDestroyedAtAnyMoment) {
-  struct Counter : Child::Notification {
-    void exited(Child& child) override {
-      EXPECT_EQ(&child, alive);
-      ++calls;
-    }
-    std::atomic<Child*> alive{nullptr};
-    std::atomic<int> calls{0};
-  } counter;
-  for (int round = 0; round < 300; ++round) {
-    auto child = std::make_unique<Child>(std::list<std::string>{"/bin/true"});
-    child->setNotify(&counter);
-    counter.alive = child.get();
-    child->create(false);
-    if (round % 3 == 0) child->wait(false, {});
-    if (round % 3 == 1) std::this_thread::sleep_for(std::chrono::microseconds(round * 10));
-    child.reset();
-    counter.alive = nullptr;
-  }
-  // Whose status was there had its notification called, which the end of the object waits for.
-  EXPECT_GE(counter.calls.load(), 100);
-  Child::exit();
-}
-
-TEST(ShepherdTest, AnotherNotificationCanBeSetOnlyWhenTheEarlierOneIsOver) {
-  struct Slow : Child::Notification {
-    void exited(Child&) override {
-      begun = true;
-      hold.pass();
-      ended = true;
-    }
-    test::Gate hold;
-    std::atomic<bool> begun{false}, ended{false};
-  } slow;
-  Child child({"/bin/true"});
-  child.setNotify(&slow);
-  child.create(false);
-  ASSERT_TRUE(eventually([&] { return slow.begun.load(); }));
-  EXPECT_TRUE(child.wait(false, {}).finished);  // the status is there already
-  auto changed = std::async(std::launch::async, [&] {
-    child.setNotify(nullptr);
-    return slow.ended.load();
-  });
-  EXPECT_EQ(changed.wait_for(20ms), std::future_status::timeout);
-  slow.hold.open();
-  EXPECT_TRUE(changed.get());
-  Child::exit();
-}
-
-TEST(ShepherdTest, APidThatIsRegisteredAgainLosesTheNotificationOfItsOldChild) {
-  struct Unwanted : Child::Notification {
-    void exited(Child&) override { ADD_FAILURE() << "of a child that somebody else has reaped"; }
-  } unwanted;
-  Collecting collecting;
-  Child old({"/bin/true"});
-  old.setNotify(&unwanted);
-  const pid_t pid = collecting.add(std::nullopt);
-  {
-    const Shepherd::Guard guard(collecting.shepherd.condition());
-    collecting.shepherd.addNoLock(pid, &old);
-    collecting.shepherd.addNoLock(pid, nullptr);
-  }
-  ::kill(pid, SIGKILL);
-  int status = 0;
-  EXPECT_TRUE(collecting.shepherd.wait(pid, status, nullptr));
 }
 
 }  // namespace
