@@ -93,6 +93,18 @@ TEST_F(LogTest, CtrlCEndsItInGoodOrder) {
   EXPECT_EQ(script.wait(), 0);
 }
 
+TEST_F(LogTest, ASignalToTheScriptAloneEndsTheToolTooInGoodOrder) {
+  for (const int signal : {SIGTERM, SIGHUP, SIGQUIT}) {
+    play("trace text \"driver: up\\n\"\n");
+    const TestPipe keyboard;
+    Process script(log({}), {.in = keyboard.reader});
+    ASSERT_TRUE(script.waitForOut(" driver: up\n")) << script.err();
+    script.signal(signal);
+    EXPECT_EQ(script.wait(), 0) << ::strsignal(signal);  // kestrace, too, holds what the wait reads to its end
+    EXPECT_TRUE(driver().waitForOutput("closed")) << "by nobody's death";
+  }
+}
+
 TEST_F(LogTest, WhatIsNotUnderstoodIsSaid) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--color"}, {"--color", "pink"}, {"--read", "a", "b"}}) {
