@@ -17,6 +17,7 @@
 namespace kes {
 namespace {
 
+using test::Call;
 using test::complaintsAbout;
 using test::raises;
 using test::Scenario;
@@ -142,6 +143,31 @@ TEST(EngineTest, ALockThatAForkedChildWaitsForIsFound) {
                 ::pthread_mutex_unlock(&lock);
               })),
               Contains(StartsWith("do: forked after pthread_mutex_lock number 1:\n  the child hangs")));
+}
+
+TEST(EngineTest, AnEndOfTheProgramIsFoundUnlessItMayEndThen) {
+  Scenario ending = doing([] {
+    if (::chdir(".") != 0) std::abort();
+  });
+  EXPECT_THAT(complaintsAbout(ending),
+              Contains(StartsWith("do: chdir number 1 refused with EACCES:\n   ended by Aborted")));
+  ending.mayEnd = {Call::chdir};
+  EXPECT_THAT(complaintsAbout(ending), IsEmpty());
+  ending.mayEnd = {Call::open};
+  EXPECT_THAT(complaintsAbout(ending), Contains(HasSubstr("ended by Aborted")));
+}
+
+TEST(EngineTest, AForkedChildPlaysWhatItIsGiven) {
+  KES_SKIP_UNDER_SANITIZERS("makes locks of its own");
+  static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  Scenario locking = doing([] {
+    ::pthread_mutex_lock(&lock);
+    ::pthread_mutex_unlock(&lock);
+  });
+  locking.playForked = [](Stage& stage) { stage.act([] {}); };
+  EXPECT_THAT(complaintsAbout(locking), IsEmpty());
+  locking.playForked = [](Stage& stage) { stage.check(false, "what it is given"); };
+  EXPECT_THAT(complaintsAbout(locking), Contains(HasSubstr("does not hold: what it is given")));
 }
 
 TEST(EngineTest, AThreadAndAHandlerThatAreLeftAreFound) {

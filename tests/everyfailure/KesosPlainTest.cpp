@@ -90,34 +90,30 @@ class Keyboard {
 };
 
 TEST(EveryFailureOfTheFlatLayer, AKeyIsReadAndTheTerminalIsAsBefore) {
-  expectSurvival({.operations = {"KesOsGetCh", "KesOsGetChNoWait"},
-                  .play =
-                      [](Stage& stage) {
-                        const Keyboard keyboard;
-                        const termios before = keyboard.attributes();
-                        // Who cannot switch the terminal for good cannot switch it back.
-                        const auto check = [&] {
-                          const bool isStuck =
-                              stage.isRefused(Call::tcsetattr) && !stage.isRefused(Call::tcsetattr, EINTR);
-                          stage.check(isStuck || keyboard.isAsBefore(before), "the terminal is as it was");
-                        };
-                        const sys::AtEnd checking(check);
-                        int key = 0;
-                        stage.act([&] {
-                          key = KesOsGetChNoWait(0);
-                          return key == 'k';
-                        });
-                        stage.check(key == 'k' || key == 0 || key == 1 || key == -1,
-                                    "no other code is given");
-                        check();
-                        stage.act([&] {
-                          key = KesOsGetCh(0);
-                          return key == 'k';
-                        });
-                        stage.check(key == 'k' || key == -1, "no other code is given");
-                        check();
-                      },
-                  .isForkedBeside = false});
+  expectSurvival({.operations = {"KesOsGetCh", "KesOsGetChNoWait"}, .play = [](Stage& stage) {
+                    const Keyboard keyboard;
+                    const termios before = keyboard.attributes();
+                    // Who cannot switch the terminal for good cannot switch it back.
+                    const auto check = [&] {
+                      const bool isStuck =
+                          stage.isRefused(Call::tcsetattr) && !stage.isRefused(Call::tcsetattr, EINTR);
+                      stage.check(isStuck || keyboard.isAsBefore(before), "the terminal is as it was");
+                    };
+                    const sys::AtEnd checking(check);
+                    int key = 0;
+                    stage.act([&] {
+                      key = KesOsGetChNoWait(0);
+                      return key == 'k';
+                    });
+                    stage.check(key == 'k' || key == 0 || key == 1 || key == -1, "no other code is given");
+                    check();
+                    stage.act([&] {
+                      key = KesOsGetCh(0);
+                      return key == 'k';
+                    });
+                    stage.check(key == 'k' || key == -1, "no other code is given");
+                    check();
+                  }});
 }
 
 std::atomic<int> runs{0};
@@ -142,23 +138,20 @@ void awaitRuns(Stage& stage, int wanted) {
 TEST(EveryFailureOfTheFlatLayer, ThreadsBeginOrSayThatTheyDoNot) {
   expectSurvival(
       {.operations = {"KesOsThreadBegin", "KesOsThreadStart", "KesOsThreadEnd", "KesOsThreadSetName"},
-       .play =
-           [](Stage& stage) {
-             runs = 0;
-             int begun = 0;
-             pthread_t thread{};
-             char name[] = "flat";
-             begun += stage.act([&] { return KesOsThreadBegin(&thread, endWith, 0, name) == 1; }) ? 1 : 0;
-             stage.check(stage.succeeded() == (thread != pthread_t{}), "there is a handle with a thread");
-             awaitRuns(stage, begun);
-             unsigned int state = 0;
-             begun += stage.act([&] { return KesOsThreadStart(nullptr, &state, countRuns, nullptr) == 1; })
-                          ? 1
-                          : 0;
-             stage.check(state == (stage.succeeded() ? 1U : 0U), "the state word says whether it runs");
-             awaitRuns(stage, begun);
-           },
-       .isCancelled = false});
+       .play = [](Stage& stage) {
+         runs = 0;
+         int begun = 0;
+         pthread_t thread{};
+         char name[] = "flat";
+         begun += stage.act([&] { return KesOsThreadBegin(&thread, endWith, 0, name) == 1; }) ? 1 : 0;
+         stage.check(stage.succeeded() == (thread != pthread_t{}), "there is a handle with a thread");
+         awaitRuns(stage, begun);
+         unsigned int state = 0;
+         begun +=
+             stage.act([&] { return KesOsThreadStart(nullptr, &state, countRuns, nullptr) == 1; }) ? 1 : 0;
+         stage.check(state == (stage.succeeded() ? 1U : 0U), "the state word says whether it runs");
+         awaitRuns(stage, begun);
+       }});
 }
 
 void* watchState(void* state) {
@@ -195,18 +188,16 @@ void once() { ++runs; }
 
 TEST(EveryFailureOfTheFlatLayer, OnceIsOnce) {
   expectSurvival({.operations = {"KesOsCallOnce", "KesOsGetDiskDescriptor", "KesOsSetIpcPerms"},
-                  .play =
-                      [](Stage& stage) {
-                        runs = 0;
-                        stage.act([] { return KesOsCallOnce(once) == 1; });
-                        stage.act([] { return KesOsCallOnce(once) == 1; });
-                        stage.check(runs == 1, "it ran once");
-                        stage.act([] {
-                          KesOsSetIpcPerms(0666, 0xFFFFFFFF, 0xFFFFFFFF);
-                          return KesOsGetDiskDescriptor() == 0;
-                        });
-                      },
-                  .isForkedBeside = false});
+                  .play = [](Stage& stage) {
+                    runs = 0;
+                    stage.act([] { return KesOsCallOnce(once) == 1; });
+                    stage.act([] { return KesOsCallOnce(once) == 1; });
+                    stage.check(runs == 1, "it ran once");
+                    stage.act([] {
+                      KesOsSetIpcPerms(0666, 0xFFFFFFFF, 0xFFFFFFFF);
+                      return KesOsGetDiskDescriptor() == 0;
+                    });
+                  }});
 }
 
 }  // namespace

@@ -35,7 +35,7 @@
 // fails, once and from there on, with every error of its manual; so does each allocation; a signal interrupts
 // each call that one can interrupt; each transfer moves one byte, half, and all but one. The thread that acts
 // is cancelled at each cancellation point, and another thread forks after each lock that is taken; the child
-// plays the whole once more.
+// plays the whole once more, or what it is given to play.
 //
 // A run is good if act() raised an error that the declaration names, with the refused call's errno, or gave
 // false where failure is told so, or succeeded and all checks hold; and if afterwards no descriptor, thread,
@@ -73,12 +73,14 @@ struct Scenario {
   std::vector<std::string> operations;
   std::vector<Raises> raises{};  ///< std::bad_alloc where memory fails goes without saying
   std::function<void(Stage&)> play;
-  bool mayLeaveFiles = false;               ///< when it failed, below the stage's directory
-  std::vector<Call> spared{};               ///< calls that are not refused; say why
-  std::vector<Call> misused{};              ///< calls of the kind Misused that are refused all the same
-  bool isCancelled = true;                  ///< whether it is tried what a cancellation does
-  bool isForkedBeside = true;               ///< whether it is tried what a fork by another thread does
-  std::chrono::milliseconds limit{20'000};  ///< for a run
+  bool mayLeaveFiles = false;                ///< when it failed, below the stage's directory
+  std::vector<Call> spared{};                ///< calls that are not refused; say why
+  std::vector<Call> misused{};               ///< calls of the kind Misused that are refused all the same
+  std::vector<Call> mayEnd{};                ///< calls whose refusal may end the program, by abort()
+  bool isCancelled = true;                   ///< whether it is tried what a cancellation does
+  bool isForkedBeside = true;                ///< whether it is tried what a fork by another thread does
+  std::chrono::milliseconds limit{20'000};   ///< for a run
+  std::function<void(Stage&)> playForked{};  ///< for the child of a fork beside; the play itself unless given
 };
 
 /// What a play has to do with: its directory, what fails, what was found.

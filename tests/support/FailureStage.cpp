@@ -34,7 +34,7 @@ namespace {
   Stage::State state{scenario, Run{}, folder, true};
   Stage stage(state);
   try {
-    scenario.play(stage);
+    (scenario.playForked ? scenario.playForked : scenario.play)(stage);
   } catch (const std::exception& error) {
     complain(std::string("the forked child's play was left: ") + error.what());
   }

@@ -24,7 +24,7 @@ bool mayMount() {
 }  // namespace
 
 bool mountPrivately(const std::string& path, const std::string& size) {
-  return mayMount() && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+  return mayMount() && ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
          ::mount("private", path.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
 }
 

@@ -4,6 +4,7 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "sys/AtEnd.h"
 
 namespace kes::thread {
 
@@ -23,10 +24,13 @@ bool BasicThread::Control::prepareJoin() {
       raiseAt({"src/thread/Thread", 199, "prepareJoin"}, UsageError("Tried to join a detached thread"));
     case BURIED:
       return false;
-    case CREATED:
+    case CREATED: {
+      sys::AtEnd holding([this]() KES_UNCHECKED { state = CREATED; });
       state = FINISHED;
       cond.signalAll();
+      holding.dismiss();
       return true;
+    }
     default:
       return true;
   }
@@ -70,17 +74,19 @@ int BasicThread::Control::awaitEnd(::pthread_t thread) {
 
 /// Ends what claimJoin() began.
 void BasicThread::Control::endJoin(bool buried) {
-  {
-    const LockGuardT<Condition> guard(cond);
-    joining = false;
-    if (buried) {
-      ++burials;
-      state = BURIED;
-      handle = {};
-      noteBurial();
-    }
-  }
+  noteJoin(buried);
   cond.signalAll();
+}
+
+/// Ends the program when the lock is refused: others would wait for this join for ever.
+void BasicThread::Control::noteJoin(bool buried) noexcept {  // NOLINT(bugprone-exception-escape)
+  const LockGuardT<Condition> guard(cond);
+  joining = false;
+  if (!buried) return;
+  ++burials;
+  state = BURIED;
+  handle = {};
+  noteBurial();
 }
 
 /// Tells the system that nobody will join, once. Who joins already still may.

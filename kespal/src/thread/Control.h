@@ -84,6 +84,7 @@ struct BasicThread::Control : ProcessBound {
   bool claimJoin() KES_REQUIRES(cond);
   int awaitEnd(::pthread_t thread) KES_EXCLUDES(cond);
   void endJoin(bool buried) KES_EXCLUDES(cond);
+  void noteJoin(bool buried) noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): as finish()
   void release() KES_REQUIRES(cond);
 };
 

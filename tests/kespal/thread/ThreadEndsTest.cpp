@@ -160,6 +160,20 @@ TEST(ThreadEndsTest, ARunWhoseSignalIsRefusedLeavesAHeldThread) {
   EXPECT_TRUE(ran);
 }
 
+TEST(ThreadEndsTest, AHeldThreadThatCannotBeWokenForItsEndStaysHeld) {
+  Body body = [] { ADD_FAILURE() << "it was never let go"; };
+  TestThread thread(body);
+  thread.create();
+  {
+    const Refuse refused(Call::pthread_cond_broadcast, EINVAL, once);
+    EXPECT_EQ(raisedBy([&] { thread.prepareJoin(); }),
+              osError(EINVAL, "include/os/posix/thread/Condition", 32, "signalAll"));
+  }
+  EXPECT_EQ(thread.state(), BasicThread::CREATED);
+  thread.join();
+  EXPECT_EQ(thread.state(), BasicThread::BURIED);
+}
+
 /// Uses a thread in another one that got its handle from the system: between the end of the one and its
 /// burial by whoever joins it.
 Raised raisedByTheNextOwnerOfTheHandle(BasicThread& thread, const std::function<void()>& use) {
@@ -362,6 +376,21 @@ TEST(ThreadEndsTest, AFailureToLockInTheDestructorEndsTheProgram) {
     auto thread = std::make_unique<TestThread>(body);
     const Refuse fault(Call::pthread_mutex_lock, EINVAL, once);
     thread.reset();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 42);
+}
+
+TEST(ThreadEndsTest, AFailureToLockForTheBurialEndsTheProgram) {
+  const ChildResult child = inChild([] {
+    std::set_terminate([] { ::_exit(42); });
+    Body body = [] {};
+    TestThread thread(body);
+    thread.run();
+    std::optional<Refuse> fault;
+    const After joined(Call::pthread_join,
+                       [&fault] { fault.emplace(Call::pthread_mutex_lock, EINVAL, once); });
+    thread.join();
     return 0;
   });
   EXPECT_EQ(child.exitCode(), 42);

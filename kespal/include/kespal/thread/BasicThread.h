@@ -61,7 +61,7 @@ class BasicThread : NoCopy {
   virtual ~BasicThread();  // NOLINT(bugprone-exception-escape): ends the program then
 
   /// Creates the native thread and lets it go. Raises what create() raises, and UsageError when another
-  /// thread buried the new one before it could go.
+  /// thread buried the new one before it could go. One that was created and could not be let go stays held.
   void run();
   /// Creates the native thread, held before the body. Raises UsageError when the state is not BURIED or
   /// there is no body, RuntimeError while a fork is pending, OsError when the system refuses: EAGAIN for want
@@ -71,10 +71,11 @@ class BasicThread : NoCopy {
   /// Waits until the native thread has ended, and buries it; returns at once when it is BURIED. A held
   /// thread leaves without running its body. Raises UsageError for a detached thread that runs or ran,
   /// OsError EINVAL for one that was never let go, EDEADLK for the thread itself. In a forked child it does
-  /// nothing for a thread that stayed with the parent; neither does kill().
+  /// nothing for a thread that stayed with the parent; neither does kill(). A lock that is refused when the
+  /// burial is to be noted ends the program, as others would wait for it for ever.
   void join();
-  /// Gets ready for joining: releases a held thread. False when there is nothing to join; raises
-  /// UsageError for a detached thread that runs.
+  /// Gets ready for joining: releases a held thread, which stays held if it cannot be woken. False when there
+  /// is nothing to join; raises UsageError for a detached thread that runs.
   bool prepareJoin();
   /// Cancels the native thread and joins it. A last resort: the body ends at its next cancellation point,
   /// which may never come, and only on some systems (Linux) are the destructors on its stack run. There, a
