@@ -168,6 +168,28 @@ TEST_F(TreeCopierTest, WhereOneMoreNameIsImpossibleThereIsOneMoreCopy) {
   EXPECT_EQ(readFile(to + "/1"), "content of /1");
 }
 
+TEST_F(TreeCopierTest, ANameThatIsRefusedForNoneOfThoseReasonsIsAnError) {
+  ASSERT_EQ(::link((from + "/1").c_str(), (from + "/a/again").c_str()), 0);
+  const Refuse failing(Call::linkat, EIO);
+  const auto raised = raisedBy([&] { copy(); });
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, EIO);
+  EXPECT_THAT(raised.text, testing::StartsWith(to));
+}
+
+TEST_F(TreeCopierTest, AGroupThatIsRefusedForAnotherReasonThanTheOwnerWasIsAnError) {
+  int calls = 0;
+  const test::Instead<Call::fchown> failing([&calls](int, uid_t, gid_t) {
+    errno = ++calls == 1 ? EPERM : EIO;
+    return -1;
+  });
+  const auto raised = raisedBy([&] { copier.copy((from + "/1").c_str(), to.c_str()); });
+  EXPECT_EQ(raised.type, "kes::FsError");
+  EXPECT_EQ(raised.errnum, EIO);
+  EXPECT_EQ(raised.text, to);
+  EXPECT_FALSE(isThere(to));
+}
+
 TEST_F(TreeCopierTest, HolesStayHolesAndBytesStayBytes) {
   constexpr off_t size = 4L * 1024 * 1024;
   const std::string path = from + "/sparse";

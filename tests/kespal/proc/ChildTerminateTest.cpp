@@ -184,6 +184,19 @@ TEST_F(ChildTerminateTest, WithoutACollectorTheChildIsLeftAlone) {
   EXPECT_EQ(::kill(pid, SIGKILL), 0);
 }
 
+TEST_F(ChildTerminateTest, AWaitForASpanThatNobodyCanEndLeavesTheObjectForTheNextChild) {
+  Child child({"/bin/sleep", "3600"});
+  child.create();
+  const pid_t pid = child.pid();
+  Child::exit();
+  EXPECT_EQ(errorOf([&] { child.waitFor(600s); }), "The process collector has ended");
+  EXPECT_EQ(child.pid(), -1);
+  EXPECT_EQ(::kill(pid, SIGKILL), 0);
+  child.setArguments({"/bin/true"});
+  child.create();
+  EXPECT_TRUE(child.waitFor(600s).finished);
+}
+
 TEST_F(ChildTerminateTest, WhoIsCancelledInTheGraceLeavesAChildThatCanBeWaitedFor) {
   KES_SKIP_UNDER_SANITIZERS("loses track of the stack of a thread that a cancellation unwinds");
   Sleeper sleeper("trap '' TERM");

@@ -190,6 +190,17 @@ TEST_F(CollectorFaultsTest, ACancelledThreadMayFailToEnterAProcessGroup) {
             "Failed to set new process group. Errno = " + std::to_string(EPERM) + "\n");
 }
 
+TEST_F(CollectorFaultsTest, AMessageArrivesWholeHoweverLittleIsTakenOfItAtOnce) {
+  const Refuse refuse(Call::setpgid, EPERM);
+  for (const std::size_t most : {1U, 2U, 40U}) {
+    const test::Shorten shorten(Call::writev, most);
+    testing::internal::CaptureStderr();
+    enterNewProcessGroup();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Failed to set new process group. Errno = " + std::to_string(EPERM) + "\n");
+  }
+}
+
 TEST_F(CollectorFaultsTest, ALookAtTheAccountsIsNotCancelledInTheMiddle) {
   KES_SKIP_UNDER_SANITIZERS("does not follow a thread that is cancelled");
   const auto before = test::openDescriptors();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <iostream>
 #include <list>
 #include <string>
@@ -223,6 +224,33 @@ TEST_F(OutputTest, AnErrorInTheMiddleLeavesNoProgramAndNoDescriptor) {
   EXPECT_EQ(child.pid(), -1);
   EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(test::openDescriptors(), before);
+}
+
+TEST_F(OutputTest, AProgramThatCannotBeEndedKeepsNobodyFromTheErrorInTheMiddle) {
+  Child child({"/bin/sleep", "3600"});
+  {
+    const Refuse failing(Call::poll, ENOMEM, test::once), lasting(Call::kill, EPERM);
+    EXPECT_EQ(test::raisedAs<OsError>([&] { captureOutput(child); }).errnum(), ENOMEM);
+    EXPECT_EQ(lasting.struck(), 1);
+  }
+  EXPECT_EQ(child.terminate(600s).text(), "killed by SIGTERM");
+}
+
+TEST_F(OutputTest, OneThatEndsRightBeforeItWouldBeKilledHasItsOwnStatus) {
+  std::atomic<pid_t> told{-1};
+  const test::Instead<Call::kill> noting([&](pid_t pid, int signal) {
+    const int result = test::real<Call::kill>(pid, signal);
+    if (signal == SIGTERM) told = pid;
+    return result;
+  });
+  const test::Instead<Call::clock_gettime> ending([&](clockid_t id, timespec* now) {
+    const pid_t pid = told.exchange(-1);
+    if (pid != -1) eventually([pid] { return test::real<Call::kill>(pid, 0) == -1; });
+    return test::real<Call::clock_gettime>(id, now);
+  });
+  const Output output = outputOf("exec sleep 3600", {.limit = 100ms, .grace = 0ms});
+  EXPECT_TRUE(output.timedOut);
+  EXPECT_EQ(output.status.text(), "killed by SIGTERM");
 }
 
 TEST_F(OutputTest, AChildThatRunsAlreadyIsLeftAsItIs) {
