@@ -4,6 +4,8 @@ mkdir -p build
 cache=${KES_MACOS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/kes-macos}
 export KES_MACOS_CACHE=$cache
 passed=0 failed=0 skipped=0
+# The programs of tests that the loader runs: kes_NAME_tests.
+loaded_tests="portable native thread signal file"
 
 # The last line counts; `what` is the name of the script.
 finish() {
@@ -110,7 +112,7 @@ run_loaded() {
     echo "skipped under the loader: $pattern: $reason"
     skipped=$((skipped + 1))
   done < <(cannot_load "$processor")
-  for name in portable native thread file; do
+  for name in $loaded_tests; do
     write_starter "$processor" "build/macos-$processor/loaded/kes_${name}_tests" "$started/$name"
     run_tests "loaded-$processor/$name-tests" "$started/$name" "--gtest_filter=$filter"
   done

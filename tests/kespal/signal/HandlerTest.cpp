@@ -121,37 +121,6 @@ TEST_F(HandlerTest, ASignalThatIsManagedLaterNotifiesNobodyAndItsRemovalDoesNotD
   EXPECT_EQ(notifier.count, 0);
 }
 
-TEST_F(HandlerTest, ASignalAbove32IsRegisteredButNeverWaitedFor) {
-  Handler handler;
-  Notifier notifier;
-  const int signal = SIGRTMIN + 6;
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, signal);
-  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-  handler.start(SIGUSR1);
-  EXPECT_NO_THROW(handler.add(signal, notifier));
-  send(signal);
-  expectDelivery(handler, SIGTERM);
-  EXPECT_EQ(notifier.count, 0);
-  EXPECT_NO_THROW(handler.remove(signal, notifier));
-  EXPECT_EQ(removing(handler, signal, notifier), notRegistered);
-  handler.stop();
-}
-
-TEST_F(HandlerTest, SeveralNotifiersOfASignalAbove32AreEachRegistered) {
-  Handler handler;
-  Notifier first, second;
-  const int signal = SIGRTMIN + 6;
-  handler.add(signal, first);
-  handler.add(signal, second);
-  handler.add(signal, first);
-  EXPECT_NO_THROW(handler.remove(signal, first));
-  EXPECT_NO_THROW(handler.remove(signal, first));
-  EXPECT_NO_THROW(handler.remove(signal, second));
-  EXPECT_EQ(removing(handler, signal, second), notRegistered);
-}
-
 TEST_F(HandlerTest, WhatIsNoSignalOrCannotBeHandledIsRefused) {
   Handler handler;
   Notifier notifier;
@@ -221,7 +190,7 @@ TEST_F(HandlerTest, TheThreadBlocksWhatIsSentToTheProcessAndNotWhatAThreadBrings
   send(SIGTERM);
   ASSERT_TRUE(notifier.isTold(1));
   handler.stop();
-  for (const int signal : {SIGHUP, SIGQUIT, SIGALRM, SIGCHLD, SIGTSTP, SIGRTMIN, SIGRTMAX}) {
+  for (const int signal : {SIGHUP, SIGQUIT, SIGALRM, SIGCHLD, SIGTSTP}) {
     EXPECT_TRUE(mask.contains(signal)) << signal;
   }
   for (const int signal :

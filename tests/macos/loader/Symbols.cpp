@@ -55,9 +55,11 @@ std::set<std::string_view> wordsOf(std::string_view text) {
 
 std::map<std::string, void*> gather() {
   std::map<std::string, void*> all;
-  for (const auto group : {accountCalls, backtraceCalls, errorCalls, fileCalls, formatCalls, globCalls,
-                           ioKitCalls, lockCalls, machClockCalls, processCalls, regexCalls, signalCalls,
-                           terminalCalls, textCalls, threadCalls, unwindCalls}) {
+  for (const auto group :
+       {accountCalls, backtraceCalls,    childCalls, errorCalls,   eventCalls,   fileCalls,
+        formatCalls,  globCalls,         ioKitCalls, libraryCalls, lockCalls,    machClockCalls,
+        processCalls, processTableCalls, regexCalls, signalCalls,  systemVCalls, terminalCalls,
+        textCalls,    threadCalls,       unwindCalls}) {
     for (const Call& call : group()) all[call.name] = call.address;
   }
   return all;

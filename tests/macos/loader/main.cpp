@@ -3,7 +3,7 @@
 // The program's own code, its C++ library and its unwinder are the ones that a Mac would run. What it calls
 // in the system is answered by this system: by the same function where both agree, else by one of calls/,
 // and a call that neither knows ends the program with its name and the exit code 127. There is no
-// Objective-C and no exec of another Mach-O program.
+// Objective-C.
 //
 // Built for x86_64 it runs programs for x86_64, built for arm64 those for arm64. What differs between these
 // is in the folders of their names; the call conventions of both systems agree on x86_64, while on arm64 the
@@ -38,9 +38,9 @@ void* wrapped(const Image& image, const std::string& name) {
   return name.starts_with(real) ? systemSymbol(name.substr(real.size())) : image.symbol("__wrap_" + name);
 }
 
-/// Loads a file and binds it to the system and to what was loaded before. A weak symbol, which several
-/// images may define, goes to the first that does; its own definition serves when it is alone.
-void load(const std::string& path) {
+}  // namespace
+
+Image* load(const std::string& path) {
   auto image = std::make_unique<Image>(path);
   image->bind(
       [&](const std::string& name) {
@@ -53,15 +53,21 @@ void load(const std::string& path) {
         return before != nullptr ? before : image->symbol(name);
       });
   program.images.push_back(image.release());
+  return program.images.back();
 }
 
+namespace {
+
 int run(int argc, char** argv) {
+  constexpr std::size_t mostImages = 64;
+  program.images.reserve(mostImages);  // so that who reads the list meanwhile is not disturbed
   int next = 1;
   for (; next + 1 < argc && std::string_view(argv[next]) == "-l"; next += 2) load(argv[next + 1]);
   if (next >= argc) {
     std::fputs("usage: loader [-l LIBRARY]... PROGRAM [ARGUMENT...]\n", stderr);
     return 2;
   }
+  program.loader.assign(argv, argv + next);
   program.argc = argc - next;
   program.argv = argv + next;
   load(argv[next]);

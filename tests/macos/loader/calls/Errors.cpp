@@ -15,12 +15,14 @@ struct Pair {
 
 // Up to ERANGE (34) the numbers agree but for one.
 constexpr Pair pairs[] = {
-    {EAGAIN, 35},       {EDEADLK, 11},     {ENAMETOOLONG, 63},  {ENOLCK, 77},          {ENOSYS, 78},
-    {ENOTEMPTY, 66},    {ELOOP, 62},       {ENOMSG, 91},        {EIDRM, 90},           {EOVERFLOW, 84},
-    {EILSEQ, 92},       {ENOTSOCK, 38},    {EMSGSIZE, 40},      {EPROTONOSUPPORT, 43}, {ENOTSUP, 45},
-    {EAFNOSUPPORT, 47}, {EADDRINUSE, 48},  {EADDRNOTAVAIL, 49}, {ECONNABORTED, 53},    {ECONNRESET, 54},
-    {ENOBUFS, 55},      {EISCONN, 56},     {ENOTCONN, 57},      {ETIMEDOUT, 60},       {ECONNREFUSED, 61},
-    {EALREADY, 37},     {EINPROGRESS, 36}, {ESTALE, 70},        {EDQUOT, 69},          {ECANCELED, 89},
+    {EAGAIN, 35},       {EDEADLK, 11},      {ENAMETOOLONG, 63},  {ENOLCK, 77},          {ENOSYS, 78},
+    {ENOTEMPTY, 66},    {ELOOP, 62},        {ENOMSG, 91},        {EIDRM, 90},           {EOVERFLOW, 84},
+    {EILSEQ, 92},       {ENOTSOCK, 38},     {EMSGSIZE, 40},      {EPROTONOSUPPORT, 43}, {ENOTSUP, 45},
+    {EAFNOSUPPORT, 47}, {EADDRINUSE, 48},   {EADDRNOTAVAIL, 49}, {ECONNABORTED, 53},    {ECONNRESET, 54},
+    {ENOBUFS, 55},      {EISCONN, 56},      {ENOTCONN, 57},      {ETIMEDOUT, 60},       {ECONNREFUSED, 61},
+    {EALREADY, 37},     {EINPROGRESS, 36},  {ESTALE, 70},        {EDQUOT, 69},          {ECANCELED, 89},
+    {EOPNOTSUPP, 102},  {EPROTO, 100},      {ENODATA, 96},       {EBADMSG, 94},         {ENOPROTOOPT, 42},
+    {EPROTOTYPE, 41},   {EHOSTUNREACH, 65}, {ENETUNREACH, 51},   {EDESTADDRREQ, 39},
 };
 
 /// What the program sees as errno. A host call that fails leaves its number in the host's errno, which is

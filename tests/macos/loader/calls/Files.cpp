@@ -12,6 +12,7 @@
 
 #include "Calls.h"
 #include "Variadic.h"
+#include "calls/Records.h"
 
 namespace loader {
 
@@ -21,10 +22,11 @@ struct Flag {
   int mac, host;
 };
 constexpr Flag openFlags[] = {
-    {0x4, O_NONBLOCK}, {0x8, O_APPEND}, {0x100, O_NOFOLLOW},     {0x200, O_CREAT},
-    {0x400, O_TRUNC},  {0x800, O_EXCL}, {0x100000, O_DIRECTORY}, {0x1000000, O_CLOEXEC},
+    {0x4, O_NONBLOCK},   {0x8, O_APPEND},         {0x80, O_SYNC},         {0x100, O_NOFOLLOW},
+    {0x200, O_CREAT},    {0x400, O_TRUNC},        {0x800, O_EXCL},        {0x20000, O_NOCTTY},
+    {0x400000, O_DSYNC}, {0x100000, O_DIRECTORY}, {0x1000000, O_CLOEXEC},
 };
-constexpr int macWorkingDirectory = -2, macRemoveDirectory = 0x80, macNoFollow = 0x20;
+constexpr int macWorkingDirectory = -2, macRemoveDirectory = 0x80, macNoFollow = 0x20, macFollow = 0x40;
 
 int hostOpenFlags(int flags) {
   int result = flags & O_ACCMODE;
@@ -44,15 +46,52 @@ int openAt(int fd, const char* path, int flags, MacList mode) {
 int changeModeAt(int fd, const char* path, mode_t mode, int flags) {
   return ::fchmodat(hostDirectory(fd), path, mode, (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0);
 }
-int setTimesAt(int fd, const char* path, const timespec* mac, int flags) {
-  constexpr long macNow = -1, macOmit = -2;
-  timespec times[2] = {mac[0], mac[1]};
-  for (timespec& time : times) {
-    time.tv_nsec = time.tv_nsec == macNow ? UTIME_NOW : time.tv_nsec == macOmit ? UTIME_OMIT : time.tv_nsec;
+struct Times {
+  explicit Times(const timespec* mac) {
+    constexpr long macNow = -1, macOmit = -2;
+    if (mac == nullptr) return;
+    for (int i = 0; i < 2; ++i) {
+      const long part = mac[i].tv_nsec;
+      values[i] = {mac[i].tv_sec, part == macNow ? UTIME_NOW : part == macOmit ? UTIME_OMIT : part};
+    }
   }
+
+  timespec values[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
+};
+int setTimesAt(int fd, const char* path, const timespec* mac, int flags) {
   const int hostFlags = (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
-  return ::utimensat(hostDirectory(fd), path, times, hostFlags);
+  return ::utimensat(hostDirectory(fd), path, Times(mac).values, hostFlags);
 }
+int setTimes(int fd, const timespec* mac) { return ::futimens(fd, Times(mac).values); }
+
+int makeDirectoryAt(int fd, const char* path, mode_t mode) {
+  return ::mkdirat(hostDirectory(fd), path, mode);
+}
+int makeFifoAt(int fd, const char* path, mode_t mode) { return ::mkfifoat(hostDirectory(fd), path, mode); }
+int renameAt(int fd, const char* from, int toFd, const char* to) {
+  return ::renameat(hostDirectory(fd), from, hostDirectory(toFd), to);
+}
+int linkAt(int fd, const char* from, int toFd, const char* to, int flags) {
+  const int hostFlags = (flags & macFollow) != 0 ? AT_SYMLINK_FOLLOW : 0;
+  return ::linkat(hostDirectory(fd), from, hostDirectory(toFd), to, hostFlags);
+}
+int symlinkAt(const char* target, int fd, const char* path) {
+  return ::symlinkat(target, hostDirectory(fd), path);
+}
+ssize_t readLinkAt(int fd, const char* path, char* text, std::size_t size) {
+  return ::readlinkat(hostDirectory(fd), path, text, size);
+}
+int changeOwnerAt(int fd, const char* path, uid_t user, gid_t group, int flags) {
+  const int hostFlags = (flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  return ::fchownat(hostDirectory(fd), path, user, group, hostFlags);
+}
+int accessAt(int fd, const char* path, int mode, int flags) {
+  constexpr int macEffective = 0x10;
+  const int hostFlags =
+      ((flags & macEffective) != 0 ? AT_EACCESS : 0) | ((flags & macNoFollow) != 0 ? AT_SYMLINK_NOFOLLOW : 0);
+  return ::faccessat(hostDirectory(fd), path, mode, hostFlags);
+}
+
 int makePipe(int* ends, int flags) { return ::pipe2(ends, hostOpenFlags(flags)); }
 int makeTemporary(char* name, int flags) { return ::mkostemp(name, hostOpenFlags(flags)); }
 int unlinkAt(int fd, const char* path, int flags) {
@@ -140,23 +179,56 @@ MacEntry* nextEntry(DIR* directory) {
   return &mac;
 }
 
-int control(int fd, int command, MacList rest) {
-  const auto argument = HostArguments(rest).next<long>();
-  constexpr int macDuplicateCloseOnExec = 67, lastCommon = F_SETFD, getFlags = F_GETFL, setFlags = F_SETFL;
-  if (command <= lastCommon) return ::fcntl(fd, command, argument);
-  if (command == macDuplicateCloseOnExec) return ::fcntl(fd, F_DUPFD_CLOEXEC, argument);
-  if (command == setFlags) return ::fcntl(fd, F_SETFL, hostOpenFlags(static_cast<int>(argument)));
-  if (command != getFlags) {
-    errno = EINVAL;
-    return -1;
+// Kinds of a lock, as both count them.
+constexpr int macLocks[] = {1, 2, 3};
+constexpr short hostLocks[] = {F_RDLCK, F_UNLCK, F_WRLCK};
+
+int lockRange(int fd, int command, mac::Flock* mac) {
+  struct flock host {};
+  host.l_start = mac->start;
+  host.l_len = mac->length;
+  host.l_whence = mac->whence;
+  host.l_type = -1;
+  for (int i = 0; i < 3; ++i) {
+    if (macLocks[i] == mac->type) host.l_type = hostLocks[i];
   }
+  const int result = ::fcntl(fd, command, &host);
+  if (result != 0 || (command != F_GETLK && command != F_OFD_GETLK)) return result;
+  *mac = {host.l_start, host.l_len, host.l_pid, 0, host.l_whence};
+  for (int i = 0; i < 3; ++i) {
+    if (hostLocks[i] == host.l_type) mac->type = static_cast<std::int16_t>(macLocks[i]);
+  }
+  return result;
+}
+
+int getFlags(int fd) {
   const int host = ::fcntl(fd, F_GETFL);
   if (host == -1) return -1;
   int mac = host & O_ACCMODE;
   for (const Flag& flag : openFlags) {
-    if ((host & flag.host) != 0) mac |= flag.mac;
+    if ((host & flag.host) == flag.host) mac |= flag.mac;
   }
   return mac;
+}
+
+int control(int fd, int command, MacList rest) {
+  const auto argument = HostArguments(rest).next<std::intptr_t>();
+  constexpr int lastCommon = F_SETFD, macFullSync = 51, macDuplicateCloseOnExec = 67;
+  struct Lock {
+    int mac, host;
+  };
+  constexpr Lock locks[] = {{7, F_GETLK},      {8, F_SETLK},       {9, F_SETLKW},
+                            {90, F_OFD_SETLK}, {91, F_OFD_SETLKW}, {92, F_OFD_GETLK}};
+  if (command <= lastCommon) return ::fcntl(fd, command, argument);
+  if (command == F_GETFL) return getFlags(fd);
+  if (command == F_SETFL) return ::fcntl(fd, F_SETFL, hostOpenFlags(static_cast<int>(argument)));
+  if (command == macFullSync) return ::fsync(fd);
+  if (command == macDuplicateCloseOnExec) return ::fcntl(fd, F_DUPFD_CLOEXEC, argument);
+  for (const Lock& lock : locks) {
+    if (lock.mac == command) return lockRange(fd, lock.host, reinterpret_cast<mac::Flock*>(argument));
+  }
+  errno = EINVAL;
+  return -1;
 }
 
 struct MacTimeval {
@@ -175,6 +247,18 @@ const Call calls[] = {
     {"openat", variadic<openAt>},
     {"fchmodat", changeModeAt},
     {"utimensat", setTimesAt},
+    {"futimens", setTimes},
+    {"mkdirat", makeDirectoryAt},
+    {"mkfifoat", makeFifoAt},
+    {"renameat", renameAt},
+    {"linkat", linkAt},
+    {"symlinkat", symlinkAt},
+    {"readlinkat", readLinkAt},
+    {"fchownat", changeOwnerAt},
+    {"faccessat", accessAt},
+    {"lchown", ::lchown},
+    {"pwrite", ::pwrite},
+    {"getentropy", ::getentropy},
     {"mkostemp", makeTemporary},
     {"pipe2", makePipe},
     {"unlinkat", unlinkAt},

@@ -1,46 +1,41 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 
 #include "Calls.h"
+#include "calls/Records.h"
 
 namespace loader {
 
 namespace {
 
-/// This system's number of each signal that macOS has, in its order from 1; 0 where there is none.
-constexpr int hostSignals[] = {SIGHUP,  SIGINT,    SIGQUIT, SIGILL,   SIGTRAP, SIGABRT, 0,       SIGFPE,
-                               SIGKILL, SIGBUS,    SIGSEGV, SIGSYS,   SIGPIPE, SIGALRM, SIGTERM, SIGURG,
-                               SIGSTOP, SIGTSTP,   SIGCONT, SIGCHLD,  SIGTTIN, SIGTTOU, SIGIO,   SIGXCPU,
-                               SIGXFSZ, SIGVTALRM, SIGPROF, SIGWINCH, 0,       SIGUSR1, SIGUSR2};
-constexpr int signalCount = 31;
+/// This system's number of each signal that macOS has, in its order from 1. Two are not known here (SIGEMT
+/// and SIGINFO); for them serve two that nobody knows over there.
+constexpr int hostSignals[] = {SIGHUP,  SIGINT,    SIGQUIT, SIGILL,   SIGTRAP, SIGABRT, SIGSTKFLT, SIGFPE,
+                               SIGKILL, SIGBUS,    SIGSEGV, SIGSYS,   SIGPIPE, SIGALRM, SIGTERM,   SIGURG,
+                               SIGSTOP, SIGTSTP,   SIGCONT, SIGCHLD,  SIGTTIN, SIGTTOU, SIGIO,     SIGXCPU,
+                               SIGXFSZ, SIGVTALRM, SIGPROF, SIGWINCH, SIGPWR,  SIGUSR1, SIGUSR2};
+constexpr int signalCount = 31, macKill = 9, macStop = 17;
 static_assert(std::size(hostSignals) == signalCount);
-
-int macSignal(int host) {
-  for (int mac = 1; mac <= signalCount; ++mac) {
-    if (hostSignals[mac - 1] == host) return mac;
-  }
-  return host;
-}
 
 /// A set is a word over there, a bit for each signal.
 sigset_t hostSet(std::uint32_t mac) {
   sigset_t host;
   sigemptyset(&host);
   for (int number = 1; number <= signalCount; ++number) {
-    if ((mac >> (number - 1) & 1) != 0 && hostSignal(number) != 0) sigaddset(&host, hostSignal(number));
+    if ((mac >> (number - 1) & 1) != 0) sigaddset(&host, hostSignal(number));
   }
   return host;
 }
 std::uint32_t macSet(const sigset_t& host) {
   std::uint32_t mac = 0;
   for (int number = 1; number <= signalCount; ++number) {
-    if (hostSignal(number) != 0 && sigismember(&host, hostSignal(number)) == 1) mac |= 1U << (number - 1);
+    if (sigismember(&host, hostSignal(number)) == 1) mac |= 1U << (number - 1);
   }
   return mac;
 }
@@ -62,27 +57,44 @@ int changeProcessMask(int how, const std::uint32_t* mac, std::uint32_t* old) {
   return errno == 0 ? 0 : -1;
 }
 
-// Handlers get the number that they know.
+// Handlers get the number that they know, and what else they may ask for. Both kinds share a word over there,
+// too.
 using SignalHandler = void (*)(int);
-SignalHandler programHandlers[signalCount + 1];
-void deliver(int host) {
-  const int mac = macSignal(host);
-  if (programHandlers[mac] != nullptr) programHandlers[mac](mac);
-}
-
-SignalHandler setHandler(int mac, SignalHandler handler) {
-  const bool own = handler != SIG_DFL && handler != SIG_IGN;
-  const SignalHandler before = programHandlers[mac];
-  programHandlers[mac] = own ? handler : nullptr;
-  const SignalHandler host = ::signal(hostSignal(mac), own ? deliver : handler);
-  return host == deliver ? before : host;
-}
-
+using InfoHandler = void (*)(int, mac::SignalInfo*, void*);
+constexpr int macInfo = 0x40;
 struct MacAction {
-  SignalHandler handler;
+  union {
+    SignalHandler handler;
+    InfoHandler infoHandler;
+  };
   std::uint32_t mask;
   int flags;
 };
+MacAction programActions[signalCount + 1];
+
+mac::SignalInfo macInfoOf(const siginfo_t& host) {
+  constexpr int macByUser = 0x10001;
+  mac::SignalInfo info{};
+  info.signal = macSignal(host.si_signo);
+  info.code = host.si_code == SI_USER || host.si_code == SI_TKILL ? macByUser : host.si_code;
+  info.process = host.si_pid;
+  info.user = host.si_uid;
+  if (host.si_signo == SIGCHLD) info.status = host.si_status;
+  if (host.si_signo == SIGSEGV || host.si_signo == SIGBUS) info.address = host.si_addr;
+  return info;
+}
+
+void deliver(int host, siginfo_t* hostInfo, void* context) {
+  const int number = macSignal(host);
+  const MacAction action = programActions[number];
+  if (action.handler == nullptr) return;
+  if ((action.flags & macInfo) == 0) return action.handler(number);
+  mac::SignalInfo info = macInfoOf(*hostInfo);
+  action.infoHandler(number, &info, context);
+}
+
+bool isOwn(SignalHandler handler) { return handler != SIG_DFL && handler != SIG_IGN && handler != SIG_ERR; }
+
 struct Flag {
   int mac;
   unsigned host;
@@ -92,36 +104,56 @@ constexpr Flag actionFlags[] = {{0x1, SA_ONSTACK},   {0x2, SA_RESTART},  {0x4, S
 
 struct sigaction hostAction(const MacAction& mac) {
   struct sigaction host {};
-  host.sa_handler = mac.handler == SIG_DFL || mac.handler == SIG_IGN ? mac.handler : deliver;
+  if (isOwn(mac.handler)) {
+    host.sa_sigaction = deliver;
+    host.sa_flags = SA_SIGINFO;
+  } else {
+    host.sa_handler = mac.handler;
+  }
   host.sa_mask = hostSet(mac.mask);
   for (const Flag& flag : actionFlags) {
     if ((mac.flags & flag.mac) != 0) host.sa_flags |= static_cast<int>(flag.host);
   }
   return host;
 }
-MacAction macAction(const struct sigaction& host, SignalHandler handler) {
-  MacAction mac{host.sa_handler == deliver ? handler : host.sa_handler, macSet(host.sa_mask), 0};
+/// What the program set, as far as the system still has that.
+MacAction macAction(const struct sigaction& host, const MacAction& set) {
+  const bool isDelivered = (host.sa_flags & SA_SIGINFO) != 0 && host.sa_sigaction == deliver;
+  MacAction mac{{isDelivered ? set.handler : host.sa_handler}, macSet(host.sa_mask), 0};
   for (const Flag& flag : actionFlags) {
     if ((static_cast<unsigned>(host.sa_flags) & flag.host) != 0) mac.flags |= flag.mac;
   }
+  if (!isDelivered || (set.flags & macInfo) != 0) mac.flags |= set.flags & macInfo;
   return mac;
 }
 
 int setAction(int mac, const MacAction* action, MacAction* old) {
-  if (mac < 1 || mac > signalCount || hostSignal(mac) == 0) {
+  if (mac < 1 || mac > signalCount) {
     errno = EINVAL;
     return -1;
   }
-  const SignalHandler before = programHandlers[mac];
+  const MacAction before = programActions[mac];
   struct sigaction host {
   }, hostOld{};
   if (action != nullptr) {
     host = hostAction(*action);
-    if (host.sa_handler == deliver) programHandlers[mac] = action->handler;
+    if ((mac == macKill || mac == macStop) && isOwn(action->handler)) {
+      errno = EINVAL;
+      return -1;
+    }
+    programActions[mac] = *action;
   }
   const int result = ::sigaction(hostSignal(mac), action != nullptr ? &host : nullptr, &hostOld);
+  if (result != 0) programActions[mac] = before;
   if (result == 0 && old != nullptr) *old = macAction(hostOld, before);
   return result;
+}
+
+SignalHandler setHandler(int mac, SignalHandler handler) {
+  constexpr int macRestart = 0x2;
+  const MacAction action{{handler}, 0, macRestart};
+  MacAction old{};
+  return setAction(mac, &action, &old) == 0 ? old.handler : SIG_ERR;
 }
 
 int waitForSignal(const std::uint32_t* set, int* mac) {
@@ -139,42 +171,37 @@ int pendingSignals(std::uint32_t* mac) {
   return result;
 }
 
-char* signalText(int mac) { return ::strsignal(hostSignal(mac)); }
-
-/// A status of wait() has the number of the signal that ended or stopped the process.
-int macStatus(int host) {
-  if (WIFSIGNALED(host)) return (host & ~0x7F) | macSignal(WTERMSIG(host));
-  if (WIFSTOPPED(host)) return macSignal(WSTOPSIG(host)) << 8 | 0x7F;
-  return host;
+const char* signalText(int mac) {
+  static thread_local char unknown[32];
+  if (hostSignal(mac) > 0) return ::strsignal(hostSignal(mac));
+  std::snprintf(unknown, sizeof unknown, "Unknown signal: %d", mac);
+  return unknown;
 }
-pid_t waitFor(pid_t process, int* status, int options) {
-  int host = 0;
-  const pid_t found = ::waitpid(process, &host, options);
-  if (found > 0 && status != nullptr) *status = macStatus(host);
-  return found;
-}
-pid_t waitForAny(int* status) { return waitFor(-1, status, 0); }
 
 int killProcess(pid_t process, int mac) { return ::kill(process, hostSignal(mac)); }
 int raiseSignal(int mac) { return ::raise(hostSignal(mac)); }
 
 const Call calls[] = {
-    {"pthread_sigmask", changeMask},
-    {"sigprocmask", changeProcessMask},
-    {"sigaction", setAction},
-    {"sigpending", pendingSignals},
-    {"sigwait", waitForSignal},
-    {"signal", setHandler},
-    {"strsignal", signalText},
-    {"kill", killProcess},
+    {"pthread_sigmask", changeMask}, {"sigprocmask", changeProcessMask},
+    {"sigaction", setAction},        {"sigpending", pendingSignals},
+    {"sigwait", waitForSignal},      {"signal", setHandler},
+    {"strsignal", signalText},       {"kill", killProcess},
     {"raise", raiseSignal},
-    {"waitpid", waitFor},
-    {"wait", waitForAny},
 };
 
 }  // namespace
 
-int hostSignal(int mac) { return mac >= 1 && mac <= signalCount ? hostSignals[mac - 1] : mac; }
+int macSignal(int host) {
+  for (int mac = 1; mac <= signalCount; ++mac) {
+    if (hostSignals[mac - 1] == host) return mac;
+  }
+  return host;
+}
+
+int hostSignal(int mac) {
+  if (mac < 0 || mac > signalCount) return -1;
+  return mac == 0 ? 0 : hostSignals[mac - 1];
+}
 
 std::span<const Call> signalCalls() { return calls; }
 

@@ -30,10 +30,7 @@ int findUnwindSections(const void* address, UnwindSections* found) {
   return 1;
 }
 
-void nothingIsUnloaded(void (*)(const void*, std::intptr_t)) {}
-
-const Call calls[] = {{"_dyld_find_unwind_sections", findUnwindSections},
-                      {"_dyld_register_func_for_remove_image", nothingIsUnloaded}};
+const Call calls[] = {{"_dyld_find_unwind_sections", findUnwindSections}};
 
 }  // namespace
 
