@@ -150,7 +150,7 @@ TEST_F(ChildUserTest, EveryStepThatIsRefusedIsTold) {
 TEST_F(ChildUserTest, ProcessesThatAreTooManyForTheUserAreTold) {
   std::optional<Refuse> refusing;
   EXPECT_EQ(asStranger("true", [&](Child&) { refusing.emplace(Call::setuid, EAGAIN); }),
-            "125, user id: Resource temporarily unavailable (11)");
+            "125, user id: Resource temporarily unavailable (" + std::to_string(EAGAIN) + ")");
 }
 
 TEST_F(ChildUserTest, AChangeThatOnlySeemsToBeMadeIsFoundOut) {

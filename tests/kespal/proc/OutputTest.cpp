@@ -142,7 +142,7 @@ TEST_F(OutputTest, OneThatDoesNotEndIsKilledAfterTheGrace) {
 }
 
 TEST_F(OutputTest, OneThatWritesForEverIsEndedAndCut) {
-  const Output output = outputOf("exec yes", {.most = 100, .limit = 200ms});
+  const Output output = outputOf("exec yes", {.most = 100, .limit = 1s});
   EXPECT_TRUE(output.timedOut && output.truncated);
   EXPECT_EQ(output.out.size(), 100U);
 }

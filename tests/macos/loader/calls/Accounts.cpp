@@ -1,6 +1,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 
@@ -53,14 +54,21 @@ MacUser* userNumbered(uid_t id) {
   return host != nullptr ? give(*host, &mac) : nullptr;
 }
 
-// The records of groups are the same, the count of a list is an int.
-int setGroups(int count, const gid_t* groups) { return ::setgroups(static_cast<std::size_t>(count), groups); }
+// The records of groups are the same, the count of a list is an int. The first of a list is the effective
+// group id over there, which is no member of it here.
+int setGroups(int count, const gid_t* groups) {
+  return count == 0 ? ::setgroups(0, nullptr) : ::setgroups(static_cast<std::size_t>(count) - 1, groups + 1);
+}
+int getGroups(int size, gid_t* groups) {
+  const int others =
+      ::getgroups(size > 0 ? size - 1 : 0, groups != nullptr && size > 0 ? groups + 1 : groups);
+  if (others == -1) return -1;
+  if (size > 0) groups[0] = ::getegid();
+  return others + 1;
+}
 
-const Call calls[] = {{"getpwnam_r", userByName},
-                      {"getpwuid_r", userById},
-                      {"getpwnam", userNamed},
-                      {"getpwuid", userNumbered},
-                      {"setgroups", setGroups}};
+const Call calls[] = {{"getpwnam_r", userByName}, {"getpwuid_r", userById}, {"getpwnam", userNamed},
+                      {"getpwuid", userNumbered}, {"setgroups", setGroups}, {"getgroups", getGroups}};
 
 }  // namespace
 

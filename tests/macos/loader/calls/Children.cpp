@@ -1,6 +1,8 @@
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,6 +102,12 @@ int useOf(int whose, rusage* use) {
 }
 
 const Call calls[] = {
+    // What tests ask of Linux itself.
+    {"prctl", ::prctl},
+    {"setresuid", ::setresuid},
+    {"setresgid", ::setresgid},
+    {"unshare", ::unshare},
+    // The rest is the platform's.
     {"waitpid", waitFor},
     {"wait", waitForAny},
     {"waitid", waitForState},

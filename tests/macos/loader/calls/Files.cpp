@@ -104,6 +104,17 @@ void* map(void* address, std::size_t size, int protection, int flags, int fd, of
   return ::mmap(address, size, protection, hostFlags, fd, offset);
 }
 
+int syncMap(void* address, std::size_t size, int flags) {
+  constexpr int macSync = 0x10;
+  return ::msync(address, size, (flags & ~macSync) | ((flags & macSync) != 0 ? MS_SYNC : 0));
+}
+// The first few numbers are the same.
+int advise(void* address, std::size_t size, int advice) {
+  if (advice >= MADV_NORMAL && advice <= MADV_DONTNEED) return ::madvise(address, size, advice);
+  errno = EINVAL;
+  return -1;
+}
+
 struct MacStat {
   std::int32_t device;
   std::uint16_t mode, links;
@@ -263,6 +274,8 @@ const Call calls[] = {
     {"pipe2", makePipe},
     {"unlinkat", unlinkAt},
     {"mmap", map},
+    {"msync", syncMap},
+    {"madvise", advise},
     {"stat", status},
     {"lstat", linkStatus},
     {"fstat", openStatus},

@@ -73,7 +73,12 @@ int create(Thread** thread, const pthread_attr_t* attributes, void* (*function)(
   return macError(result);
 }
 
-int join(Thread* thread, void** result) { return macError(::pthread_join(thread->host, result)); }
+int join(Thread* thread, void** result) {
+  void* const macCancelled = reinterpret_cast<void*>(1);
+  const int error = ::pthread_join(thread->host, result);
+  if (error == 0 && result != nullptr && *result == PTHREAD_CANCELED) *result = macCancelled;
+  return macError(error);
+}
 int detach(Thread* thread) { return macError(::pthread_detach(thread->host)); }
 int cancel(Thread* thread) { return macError(::pthread_cancel(thread->host)); }
 int kill(Thread* thread, int mac) { return macError(::pthread_kill(thread->host, hostSignal(mac))); }
