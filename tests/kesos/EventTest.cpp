@@ -172,7 +172,7 @@ TEST_F(EventTest, AnotherProgramSetsTheEventWeWaitFor) {
   const unsigned int key = freshKey();
   KesOsEvent* event = eventOf(key);
   std::thread waiter([&] { EXPECT_EQ(wait(event, infinite), signalled); });
-  perlOnceSomebodyWaits(key, "semctl($id, 0, " + std::to_string(SETVAL) + ", 1) or die;");
+  perlOnceSomebodyWaits(key, "semctl($id, 0, SETVAL, 1) or die;");
   waiter.join();
   EXPECT_EQ(valueOf(key), 0);
   KesOsEventClose(event);

@@ -3,7 +3,6 @@
 #include <sched.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
-#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,7 +35,9 @@ std::string shell(const std::string& command) {
   return output;
 }
 
-std::string perl(const std::string& program) { return shell("perl -e '" + program + "'"); }
+std::string perl(const std::string& program) {
+  return shell("perl -e 'use IPC::SysV qw(GETNCNT GETVAL IPC_RMID SETVAL); " + program + "'");
+}
 
 std::vector<std::uint32_t> usageTable() {
   std::istringstream words(
@@ -75,18 +76,18 @@ int semaphoreOf(unsigned int key) {
 
 int valueOf(unsigned int key) {
   return std::stoi(perl("my $id = semget(" + std::to_string(static_cast<int>(key)) +
-                        ", 0, 0); print 0 + semctl($id, 0, " + std::to_string(GETVAL) + ", 0);"));
+                        ", 0, 0); print 0 + semctl($id, 0, GETVAL, 0);"));
 }
 
 void removeSemaphore(unsigned int key) {
-  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  perl("semctl(semget(" + std::to_string(key) + ", 0, 0), 0, IPC_RMID, 0) or die;");
 }
 
 void perlOnceSomebodyWaits(unsigned int key, const std::string& program) {
   perl("my $id = semget(" + std::to_string(key) +
        ", 0, 0);"
-       "select(undef, undef, undef, 0.01) until semctl($id, 0, " +
-       std::to_string(GETNCNT) + ", 0) > 0;" + program);
+       "select(undef, undef, undef, 0.01) until semctl($id, 0, GETNCNT, 0) > 0;" +
+       program);
 }
 
 std::vector<std::string> listedKeys() {

@@ -144,8 +144,8 @@ TEST_F(MutexTest, AFiniteTimeoutOnAKeyedMutexEndsTheProcessWithStatusZero) {
   for (const auto& [timeout, text] : cases) {
     const unsigned int key = freshKey();
     KesOsMutex* mutex = mutexOf(key);
-    const ChildResult result = inChild([mutex, timeout = timeout] {
-      KesOsMutexWait(mutex, timeout, nullptr);
+    const ChildResult result = inChild([mutex, span = timeout] {
+      KesOsMutexWait(mutex, span, nullptr);
       return 42;
     });
     EXPECT_EQ(result.exitCode(), 0);
@@ -281,7 +281,7 @@ TEST_F(MutexTest, ASemaphoreThatIsRemovedMakesWaitsFail) {
   ASSERT_TRUE(tryLock(mutex));
   unsigned int state = 7;
   std::thread waiter([&] { EXPECT_EQ(KesOsMutexWait(mutex, infinite, &state), 0); });
-  perlOnceSomebodyWaits(key, "semctl($id, 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  perlOnceSomebodyWaits(key, "semctl($id, 0, IPC_RMID, 0) or die;");
   waiter.join();
   EXPECT_EQ(state, 0U);
   EXPECT_EQ(KesOsMutexWait(mutex, 0, &state), 1) << "trying once never fails";

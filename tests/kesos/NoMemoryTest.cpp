@@ -28,9 +28,9 @@ int offenders(const std::vector<Operation>& calls) {
   int count = 0;
   for (const auto& [name, call] : calls) {
     bool thrown = false;
-    starve([&thrown, &call = call] {
+    starve([&thrown, &starved = call] {
       try {
-        call();
+        starved();
       } catch (...) {
         thrown = true;
       }

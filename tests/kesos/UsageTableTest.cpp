@@ -152,12 +152,12 @@ TEST_F(UsageTableTest, AnUntrackedSemaphoreThatIsGoneMakesItsCloseFail) {
     perl(
         "my $id = shmget(32777, 0, 0); shmwrite($id, pack(\"L2\", 0xFFFFFFFF, 0), 20, 8) or die;"
         "semctl(semget(" +
-        std::to_string(key) + ", 0, 0), 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+        std::to_string(key) + ", 0, 0), 0, IPC_RMID, 0) or die;");
     return KesOsMutexClose(mutex);
   });
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(usage(), (Usage{1, 1, 1, 1})) << "the close took nothing back";
-  perl("shmctl(shmget(32777, 0, 0), " + std::to_string(IPC_RMID) + ", 0) or die;");
+  perl("shmctl(shmget(32777, 0, 0), IPC_RMID, 0) or die;");
 }
 
 TEST_F(UsageTableTest, AStaleTableWithoutHandlesIsClearedByTheNextUser) {
@@ -192,7 +192,7 @@ TEST_F(UsageTableTest, ATableOfAnotherSizeIsRefused) {
   EXPECT_EQ(mutex, nullptr);
   EXPECT_EQ(semaphoreOf(key), -1) << "what was created is removed again";
   EXPECT_EQ(shell("ipcs -m | awk '$1 == \"0x00008009\" {print $5, $6}'"), "64 0") << "not ours to remove";
-  perl("shmctl(shmget(32777, 0, 0), " + std::to_string(IPC_RMID) + ", 0) or die;");
+  perl("shmctl(shmget(32777, 0, 0), IPC_RMID, 0) or die;");
 }
 
 TEST_F(UsageTableTest, ACreateThatFailsHalfWayLeavesNothing) {
@@ -235,7 +235,7 @@ TEST_F(UsageTableTest, AnOpenWithoutATableSaysSoAndFails) {
     EXPECT_EQ(result.err, result.out);
   }
   EXPECT_EQ(semaphoreOf(key), id) << "another one's semaphore is left alone";
-  perl("semctl(" + std::to_string(id) + ", 0, " + std::to_string(IPC_RMID) + ", 0) or die;");
+  perl("semctl(" + std::to_string(id) + ", 0, IPC_RMID, 0) or die;");
 }
 
 TEST_F(UsageTableTest, AnOpenWithoutATableSaysWhyAlthoughItsMessageIsLost) {
