@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
@@ -8,14 +9,23 @@
 
 namespace loader {
 
-/// A function or variable of the system under its macOS name, without the leading underscore.
+template <typename T>
+constexpr bool isVariadicEntry = false;
+template <typename Result>
+constexpr bool isVariadicEntry<Result(std::uint64_t, ...)> = true;
+
+/// A function or variable of the system under its macOS name, without the leading underscore. Functions
+/// with variable arguments come from variadic<> (Variadic.h), never from this system.
 struct Call {
   template <typename T>
   Call(const char* callName, T& callee)
-      : name(callName), address(const_cast<void*>(reinterpret_cast<const void*>(&callee))) {}
+      : name(callName),
+        address(const_cast<void*>(reinterpret_cast<const void*>(&callee))),
+        isVariadic(isVariadicEntry<T>) {}
 
   const char* name;
   void* address;
+  bool isVariadic;
 };
 
 // What differs between the systems, a group each: names that macOS programs use, and what answers here.

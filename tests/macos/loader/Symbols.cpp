@@ -42,6 +42,13 @@ constexpr std::string_view sameOnBoth = R"(
   wcsxfrm_l wctob wmemchr wmemcmp wmemcpy wmemset write writev
 )";
 
+// Functions with variable arguments, which a Mac passes in its own way.
+constexpr std::string_view variable = R"(
+  asprintf asprintf_l dprintf err errx execl execle execlp fcntl fprintf fscanf fwprintf ioctl open openat
+  printf scanf sem_open semctl snprintf snprintf_l sprintf sscanf sscanf_l swprintf swscanf syslog warn warnx
+  wprintf
+)";
+
 std::set<std::string_view> wordsOf(std::string_view text) {
   constexpr std::string_view blanks = " \n";
   std::set<std::string_view> words;
@@ -53,14 +60,19 @@ std::set<std::string_view> wordsOf(std::string_view text) {
   return words;
 }
 
-std::map<std::string, void*> gather() {
+std::map<std::string, void*> gather(const std::set<std::string_view>& variadic) {
   std::map<std::string, void*> all;
   for (const auto group :
        {accountCalls, backtraceCalls,    childCalls, errorCalls,   eventCalls,   fileCalls,
         formatCalls,  globCalls,         ioKitCalls, libraryCalls, lockCalls,    machClockCalls,
         processCalls, processTableCalls, regexCalls, signalCalls,  systemVCalls, terminalCalls,
         textCalls,    threadCalls,       unwindCalls}) {
-    for (const Call& call : group()) all[call.name] = call.address;
+    for (const Call& call : group()) {
+      if (call.isVariadic != variadic.contains(call.name)) {
+        throw std::logic_error(std::string(call.name) + " is called in another way over there");
+      }
+      all[call.name] = call.address;
+    }
   }
   return all;
 }
@@ -94,11 +106,12 @@ void* stubFor(const std::string& name) {
 }  // namespace
 
 void* systemSymbol(const std::string& name) {
-  static std::map<std::string, void*> known = gather();
-  static const std::set<std::string_view> same = wordsOf(sameOnBoth);
+  static const std::set<std::string_view> same = wordsOf(sameOnBoth), variadic = wordsOf(variable);
+  static std::map<std::string, void*> known = gather(variadic);
   const auto found = known.find(name);
   if (found != known.end()) return found->second;
-  void* const host = same.contains(name) ? ::dlsym(RTLD_DEFAULT, name.c_str()) : nullptr;
+  void* const host =
+      same.contains(name) && !variadic.contains(name) ? ::dlsym(RTLD_DEFAULT, name.c_str()) : nullptr;
   return known[name] = host != nullptr ? host : stubFor(name);
 }
 
