@@ -102,12 +102,15 @@ cannot_load() {
   done
 }
 
+# The tests of a program that the loader can carry.
+what_is_loaded() { echo "-$(cannot_load "$1" | sed 's/ .*//' | paste -sd:)"; }
+
 # run_loaded PROCESSOR FOLDER: runs the programs of tests, and those of the folder, all but what is listed as
 # impossible. The programs that play the user of the latter, and the driver, are this machine's.
 run_loaded() {
   local processor=$1 folder=$2 started=build/loaded-$1 pattern reason filter name
   mkdir -p "$started"
-  filter=-$(cannot_load "$processor" | sed 's/ .*//' | paste -sd:)
+  filter=$(what_is_loaded "$processor")
   while read -r pattern reason; do
     echo "skipped under the loader: $pattern: $reason"
     skipped=$((skipped + 1))

