@@ -36,4 +36,8 @@ std::vector<gid_t> groupList(unsigned gid, const std::set<unsigned>& groups);
 /// loaded library means what it meant before. None where asking could wait for ever, as in a forked child.
 std::optional<std::uint64_t> unloads() noexcept;
 
+/// Calls `wait(argument)`, which may raise. Where a cancelled thread is not unwound, one that is cancelled in
+/// there calls `leave(argument)` before it ends, with its stack as it is.
+void waitOrLeave(void (*wait)(void*), void (*leave)(void*), void* argument);
+
 }  // namespace kes::os

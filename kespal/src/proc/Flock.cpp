@@ -33,9 +33,9 @@ std::optional<time::RealtimeClock> deadlineAfter(const time::Milliseconds* timeo
 }
 
 /// Waits until the waiter is woken; false when the moment came before.
-bool await(const Waiter& waiter, const time::MonotonicClock& deadline) {
+bool await(Waiter& waiter, const time::MonotonicClock& deadline) {
   while (!waiter.isWoken()) {
-    if (!waiter.arrived().waitTimed(deadline)) return waiter.isWoken();
+    if (!waiter.waitTimed(deadline)) return waiter.isWoken();
   }
   return true;
 }
@@ -131,10 +131,10 @@ bool Flock::wait(pid_t pid, int& status, const time::Milliseconds* timeout, std:
   const auto deadline = deadlineAfter(timeout);
   while (!records_.fetch(pid, number, status)) {
     requireEndInSight(pid, number, isCollector);
-    const Waiter waiter(records_, lock_, pid, number);
+    Waiter waiter(records_, lock_, pid, number);
     if (!deadline) {
-      waiter.arrived().wait();
-    } else if (!waiter.arrived().waitTimed(*deadline)) {
+      waiter.wait();
+    } else if (!waiter.waitTimed(*deadline)) {
       return false;
     }
     if (take(waiter, pid, status, number)) break;
@@ -148,7 +148,7 @@ bool Flock::waitFor(pid_t pid, int& status, const time::Milliseconds& timeout, s
   const auto deadline = time::MonotonicClock() + time::boundedWait(timeout);
   while (!records_.fetch(pid, number, status)) {
     requireEndInSight(pid, number, isCollector);
-    const Waiter waiter(records_, lock_, pid, number);
+    Waiter waiter(records_, lock_, pid, number);
     if (!await(waiter, deadline)) return false;
     if (take(waiter, pid, status, number)) break;
   }
@@ -163,11 +163,11 @@ int Flock::terminate(pid_t pid, const time::Milliseconds& grace, std::uint64_t n
   const auto deadline = time::MonotonicClock() + time::boundedWait(grace);
   if (records_.fetch(pid, number, status)) return status;
   requireEndInSight(pid, number, isCollector);
-  const Waiter waiter(records_, lock_, pid, number);
+  Waiter waiter(records_, lock_, pid, number);
   signal::Sender::signalProc(SIGTERM, pid);
   const bool hasEnded = await(waiter, deadline) || !records_.runs(pid, number);
   if (!hasEnded) signal::Sender::signalProc(SIGKILL, pid);
-  while (!waiter.isWoken()) waiter.arrived().wait();
+  while (!waiter.isWoken()) waiter.wait();
   if (!take(waiter, pid, status, number)) requireEndInSight(pid, number, isCollector);
   return status;
 }

@@ -5,6 +5,8 @@
 #include <limits>
 #include <new>
 
+#include "kespal/thread/LockGuard.h"
+
 namespace kes::proc {
 
 namespace {
@@ -151,13 +153,26 @@ Waiter::Waiter(Records& records, thread::Lock& lock, pid_t pid, std::uint64_t nu
   next_ = std::exchange(record_->waiters, this);
 }
 
-Waiter::~Waiter() {
+Waiter::~Waiter() { unlink(); }
+
+void Waiter::wait() {
+  waitOrLeave([this] { arrived_.wait(); });
+}
+
+/// Of a thread that is cancelled and not unwound: the wait has given the lock back.
+void Waiter::leave() {
+  const thread::LockGuardT<thread::Condition> guard(arrived_);
+  unlink();
+}
+
+void Waiter::unlink() {
   if (record_ == nullptr) return;
   Waiter** place = &record_->waiters;
   while (*place != this) place = &(*place)->next_;
   *place = next_;
   if (number_ == Records::latest && record_->waiters == nullptr)
     records_.erase(records_.find(pid_, Records::latest));
+  record_ = nullptr;
 }
 
 }  // namespace kes::proc

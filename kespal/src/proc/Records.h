@@ -10,6 +10,7 @@
 
 #include "kespal/NoCopy.h"
 #include "kespal/thread/Condition.h"
+#include "os/System.h"
 #include "sys/Owner.h"
 
 namespace kes::proc {
@@ -104,13 +105,33 @@ class Waiter : NoCopy {
   Waiter(Records& records, thread::Lock& lock, pid_t pid, std::uint64_t number);
   ~Waiter();
 
-  const thread::Condition& arrived() const noexcept { return arrived_; }
+  /// Waits to be woken, with the lock held, and may wake up without a reason; false when the moment has come.
+  /// A thread that is cancelled in there is off the list and does not hold the lock.
+  void wait();
+  template <typename Clock>
+  bool waitTimed(const Clock& deadline) {
+    bool isInTime = true;
+    waitOrLeave([&] { isInTime = arrived_.waitTimed(deadline); });
+    return isInTime;
+  }
   bool isWoken() const noexcept { return record_ == nullptr; }
   /// The status of the child, if it was woken for that: the record may be another waiter's by now.
   const std::optional<int>& status() const noexcept { return status_; }
 
  private:
   friend class Records;
+
+  template <typename Wait>
+  void waitOrLeave(Wait wait) {
+    struct Waiting {
+      Waiter& waiter;
+      Wait& wait;
+    } waiting{*this, wait};
+    os::waitOrLeave([](void* it) { static_cast<Waiting*>(it)->wait(); },
+                    [](void* it) { static_cast<Waiting*>(it)->waiter.leave(); }, &waiting);
+  }
+  void leave();
+  void unlink();
 
   thread::Condition arrived_;
   Records& records_;

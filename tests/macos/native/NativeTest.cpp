@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <numeric>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -24,9 +25,11 @@
 #include "kespal/proc/Info.h"
 #include "kespal/thread/Condition.h"
 #include "kespal/thread/Lock.h"
+#include "kespal/thread/LockGuard.h"
 #include "kespal/thread/Thread.h"
 #include "kespal/time/Clock.h"
 #include "os/System.h"
+#include "proc/Records.h"
 #include "support/ForkedChild.h"
 #include "support/TempDir.h"
 
@@ -161,6 +164,51 @@ TEST(NativeThreadTest, AThreadThatIsCancelledInAWaitLeavesItsLockFree) {
     waiter->condition.lock();
     waiter->condition.unlock();
   }
+}
+
+struct ChildWaiter : thread::CppThread::IThread {
+  void thread(thread::CppThread&) override {
+    const thread::LockGuardT<thread::Lock> guard(lock);
+    waiter.emplace(records, lock, 4711, proc::Records::latest);
+    isThere = true;
+    while (!isTimed) waiter->wait();
+    while (waiter->waitTimed(time::MonotonicClock() + std::chrono::hours(1))) {
+    }
+  }
+
+  proc::Records records;
+  thread::Lock lock{thread::Normal};
+  std::optional<proc::Waiter> waiter;
+  std::atomic<bool> isThere{false};
+  bool isTimed = false;
+};
+
+TEST(NativeThreadTest, AThreadThatIsCancelledWhileItWaitsForAChildIsOffTheList) {
+  time::ClockBase::init();
+  for (const bool isTimed : {false, true}) {
+    auto* const body = new ChildWaiter;  // stays, as above
+    body->isTimed = isTimed;
+    thread::CppThread thread("waiter", body);
+    thread.run();
+    while (!body->isThere) thread::BasicThread::yield();
+    body->lock.lock();  // which it gives away by waiting
+    EXPECT_FALSE(body->waiter->isWoken());
+    body->lock.unlock();
+    thread.kill();
+    EXPECT_TRUE(body->waiter->isWoken());
+    body->lock.lock();
+    body->lock.unlock();
+  }
+}
+
+TEST(NativeThreadTest, AWaitThatFailsIsNotLeft) {
+  static int left = 0;
+  left = 0;
+  const auto wait = [](void*) { raiseAt(KES_HERE, OsError(EIO)); };
+  EXPECT_THROW(os::waitOrLeave(
+                   wait, [](void*) { ++left; }, nullptr),
+               OsError);
+  EXPECT_EQ(left, 0);
 }
 
 TEST(NativeThreadTest, AWaitByTheMonotonicClockIsOverAtItsDeadlineAndNotBefore) {

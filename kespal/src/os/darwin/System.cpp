@@ -2,6 +2,7 @@
 
 #include <crt_externs.h>
 #include <mach-o/dyld.h>
+#include <pthread.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
 
@@ -9,6 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+
+#include "kespal/os/thread/Native.h"
 
 namespace kes::os {
 
@@ -68,6 +72,20 @@ const bool listening = (::_dyld_register_func_for_remove_image(countRemoval), tr
 
 std::optional<std::uint64_t> unloads() noexcept {
   return listening ? std::optional(counter.load()) : std::nullopt;
+}
+
+// An error must not pass by the cleanup handler: the system would still know it when its frame is gone.
+void waitOrLeave(void (*wait)(void*), void (*leave)(void*), void* argument) {
+  std::exception_ptr error;
+  pthread_cleanup_push(leave, argument);
+  try {
+    wait(argument);
+  } catch (...) {
+    if (isForcedUnwind()) throw;
+    error = std::current_exception();
+  }
+  pthread_cleanup_pop(0);
+  if (error) std::rethrow_exception(error);
 }
 
 }  // namespace kes::os

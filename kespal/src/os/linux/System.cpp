@@ -63,4 +63,6 @@ std::optional<std::uint64_t> unloads() noexcept {
   return counter;
 }
 
+void waitOrLeave(void (*wait)(void*), void (* /*leave*/)(void*), void* argument) { wait(argument); }
+
 }  // namespace kes::os
