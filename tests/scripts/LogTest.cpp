@@ -100,7 +100,8 @@ TEST_F(LogTest, ASignalToTheScriptAloneEndsTheToolTooInGoodOrder) {
     Process script(log({}), {.in = keyboard.reader});
     ASSERT_TRUE(script.waitForOut(" driver: up\n")) << script.err();
     script.signal(signal);
-    EXPECT_EQ(script.wait(), 0) << ::strsignal(signal);  // kestrace, too, holds what the wait reads to its end
+    EXPECT_EQ(script.wait(), 0) << ::strsignal(
+        signal);  // kestrace, too, holds what the wait reads to its end
     EXPECT_TRUE(driver().waitForOutput("closed")) << "by nobody's death";
   }
 }
