@@ -34,28 +34,29 @@ __attribute__((constructor(101))) static void share(void) {
   free(counted);
 }
 
-/* The process is about to end: its limits concern nobody any more. */
-static void lift_limits(void) {
+/* Whether whole files can be written. The process is about to end: its limits concern nobody any more. But a
+ * hard one may be there to stay, and a part of the counters makes those of everybody unreadable. */
+static int lift_limits(void) {
   const struct rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+  const rlim_t enough = (rlim_t)64 << 20;
   struct rlimit own;
   signal(SIGXFSZ, SIG_IGN);
-  if (setrlimit(RLIMIT_FSIZE, &none) == 0 || getrlimit(RLIMIT_FSIZE, &own) != 0) return;
+  if (setrlimit(RLIMIT_FSIZE, &none) == 0) return 1;
+  if (getrlimit(RLIMIT_FSIZE, &own) != 0 || own.rlim_max < enough) return 0;
   own.rlim_cur = own.rlim_max;
-  setrlimit(RLIMIT_FSIZE, &own);
+  return setrlimit(RLIMIT_FSIZE, &own) == 0;
 }
 
 /* What is saved is cleared: saving again adds what came since. */
 static void save(void) {
-  if (getpid() != owner) return;
-  lift_limits();
+  if (getpid() != owner || !lift_limits()) return;
   __gcov_dump();
   __gcov_reset();
 }
 
 void __real___gcov_exit(void);
 void __wrap___gcov_exit(void) {
-  if (getpid() != owner) return;
-  lift_limits();
+  if (getpid() != owner || !lift_limits()) return;
   __real___gcov_exit();
 }
 

@@ -191,7 +191,7 @@ TEST_F(ExtcapCaptureTest, TotalsAreToldWhenTheyAreWanted) {
 
 TEST_F(ExtcapCaptureTest, AFullDiskIsSaid) {
   playSample();
-  Process program({"sh", "-c", "ulimit -f 1; trap '' XFSZ; exec \"$0\" --capture --fifo " + dir_ / "file",
+  Process program({"sh", "-c", "ulimit -S -f 1; trap '' XFSZ; exec \"$0\" --capture --fifo " + dir_ / "file",
                    extcapProgram()});
   EXPECT_EQ(program.wait(), 1);
   EXPECT_THAT(program.err(), HasSubstr("File too large"));

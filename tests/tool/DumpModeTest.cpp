@@ -218,7 +218,7 @@ TEST_F(DumpModeTest, ANameThatDoesNotFitIsRefusedHoweverShortItsExpansion) {
 
 TEST_F(DumpModeTest, AtAFileSizeLimitItRunsOnAndTheFileParses) {
   play("packet count 4096 x10\npacket count 60\n");
-  Process tool({"sh", "-c", "ulimit -f 16; exec \"$0\" -dump \"$1\"", kestrace({})[0], file_},
+  Process tool({"sh", "-c", "ulimit -S -f 16; exec \"$0\" -dump \"$1\"", kestrace({})[0], file_},
                {.in = keyboard_.reader});
   ASSERT_TRUE(tool.waitForErr("len =60\n")) << tool.err();
   press("Q");
