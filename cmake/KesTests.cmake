@@ -7,7 +7,11 @@
 # tests/support/Calls.def (files, threads, ...), or all. FAKES names functions of other libraries for which the
 # program defines a __wrap_NAME of its own.
 include(GoogleTest)
-find_package(GTest REQUIRED)
+if(CMAKE_CROSSCOMPILING)
+  include(${PROJECT_SOURCE_DIR}/tests/emulated/Emulated.cmake)
+else()
+  find_package(GTest REQUIRED)
+endif()
 
 option(KES_THREADED_TESTS_ONLY "Build and run only the tests that have threads" OFF)
 
@@ -69,7 +73,7 @@ function(kes_test name)
   if(arg_LOCK)
     list(APPEND properties RESOURCE_LOCK "${arg_LOCK}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+  kes_discover(${name} "" "" ${properties})
 endfunction()
 
 # kes_test_again(NAME PREFIX text ENVIRONMENT variable=value [WITHOUT filter] [TIMEOUT seconds])
@@ -80,6 +84,15 @@ function(kes_test_again name)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 900)
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX ${arg_PREFIX} TEST_FILTER "*-${arg_WITHOUT}"
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} ENVIRONMENT ${arg_ENVIRONMENT})
+  kes_discover(${name} "${arg_PREFIX}" "${arg_WITHOUT}" TIMEOUT ${arg_TIMEOUT} ENVIRONMENT ${arg_ENVIRONMENT})
+endfunction()
+
+# The tests of a program, less those of the filter `without` and those that cannot run here.
+function(kes_discover name prefix without)
+  list(APPEND without ${KES_TESTS_WITHOUT})
+  if(without)
+    list(JOIN without : without)
+    set(filter TEST_FILTER "*-${without}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX "${prefix}" ${filter} PROPERTIES ${ARGN})
 endfunction()

@@ -312,8 +312,8 @@ def every_public_operation_has_a_scenario(*archives):
 
 
 # The shell of a Mac is bash 3.2, and its tools are BSD's.
-MAC_SCRIPTS = ("scripts/test", "scripts/mac-report", "scripts/lib/common.sh", "tests/house/install_test",
-               "src/scripts/kestrace-log")
+MAC_SCRIPTS = ("scripts/test", "scripts/mac-report", "scripts/lib/common.sh", "scripts/lib/counts.sh",
+               "tests/house/install_test", "src/scripts/kestrace-log")
 NOT_ON_A_MAC = re.compile(r"\b(?:mapfile|readarray|coproc|nproc)\b|declare -A|local -n|\$\{\w+(?:\^|,|@)|&>>|\|&|wait -n|"
                           r"sed [^|\n]*\\[|?+]|grep -\w*P|readlink -f|date -d|stat -c|xargs -\w*r|sort -\w*V|sed -i ")
 
