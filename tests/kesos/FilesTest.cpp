@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -346,7 +347,8 @@ TEST_F(FilesTest, ALinkToADirectoryStaysAlthoughTheDirectoryWentBefore) {
   EXPECT_EQ(tree(dir_), "./t ./t/a ./t/a/l ./t/b ./t/b/l ./t/c ./t/c/l ");
 }
 
-/// Deletes the tree in a thread with a quarter of the stack that a flat thread has by default.
+/// Deletes the tree in a thread with a quarter of the stack that a flat thread has by default, or the least that
+/// there is.
 int deleteOnASmallStack(const std::string& top) {
   struct Task {
     const std::string& top;
@@ -360,7 +362,8 @@ int deleteOnASmallStack(const std::string& top) {
     return nullptr;
   };
   pthread_t thread{};
-  if (KesOsEventCreate(&task.done, 0) != 1 || KesOsThreadBegin(&thread, work, 65536, &task) != 1) return 8;
+  const unsigned int small = std::max(65536U, static_cast<unsigned int>(::sysconf(_SC_THREAD_STACK_MIN)));
+  if (KesOsEventCreate(&task.done, 0) != 1 || KesOsThreadBegin(&thread, work, small, &task) != 1) return 8;
   KesOsEventWait(task.done, infinite, nullptr);
   return KesOsEventClose(task.done) == 1 ? task.result : 9;
 }
