@@ -7,6 +7,7 @@ the machine notices. Needs root, and a kernel since 6.7, where each user namespa
 LIBRARIES is a folder with Debian's packages unpacked; "-" leaves the files as they are."""
 import ctypes
 import os
+import signal
 import sys
 
 NEW_MOUNTS, NEW_USERS = 0x00020000, 0x10000000  # as clone(2) has them
@@ -69,6 +70,8 @@ def main():
     register_format()
     if libraries != "-":
         add_libraries(libraries)
+    for ignored in signal.SIGPIPE, signal.SIGXFSZ:  # by this interpreter, and what it starts would inherit that
+        signal.signal(ignored, signal.SIG_DFL)
     os.execvp(command[0], command)
 
 
