@@ -91,6 +91,9 @@ TEST_F(CollectorFaultsTest, WhoWaitsForAChildThatSomebodyElseReapedIsToldSo) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "process collector: Error waiting for childs ...\n");
   EXPECT_EQ(released.releases, 1);
   EXPECT_EQ(released.others, 0);
+  const int forks = test::made(Call::fork);
+  Child::exit();
+  EXPECT_EQ(test::made(Call::fork), forks) << "it was woken by a child, as if one still ran";
 }
 
 TEST_F(CollectorFaultsTest, AChildWhoseRegistrationIsRefusedIsNotMade) {
