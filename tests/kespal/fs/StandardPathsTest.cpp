@@ -82,38 +82,46 @@ TEST_F(StandardPathsTest, SystemLogsAreInOnePlace) {
   EXPECT_EQ(asked(StandardPaths::logDir, {}), "/var/log");
 }
 
-class DocumentsTest : public StandardPathsTest,
-                      public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+/// One form of a configuration, and the directory that it tells, with ~ for the home directory.
+struct Form {
+  const char* name;
+  const char* configuration;
+  const char* answer;
+};
+void PrintTo(const Form& form, std::ostream* out) { *out << form.name; }
+
+class DocumentsTest : public StandardPathsTest, public ::testing::WithParamInterface<Form> {};
 
 TEST_P(DocumentsTest, AreWhereTheConfigurationSays) {
-  const auto& [configuration, answer] = GetParam();
+  const Form& form = GetParam();
   stdfs::create_directory(home_ + "/.config");
-  test::writeFile(home_ + "/.config/user-dirs.dirs", configuration);
-  std::string expected = answer;
+  test::writeFile(home_ + "/.config/user-dirs.dirs", form.configuration);
+  std::string expected = form.answer;
   if (const auto at = expected.find('~'); at != std::string::npos) expected.replace(at, 1, home_);
-  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", home_}}), expected) << configuration;
+  EXPECT_EQ(asked(StandardPaths::documentsDir, {{"HOME", home_}}), expected) << form.configuration;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EveryForm, DocumentsTest,
-    ::testing::Values(std::pair("XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n", "~/Papers"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"/srv/papers\"\n", "/srv/papers"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/no newline\"", "~/no newline"),
-                      std::pair("  XDG_DOCUMENTS_DIR = \"/srv/papers/\" # mine\n", "/srv/papers"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/a\\\"b\\\\c\"\n", "~/a\"b\\c"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"/never closed\nXDG_MUSIC_DIR=\"/m\"\n", "/never closed"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"/protects nothing\\\n", "/protects nothing\\"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME\"\n", "~"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"$HOME/\"\n", "~"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"/2\"\n", "/2"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"relative\"\n", "/1"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"papers\"\n", "~/Documents"),
-                      std::pair("XDG_DOCUMENTS_DIR=/unquoted\n", "~/Documents"),
-                      std::pair("XDG_DOCUMENTS_DIR=\"$HOMER/x\"\n", "~/Documents"),
-                      std::pair("#XDG_DOCUMENTS_DIR=\"/commented\"\n", "~/Documents"),
-                      std::pair("XDG_DOWNLOAD_DIR=\"/downloads\"\n", "~/Documents"),
-                      std::pair("XDG_DOCUMENTS_DIRS=\"/others\"\n", "~/Documents"),
-                      std::pair("", "~/Documents")));
+    ::testing::Values(
+        Form{"InTheHomeDirectory", "XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n", "~/Papers"},
+        Form{"Elsewhere", "XDG_DOCUMENTS_DIR=\"/srv/papers\"\n", "/srv/papers"},
+        Form{"WithoutANewline", "XDG_DOCUMENTS_DIR=\"$HOME/no newline\"", "~/no newline"},
+        Form{"WithBlanksASlashAndARemark", "  XDG_DOCUMENTS_DIR = \"/srv/papers/\" # mine\n", "/srv/papers"},
+        Form{"WithEscapes", "XDG_DOCUMENTS_DIR=\"$HOME/a\\\"b\\\\c\"\n", "~/a\"b\\c"},
+        Form{"NeverClosed", "XDG_DOCUMENTS_DIR=\"/never closed\nXDG_MUSIC_DIR=\"/m\"\n", "/never closed"},
+        Form{"ABackslashAtItsEnd", "XDG_DOCUMENTS_DIR=\"/protects nothing\\\n", "/protects nothing\\"},
+        Form{"TheHomeDirectory", "XDG_DOCUMENTS_DIR=\"$HOME\"\n", "~"},
+        Form{"TheHomeDirectoryWithASlash", "XDG_DOCUMENTS_DIR=\"$HOME/\"\n", "~"},
+        Form{"TheLastOfTwo", "XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"/2\"\n", "/2"},
+        Form{"TheLastThatIsGood", "XDG_DOCUMENTS_DIR=\"/1\"\nXDG_DOCUMENTS_DIR=\"relative\"\n", "/1"},
+        Form{"Relative", "XDG_DOCUMENTS_DIR=\"papers\"\n", "~/Documents"},
+        Form{"Unquoted", "XDG_DOCUMENTS_DIR=/unquoted\n", "~/Documents"},
+        Form{"OfALongerVariable", "XDG_DOCUMENTS_DIR=\"$HOMER/x\"\n", "~/Documents"},
+        Form{"AsARemark", "#XDG_DOCUMENTS_DIR=\"/commented\"\n", "~/Documents"},
+        Form{"ForAnotherDirectory", "XDG_DOWNLOAD_DIR=\"/downloads\"\n", "~/Documents"},
+        Form{"ForALongerName", "XDG_DOCUMENTS_DIRS=\"/others\"\n", "~/Documents"},
+        Form{"Empty", "", "~/Documents"}));
 
 TEST_F(StandardPathsTest, TheConfigurationIsReadWhereItsVariableSays) {
   test::writeFile(home_ + "/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Papers\"\n");
