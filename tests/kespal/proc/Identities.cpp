@@ -1,7 +1,5 @@
 #include "kespal/proc/Identities.h"
 
-#include <grp.h>
-
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -76,9 +74,8 @@ const std::string silentlyFailed =
 
 std::string asRoot(const std::function<void(Privilege&)>& body) {
   const auto child = test::inChild([&] {
-    const gid_t groups[] = {4, 27};
-    if (::setgroups(2, groups) != 0) return 1;
     Privilege privilege;
+    privilege.setSupplementaryGroups({4, 27});
     body(privilege);
     return 0;
   });

@@ -89,6 +89,15 @@ TEST_F(PrivilegeTest, RootPrivilegeThatCanBeTakenIsTakenByAsking) {
             "1 " + three(nobody()) + '/' + group + " 0 0/4 27");
 }
 
+TEST_F(PrivilegeTest, SupplementaryGroupsThatAreSetLeaveTheEffectiveGroup) {
+  EXPECT_EQ(asRoot([](Privilege& privilege) {
+              if (::setegid(nogroup()) != 0) return;
+              privilege.setSupplementaryGroups({5, 20});
+              std::cout << ::getegid() << ' ' << privilege.supplementaryGroups().count(20);
+            }),
+            std::to_string(nogroup()) + " 1");
+}
+
 TEST_F(PrivilegeTest, NobodyHasNoRootPrivilege) {
   EXPECT_EQ(asNobody([](Privilege&) { std::cout << Privilege::haveRootPrivilege() << ' ' << identity(); }),
             "0 " + three(nobody()) + '/' + three(nogroup()) + '/');

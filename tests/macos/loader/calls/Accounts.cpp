@@ -57,7 +57,9 @@ MacUser* userNumbered(uid_t id) {
 // The records of groups are the same, the count of a list is an int. The first of a list is the effective
 // group id over there, which is no member of it here.
 int setGroups(int count, const gid_t* groups) {
-  return count == 0 ? ::setgroups(0, nullptr) : ::setgroups(static_cast<std::size_t>(count) - 1, groups + 1);
+  if (count == 0) return ::setgroups(0, nullptr);
+  const int result = ::setgroups(static_cast<std::size_t>(count) - 1, groups + 1);
+  return result == 0 ? ::setegid(groups[0]) : result;
 }
 int getGroups(int size, gid_t* groups) {
   const int others =
@@ -68,7 +70,8 @@ int getGroups(int size, gid_t* groups) {
 }
 
 const Call calls[] = {{"getpwnam_r", userByName}, {"getpwuid_r", userById}, {"getpwnam", userNamed},
-                      {"getpwuid", userNumbered}, {"setgroups", setGroups}, {"getgroups", getGroups}};
+                      {"getpwuid", userNumbered}, {"setgroups", setGroups}, {"getgroups", getGroups},
+                      {"setreuid", ::setreuid},   {"setregid", ::setregid}};
 
 }  // namespace
 

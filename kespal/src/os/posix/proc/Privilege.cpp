@@ -8,11 +8,15 @@
 
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "os/System.h"
 #include "os/posix/proc/Identity.h"
 
 namespace kes::proc {
 
 namespace {
+
+/// The list that makes these groups the supplementary ones and leaves the effective group as it is.
+std::vector<gid_t> listOf(const std::set<unsigned>& groups) { return os::groupList(::getegid(), groups); }
 
 [[gnu::always_inline]] inline void becomeMemberOf(const std::vector<gid_t>& groups) {
   check(KES_HERE_IN("setSupplementaryGroups"), setGroups(groups));
@@ -49,9 +53,7 @@ std::set<unsigned> Privilege::supplementaryGroups() const {
   return {groups.begin(), groups.begin() + count};
 }
 
-void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
-  becomeMemberOf({groups.begin(), groups.end()});
-}
+void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) { becomeMemberOf(listOf(groups)); }
 
 void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
   // What is to be restored is only moved once something was changed: that takes no memory.
@@ -80,8 +82,7 @@ void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
 
 void Privilege::restorePrivilege() {
   if (!saved_) raiseAt(KES_HERE, UsageError("No previous privilege information stored"));
-  const std::vector<gid_t> groups(previousGroups_.begin(),
-                                  previousGroups_.end());  // while nothing is changed
+  const std::vector<gid_t> groups = listOf(previousGroups_);  // while nothing is changed
   changePrivilegeIds(previousUser_, /*permanent=*/false);
   saved_ = false;
   if (!groupsSaved_) return;
