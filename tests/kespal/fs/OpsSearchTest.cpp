@@ -135,7 +135,9 @@ TEST_F(WhichTest, EachCandidateCostsOneLook) {
   program(two_ + "/prog", 0755);
   const test::CallTrace trace;
   EXPECT_EQ(found(one_ + ":/absent:" + two_ + ":/never", "prog"), two_ + "/prog");
-  EXPECT_THAT(trace.calls(), ElementsAre("stat", "stat", "stat"));
+  auto calls = trace.calls();
+  std::erase(calls, "getenv");  // which is no look
+  EXPECT_THAT(calls, ElementsAre("stat", "stat", "stat"));
 }
 
 /// The permission rule, as a table over mode, owner and group.

@@ -115,6 +115,11 @@ int advise(void* address, std::size_t size, int advice) {
   return -1;
 }
 
+off_t seek(int fd, off_t offset, int base) {
+  constexpr int macHole = 3, macData = 4;
+  return ::lseek(fd, offset, base == macHole ? SEEK_HOLE : base == macData ? SEEK_DATA : base);
+}
+
 struct MacStat {
   std::int32_t device;
   std::uint16_t mode, links;
@@ -273,6 +278,7 @@ const Call calls[] = {
     {"mkostemp", makeTemporary},
     {"pipe2", makePipe},
     {"unlinkat", unlinkAt},
+    {"lseek", seek},
     {"mmap", map},
     {"msync", syncMap},
     {"madvise", advise},
