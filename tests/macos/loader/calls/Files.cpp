@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/select.h>
@@ -279,6 +280,7 @@ const Call calls[] = {
     {"pipe2", makePipe},
     {"unlinkat", unlinkAt},
     {"lseek", seek},
+    {"fmemopen", ::fmemopen},
     {"mmap", map},
     {"msync", syncMap},
     {"madvise", advise},
