@@ -78,8 +78,17 @@ void BasicThread::Control::endJoin(bool buried) {
   cond.signalAll();
 }
 
-/// Ends the program when the lock is refused: others would wait for this join for ever.
+/// Asks once more for a lock that is refused, and then ends the program: others would wait for this join for
+/// ever.
 void BasicThread::Control::noteJoin(bool buried) noexcept {  // NOLINT(bugprone-exception-escape)
+  try {
+    setJoined(buried);
+  } catch (const OsError&) {
+    setJoined(buried);
+  }
+}
+
+void BasicThread::Control::setJoined(bool buried) {
   const LockGuardT<Condition> guard(cond);
   joining = false;
   if (!buried) return;

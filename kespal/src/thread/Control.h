@@ -85,6 +85,7 @@ struct BasicThread::Control : ProcessBound {
   int awaitEnd(::pthread_t thread) KES_EXCLUDES(cond);
   void endJoin(bool buried) KES_EXCLUDES(cond);
   void noteJoin(bool buried) noexcept KES_EXCLUDES(cond);  // NOLINT(bugprone-exception-escape): as finish()
+  void setJoined(bool buried) KES_EXCLUDES(cond);
   void release() KES_REQUIRES(cond);
 };
 

@@ -381,7 +381,7 @@ TEST(ThreadEndsTest, AFailureToLockInTheDestructorEndsTheProgram) {
   EXPECT_EQ(child.exitCode(), 42);
 }
 
-TEST(ThreadEndsTest, AFailureToLockForTheBurialEndsTheProgram) {
+TEST(ThreadEndsTest, AFailureToLockForTheBurialIsNotTheLastTry) {
   const ChildResult child = inChild([] {
     std::set_terminate([] { ::_exit(42); });
     Body body = [] {};
@@ -390,6 +390,22 @@ TEST(ThreadEndsTest, AFailureToLockForTheBurialEndsTheProgram) {
     std::optional<Refuse> fault;
     const After joined(Call::pthread_join,
                        [&fault] { fault.emplace(Call::pthread_mutex_lock, EINVAL, once); });
+    thread.join();
+    return thread.state() == BasicThread::BURIED ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
+TEST(ThreadEndsTest, ASecondFailureToLockForTheBurialEndsTheProgram) {
+  const ChildResult child = inChild([] {
+    std::set_terminate([] { ::_exit(42); });
+    Body body = [] {};
+    TestThread thread(body);
+    thread.run();
+    std::optional<Refuse> fault;
+    const After joined(Call::pthread_join, [&fault] {
+      fault.emplace(Call::pthread_mutex_lock, EINVAL, Which{0, 2});
+    });
     thread.join();
     return 0;
   });

@@ -71,8 +71,8 @@ class BasicThread : NoCopy {
   /// Waits until the native thread has ended, and buries it; returns at once when it is BURIED. A held
   /// thread leaves without running its body. Raises UsageError for a detached thread that runs or ran,
   /// OsError EINVAL for one that was never let go, EDEADLK for the thread itself. In a forked child it does
-  /// nothing for a thread that stayed with the parent; neither does kill(). A lock that is refused when the
-  /// burial is to be noted ends the program, as others would wait for it for ever.
+  /// nothing for a thread that stayed with the parent; neither does kill(). A lock that is refused twice
+  /// when the burial is to be noted ends the program, as others would wait for it for ever.
   void join();
   /// Gets ready for joining: releases a held thread, which stays held if it cannot be woken. False when there
   /// is nothing to join; raises UsageError for a detached thread that runs.

@@ -15,9 +15,6 @@ namespace kes::proc {
 
 namespace {
 
-/// The list that makes these groups the supplementary ones and leaves the effective group as it is.
-std::vector<gid_t> listOf(const std::set<unsigned>& groups) { return os::groupList(::getegid(), groups); }
-
 [[gnu::always_inline]] inline void becomeMemberOf(const std::vector<gid_t>& groups) {
   check(KES_HERE_IN("setSupplementaryGroups"), setGroups(groups));
 }
@@ -53,7 +50,9 @@ std::set<unsigned> Privilege::supplementaryGroups() const {
   return {groups.begin(), groups.begin() + count};
 }
 
-void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) { becomeMemberOf(listOf(groups)); }
+void Privilege::setSupplementaryGroups(const std::set<unsigned>& groups) {
+  becomeMemberOf(os::groupList(::getegid(), groups));
+}
 
 void Privilege::changePrivilege(const UserInfo& user, bool permanent, bool changeGroups) {
   // What is to be restored is only moved once something was changed: that takes no memory.
@@ -82,7 +81,8 @@ void Privilege::changePrivilegeIds(const UserInfo& user, bool permanent) const {
 
 void Privilege::restorePrivilege() {
   if (!saved_) raiseAt(KES_HERE, UsageError("No previous privilege information stored"));
-  const std::vector<gid_t> groups = listOf(previousGroups_);  // while nothing is changed
+  // While nothing is changed, as that takes memory.
+  const std::vector<gid_t> groups = os::groupList(previousUser_.gid, previousGroups_);
   changePrivilegeIds(previousUser_, /*permanent=*/false);
   saved_ = false;
   if (!groupsSaved_) return;
