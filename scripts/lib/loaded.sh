@@ -5,7 +5,7 @@ cache=${KES_MACOS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/kes-macos}
 export KES_MACOS_CACHE=$cache
 passed=0 failed=0 skipped=0
 # The programs of tests that the loader runs: kes_NAME_tests.
-loaded_tests="portable native thread signal process users ipc text flat file"
+loaded_tests="portable native thread signal process users ipc text flat promises file"
 
 # The last line counts; `what` is the name of the script.
 finish() {
