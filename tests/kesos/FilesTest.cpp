@@ -347,8 +347,8 @@ TEST_F(FilesTest, ALinkToADirectoryStaysAlthoughTheDirectoryWentBefore) {
   EXPECT_EQ(tree(dir_), "./t ./t/a ./t/a/l ./t/b ./t/b/l ./t/c ./t/c/l ");
 }
 
-/// Deletes the tree in a thread with a quarter of the stack that a flat thread has by default, or the least that
-/// there is.
+/// Deletes the tree in a thread with a quarter of the stack that a flat thread has by default, or the least
+/// that there is.
 int deleteOnASmallStack(const std::string& top) {
   struct Task {
     const std::string& top;
