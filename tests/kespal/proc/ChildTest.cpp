@@ -282,6 +282,17 @@ TEST_F(ChildTest, AProgramInPlaceIsNotEndedByASignalThatTheLibraryHeldBack) {
   EXPECT_EQ(result.exitCode(), 3);
 }
 
+TEST_F(ChildTest, ASignalThatTheProcessHeldBackByItselfStaysPendingInAProgramInPlace) {
+  const auto result = inChild([] {
+    signal::Mask::call({SIGUSR1}, SIG_BLOCK);
+    const KesPal runtime(false, false, Locale::System, nullptr);
+    ::kill(::getpid(), SIGUSR1);
+    Child({"/bin/sh", "-c", "grep ShdPnd /proc/$$/status"}).create(true);
+    return 1;
+  });
+  EXPECT_EQ(result.out, "ShdPnd:\t0000000000000200\n");
+}
+
 TEST_F(ChildTest, AProgramInPlaceThatCannotBeStartedEndsThisProcessWith125) {
   const auto result = inChild([] {
     Child({"/no/such/program"}).create(true);
