@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -67,7 +66,7 @@ bool DirChain::enter(const char* name) {
   }
   levels_.push_back({std::move(fd), identity, nameStart, path.size()});
   path_.swap(path);
-  if (levels_.size() - std::min(firstOpen_, levels_.size()) > mostOpen) closeFarthest();
+  if (levels_.size() > firstOpen_ + mostOpen) closeFarthest();
   return true;
 }
 
@@ -93,7 +92,6 @@ void DirChain::leave() {
   if (levels_.empty()) return;
   path_.resize(levels_.back().pathLength);
   if (!levels_.back().fd) reopenInnermost(left.fd.get());
-  firstOpen_ = std::clamp<std::size_t>(firstOpen_, 1, std::max<std::size_t>(levels_.size() - 1, 1));
 }
 
 /// The system's ".." is the directory above wherever that lies now. It may be closed to us, and then the way
