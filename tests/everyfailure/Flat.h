@@ -3,8 +3,12 @@
 #include <cerrno>
 
 #include "support/EveryFailure.h"
+#include "support/Surroundings.h"
 
 namespace kes::test {
+
+/// Nothing else makes System V objects, and the programs that do run one after the other.
+inline const bool objectsAreCounted = Surroundings::countObjects();
 
 /// Calls a flat function, where 1 is success. What it says about errno holds: a call that was refused is not
 /// covered up by what came after it.

@@ -24,7 +24,10 @@ int threads() {
   return found;
 }
 
+bool objectsCount = false;
+
 int systemVObjects() {
+  if (!objectsCount) return 0;
   shm_info segments{};
   seminfo semaphores{};
   ::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&segments));
@@ -37,6 +40,8 @@ bool hasChildren() {
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 }  // namespace
+
+bool Surroundings::countObjects() noexcept { return objectsCount = true; }
 
 Surroundings Surroundings::now() {
   Surroundings found;

@@ -17,6 +17,8 @@ struct Surroundings {
   std::array<void (*)(int), 32> handlers{};
 
   static Surroundings now();
+  /// Has the System V objects of the machine counted, too: for a program that runs while no other makes any.
+  static bool countObjects() noexcept;
 
   /// What is there now and was not before.
   std::string addedTo(const Surroundings& before) const;
