@@ -14,10 +14,8 @@ run_tests() {
   local preset=$1 at_once=$2 junit=build/$1/tests.xml numbers
   shift 2
   say "== tests: $preset"
-  # Machines are shared: a test that fails gets two more chances, and that it needed them is said.
-  ${ctest_under[@]+"${ctest_under[@]}"} ctest --preset "$preset" -j "$at_once" --no-tests=error --repeat until-pass:3 \
+  ${ctest_under[@]+"${ctest_under[@]}"} ctest --preset "$preset" -j "$at_once" --no-tests=error \
     --output-junit "$PWD/$junit" "$@" >build/"$preset"/tests.log 2>&1 || python3 scripts/lib/junit.py failures "$junit" >&2
-  sed -nE 's/.*Test *#[0-9]*: ([^ ]*) .*\*\*\*(Failed|Timeout|Exception).*/ran again: \1/p' build/"$preset"/tests.log | sort -u >&2
   numbers=$(python3 scripts/lib/junit.py counts "$junit") || numbers="0 1 0"
   # shellcheck disable=SC2086 # three numbers
   count $numbers
