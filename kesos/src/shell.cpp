@@ -105,7 +105,9 @@ int KesOsCreateProcessSw(const char* cmd, unsigned int flags) {
 }
 
 int KesOsCreateProcessEx(const char* cmd, unsigned int flags, int* exitCode) {
-  const int code = cmd != nullptr && *cmd != '\0' ? run(cmd, flags) : -1;
-  if (exitCode != nullptr) *exitCode = code;
+  int ownCode = 0;
+  int& code = exitCode != nullptr ? *exitCode : ownCode;
+  code = -1;  // that stays when the thread is cancelled in the wait
+  if (cmd != nullptr && *cmd != '\0') code = run(cmd, flags);
   return code == 0 ? 1 : 0;
 }

@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "kesos/Ipc.h"
+#include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizer.h"
 #include "support/TempDir.h"
@@ -59,6 +60,27 @@ TEST(ShellProcessTest, WhatCannotBeFoundGivesMinusOne) {
   EXPECT_EQ(KesOsCreateProcessEx(nullptr, 0, &exitCode), 0);
   EXPECT_EQ(exitCode, -1);
   EXPECT_EQ(KesOsCreateProcess(nullptr), 0);
+}
+
+TEST(ShellProcessTest, AWaitThatIsCancelledLeavesTheExitCodeAtMinusOne) {
+  KES_SKIP_UNDER_SANITIZERS("does not follow the unwinding of a cancelled thread");
+  const TempDir dir;
+  static std::string line;
+  const std::string here = dir / "here";
+  line = "touch " + here + " && while test -e " + here + "; do sleep 0.01; done";
+  int exitCode = 77;
+  pthread_t waiter{};
+  const auto wait = [](void* code) -> void* {
+    KesOsCreateProcessEx(line.c_str(), 0, static_cast<int*>(code));
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&waiter, nullptr, wait, &exitCode), 0);
+  EXPECT_TRUE(eventually([&here] { return std::filesystem::exists(here); }));
+  ::pthread_cancel(waiter);
+  void* end = nullptr;
+  ASSERT_EQ(::pthread_join(waiter, &end), 0);
+  EXPECT_EQ(end, PTHREAD_CANCELED);
+  EXPECT_EQ(exitCode, -1);
 }
 
 TEST(ShellProcessTest, TheShellSeesTheRestOfTheLine) {

@@ -24,11 +24,11 @@ extern "C" {
 
 /** Runs a command line through /bin/sh and waits for it. The program is searched on $PATH; it may be quoted,
  * and white space in its path is escaped for the shell, which sees the rest as it is. 1 when the exit code is
- * 0. The exit code is -1 when nothing could be started, 255 when a signal ended the shell, else its exit
- * status: 125 also when /bin/sh could not be executed, 126 and 127 also when the shell could not execute the
- * program. With the flag it is 0 once the shell is started. In a notification of the platform library, on the
- * collector's thread, use the flag: without it the shell is started, too, but cannot be waited for, and the
- * exit code is -1. */
+ * 0. The exit code is -1 until it is known and when nothing could be started, 255 when a signal ended the
+ * shell, else its exit status: 125 also when /bin/sh could not be executed, 126 and 127 also when the shell
+ * could not execute the program. With the flag it is 0 once the shell is started. In a notification of the
+ * platform library, on the collector's thread, use the flag: without it the shell is started, too, but cannot
+ * be waited for, and the exit code is -1. */
 int KesOsCreateProcess(const char* cmd);
 /** KesOsCreateProcess with a flag, or 0. */
 int KesOsCreateProcessSw(const char* cmd, unsigned int flags);
