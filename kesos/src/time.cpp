@@ -41,7 +41,7 @@ unsigned int KesOsGetUpTime(void) {
   KesOsInit();
   const std::uint64_t start = __atomic_load_n(&g_kesos_inittime, __ATOMIC_RELAXED);
   const std::uint64_t now = monotonicSeconds();
-  return start == 0 || now < start ? 0 : static_cast<unsigned int>(now - start);
+  return start == 0 || now == 0 ? 0 : static_cast<unsigned int>(now - start);
 }
 
 void KesOsSetSystemUp(void) { __atomic_store_n(&fShutdown, 0, __ATOMIC_RELAXED); }

@@ -88,6 +88,19 @@ TEST(TimeTest, UpTimeIsZeroRightAfterTheStartAndCountsWholeSeconds) {
   EXPECT_EQ(result.exitCode(), 0);
 }
 
+TEST(TimeTest, UpTimeIsADifferenceIn32Bits) {
+  const auto result = kes::test::inChild([] {
+    KesOsInit();
+    const std::uint64_t start = g_kesos_inittime;
+    const std::uint64_t age = (std::uint64_t{1} << 32U) + 41;
+    g_kesos_inittime = start - age;  // may be before the clock's own start, and wrap as well
+    const unsigned int later = KesOsGetUpTime();
+    const kes::time::MonotonicClock now;
+    return later >= 41 && later <= 41 + (now.sec() - start) ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+}
+
 TEST(TimeTest, UpTimeStartsItselfInAProgramWithoutARuntimeObject) {
   const auto result = kes::test::inChild([] {
     kes::time::OsClock::MONOTONIC = 0;
