@@ -81,7 +81,7 @@ void signalHandler(int) { _exitflg = 1; }
 
 void reset_terminal_mode() {
   const UnstoppedOutput untilReset;
-  if (!hasOriginal || !mayReset()) return;
+  if (!mayReset()) return;
   if (setAttributes(orig_termios)) hasSwitched = false;
 }
 
@@ -93,7 +93,9 @@ TerminalMode::TerminalMode() {
   if (hasSwitched) std::signal(SIGCONT, noteContinuation);
 }
 
-TerminalMode::~TerminalMode() { reset_terminal_mode(); }
+TerminalMode::~TerminalMode() {
+  if (hasOriginal) reset_terminal_mode();
+}
 
 void TerminalMode::resume() {
   if (hasContinued == 0 || isInBackground()) return;

@@ -309,6 +309,20 @@ TEST_F(TerminalModeTest, AnExitFromAnywhereRestoresIt) {
   EXPECT_TRUE(isRestored());
 }
 
+TEST_F(TerminalModeTest, AResetPutsBackTheSavedAttributesWhoeverSavedThem) {
+  const auto child = inChild([this] {
+    ::dup2(pty_.terminal(), 0);
+    ::tcgetattr(0, &orig_termios);
+    termios other = orig_termios;
+    other.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    ::tcsetattr(0, TCSANOW, &other);
+    if (isRestored()) return 1;
+    reset_terminal_mode();
+    return isRestored() ? 0 : 2;
+  });
+  EXPECT_EQ(child.exitCode(), 0);
+}
+
 TEST_F(TerminalModeTest, TheSavedAttributesAreThoseOfTheStart) {
   const auto child = inChild([this] {
     ::dup2(pty_.terminal(), 0);
