@@ -14,6 +14,7 @@
 #include "kespal/signal/Mask.h"
 #include "kespal/signal/Sender.h"
 #include "kespal/thread/Thread.h"
+#include "support/Calls.h"
 #include "support/Eventually.h"
 #include "support/ForkedChild.h"
 #include "support/Gate.h"
@@ -167,6 +168,40 @@ TEST(ExplicitQuitTest, TheSignalIsNotTakenByTheSignalThreadAgain) {
     });
     ASSERT_EQ(child.signal(), SIGTERM) << child.exitCode();
   }
+}
+
+TEST(ExplicitQuitTest, WhoQuitsGoesNoFurtherThoughTheSystemHandsTheSignalToAnotherThread) {
+  const ChildResult child = inBriefChild([]() -> int {
+    Quitter quitter;
+    KesPal runtime(true, false, Locale::System, nullptr);
+    runtime.setQuitStatus(true);
+    runtime.addQuitHandler(quitter);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    if (!quitter.isCalled(1)) return 1;
+    const test::Refuse onItsWay(test::Call::kill, 0);
+    runtime.explicitQuit(3);
+    ::_exit(2);
+  });
+  EXPECT_EQ(child.signal(), SIGTERM) << child.exitCode() << child.err;
+}
+
+TEST(ExplicitQuitTest, AHandlerOfTheProgramForTheSignalIsCalledOnce) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
+  const ChildResult child = inBriefChild([] {
+    static volatile std::sig_atomic_t calls = 0;
+    Quitter quitter;
+    KesPal runtime(true, false, Locale::System, nullptr);
+    runtime.setQuitStatus(true);
+    runtime.addQuitHandler(quitter);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    if (!quitter.isCalled(1)) return 1;
+    ::signal(SIGTERM, [](int) { calls = calls + 1; });
+    const bool isSent = runtime.explicitQuit(3);
+    const bool isCalled = test::eventually([] { return calls != 0; });
+    runtime.setQuitStatus(false);
+    return isSent && isCalled && calls == 1 ? 4 : 5;
+  });
+  EXPECT_EQ(child.exitCode(), 4) << "signal " << child.signal() << child.err;
 }
 
 TEST(ExplicitQuitTest, ASignalThatTheProcessWasStartedWithBlockedIsNotTakenForEver) {

@@ -42,6 +42,12 @@ signal::Set without(signal::Set signals, const signal::Set& unwanted) {
   return signals;
 }
 
+/// Whether the signal ends whom it reaches.
+bool hasDefaultAction(int signal) {
+  struct sigaction action = {};
+  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
+}
+
 }  // namespace
 
 void QuitSignal::notify(const int& signal, const siginfo_t&) {
@@ -118,11 +124,17 @@ void KesPalInit::addForkHandler(IForkHandler& handler) {
 }
 
 void KesPalInit::sendReceivedSignal() const {
+  const int signal = receivedSignal_;
   signal::takePending();
   signal::Set mask = signal::Set::m_original;
   if (QuitSignal::notifying()) mask.add(mgmSignal);  // who stops the thread sends it, and means no harm
   signal::Mask::call(mask, SIG_SETMASK);
-  signal::Sender::signalProc(receivedSignal_, ::getpid());
+  signal::Sender::signalProc(signal, ::getpid());
+  // The system may have handed it to the signal thread, which gives it back. This thread must not go on, and
+  // end the process in another way, before that.
+  if (!mask.contains(signal) && hasDefaultAction(signal)) {
+    signal::Sender::signalThread(signal, ::pthread_self());
+  }
 }
 
 bool KesPalInit::checkSignalQuit() {
