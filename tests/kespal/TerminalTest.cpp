@@ -18,6 +18,7 @@
 #include "kespal/error/OsError.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
+#include "support/NoMemory.h"
 #include "support/Pty.h"
 #include "support/TempDir.h"
 
@@ -262,6 +263,20 @@ TEST(TerminalTest, APaintWritesItsBackgroundFirst) {
 TEST(TerminalTest, ABrightPaintWithoutColourWritesTheIntensityAlone) {
   EXPECT_EQ(written(Paint{.foregroundBright = true}), "\x1b[1m");
   EXPECT_EQ(written(Paint{.backgroundBright = true}), "\x1b[1m");
+}
+
+TEST(TerminalTest, SequencesAreWrittenAlsoWithoutMemory) {
+  std::ostringstream stream(std::string(80, '.'));
+  bool refused = true;
+  {
+    const test::NoMemory none;
+    stream << Paint{.foreground = -10, .background = Blue, .backgroundBright = true, .force = true}
+           << Command{.flags = Command::Reset | Command::Underline | Command::Blink, .force = true};
+    refused = test::NoMemory::refused();
+  }
+  EXPECT_FALSE(refused);
+  EXPECT_EQ(stream.str().substr(0, stream.str().find('.')),
+            "\x1b[1m\x1b[44m\x1b[22m\x1b[3-10m\x1b[0m\x1b[24m\x1b[25m");
 }
 
 TEST(TerminalTest, APaintWithoutColoursAndBrightnessWritesNothing) { EXPECT_EQ(written(Paint{}), ""); }

@@ -4,9 +4,14 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstddef>
 #include <iostream>
+#include <iterator>
 #include <string>
+#include <string_view>
 
 #include "kespal/error/OsError.h"
 #include "kespal/proc/Env.h"
@@ -36,19 +41,32 @@ bool isSet(const char* variable) {
   return proc::Env::get(variable, ignored);
 }
 
-std::string sequence(const std::string& parameter) { return "\x1b[" + parameter + 'm'; }
+/// Escape sequences, of a paint or a command. They take no memory: to write them never fails.
+class Sequences {
+ public:
+  void add(std::string_view parameter) {
+    append("\x1b[");
+    append(parameter);
+    append("m");
+  }
+  void addLayer(char place, int color, bool bright) {
+    if (color == -1 && !bright) return;
+    add(bright ? BRIGHT_CMD : NORMAL_INTENSITY_CMD);
+    if (color == -1) return;
+    char parameter[16] = {place};
+    const char* const end = std::to_chars(parameter + 1, std::end(parameter), color).ptr;
+    add({parameter, static_cast<std::size_t>(end - parameter)});
+  }
 
-std::string layer(const char* place, int color, bool bright) {
-  if (color == -1 && !bright) return "";
-  std::string text = sequence(bright ? BRIGHT_CMD : NORMAL_INTENSITY_CMD);
-  if (color != -1) text += sequence(place + std::to_string(color));
-  return text;
-}
+  // Not as formatted text: a field width set on the stream is meant for what follows.
+  void write(std::ostream& stream) const { stream.write(text_, end_ - text_); }
 
-// Not as formatted text: a field width set on the stream is meant for what follows.
-void writeRaw(std::ostream& stream, const std::string& text) {
-  stream.write(text.data(), static_cast<std::streamsize>(text.size()));
-}
+ private:
+  void append(std::string_view part) { end_ = std::copy(part.begin(), part.end(), end_); }
+
+  char text_[64];  // a paint has at most 40
+  char* end_ = text_;
+};
 
 constexpr Paint normal(Color color) { return {.foreground = color}; }
 constexpr Paint bright(Color color) { return {.foreground = color, .foregroundBright = true}; }
@@ -108,17 +126,19 @@ void Terminal::setColorMode(bool out, bool err) noexcept {
 
 void Terminal::switchColor(std::ostream& stream, const Paint& paint) {
   if (!paint.force && !isTerminal(stream)) return;
-  writeRaw(stream, layer("4", paint.background, paint.backgroundBright) +
-                       layer("3", paint.foreground, paint.foregroundBright));
+  Sequences sequences;
+  sequences.addLayer('4', paint.background, paint.backgroundBright);
+  sequences.addLayer('3', paint.foreground, paint.foregroundBright);
+  sequences.write(stream);
 }
 
 void Terminal::processCmd(std::ostream& stream, const Command& command) {
   if (!command.force && !isTerminal(stream)) return;
-  std::string text;
-  if (command.flags & Command::Reset) text += sequence("0");
-  if (command.flags & Command::Underline) text += sequence(command.on ? UNDERLINE_CMD : UNDERLINE_OFF_CMD);
-  if (command.flags & Command::Blink) text += sequence(command.on ? BLINK_CMD : BLINK_OFF_CMD);
-  writeRaw(stream, text);
+  Sequences sequences;
+  if (command.flags & Command::Reset) sequences.add("0");
+  if (command.flags & Command::Underline) sequences.add(command.on ? UNDERLINE_CMD : UNDERLINE_OFF_CMD);
+  if (command.flags & Command::Blink) sequences.add(command.on ? BLINK_CMD : BLINK_OFF_CMD);
+  sequences.write(stream);
 }
 
 std::ostream& operator<<(std::ostream& stream, const Paint& paint) {
