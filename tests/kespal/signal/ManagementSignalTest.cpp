@@ -33,5 +33,22 @@ TEST_F(HandlerTest, AManagementSignalOfAnEarlierRunIsLeftAloneByTheNext) {
   EXPECT_TRUE(sigismember(&pending, SIGUSR2)) << "the thread has taken it";
 }
 
+TEST_F(HandlerTest, AManagementSignalThatWasIgnoredIsNoLongerOnceItIsNeeded) {
+  ::signal(SIGUSR1, SIG_IGN);
+  Handler handler;
+  handler.start(SIGUSR1);
+  EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), SIG_DFL);
+  handler.stop();
+}
+
+TEST_F(HandlerTest, AManagementSignalThatIsHandledStaysSo) {
+  const auto nothing = [](int) {};
+  ::signal(SIGUSR1, nothing);
+  Handler handler;
+  handler.start(SIGUSR1);
+  EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), static_cast<void (*)(int)>(nothing));
+  handler.stop();
+}
+
 }  // namespace
 }  // namespace kes::signal

@@ -39,10 +39,11 @@ class Handler : public thread::CppThread::IThread, NoCopy {
   virtual ~Handler();  // NOLINT(bugprone-exception-escape): ends the program then
 
   /// Starts the thread; notifiers may have been added before. `mgmSignal` is a signal that nothing else in
-  /// the process uses. Raises what run() of a thread raises: UsageError when the thread runs already or its
-  /// end is being waited for, RuntimeError while a fork is pending, OsError EAGAIN when the system refuses a
-  /// thread. UsageError, too, for a signal that nobody may handle (SIGKILL, SIGSTOP) or wait for (not 1 to
-  /// 32, or kept by the C library); OsError when the calling thread's mask cannot be changed.
+  /// the process uses; it is ignored no longer. Raises what run() of a thread raises: UsageError when the
+  /// thread runs already or its end is being waited for, RuntimeError while a fork is pending, OsError EAGAIN
+  /// when the system refuses a thread. UsageError, too, for a signal that nobody may handle (SIGKILL,
+  /// SIGSTOP) or wait for (not 1 to 32, or kept by the C library); OsError when the calling thread's mask
+  /// cannot be changed.
   void start(const int& mgmSignal);
   /// Ends the thread and waits for it. Does nothing when it was not started, or by a parent process. Raises
   /// OsError: EDEADLK on the thread itself, which ends all the same, and any other code of pthread_kill.

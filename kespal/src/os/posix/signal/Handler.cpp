@@ -40,6 +40,20 @@ bool canBeWaitedFor(int signal) {
   return Set{signal}.contains(signal) && signal != SIGKILL && signal != SIGSTOP;
 }
 
+int setDefaultAction(int signal) {
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  action.sa_flags = SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  return ::sigaction(signal, &action, nullptr);
+}
+
+/// A process may have been started so, and some systems drop such a signal although it is blocked.
+bool isIgnored(int signal) {
+  struct sigaction action = {};
+  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 /// Every signal but those that a thread brings on itself: a fault is no less one where it is blocked, and a
 /// terminal or a limit answers such a thread otherwise.
 Set whatIsSentToTheProcess() {
@@ -102,6 +116,7 @@ void Handler::start(const int& mgmSignal) {
   auto next = std::make_unique<Registrations>(*shared->registrations);
   next->leave(shared->mgmSignal);
   next->manage(mgmSignal);
+  if (isIgnored(mgmSignal)) check(KES_HERE, setDefaultAction(mgmSignal));
   {
     // The thread inherits this: a signal that comes before its first wait would end the process, and so would
     // one that the program blocks in its other threads from now on.
@@ -147,11 +162,7 @@ void Handler::add(const int& signal, INotify& notifier) {
   if (!shared->registrations->waitSet().contains(signal)) {
     auto next = std::make_unique<Registrations>(*shared->registrations);
     next->add(signal, notifier);
-    struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
-    action.sa_flags = SA_SIGINFO;
-    sigemptyset(&action.sa_mask);
-    check(KES_HERE, ::sigaction(signal, &action, nullptr));
+    check(KES_HERE, setDefaultAction(signal));
     shared->registrations.replace(std::move(next));
   }
   if (shared->running) shared->sendMgmSig();
