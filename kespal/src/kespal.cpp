@@ -1,5 +1,6 @@
 #include "kespal/kespal.h"
 
+#include <signal.h>
 #include <time.h>
 
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include "kespal/UserInfo.h"
 #include "kespal/fs/File.h"
 #include "kespal/proc/Child.h"
+#include "kespal/signal/Set.h"
 #include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/time/Clock.h"
@@ -113,6 +115,9 @@ bool exceptionActive() noexcept {
 }
 
 void kespal_terminate() {
+  // Words that nobody can read, or no file can take, must not be what ends the program.
+  const signal::Set ofWriting{SIGPIPE, SIGXFSZ};
+  ::pthread_sigmask(SIG_BLOCK, &ofWriting.native(), nullptr);
   if (exceptionActive()) {
     kespal_unhandled_exception();
   } else {

@@ -1,3 +1,7 @@
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <functional>
@@ -101,6 +105,27 @@ TEST(TerminateTest, ASignalThatIsBlockedDoesNotKeepTheProgramAlive) {
     std::terminate();
   });
   EXPECT_EQ(child.signal(), SIGABRT);
+}
+
+TEST(TerminateTest, AStandardErrorThatNobodyReadsDoesNotChangeHowTheProgramEnds) {
+  const auto child = terminatedBy([] {
+    signal::Mask::call({SIGPIPE}, SIG_UNBLOCK);
+    int ends[2];
+    if (::pipe(ends) == -1 || ::dup2(ends[1], STDERR_FILENO) == -1) return;
+    ::close(ends[0]);
+    std::terminate();
+  });
+  EXPECT_EQ(child.signal(), SIGABRT) << child.exitCode();
+}
+
+TEST(TerminateTest, AStandardErrorThatTakesNoMoreDoesNotChangeHowTheProgramEnds) {
+  const auto child = terminatedBy([] {
+    const int file = ::fileno(std::tmpfile());
+    const rlimit nothing{0, 0};
+    if (::dup2(file, STDERR_FILENO) == -1 || ::setrlimit(RLIMIT_FSIZE, &nothing) == -1) return;
+    std::terminate();
+  });
+  EXPECT_EQ(child.signal(), SIGABRT) << child.exitCode();
 }
 
 TEST(TerminateTest, TheVariableKeepsTheHandlerFromBeingInstalled) {
