@@ -107,5 +107,14 @@ TEST(ThreadPromisesTest, ASignalIsTakenAsTheWishToQuitAndEndsTheProcess) {
   EXPECT_EQ(child.signal(), SIGTERM) << child.err;
 }
 
+TEST(ThreadPromisesTest, TheSignalThreadEndsThoughItsSignalWasIgnoredWhenTheProcessStarted) {
+  const test::ChildResult child = test::inChild([] {
+    ::signal(SIGUSR1, SIG_IGN);
+    { const KesPal runtime(/*quitHandling=*/true, /*forkPending=*/false, Locale::English); }
+    return 7;
+  });
+  EXPECT_EQ(child.exitCode(), 7) << child.err;
+}
+
 }  // namespace
 }  // namespace kes
