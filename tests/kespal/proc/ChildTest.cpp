@@ -1,5 +1,6 @@
 #include "kespal/proc/Child.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -75,6 +76,38 @@ TEST_F(ChildTest, AProgramThatDoesNotExistIsAChildThatEndsWith125) {
                   "In child process [0-9]+ \\(/no/such/program\\):\n\n#1\\)\n\tException occured at "
                   "\"src/os/posix/proc/Child:318 \\(create\\)\"\n\t\n\tSystem/Library call error: No such "
                   "file or directory \\(2\\)\n\n"));
+}
+
+/// The exit code of a program that cannot be started, with such a standard error; -1 when a signal ended it.
+int exitCodeWithErrorsTo(int fd) {
+  Child child({"/no/such/program"});
+  child.setStderr(fd);
+  child.create(false);
+  const int status = child.wait(false, {}).status;
+  Child::exit();
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(ChildTest, AProgramThatDoesNotExistEndsWith125AlsoWhenNobodyReadsWhy) {
+  const auto result = inChild([] {
+    int ends[2];
+    if (::pipe(ends) != 0) return -1;
+    ::close(ends[0]);
+    return exitCodeWithErrorsTo(ends[1]);
+  });
+  EXPECT_EQ(result.exitCode(), 125);
+}
+
+TEST_F(ChildTest, AProgramThatDoesNotExistEndsWith125AlsoWhenTheFileForItTakesNoMore) {
+  const TempDir dir;
+  const auto result = inChild([&dir] {
+    const int full = ::open((dir / "full").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const ::rlimit nothing{0, 0};
+    if (::setrlimit(RLIMIT_FSIZE, &nothing) != 0) return -1;
+    std::signal(SIGXFSZ, SIG_DFL);
+    return exitCodeWithErrorsTo(full);
+  });
+  EXPECT_EQ(result.exitCode(), 125);
 }
 
 TEST_F(ChildTest, AProgramThatMayNotBeExecutedIsAChildThatEndsWith125) {
@@ -300,6 +333,17 @@ TEST_F(ChildTest, AProgramInPlaceThatCannotBeStartedEndsThisProcessWith125) {
   });
   EXPECT_EQ(result.exitCode(), 125);
   EXPECT_THAT(result.err, testing::StartsWith("In child process "));
+}
+
+TEST_F(ChildTest, AProgramInPlaceThatCannotBeStartedEndsThisProcessWith125AlsoWhenNobodyReadsWhy) {
+  const auto result = inChild([] {
+    int ends[2];
+    if (::pipe(ends) != 0 || ::dup2(ends[1], STDERR_FILENO) == -1) return -1;
+    ::close(ends[0]);
+    Child({"/no/such/program"}).create(true);
+    return 0;
+  });
+  EXPECT_EQ(result.exitCode(), 125);
 }
 
 TEST_F(ChildTest, DestroyingAChildNeitherWaitsForItNorSignalsIt) {

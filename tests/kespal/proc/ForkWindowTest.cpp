@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -212,6 +213,23 @@ TEST_F(ForkWindowTest, AStreamThatCannotBeDuplicatedIsToldAndTheProgramStartsAll
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(result.err, "Error dup2()'ing stdout: " + number + "\nError dup2()'ing stderr: " + number +
                             "\nError dup2()'ing stdin: " + number + "\n");
+}
+
+TEST_F(ForkWindowTest, TheProgramStartsAllTheSameWhereNobodyReadsThatAStreamCannotBeDuplicated) {
+  const auto result = test::inChild([] {
+    int ends[2];
+    if (::pipe(ends) != 0 || ::dup2(ends[1], STDERR_FILENO) == -1) return -1;
+    ::close(ends[0]);
+    counts().failDup2 = EBUSY;
+    g_watched = ::getpid();
+    Child child({"/bin/true"});
+    child.setStdout(ends[1]);
+    child.create(false);
+    const int status = child.wait(false, {}).status;
+    Child::exit();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+  });
+  EXPECT_EQ(result.exitCode(), 0);
 }
 
 /// What a start that has to fail says, and whether its child took memory, a lock, an error's text from the

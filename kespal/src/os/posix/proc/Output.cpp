@@ -16,7 +16,7 @@
 #include "kespal/fs/Pipe.h"
 #include "kespal/proc/Child.h"
 #include "kespal/time/Clock.h"
-#include "signal/NoBrokenPipe.h"
+#include "signal/NoWriteSignals.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
@@ -106,7 +106,7 @@ class Inlet {
 
   /// Gives what there is room for. A program need not read it.
   void give() {
-    const signal::NoBrokenPipe whileGiving;
+    const signal::NoWriteSignals whileGiving;
     const ssize_t count = sys::retry([this] { return ::write(end_.get(), rest_.data(), rest_.size()); });
     if (count == -1 && errno == EAGAIN) return;
     if (count == -1 && errno == EPIPE) {

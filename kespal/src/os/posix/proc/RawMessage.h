@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "signal/NoWriteSignals.h"
 #include "sys/NoCancel.h"
 #include "sys/Retry.h"
 
@@ -16,7 +17,8 @@ namespace kes::proc {
 
 /// A message for standard error that takes neither memory nor locks: for a child between fork and exec. It
 /// goes out in one write, so that those of several children do not mix. Texts must live until then; pieces
-/// that come too many are left out, and what cannot be written is lost.
+/// that come too many are left out, and what cannot be written is lost: no signal tells of that, which would
+/// end the child in another way than its parent is promised.
 class RawMessage {
  public:
   RawMessage& add(std::string_view text) noexcept {
@@ -33,10 +35,11 @@ class RawMessage {
 
   void send() noexcept {
     const sys::NoCancel untilSent;
+    const signal::NoWriteSignals whileSending;
 
     for (::iovec* next = pieces_; count_ != 0;) {
       ssize_t written = sys::retry([&] { return ::writev(STDERR_FILENO, next, count_); });
-      if (written <= 0) return;
+      if (written <= 0) return whileSending.take();
       for (; count_ != 0 && static_cast<std::size_t>(written) >= next->iov_len; ++next, --count_) {
         written -= static_cast<ssize_t>(next->iov_len);
       }
