@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
+#include <utility>
 
 #include "kespal/error/OsError.h"
 #include "support/ForkedChild.h"
@@ -30,6 +31,13 @@ TEST(EnvTest, GetOfAnAbsentVariableClearsTheValueAndGivesFalse) {
   EXPECT_EQ(value, "");
 }
 
+TEST(EnvTest, ANullNameIsThatOfNoVariable) {
+  std::string value = "left from before";
+  EXPECT_FALSE(Env::get(nullptr, value));
+  EXPECT_EQ(value, "");
+  EXPECT_NO_THROW(Env::del(nullptr));
+}
+
 TEST(EnvTest, SetReplacesAnOlderValue) {
   const auto child = inChild([] {
     Env::set("KES_TEST_VARIABLE", "first");
@@ -40,11 +48,13 @@ TEST(EnvTest, SetReplacesAnOlderValue) {
   EXPECT_EQ(child.out, "second");
 }
 
-TEST(EnvTest, SetOfAnImpossibleNameRaisesOsErrorFromItsSite) {
-  for (const char* name : {"", "with=sign"}) {
+TEST(EnvTest, SetOfAnImpossibleNameOrValueRaisesOsErrorFromItsSite) {
+  const std::pair<const char*, const char*> impossible[] = {
+      {"", "value"}, {"with=sign", "value"}, {nullptr, "value"}, {"KES_TEST_VARIABLE", nullptr}};
+  for (const auto& [name, value] : impossible) {
     try {
-      Env::set(name, "value");
-      FAIL() << name;
+      Env::set(name, value);
+      ADD_FAILURE() << testing::PrintToString(name);
     } catch (const OsError& error) {
       EXPECT_EQ(error.errnum(), EINVAL);
       EXPECT_STREQ(error.file(), "src/os/posix/proc/Env");

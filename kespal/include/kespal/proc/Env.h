@@ -14,9 +14,10 @@ class Env {
  public:
   Env() noexcept;
 
-  /// Reads a variable. Absent: clears `value` and returns false. std::bad_alloc.
+  /// Reads a variable. Absent, as a null name is: clears `value` and returns false. std::bad_alloc.
   static bool get(const char* name, std::string& value);
-  /// Sets a variable, replacing an older value. OsError (EINVAL for an empty name or one with '=', ENOMEM).
+  /// Sets a variable, replacing an older value. OsError (EINVAL for an empty name or one with '=', and for a
+  /// null name or value; ENOMEM).
   static void set(const char* name, const char* value);
   /// Removes a variable; one that does not exist is no error, nor is an impossible name. Raises nothing.
   static void del(const char* name);

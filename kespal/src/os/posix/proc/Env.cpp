@@ -1,5 +1,6 @@
 #include "kespal/proc/Env.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "kespal/error/OsError.h"
@@ -14,13 +15,15 @@ constexpr const char* noVariables[] = {nullptr};
 Env::Env() noexcept : place_(os::environment()) {}
 
 bool Env::get(const char* name, std::string& value) {
-  const char* found = ::getenv(name);
+  const char* found = name != nullptr ? ::getenv(name) : nullptr;
   value = found != nullptr ? found : "";
   return found != nullptr;
 }
 
 void Env::set(const char* name, const char* value) {
-  check({"src/os/posix/proc/Env", 61, "set"}, ::setenv(name, value, /*overwrite=*/1));
+  constexpr Site site{"src/os/posix/proc/Env", 61, "set"};
+  if (value == nullptr) raiseAt(site, OsError(EINVAL));
+  check(site, ::setenv(name, value, /*overwrite=*/1));
 }
 
 void Env::del(const char* name) { ::unsetenv(name); }
