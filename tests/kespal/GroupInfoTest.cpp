@@ -64,8 +64,9 @@ TEST(GroupInfoTest, AGroupBecomesAnotherByIdAndByName) {
 }
 
 TEST(GroupInfoTest, AGroupThatDoesNotExistRaisesNoMatchingGroup) {
-  for (const auto& lookUp : {+[] { GroupInfo(std::string("no-such-group-here")); },
-                             +[] { GroupInfo(4000000003U); }, +[] { GroupInfo(std::string{}); }}) {
+  for (const auto& lookUp :
+       {+[] { GroupInfo(std::string("no-such-group-here")); }, +[] { GroupInfo(4000000003U); },
+        +[] { GroupInfo(std::string{}); }, +[] { GroupInfo(std::string("root\0x", 6)); }}) {
     try {
       lookUp();
       ADD_FAILURE() << "found";

@@ -117,6 +117,11 @@ TEST(UserInfoTest, AMissingUserIsARuntimeErrorFromResolve) {
   EXPECT_EQ(raisedAs<RuntimeError>([] { UserInfo(4000000001U); }).text(), "No such user");
 }
 
+TEST(UserInfoTest, ANameThatGoesOnBehindAZeroByteIsNobodys) {
+  const std::string name("root\0x", 6);
+  EXPECT_EQ(raisedAs<RuntimeError>([&name] { UserInfo user(name); }).text(), "No such user");
+}
+
 TEST(UserInfoTest, AnUnresolvedRecordStaysAsItWas) {
   UserInfo user;
   user.name = "no-such-user-here";

@@ -33,6 +33,7 @@ void GroupInfo::retrieve() {
   group* found = nullptr;
   std::vector<char> room(128);
   const int code = os::lookUp(room, [&](char* buffer, std::size_t size) {
+    if (!os::canBeName(name_)) return 0;
     return name_.empty() ? ::getgrgid_r(gid_, &entry, buffer, size, &found)
                          : ::getgrnam_r(name_.c_str(), &entry, buffer, size, &found);
   });

@@ -2,11 +2,15 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "sys/NoCancel.h"
 
 namespace kes::os {
+
+/// Whether an account can have this name. The C library would take what is before a zero byte for all of it.
+inline bool canBeName(const std::string& name) noexcept { return name.find('\0') == name.npos; }
 
 /// Looks something up in a database of accounts: `ask` is given room for the texts of the entry, and answers
 /// 0 or an error number. It is asked again when a signal came between, and with more room when that was too

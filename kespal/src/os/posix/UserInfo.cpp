@@ -9,6 +9,7 @@
 #include "kespal/GroupInfo.h"
 #include "kespal/error/OsError.h"
 #include "kespal/error/StaticError.h"
+#include "os/posix/Lookup.h"
 #include "sys/NoCancel.h"
 
 namespace kes {
@@ -39,8 +40,12 @@ void UserInfo::resolve(bool byName, bool withGroup) {
   const sys::NoCancel untilAnswered;  // the C library would leave its files open, and its lock taken
   passwd* found = nullptr;
   char buffer[2048];
-  const int code = byName ? ::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found)
-                          : ::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found);
+  int code = 0;
+  if (!byName) {
+    code = ::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found);
+  } else if (os::canBeName(name)) {
+    code = ::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found);
+  }
   if (code != 0) raiseAt(KES_HERE, OsError(code));
   if (found == nullptr) raiseAt(KES_HERE, RuntimeError("No such user"));
 
