@@ -45,6 +45,9 @@ int statusOf(const siginfo_t& ended) noexcept {
 
 }  // namespace
 
+/// A notification may fork, and come back in the child as well. There the thread just ends: nobody knows who
+/// held the lock, and the children are the parent's. Hence everything behind a notification asks whose
+/// process this is.
 void Flock::collect() {
   const sys::AtEnd finishing([this] { finish(); });
   while (awaitWork()) reapSome();
@@ -53,7 +56,7 @@ void Flock::collect() {
 
 /// Pauses until there is a child to wait for. False when the thread is to end.
 bool Flock::awaitWork() {
-  while (thread_.request() == CoopThread::Run) {
+  while (!isInherited() && thread_.request() == CoopThread::Run) {
     Guard guard(cond_);
     if (phase_ == Phase::Stopping) return false;
     if (records_.anyRuns()) return true;
@@ -89,7 +92,7 @@ void Flock::waitFailed(int errnum) {
 
 /// Of children that somebody else has reaped nobody will see the end.
 void Flock::releaseLost() KES_UNCHECKED {
-  for (;;) {
+  while (!isInherited()) {
     Guard guard(cond_);
     Child* child = nullptr;
     if (!records_.takeLost(&isLost, child)) return;
@@ -104,7 +107,7 @@ void Flock::sweep() {
     if (phase_ == Phase::Stopping) return;
   }
   releaseLost();
-  for (siginfo_t ended{}; findEnded(ended);) reap(ended);
+  for (siginfo_t ended{}; !isInherited() && findEnded(ended);) reap(ended);
 }
 
 bool Flock::findEnded(siginfo_t& ended) {
@@ -149,6 +152,7 @@ bool Flock::file(pid_t pid, int status, Guard& guard) KES_UNCHECKED {
   }
   if (!end.isToBeTold) return true;
   checkCB(pid, guard);
+  if (isInherited()) return false;
   const Guard again(cond_);
   records_.wake(pid, end.number);
   return false;
@@ -160,7 +164,7 @@ void Flock::checkCB(pid_t pid, Guard& guard) KES_UNCHECKED {
 
 /// Whoever would be told of an end that nobody will see learns that instead.
 void Flock::releaseChildren() KES_UNCHECKED {
-  for (;;) {
+  while (!isInherited()) {
     Guard guard(cond_);
     Child* const child = records_.takeRunningChild();
     if (child == nullptr) return;
@@ -173,6 +177,7 @@ void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) KES_UNCHEC
   notifying_ = &child;
   guard.unlock();
   const sys::AtEnd done([this] {
+    if (isInherited()) return;
     const Guard again(cond_);
     notifying_ = nullptr;
     cond_.signalAll();
@@ -192,6 +197,7 @@ void Flock::notify(Child& child, void (Child::*tell)(), Guard& guard) KES_UNCHEC
 
 /// However the body is left: whoever waits would wait for ever.
 void Flock::finish() {
+  if (isInherited()) return;
   const Guard guard(cond_);
   phase_ = Phase::Ended;
   records_.wakeAll();

@@ -1,5 +1,6 @@
 // Children and their collector: its beginning and end, and what notifications may do.
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -170,6 +171,44 @@ TEST_F(ChildTest, ANotificationMayStartAnotherChild) {
   first.create(false);
   next.started.get_future().wait();
   EXPECT_EQ(WEXITSTATUS(next.second.wait(true, 60s).status), 9);
+}
+
+TEST_F(ChildTest, ANotificationThatForksEndsInTheChildWithoutAnyWord) {
+  KES_SKIP_UNDER_SANITIZERS("watches how a thread ends a process");
+  const auto result = inChild([] {
+    struct Forker : Child::Notification {
+      void exited(Child&) override {
+        const pid_t fork = ::fork();
+        if (fork == 0) {
+          ::alarm(120);
+          return;
+        }
+        int status = -1;
+        ::waitpid(fork, &status, 0);
+        ended.set_value(status);
+      }
+      std::promise<int> ended;
+    } forker;
+    struct Watcher : Child::Notification {
+      void exited(Child&) override {
+        std::cerr << "ended in " << (::getpid() == parent ? "the parent\n" : "the child\n");
+      }
+      void released(Child&) override { std::cerr << "released\n"; }
+      const pid_t parent = ::getpid();
+    } watcher;
+    Child running({"/bin/sleep", "3600"}), first({"/bin/true"});
+    running.setNotify(&watcher);
+    first.setNotify(&forker);
+    running.create(false);
+    first.create(false);
+    const int status = forker.ended.get_future().get();
+    running.kill();
+    running.wait(false, {});
+    Child::exit();
+    return status == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode(), 0);
+  EXPECT_EQ(result.err, "ended in the parent\n");
 }
 
 TEST_F(ChildTest, ANotificationThatThrowsIsReportedAndTheCollectorCarriesOn) {
