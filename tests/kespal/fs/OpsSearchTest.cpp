@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "kespal/fs/FewDescriptors.h"
 #include "kespal/fs/Ops.h"
 #include "support/Calls.h"
 #include "support/ForkedChild.h"
@@ -283,6 +284,17 @@ TEST_F(GlobTest, ADirectoryThatCannotBeReadHasNoMatches) {
     return 0;
   });
   EXPECT_EQ(child.out, "0") << child.err;
+}
+
+TEST_F(GlobTest, WithoutDescriptorsNoListIsGivenThatLacksMatches) {
+  const auto child = inChild([&] {
+    const test::FewDescriptors none(0);
+    const Raised raised = raisedBy([&] { Ops::glob(folder_ / "*.log"); });
+    const Raised inBraces = raisedBy([&] { Ops::glob(folder_ / "{a.txt,*.log}"); });
+    std::cout << raised.type << ' ' << raised.text << ", " << inBraces.type;
+    return 0;
+  });
+  EXPECT_EQ(child.out, "kes::RuntimeError read error or out of memory, kes::RuntimeError") << child.err;
 }
 
 }  // namespace

@@ -101,8 +101,8 @@ class Ops {
   /// or the directory it is in; empty when there is none. An absolute name is only tested. Simple rule:
   /// supplementary groups do not count, and root is a user like any other. Raises nothing.
   static std::string which(const char* program, bool dirOnly = false);
-  /// The names that match a shell pattern, '~' and '{a,b}' expanded, in the system's order. RuntimeError
-  /// when the system cannot say.
+  /// The names that match a shell pattern, '~' and '{a,b}' expanded, in the system's order. A directory that
+  /// may not be read has none. RuntimeError when the system cannot say, as without memory or descriptors.
   static std::list<std::string> glob(const std::string& pattern);
 };
 

@@ -1,5 +1,6 @@
 #include <glob.h>
 
+#include <cerrno>
 #include <list>
 #include <string>
 #include <string_view>
@@ -43,6 +44,12 @@ std::string withHome(const std::string& pattern) {
   return home.empty() ? pattern : escaped(home) + pattern.substr(1);
 }
 
+/// A directory that nobody may read has no matches, and the search goes on. One that could not be read for
+/// want of something may have some: the list without them would be taken for the whole one.
+int endsSearch(const char* /*directory*/, int errnum) noexcept {
+  return errnum == EMFILE || errnum == ENFILE || errnum == ENOMEM || errnum == EIO ? 1 : 0;
+}
+
 }  // namespace
 
 std::string Ops::which(const char* program, bool dirOnly) {
@@ -65,7 +72,7 @@ std::list<std::string> Ops::glob(const std::string& pattern) {
   glob_t matches{};
   const sys::GlobMatches freeing(&matches);
   const int result =
-      ::glob(withHome(pattern).c_str(), GLOB_TILDE | GLOB_BRACE | GLOB_NOSORT, nullptr, &matches);
+      ::glob(withHome(pattern).c_str(), GLOB_TILDE | GLOB_BRACE | GLOB_NOSORT, endsSearch, &matches);
   if (result == GLOB_NOMATCH) return {};
   if (result != 0) raiseAt(KES_HERE, RuntimeError("read error or out of memory"));
   return {matches.gl_pathv, matches.gl_pathv + matches.gl_pathc};
