@@ -340,6 +340,22 @@ TEST_F(MoveAcrossTest, ACallersBufferIsUsedAndHalfOfOneRefused) {
   EXPECT_EQ(onDisk(), "-|content");
 }
 
+TEST_F(MoveAcrossTest, HalfABufferIsRefusedWhateverTheSourceIs) {
+  const std::string dir = here_ / "dir", fifo = here_ / "fifo";
+  stdfs::create_directory(dir);
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  char byte = 0;
+  for (const std::string& from : {from_, dir, fifo}) {
+    for (const EnumBitset<Flags> flags : {EnumBitset<Flags>(), EnumBitset<Flags>(Flags::NO_FOLLOW)}) {
+      EXPECT_EQ(raisedBy([&] { Ops::move(from.c_str(), to_.c_str(), flags, &byte, 0); }).type,
+                "kes::UsageError")
+          << from;
+    }
+    EXPECT_TRUE(isThere(from));
+  }
+  EXPECT_FALSE(isThere(to_));
+}
+
 TEST_F(MoveAcrossTest, WithoutACallersBufferItCopiesInPiecesOf64KiB) {
   test::writeFile(from_, std::string(std::size_t{65536} + 1, 'x'));
   const test::CallTrace trace;

@@ -44,13 +44,6 @@ bool canBeCopied(const Info& source) { return source.isRegular() || source.isDir
   raiseAt(KES_HERE, OsError(EISDIR));  // some systems let a directory be read
 }
 
-void copyForMove(const char* from, const char* to, const EnumBitset<Flags>& flags, char* buffer,
-                 std::size_t size) {
-  Copier copier(buffer, size, flags | Flags::COPY_ACCESS);
-  if (!copier.haveBuffer()) copier.allocateBuffer(moveBufferSize);
-  copier.copy(from, to);
-}
-
 /// False when the two lie on different devices.
 bool renamed(const char* from, const char* to, const EnumBitset<Flags>& flags) {
   try {
@@ -78,10 +71,12 @@ void Ops::move(const char* from, const char* to, const EnumBitset<Flags>& flags,
   Info source;
   if (follow) source = Info::get(from, follow);
   if (!source.isLink() && renamed(from, to, flags)) return;
+  Copier copier(buffer, size, flags | Flags::COPY_ACCESS);  // half a buffer is refused whatever the source is
   if (!follow) source = Info::get(from, follow);
   if (!canBeCopied(source)) PathErrors::raise(KES_HERE, EINVAL, from);
   if (source.isDir()) refuseDirectory(from);
-  copyForMove(from, to, flags, buffer, size);
+  if (!copier.haveBuffer()) copier.allocateBuffer(moveBufferSize);
+  copier.copy(from, to);
   sys::AtEnd takingBack([to] { removeQuietly(to); });
   remove(from);
   takingBack.dismiss();
