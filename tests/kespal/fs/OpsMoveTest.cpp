@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
 #include "kespal/fs/Ops.h"
 #include "support/Calls.h"
@@ -14,6 +15,7 @@
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
 #include "support/TempDir.h"
+#include "sys/AtEnd.h"
 
 namespace kes::fs {
 namespace {
@@ -354,6 +356,20 @@ TEST_F(MoveAcrossTest, HalfABufferIsRefusedWhateverTheSourceIs) {
     EXPECT_TRUE(isThere(from));
   }
   EXPECT_FALSE(isThere(to_));
+}
+
+TEST_F(MoveAcrossTest, TheBacktraceOfItsOwnErrorBeginsInTheMove) {
+  const std::string fifo = here_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  Exception::m_gen_backtraces = true;
+  const sys::AtEnd off([] { Exception::m_gen_backtraces = false; });
+  try {
+    Ops::move(fifo.c_str(), to_.c_str());
+    ADD_FAILURE() << "moved";
+  } catch (const FsError& error) {
+    ASSERT_FALSE(error.backtrace().empty());
+    EXPECT_NE(error.backtrace().back().find("move"), std::string::npos) << error.backtrace().back();
+  }
 }
 
 TEST_F(MoveAcrossTest, WithoutACallersBufferItCopiesInPiecesOf64KiB) {

@@ -483,5 +483,17 @@ TEST_F(OpsTreeTest, TheBacktraceOfAFailedOpenBeginsInTheWalk) {
   }
 }
 
+TEST_F(OpsTreeTest, TheBacktraceOfMakedirsOwnErrorBeginsInIt) {
+  Exception::m_gen_backtraces = true;
+  const sys::AtEnd off([] { Exception::m_gen_backtraces = false; });
+  try {
+    Ops::makedirs("");
+    ADD_FAILURE() << "made";
+  } catch (const FsError& error) {
+    ASSERT_FALSE(error.backtrace().empty());
+    EXPECT_NE(error.backtrace().back().find("makedirs"), std::string::npos) << error.backtrace().back();
+  }
+}
+
 }  // namespace
 }  // namespace kes::fs

@@ -44,8 +44,9 @@ bool canBeCopied(const Info& source) { return source.isRegular() || source.isDir
   raiseAt(KES_HERE, OsError(EISDIR));  // some systems let a directory be read
 }
 
-/// False when the two lie on different devices.
-bool renamed(const char* from, const char* to, const EnumBitset<Flags>& flags) {
+/// False when the two lie on different devices. No part of its caller: what only a handler leads to is laid
+/// apart from its function, where a backtrace finds no name for it.
+[[gnu::noinline]] bool renamed(const char* from, const char* to, const EnumBitset<Flags>& flags) {
   try {
     Ops::rawMove(from, to, flags);
     return true;

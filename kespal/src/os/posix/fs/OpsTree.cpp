@@ -242,8 +242,9 @@ void Ops::removeTree(const char* path) {
 
 namespace {
 
-/// False when the directory above is missing.
-bool madeDir(const std::string& path, const Access* access) {
+/// False when the directory above is missing. No part of its caller: what only a handler leads to is laid
+/// apart from its function, where a backtrace finds no name for it.
+[[gnu::noinline]] bool madeDir(const std::string& path, const Access* access) {
   try {
     Ops::mkdir(path.c_str(), access);
     return true;
