@@ -18,6 +18,7 @@ namespace {
 using namespace kes::test;
 
 std::atomic<ProgramCalls*> calls{nullptr};
+std::atomic<bool> everythingPasses{false};
 
 /// The next definition of a name, past this library's. Its own look-up is in the table, too.
 void* next(const char* name) {
@@ -51,7 +52,7 @@ void* next(const char* name) {
 /// Whether this call is the one.
 bool isStruck(Call call) {
   ProgramCalls* const plan = calls.load(std::memory_order_relaxed);
-  if (plan == nullptr) return false;
+  if (plan == nullptr || everythingPasses) return false;
   const int number = plan->made[static_cast<std::size_t>(call)].fetch_add(1) + 1;
   if (plan->call != static_cast<int>(call) || number < plan->number) return false;
   if (number > plan->number && !plan->isForGood) return false;
@@ -110,6 +111,9 @@ Passing<call, Result, Parameters...> passing(std::atomic<Result (*)(Parameters..
 }
 
 }  // namespace
+
+/// Called by what is in the program and no part of it, the counters of a coverage build, around its calls.
+extern "C" void kes_let_pass(int everything) { everythingPasses = everything != 0; }
 
 // The functions have names of their own for the compiler, which knows those of the C library with attributes.
 // NOLINTBEGIN(bugprone-macro-parentheses)
