@@ -251,6 +251,23 @@ TEST(KesPalStepsTest, ASignalThreadThatCannotBeStoppedEndsTheProgram) {
   EXPECT_THAT(child.err, testing::EndsWith("Terminating program\n\n"));
 }
 
+TEST(KesPalStepsTest, AQuitHandlerThatDestroysTheRuntimeObjectEndsTheProgram) {
+  struct Exiting : IQuitHandler {
+    void handleQuit() override { std::exit(3); }
+  };
+  const auto child = inChild([]() -> int {
+    ::alarm(60);
+    static KesPal runtime(true, false, Locale::System, nullptr);
+    Exiting exiting;
+    runtime.addQuitHandler(exiting);
+    signal::Sender::signalProc(SIGTERM, ::getpid());
+    for (;;) ::pause();
+  });
+  EXPECT_EQ(child.signal(), SIGABRT);
+  EXPECT_THAT(child.err, testing::HasSubstr("(stop)"));
+  EXPECT_THAT(child.err, testing::EndsWith("Terminating program\n\n"));
+}
+
 TEST(KesPalStepsTest, AMaskThatCannotBeRestoredInTheEndIsReportedAndEndsTheProgram) {
   const auto child = inChild([] {
     QuitWatcher watcher;

@@ -61,6 +61,26 @@ TEST_F(HandlerTest, StoppingBeforeStartingAndTwiceDoesNothing) {
   EXPECT_NO_THROW(handler.stop());
 }
 
+TEST_F(HandlerTest, ANotifierThatStopsItsHandlerIsToldThatItCannotWaitAndTheThreadEnds) {
+  const ChildResult child = inChild([] {
+    ::alarm(60);
+    Handler handler;
+    Raised raised;
+    Notifier stopping([&](int) { raised = raisedBy([&] { handler.stop(); }); });
+    handler.add(SIGTERM, stopping);
+    handler.start(SIGUSR1);
+    send(SIGTERM);
+    if (!eventually([] { return thread::BasicThread::activeThreads() == 0; })) return 1;
+    if (raised != osError(EDEADLK, source, 0, "stop")) return 2;
+    handler.stop();
+    handler.start(SIGUSR1);
+    expectDelivery(handler, SIGHUP);
+    handler.stop();
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
+}
+
 TEST_F(HandlerTest, AHandlerCanBeStartedAgainAlsoWithAnotherManagementSignal) {
   Handler handler;
   Notifier notifier, formerlyManaging;

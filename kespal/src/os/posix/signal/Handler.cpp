@@ -134,6 +134,10 @@ void Handler::start(const int& mgmSignal) {
 void Handler::stop() {
   if (shared_->isInherited()) return;
   const std::shared_ptr<Shared>& shared = shared_->get();
+  if (t_served == shared.get()) {  // a notifier, called with the lock held
+    shared->leaving = true;
+    raiseAt(KES_HERE, OsError(EDEADLK));
+  }
   shared->tellToEnd().join();
 }
 
