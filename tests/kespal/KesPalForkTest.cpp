@@ -171,6 +171,7 @@ TEST(ExplicitQuitTest, TheSignalIsNotTakenByTheSignalThreadAgain) {
 }
 
 TEST(ExplicitQuitTest, WhoQuitsGoesNoFurtherThoughTheSystemHandsTheSignalToAnotherThread) {
+  KES_SKIP_UNDER_THREAD_SANITIZER("handles every signal itself");
   const ChildResult child = inBriefChild([]() -> int {
     Quitter quitter;
     KesPal runtime(true, false, Locale::System, nullptr);
