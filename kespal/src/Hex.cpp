@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <new>
 
 #include "HexLoops.h"
 #include "kespal/Helper.h"
@@ -51,6 +52,7 @@ Step decodePair(Decoding& decoding) noexcept {
 std::string hex(const void* data, std::size_t size, char separator, bool upper) {
   if (size == 0) return "";
   if (data == nullptr) return "<null>";
+  if (size > std::string().max_size() / 3) throw std::bad_alloc();  // before the length overflows
   const auto* bytes = static_cast<const unsigned char*>(data);
   return separator == 0 ? hexBare(bytes, size, upper) : hexSeparated(bytes, size, separator, upper);
 }

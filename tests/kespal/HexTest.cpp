@@ -2,6 +2,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <new>
 #include <random>
 
 #include "HexLoops.h"
@@ -39,6 +41,15 @@ TEST(HexTest, NoBytesAreAnEmptyTextEvenWithoutData) {
 }
 
 TEST(HexTest, ANullPointerWithASizeIsShownAsNull) { EXPECT_EQ(hex(nullptr, 3, ':', false), "<null>"); }
+
+TEST(HexTest, ASizeWhoseTextNoNumberCountsIsWantOfMemory) {
+  constexpr std::size_t most = std::numeric_limits<std::size_t>::max();
+  for (const std::size_t size : {most, most / 2 + 1, most / 3 + 1}) {
+    for (const char separator : {'\0', ':'}) {
+      EXPECT_THROW((void)hex("", size, separator, false), std::bad_alloc) << size;
+    }
+  }
+}
 
 TEST(HexTest, OneByteWithASeparatorHasNone) { EXPECT_EQ(hex("\x0f", 1, ':', false), "0f"); }
 
