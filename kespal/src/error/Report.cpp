@@ -1,5 +1,6 @@
 #include "error/Report.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -11,6 +12,33 @@
 namespace kes {
 
 namespace {
+
+/// Threads report one after the other: the buffer of std::cerr need not be one that several may use at once.
+/// Not so what is reported from within that buffer, or from a handler of a signal.
+class Turn {
+ public:
+  Turn() noexcept : waited_(!m_mine && ::pthread_mutex_lock(&m_lock) == 0) { m_mine = m_mine || waited_; }
+  ~Turn() {
+    if (!waited_) return;
+    m_mine = false;
+    ::pthread_mutex_unlock(&m_lock);
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  static ::pthread_mutex_t m_lock;
+  static thread_local bool m_mine;
+  static const int m_fork_handler;  ///< what the system said to it
+
+  const bool waited_;
+};
+
+constinit ::pthread_mutex_t Turn::m_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit thread_local bool Turn::m_mine = false;
+// A forked child has the lock of a thread that stayed behind.
+const int Turn::m_fork_handler =
+    ::pthread_atfork(nullptr, nullptr, [] { m_lock = PTHREAD_MUTEX_INITIALIZER; });
 
 /// Whoever has taken std::cerr's buffer away, or one that refuses, leaves the descriptor.
 void writeRaw(std::string_view text) noexcept {
@@ -52,6 +80,7 @@ std::string joined(Pieces first, Pieces second) {
 
 void writeAll(Pieces headline, Pieces rest) noexcept {
   const sys::NoCancel untilWritten;
+  const Turn mine;
   try {
     write(joined(headline, rest));
   } catch (const std::bad_alloc&) {

@@ -12,10 +12,10 @@
 namespace kes {
 
 /// The one way to say something where nothing may be thrown any more: in a destructor, a dying thread, a
-/// guard, a notifier's caller, the terminate handler. A report goes to standard error in one write, so that
-/// those of several threads do not mix, through the buffer of std::cerr but whatever the state and the
-/// exception mask of that stream are. Nothing is ever thrown, no cancellation starts meanwhile, and without
-/// memory the report is shorter, or written in several pieces.
+/// guard, a notifier's caller, the terminate handler. A report goes to standard error in one write, and one
+/// after the other, so that those of several threads do not mix, through the buffer of std::cerr but whatever
+/// the state and the exception mask of that stream are. Nothing is ever thrown, no cancellation starts
+/// meanwhile, and without memory the report is shorter, or written in several pieces.
 using Pieces = std::initializer_list<std::string_view>;
 
 /// What stands for the rest of a report that there was no memory for.

@@ -3,16 +3,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "kespal/error/FsError.h"
 #include "support/ForkedChild.h"
+#include "support/Gate.h"
 #include "support/NoMemory.h"
 #include "support/Throwing.h"
 
@@ -123,6 +129,72 @@ TEST(ReportTest, ABufferThatTakesATextAndThenThrowsGetsItOnce) {
   });
   EXPECT_EQ(child.exitCode(), 0);
   EXPECT_EQ(child.err, "");
+}
+
+TEST(ReportTest, ABufferIsUsedByOneThreadAtATime) {
+  struct Watching : std::streambuf {
+    std::streamsize xsputn(const char*, std::streamsize size) override {
+      if (++inside != 1) overlaps = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      --inside;
+      return size;
+    }
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlaps{false};
+  } buffer;
+  const Captured captured(&buffer);
+  std::vector<std::thread> threads(8);
+  for (std::thread& each : threads) {
+    each = std::thread([] {
+      for (int i = 0; i < 10; ++i) report({"one line\n"});
+    });
+  }
+  for (std::thread& each : threads) each.join();
+  EXPECT_FALSE(buffer.overlaps);
+}
+
+TEST(ReportTest, ABufferMayHaveSomethingToReportItself) {
+  struct Complaining : std::streambuf {
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+      if (complaints++ == 0) report({"inner\n"});
+      said.append(text, static_cast<std::size_t>(size));
+      return size;
+    }
+    int complaints = 0;
+    std::string said;
+  } buffer;
+  const Captured captured(&buffer);
+  report({"outer\n"});
+  EXPECT_EQ(buffer.said, "inner\nouter\n");
+}
+
+TEST(ReportTest, AForkedChildWaitsForNoThreadThatStayedWithItsParent) {
+  const test::ChildResult child = inChild([] {
+    struct Holding : std::streambuf {
+      std::streamsize xsputn(const char*, std::streamsize size) override {
+        entered.open();
+        if (::getpid() == parent) leave.pass();
+        return size;
+      }
+      const pid_t parent = ::getpid();
+      test::Gate entered, leave;
+    } buffer;
+    const Captured captured(&buffer);
+    std::thread reporter([] { report({"held up\n"}); });
+    buffer.entered.pass();
+    const pid_t fork = ::fork();
+    if (fork == 0) {
+      ::alarm(60);
+      report({"of the child\n"});
+      ::_exit(7);
+    }
+    int status = 0;
+    ::waitpid(fork, &status, 0);
+    buffer.leave.open();
+    reporter.join();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  });
+  EXPECT_EQ(child.exitCode(), 7);
 }
 
 TEST(ReportTest, WithoutMemoryAReportOfPiecesIsWhole) {
