@@ -11,9 +11,10 @@ namespace kes::os {
 /// makes system calls only, changes nothing but its stack and `argument`, says nothing to anybody who might
 /// keep it waiting, and ends when it cannot exec.
 ///
-/// Gives the id of the child once it runs its program. 0 when the system has no such child, or it ended
-/// before: nothing is left of it then. -1 with errno when there is no room for another process (EAGAIN,
-/// ENOMEM). errno is changed in the other cases, too.
+/// Gives the id of the child once it runs its program; one that somebody kills before is told as it was, by
+/// the id of another that ends in the same way. 0 when the system has no such child, or it ended
+/// by itself before: nothing is left of it then. -1 with errno when there is no room for another process
+/// (EAGAIN, ENOMEM). errno is changed in the other cases, too.
 pid_t startSharing(void (*body)(void*), void* argument, std::size_t stackSize) noexcept;
 
 }  // namespace kes::os

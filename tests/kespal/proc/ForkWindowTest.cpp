@@ -35,6 +35,7 @@ using kes::test::real;
 struct Counts {
   std::atomic<int> allocations, locks, lookUps, execs;
   std::atomic<int> failDup2, failSigmask, failExec, failSetpgid;  // with which error they are to
+  std::atomic<int> killFirst;                                     // by which signal, right before its exec
 };
 
 Counts& counts() {
@@ -91,6 +92,7 @@ const Instead<Call::execve> execveHere([](const char* path, char* const* argumen
 
 const Instead<Call::execvp> execvpHere([](const char* file, char* const* arguments) {
   if (isForkedChild()) ++counts().execs;
+  if (const int signal = isForkedChild() ? counts().killFirst.exchange(0) : 0) ::kill(::getpid(), signal);
   if (isForkedChild() && counts().failExec != 0) {
     errno = counts().failExec;
     return -1;
@@ -148,6 +150,7 @@ class ForkWindowTest : public testing::Test {
 
   static void letEverythingSucceed() {
     counts().failDup2 = counts().failSigmask = counts().failExec = counts().failSetpgid = 0;
+    counts().killFirst = 0;
   }
 
   static void expectACleanWindow(Child& child, int execs) {
@@ -230,6 +233,26 @@ TEST_F(ForkWindowTest, TheProgramStartsAllTheSameWhereNobodyReadsThatAStreamCann
     return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
   });
   EXPECT_EQ(result.exitCode(), 0);
+}
+
+/// How a program ends that a signal meets on its way there.
+int statusOfOneMetBy(int signal) {
+  counts().killFirst = signal;
+  Child child({"/bin/true"});
+  child.create(false);
+  return child.wait(false, {}).status;
+}
+
+TEST_F(ForkWindowTest, ASignalThatComesBeforeTheExecEndsTheChildAsItEndsAProgram) {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGKILL}) {
+    const int status = statusOfOneMetBy(signal);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), signal);
+  }
+}
+
+TEST_F(ForkWindowTest, AFaultOfAChildThatSharesMemoryIsNoneOfTheProgram) {
+  EXPECT_EQ(statusOfOneMetBy(SIGSEGV), 0);
 }
 
 /// What a start that has to fail says, and whether its child took memory, a lock, an error's text from the

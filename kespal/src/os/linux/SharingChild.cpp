@@ -5,9 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <iterator>
 #include <new>
+#include <optional>
 
 #include "sys/NoCancel.h"
 #include "sys/Retry.h"
@@ -71,10 +75,36 @@ int run(void* task) {
   ::_exit(125);
 }
 
-/// Takes away a child that ended without becoming a program. Until it does, a child that has no signal for
-/// its end is seen by those alone who ask for such children: not by the collector, nor by any other wait().
-bool hasEndedBefore(pid_t pid) noexcept {
-  return sys::retry([pid] { return ::waitpid(pid, nullptr, static_cast<int>(__WCLONE)); }) == pid;
+/// Takes away a child that ended without becoming a program, and gives its wait status. Until it does, a
+/// child that has no signal for its end is seen by those alone who ask for such children: not by the
+/// collector, nor by any other wait().
+std::optional<int> endBefore(pid_t pid) noexcept {
+  int status = 0;
+  const auto take = [&] { return ::waitpid(pid, &status, static_cast<int>(__WCLONE)); };
+  return sys::retry(take) == pid ? std::optional<int>(status) : std::nullopt;
+}
+
+/// The signal that somebody sent to the child, be it to its whole process group; 0 when it ended otherwise.
+int killerIn(int status) noexcept {
+  constexpr int ofItsOwn[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
+  const int signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  return std::find(std::begin(ofItsOwn), std::end(ofItsOwn), signal) == std::end(ofItsOwn) ? signal : 0;
+}
+
+/// A child that ends as the first one did, for everybody to see: the program must not run as if nobody had
+/// sent it anything.
+pid_t startKilled(int signal) noexcept {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  ::sigaction(signal, &action, nullptr);
+  ::sigset_t it;
+  sigemptyset(&it);
+  sigaddset(&it, signal);
+  ::pthread_sigmask(SIG_UNBLOCK, &it, nullptr);
+  ::kill(::getpid(), signal);
+  ::_exit(125);
 }
 
 }  // namespace
@@ -86,8 +116,11 @@ pid_t startSharing(void (*body)(void*), void* argument, std::size_t stackSize) n
   Task task{body, argument};
   // No signal for its end: an exec makes that SIGCHLD.
   const pid_t pid = ::clone(&run, stack.top(), CLONE_VM | CLONE_VFORK, &task);
-  if (pid != -1) return hasEndedBefore(pid) ? 0 : pid;
-  return errno == EAGAIN || errno == ENOMEM ? -1 : 0;
+  if (pid == -1) return errno == EAGAIN || errno == ENOMEM ? -1 : 0;
+  const std::optional<int> status = endBefore(pid);
+  if (!status) return pid;
+  const int signal = killerIn(*status);
+  return signal != 0 ? startKilled(signal) : 0;
 }
 
 }  // namespace kes::os
