@@ -8,12 +8,14 @@
 
 #include "kespal/error/FsError.h"
 #include "kespal/fs/Access.h"
+#include "kespal/fs/CancelledWithin.h"
 #include "kespal/fs/Ops.h"
 #include "kespal/fs/UnknownTypes.h"
 #include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Raised.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 #include "sys/AtEnd.h"
 
@@ -467,6 +469,17 @@ TEST_F(MakedirsTest, RacingCreatorsEndWithTheDirectoryThere) {
     }
     EXPECT_TRUE(stdfs::is_directory(at(name)));
   }
+}
+
+TEST_F(OpsTreeTest, ACancellationWhileADirectoryIsOpenedLosesNoDescriptor) {
+  KES_SKIP_UNDER_SANITIZERS("loses its way in the stack of a cancelled thread");
+  const auto before = openDescriptors();
+  int number = 0;
+  do {
+    directory("tree/deep/deeper");
+  } while (test::cancelledWithin(Call::openat, ++number, [this] { Ops::removeTree(at("tree").c_str()); }));
+  EXPECT_GT(number, 3);
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(OpsTreeTest, TheBacktraceOfAFailedOpenBeginsInTheWalk) {

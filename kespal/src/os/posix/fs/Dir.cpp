@@ -11,6 +11,7 @@
 #include "kespal/fs/Info.h"
 #include "os/posix/fs/At.h"
 #include "os/posix/fs/Errors.h"
+#include "os/posix/fs/OpenAtOnce.h"
 #include "sys/NoCancel.h"
 #include "sys/Owner.h"
 
@@ -120,7 +121,7 @@ bool Dir::isEmpty(const char* path) {
 }
 
 sys::DirStream at::tryOpen(int directory, const char* name) {
-  sys::Descriptor fd(::openat(directory, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC));
+  sys::Descriptor fd(openAtOnce(directory, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY));
   if (!fd) return {};
   sys::DirStream stream(::fdopendir(fd.get()));
   const int errnum = errno;

@@ -8,6 +8,7 @@
 
 #include "os/posix/fs/At.h"
 #include "os/posix/fs/Errors.h"
+#include "os/posix/fs/OpenAtOnce.h"
 
 namespace kes::fs {
 
@@ -18,7 +19,7 @@ namespace {
 constexpr std::size_t mostOpen = 8;
 
 int openDirectory(int above, const char* name) {
-  return ::openat(above, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  return openAtOnce(above, name, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_NOFOLLOW);
 }
 
 bool isLacking(int errnum) noexcept { return errnum == EMFILE || errnum == ENFILE; }

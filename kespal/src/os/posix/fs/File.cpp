@@ -68,6 +68,7 @@ void File::open(const TempType& /*type*/, std::string& name) {
   const std::string pattern = tempTemplate(name);
   // A failing call leaves the characters it tried last in its argument: the error shall name the template.
   std::string created = path_ = pattern;
+  const sys::NoCancel untilOwned;  // one in the middle would leave a file whose name nobody knows
   fd_ = PathErrors::check(KES_HERE, ::mkostemp(created.data(), O_CLOEXEC), pattern);
   path_ = created;  // which takes no memory: the two are of one length
   name = std::move(created);

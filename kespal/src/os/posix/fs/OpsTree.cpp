@@ -14,6 +14,7 @@
 #include "kespal/fs/Path.h"
 #include "os/posix/fs/At.h"
 #include "os/posix/fs/Errors.h"
+#include "os/posix/fs/OpenAtOnce.h"
 
 namespace kes::fs {
 
@@ -34,7 +35,7 @@ sys::DirStream openByPath(const std::string& path) {
   while (path.size() - start >= PATH_MAX) {
     const std::size_t slash = path.rfind('/', start + PATH_MAX - 1);
     const std::string step = path.substr(start, slash - start);
-    const int fd = ::openat(from(), step.c_str(), O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC);
+    const int fd = openAtOnce(from(), step.c_str(), O_RDONLY | O_NONBLOCK | O_DIRECTORY);
     if (fd == -1) return {};
     above.reset(fd);
     start = slash + 1;

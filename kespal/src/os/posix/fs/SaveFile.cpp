@@ -17,6 +17,7 @@
 #include "kespal/fs/Path.h"
 #include "os/FileCalls.h"
 #include "os/posix/fs/Errors.h"
+#include "os/posix/fs/OpenAtOnce.h"
 #include "os/posix/fs/RandomName.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
@@ -66,6 +67,7 @@ void SaveFile::lookUp(const char* path) {
   Path directory = place;
   directory.assignDirname();
   if (directory.empty()) directory.assign(1, '/');  // what remains of "/name"
+  const sys::NoCancel untilOwned;                   // as in openAtOnce()
   directory_ =
       SaveErrors::check(KES_HERE, ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path_);
 }
@@ -85,7 +87,7 @@ void SaveFile::makeTemporary() {
   for (int tries = 0; fd_ == -1; ++tries) {
     if (tries != 0 && (errno != EEXIST || tries == mostTries)) SaveErrors::raise(KES_HERE, errno, path_);
     name = randomName(name_, NAME_MAX, path_);
-    fd_ = ::openat(directory_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly);
+    fd_ = openAtOnce(directory_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, ownerOnly);
   }
   temporary_ = std::move(name);
   const bool changesHands = rights_.owner() != Access::Unchanged || rights_.group() != Access::Unchanged;

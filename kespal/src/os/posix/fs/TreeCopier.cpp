@@ -16,6 +16,7 @@
 #include "os/FileCalls.h"
 #include "os/posix/fs/DirChain.h"
 #include "os/posix/fs/Errors.h"
+#include "os/posix/fs/OpenAtOnce.h"
 #include "os/posix/fs/RandomName.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
@@ -290,8 +291,7 @@ class TreeCopy {
   // --- files and links
 
   void copyFile(const Place& source, const Place& target) {
-    const sys::Descriptor from(
-        ::openat(source.directory, source.name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    const sys::Descriptor from(openAtOnce(source.directory, source.name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
     if (!from) CopyErrors::raise(KES_HERE, errno, source.path);
     struct stat status;
     CopyErrors::check(KES_HERE, ::fstat(from.get(), &status), source.path);
@@ -307,8 +307,8 @@ class TreeCopy {
   bool copied(int from, const struct stat& status, const NewName& name, const Place& source,
               const Place& target) {
     if (!buffer_) buffer_.reset(new char[bufferSize]);
-    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    sys::Descriptor to(::openat(target.directory, name.get(), flags, S_IRUSR | S_IWUSR));
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    sys::Descriptor to(openAtOnce(target.directory, name.get(), flags, S_IRUSR | S_IWUSR));
     if (!to) CopyErrors::raise(KES_HERE, errno, target.path);
     sys::AtEnd takingBack([&] { ::unlinkat(target.directory, name.get(), 0); });
     const auto more = [this](std::size_t size) {
