@@ -81,6 +81,10 @@ class Reader {
 
 }  // namespace
 
+std::string callName(const std::string& linkerName) {
+  return linkerName.substr(1, linkerName.find('$', 1) - 1);
+}
+
 void forEachRebase(const std::uint8_t* code, const std::uint8_t* end,
                    const std::function<void(unsigned, std::uint64_t)>& place) {
   Reader reader(code, end);
@@ -143,11 +147,9 @@ bool setUpBind(std::uint8_t operation, std::uint8_t operand, Reader& reader, Bin
     case BindSetLibraryLong:
       reader.number();
       return true;
-    case BindSetSymbol: {
-      const std::string name = reader.text();
-      state.symbol = name.substr(1, name.find('$', 1) - 1);
+    case BindSetSymbol:
+      state.symbol = callName(reader.text());
       return true;
-    }
     case BindSetAddend:
       state.addend = reader.signedNumber();
       return true;

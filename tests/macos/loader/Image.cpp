@@ -6,6 +6,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "Chains.h"
 #include "Fixups.h"
 #include "Processor.h"
 #include "ThreadLocals.h"
@@ -72,6 +73,13 @@ void Image::bind(const Resolve& resolve, const Resolve& resolveWeak) {
   bindAll(file_.binds, resolve);
   bindAll(file_.lazyBinds, resolve);
   bindAll(file_.weakBinds, resolveWeak);
+  if (file_.chains.size != 0) {
+    applyChains({file_.bytes(file_.chains.offset, file_.chains.size), file_.chains.size},
+                {base_, size_, lowest_}, [&](const std::string& symbol, bool isWeak) {
+                  void* const target = isWeak ? resolveWeak(symbol) : nullptr;
+                  return target != nullptr ? target : resolve(symbol);
+                });
+  }
   adoptThreadLocals();
   protect();
 }
@@ -100,11 +108,16 @@ void Image::protect() {
 
 void Image::runInitFunctions(int argc, char** argv) const {
   using InitFunction = void (*)(int, char**, char**, char**);
+  const auto run = [&](InitFunction function) { function(argc, argv, environ, nullptr); };
   for (const Section& section : sections()) {
-    if (section.kind != SectionKind::InitFunctions) continue;
-    const auto* const first = at<InitFunction>(section.address);
-    std::for_each(first, first + section.size / sizeof(InitFunction),
-                  [&](InitFunction function) { function(argc, argv, environ, nullptr); });
+    if (section.kind == SectionKind::InitFunctions) {
+      const auto* const first = at<InitFunction>(section.address);
+      std::for_each(first, first + section.size / sizeof(InitFunction), run);
+    } else if (section.kind == SectionKind::InitOffsets) {
+      const auto* const first = at<std::uint32_t>(section.address);
+      std::for_each(first, first + section.size / sizeof(std::uint32_t),
+                    [&](std::uint32_t offset) { run(reinterpret_cast<InitFunction>(base_ + offset)); });
+    }
   }
 }
 

@@ -85,7 +85,8 @@ void MachFile::readCommand(std::uint64_t offset) {
       entry_ = read<std::uint64_t>(offset + 8);
       return;
     case ChainedFixups:
-      throw std::runtime_error("chained fixups are not understood");
+      chains = {read<std::uint32_t>(offset + 8), read<std::uint32_t>(offset + 12)};
+      return;
     default:
       return;  // of no importance to running it
   }

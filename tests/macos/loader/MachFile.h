@@ -17,6 +17,7 @@ struct Segment {
 
 enum class SectionKind : std::uint8_t {
   InitFunctions = 0x09,
+  InitOffsets = 0x16,
   ThreadLocalData = 0x11,
   ThreadLocalZeroes = 0x12,
   ThreadLocalDescriptors = 0x13,
@@ -48,6 +49,8 @@ class MachFile {
   const std::uint8_t* bytes(std::uint64_t offset, std::uint64_t size) const;
 
   Range rebases, binds, weakBinds, lazyBinds;
+  /// What stands in the place of all of these in a file of the younger form.
+  Range chains;
 
  private:
   template <typename T>
