@@ -34,6 +34,14 @@ TEST(RecordsTest, LevelsAreReadFromTheirPlaces) {
   EXPECT_EQ(levels->oid, 0xffff);
 }
 
+TEST(RecordsTest, ARecordMayLieAtAnOddAddress) {
+  ByteVector bytes = levelsRecord();
+  bytes.insert(bytes.begin(), 0xee);
+  const auto levels = parseLevels(iokit::Bytes(bytes).subspan(1));
+  ASSERT_TRUE(levels);
+  EXPECT_EQ(levels->ppp, 0x0403);
+}
+
 TEST(RecordsTest, TheUnwrittenBytesOfARecordMayBeAnything) {
   ByteVector levels = levelsRecord();
   std::fill(levels.begin() + 14, levels.end(), std::uint8_t{0xee});

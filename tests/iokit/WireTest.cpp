@@ -91,6 +91,28 @@ TEST(WireTest, AParsedRequestGivesBackWhatWasSent) {
   EXPECT_THAT(request->structure, ElementsAre(0xaa, 0xbb, 0xcc));
 }
 
+TEST(WireTest, WhatLiesAtAnOddAddressIsReadAndWrittenAsElsewhere) {
+  for (std::size_t offset = 1; offset < 8; ++offset) {  // from one that is fit for every type
+    ByteVector bytes(offset);
+    bytes.insert(bytes.end(), anyRequest.begin(), anyRequest.end());
+    const auto request = parseRequest(Bytes(bytes).subspan(offset));
+    ASSERT_TRUE(request) << offset;
+    EXPECT_EQ(request->header.sequence, 0x01020304u) << offset;
+    ByteVector written(bytes.size());
+    encode64(request->scalar(0), encode(request->header, written.data() + offset));
+    std::copy(request->structure.begin(), request->structure.end(), written.end() - 3);
+    EXPECT_EQ(written, bytes) << offset;
+
+    bytes.resize(offset);
+    bytes.insert(bytes.end(), anyReply.begin(), anyReply.end());
+    Reply reply;
+    ASSERT_EQ(judgeReply(Bytes(bytes).subspan(offset), anyReply.size(), expectedBytes, reply),
+              Verdict::Accepted);
+    EXPECT_EQ(reply.header.result, 0xe00002dbu) << offset;
+    EXPECT_EQ(reply.scalar(0), 0x8000000000000001u) << offset;
+  }
+}
+
 TEST(WireTest, ARequestOfAnotherMagicVersionOrKindIsNone) {
   EXPECT_FALSE(parseRequest(with(anyRequest, 0, 'k')));
   EXPECT_FALSE(parseRequest(with(anyRequest, 4, 2)));

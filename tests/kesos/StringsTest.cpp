@@ -224,6 +224,27 @@ TEST(StringsTest, AFormatThatCannotBeConvertedGivesTheLengthOfWhatIsThere) {
   EXPECT_EQ(static_cast<std::size_t>(length), buffer.text().size());
 }
 
+TEST(StringsTest, BytesAbove127AreFormattedAsTheyAre) {
+  Buffer buffer(8);
+  EXPECT_EQ(sprintf_kes(buffer.data(), 8, "%c%s%c", '\xe9', "\x80", 0xff), 3);
+  EXPECT_STREQ(buffer.data(), "\xe9\x80\xff");
+}
+
+TEST(StringsTest, MoreArgumentsThanRegistersAreFormattedInTheirOrderAndMeasuredTheSame) {
+  const auto format = [](char* text, std::size_t size) {
+    return sprintf_kes(text, size, "%d %g %d %g %d %g %d %g %d %g %d %g %d %g %d %g %d %g %d %g %s %lld", 1,
+                       1.5, 2, 2.5, 3, 3.5, 4, 4.5, 5, 5.5, 6, 6.5, 7, 7.5, 8, 8.5, 9, 9.5, 10, 10.5, "text",
+                       -1LL);
+  };
+  const std::string expected = "1 1.5 2 2.5 3 3.5 4 4.5 5 5.5 6 6.5 7 7.5 8 8.5 9 9.5 10 10.5 text -1";
+  Buffer whole(100), cut(10);
+  EXPECT_EQ(format(nullptr, 1), static_cast<int>(expected.size()));
+  EXPECT_EQ(format(cut.data(), 10), static_cast<int>(expected.size()));
+  EXPECT_EQ(cut.data(), expected.substr(0, 9));
+  EXPECT_EQ(format(whole.data(), 100), static_cast<int>(expected.size()));
+  EXPECT_EQ(whole.data(), expected);
+}
+
 TEST(StringsTest, ClearingMakesTheStringEmpty) {
   Buffer buffer(8, "abc");
   strclear(buffer.data());

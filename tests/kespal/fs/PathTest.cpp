@@ -180,6 +180,18 @@ TEST(PathTest, TheBasenameIsWhatFollowsTheLastSlash) {
   EXPECT_EQ(Path("a//b").basename(), "b");
 }
 
+TEST(PathTest, EveryByteButTheSlashIsACharacterOfANameLikeAnyOther) {
+  for (int byte = 1; byte < 256; ++byte) {
+    if (byte == '/') continue;
+    for (std::size_t length = 1; length < 20; ++length) {
+      const std::string name(length, static_cast<char>(byte));
+      const Path path("/directory/" + name);
+      ASSERT_EQ(path.basename(), name) << byte;
+      ASSERT_EQ(Path(path).assignDirname(), "/directory") << byte;
+    }
+  }
+}
+
 TEST(PathTest, AssignBasenameDoesTheSameInPlace) {
   Path path("/a/b");
   EXPECT_EQ(&path.assignBasename(), &path);
