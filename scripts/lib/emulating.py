@@ -3,14 +3,15 @@
 
 The kernel hands such a program to the emulator of Debian's package qemu-user-static, wherever it is started from,
 and finds its libraries where they would be installed. Both hold in namespaces of this command's own: nothing else on
-the machine notices. Needs root, and a kernel since 6.7, where each user namespace has its own table of formats.
+the machine notices. System V objects are its own as well, since what others make meanwhile would look like left
+behind to a test that was slowed down. Needs root, and a kernel since 6.7, where each user namespace has its own table of formats.
 LIBRARIES is a folder with Debian's packages unpacked; "-" leaves the files as they are."""
 import ctypes
 import os
 import signal
 import sys
 
-NEW_MOUNTS, NEW_USERS = 0x00020000, 0x10000000  # as clone(2) has them
+NEW_MOUNTS, NEW_IPC, NEW_USERS = 0x00020000, 0x08000000, 0x10000000  # as clone(2) has them
 PRIVATE, READ_ONLY, WHOLE_TREE = 1 << 18, 1, 1 << 14  # as mount(2) has them
 FORMAT = "/usr/lib/binfmt.d/qemu-aarch64.conf"
 
@@ -43,7 +44,7 @@ def enter_namespaces():
             keep_all_ids(os.getppid())
         os._exit(0)
     os.close(entered)
-    check(libc.unshare(NEW_USERS | NEW_MOUNTS), "namespaces")
+    check(libc.unshare(NEW_USERS | NEW_MOUNTS | NEW_IPC), "namespaces")
     os.write(told, b"!")
     os.close(told)
     if os.waitpid(outside, 0)[1] != 0:
