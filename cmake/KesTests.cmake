@@ -69,30 +69,35 @@ function(kes_test name)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 900)
   endif()
-  set(properties TIMEOUT ${arg_TIMEOUT})
+  set(properties)
   if(arg_LOCK)
-    list(APPEND properties RESOURCE_LOCK "${arg_LOCK}")
+    set(properties RESOURCE_LOCK "${arg_LOCK}")
   endif()
-  kes_discover(${name} "" "" ${properties})
+  kes_discover(${name} "" "*" "" ${arg_TIMEOUT} ${properties})
 endfunction()
 
-# kes_test_again(NAME PREFIX text ENVIRONMENT variable=value [WITHOUT filter] [TIMEOUT seconds])
-# Every test of a program of kes_test() once more, with this in its environment and this before its name; WITHOUT
-# leaves some of them out.
+# kes_test_again(NAME PREFIX text ENVIRONMENT variable=value [ONLY filter] [WITHOUT filter] [TIMEOUT seconds])
+# Every test of a program of kes_test() once more, with this in its environment and this before its name; ONLY and
+# WITHOUT leave some of them out.
 function(kes_test_again name)
-  cmake_parse_arguments(arg "" "PREFIX;ENVIRONMENT;WITHOUT;TIMEOUT" "" ${ARGN})
+  cmake_parse_arguments(arg "" "PREFIX;ENVIRONMENT;ONLY;WITHOUT;TIMEOUT" "" ${ARGN})
+  if(NOT arg_ONLY)
+    set(arg_ONLY "*")
+  endif()
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 900)
   endif()
-  kes_discover(${name} "${arg_PREFIX}" "${arg_WITHOUT}" TIMEOUT ${arg_TIMEOUT} ENVIRONMENT ${arg_ENVIRONMENT})
+  kes_discover(${name} "${arg_PREFIX}" "${arg_ONLY}" "${arg_WITHOUT}" ${arg_TIMEOUT} ENVIRONMENT ${arg_ENVIRONMENT})
 endfunction()
 
-# The tests of a program, less those of the filter `without` and those that cannot run here.
-function(kes_discover name prefix without)
+# The tests of a program that the filter `only` names, less those of the filter `without` and those that cannot run here;
+# each may take `seconds`, under an emulator longer.
+function(kes_discover name prefix only without seconds)
   list(APPEND without ${KES_TESTS_WITHOUT})
-  if(without)
-    list(JOIN without : without)
-    set(filter TEST_FILTER "*-${without}")
+  list(JOIN without : without)
+  if(KES_TESTS_SLOWDOWN)
+    math(EXPR seconds "${seconds} * ${KES_TESTS_SLOWDOWN}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 TEST_PREFIX "${prefix}" ${filter} PROPERTIES ${ARGN})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT ${seconds} TEST_PREFIX "${prefix}" TEST_FILTER "${only}-${without}"
+    PROPERTIES TIMEOUT ${seconds} ${ARGN})
 endfunction()

@@ -8,6 +8,9 @@ add_subdirectory(${KES_GTEST_SOURCE} googletest EXCLUDE_FROM_ALL SYSTEM)
 # A build runs nothing: the tests are asked for their names when they are run.
 set(CMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE PRE_TEST)
 
+# Tests of programs that start under load take minutes here, and many on a machine that has other work as well.
+set(KES_TESTS_SLOWDOWN 4)
+
 # What the emulator cannot carry: lines of PATTERN, blanks, reason.
 set(cannot ${PROJECT_SOURCE_DIR}/tests/emulated/cannot.txt)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${cannot})
