@@ -320,7 +320,7 @@ TEST_F(ChildTest, ASignalThatTheProcessHeldBackByItselfStaysPendingInAProgramInP
     signal::Mask::call({SIGUSR1}, SIG_BLOCK);
     const KesPal runtime(false, false, Locale::System, nullptr);
     ::kill(::getpid(), SIGUSR1);
-    Child({"/bin/sh", "-c", "grep ShdPnd /proc/$$/status"}).create(true);
+    Child({"grep", "ShdPnd", "/proc/self/status"}).create(true);
     return 1;
   });
   EXPECT_EQ(result.out, "ShdPnd:\t0000000000000200\n");

@@ -70,15 +70,20 @@ TEST_F(HandlerTest, ANotifierThatStopsItsHandlerIsToldThatItCannotWaitAndTheThre
     handler.add(SIGTERM, stopping);
     handler.start(SIGUSR1);
     send(SIGTERM);
-    if (!eventually([] { return thread::BasicThread::activeThreads() == 0; })) return 1;
-    if (raised != osError(EDEADLK, source, 0, "stop")) return 2;
+    const bool hasEnded =
+        stopping.isTold(1) && eventually([] { return thread::BasicThread::activeThreads() == 0; });
+    if (!hasEnded) return 1;
+    if (raised != osError(EDEADLK, source, 0, "stop")) {
+      std::cerr << raised;
+      return 2;
+    }
     handler.stop();
     handler.start(SIGUSR1);
     expectDelivery(handler, SIGHUP);
     handler.stop();
     return 0;
   });
-  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal();
+  EXPECT_EQ(child.exitCode(), 0) << "signal " << child.signal() << child.err;
 }
 
 TEST_F(HandlerTest, AHandlerCanBeStartedAgainAlsoWithAnotherManagementSignal) {
