@@ -22,13 +22,14 @@ class ProcessBound : NoCopy {
     return depth_ != depthOf(m_process.load(std::memory_order_relaxed));
   }
 
+  /// How many forks led to this process; the first has counted itself. Asks the system.
+  static std::uint32_t askDepth() noexcept;
+
  protected:
   ProcessBound() noexcept : depth_(askDepth()) {}
   ~ProcessBound() = default;
 
  private:
-  /// How many forks led to this process; the first has counted itself.
-  static std::uint32_t askDepth() noexcept;
   static std::uint32_t ownNumber() noexcept;
   static std::uint64_t forkFrom(std::uint64_t process, std::uint32_t number) noexcept;
   static constexpr std::uint32_t depthOf(std::uint64_t process) noexcept {

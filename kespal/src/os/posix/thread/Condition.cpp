@@ -1,6 +1,9 @@
 #include "kespal/thread/Condition.h"
 
+#include <new>
+
 #include "error/Report.h"
+#include "thread/PerProcess.h"
 
 namespace kes::thread {
 
@@ -9,6 +12,7 @@ Condition::Condition() : own_(std::make_unique<Lock>(Normal)), lock_(own_.get())
 Condition::Condition(Lock& lent) : lock_(&lent) { init(); }
 
 void Condition::init() {
+  forks_ = ProcessBound::askDepth();
   ::pthread_condattr_t attributes;
   checkCode({"src/os/posix/thread/Condition", 35, "init"}, ::pthread_condattr_init(&attributes));
   if (const int result = ::pthread_cond_init(&condition_, &attributes); result != 0) {
@@ -22,6 +26,10 @@ void Condition::init() {
 }
 
 Condition::~Condition() {
+  if (forks_ != ProcessBound::askDepth()) {
+    leaveAlone();
+    return;
+  }
   own_.reset();
   if (const int result = ::pthread_cond_destroy(&condition_); result != 0) {
     OsError error(result);
@@ -29,5 +37,9 @@ Condition::~Condition() {
     reportWhat({"WARNING: Destroying condition failed:\n"}, error);
   }
 }
+
+/// Who waited at a fork stayed with the parent: the system would wait for him here, and has him as a user of
+/// the lock. Neither holds anything but memory.
+void Condition::leaveAlone() noexcept { ::operator delete(own_.release()); }
 
 }  // namespace kes::thread

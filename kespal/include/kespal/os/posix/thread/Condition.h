@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <concepts>
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -21,8 +22,8 @@ namespace kes::thread {
 /// and must outlive it. Who waits holds the lock and tests what he waits for in a loop; the forms with a
 /// predicate are that loop: they ask `ready()` with the lock held, before any waiting and after each waking,
 /// and throw what it throws. To clang's analysis it is a function of its own, and says KES_REQUIRES. Nobody
-/// may be waiting when it is destroyed, also nobody of a parent process in a forked child: the system would
-/// wait for him for ever. Every operation raises OsError with the code of the failed call.
+/// may be waiting when it is destroyed: the system would wait for him for ever. In a forked child those do
+/// not count who waited in the parent. Every operation raises OsError with the code of the failed call.
 class KES_CAPABILITY("condition") Condition : NoCopy {
  public:
   /// A condition with a Normal lock of its own. Raises OsError (ENOMEM, EAGAIN) and std::bad_alloc.
@@ -95,6 +96,7 @@ class KES_CAPABILITY("condition") Condition : NoCopy {
 
  private:
   void init();
+  void leaveAlone() noexcept;
 
   /// The deadline as the system accepts it. An advanced clock value may hold a billion nanoseconds or
   /// negative ones, and with those a timed wait would fail instead of waiting.
@@ -121,6 +123,7 @@ class KES_CAPABILITY("condition") Condition : NoCopy {
   mutable ::pthread_cond_t condition_;
   std::unique_ptr<Lock> own_;  // null when the lock is lent
   Lock* lock_;
+  std::uint32_t forks_;  ///< that led to the process which made it
 };
 
 }  // namespace kes::thread
