@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,8 @@
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
@@ -51,6 +55,34 @@ namespace {
 
 TEST(ProcInfoTest, ExeIsThePathOfTheRunningProgram) {
   EXPECT_EQ(static_cast<std::string>(Info::exe()), std::filesystem::read_symlink("/proc/self/exe").string());
+}
+
+bool hasEndedFirstThread() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("State:\tZ")) return true;
+  }
+  return false;
+}
+
+TEST(ProcInfoTest, ExeIsToldAlsoWhenTheFirstThreadHasEnded) {
+  const std::string expected = std::filesystem::read_symlink("/proc/self/exe").string();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::alarm(60);
+    std::thread([&expected] {
+      while (!hasEndedFirstThread()) std::this_thread::yield();
+      try {
+        ::_exit(static_cast<std::string>(Info::exe()) == expected ? 0 : 1);
+      } catch (const OsError&) {
+        ::_exit(2);
+      }
+    }).detach();
+    ::syscall(SYS_exit, 0);
+  }
+  int status = -1;
+  EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
 }
 
 TEST(ProcInfoTest, AnExecutablePathThatJustFitsIsGivenWhole) {

@@ -46,11 +46,17 @@ std::optional<std::string> commandName(const char* pid) {
   return std::string(text, std::min(size != 0 ? size - 1 : 0, commLimit));  // without the newline
 }
 
+/// The process is asked by its first thread, which may have ended before the others: then by this one.
+ssize_t readExecutable(char* text, std::size_t size) {
+  const ssize_t length = ::readlink("/proc/self/exe", text, size);
+  return length == -1 && errno == ENOENT ? ::readlink("/proc/thread-self/exe", text, size) : length;
+}
+
 }  // namespace
 
 fs::Path Info::exe() {
   char text[PATH_MAX + 1] = "";
-  const ssize_t length = check(KES_HERE, ::readlink("/proc/self/exe", text, PATH_MAX));
+  const ssize_t length = check(KES_HERE, readExecutable(text, PATH_MAX));
   const std::size_t needed = static_cast<std::size_t>(length) + 1;
   if (needed > exeLimit) {
     raiseAt({"src/os/linux/proc/Info", 97, "exe"},
