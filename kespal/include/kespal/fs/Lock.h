@@ -13,7 +13,8 @@ namespace kes::fs {
 /// An advisory lock on a whole file, through a descriptor that somebody else owns and keeps open. It
 /// belongs to the open file description: duplicated descriptors share it, and closing the last of them
 /// releases it. It serialises processes, not the threads of one. Each operation raises OsError; waiting is
-/// ended by a signal handler (EINTR) and not resumed.
+/// ended by a signal handler (EINTR) and not resumed. A thread that is cancelled while it waits goes on
+/// waiting, unless it does so with a limit.
 class Lock {
  public:
   Lock() noexcept = default;
