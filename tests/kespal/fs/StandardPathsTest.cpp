@@ -9,9 +9,11 @@
 #include <filesystem>
 #include <map>
 
+#include "kespal/fs/CancelledWithin.h"
 #include "support/Calls.h"
 #include "support/Descriptors.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizer.h"
 #include "support/TempDir.h"
 
 namespace kes::fs {
@@ -155,6 +157,29 @@ TEST_F(StandardPathsTest, TheConfigurationIsReadThroughADescriptorThatNoProgramI
   });
   EXPECT_EQ(child.out, "/srv/papers none ");
   EXPECT_EQ(child.exitCode(), 0) << "the reading was not seen";
+}
+
+TEST_F(StandardPathsTest, AConfigurationThatIsAPipeIsNotWaitedFor) {
+  stdfs::create_directory(home_ + "/.config");
+  ASSERT_EQ(::mkfifo((home_ + "/.config/user-dirs.dirs").c_str(), 0600), 0);
+  const auto child = inChild([&] {
+    ::clearenv();
+    ::setenv("HOME", home_.c_str(), 1);
+    ::alarm(30);
+    std::cout << StandardPaths::documentsDir();
+    return 0;
+  });
+  EXPECT_EQ(child.out, home_ + "/Documents") << child.err;
+}
+
+TEST_F(StandardPathsTest, ACancellationWhileTheConfigurationIsOpenedLosesNoDescriptor) {
+  KES_SKIP_UNDER_SANITIZERS("loses its way in the stack of a cancelled thread");
+  const auto before = test::openDescriptors();
+  ::setenv("XDG_CONFIG_HOME", home_.c_str(), 1);
+  test::writeFile(home_ + "/user-dirs.dirs", "");
+  EXPECT_TRUE(test::cancelledWithin(test::Call::open, 1, [] { StandardPaths::documentsDir(); }));
+  ::unsetenv("XDG_CONFIG_HOME");
+  EXPECT_EQ(test::openDescriptors(), before);
 }
 
 TEST_F(StandardPathsTest, AConfigurationThatCannotBeReadSaysNothing) {

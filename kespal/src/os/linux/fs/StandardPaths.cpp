@@ -10,6 +10,7 @@
 
 #include "kespal/proc/Env.h"
 #include "os/HomeDir.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 #include "sys/Retry.h"
 
@@ -63,9 +64,11 @@ std::string userDirOfLine(std::string_view line, std::string_view name) {
   return inHome ? os::homeDir() + value : value;
 }
 
-/// What cannot be read says nothing.
+/// What cannot be read says nothing, and neither does what would have to be waited for.
 std::string contentOf(const Path& path) {
-  const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+  const sys::NoCancel untilRead;  // one while the file is opened would lose the descriptor
+  const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), flags); }));
   std::string content;
   char buffer[4096];
   for (;;) {
