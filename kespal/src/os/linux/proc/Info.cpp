@@ -13,6 +13,7 @@
 
 #include "kespal/error/DynError.h"
 #include "kespal/error/OsError.h"
+#include "sys/NoCancel.h"
 #include "sys/Owner.h"
 #include "sys/Retry.h"
 
@@ -36,6 +37,7 @@ std::optional<std::string> commandName(const char* pid) {
   const std::string path = std::string("/proc/") + pid + "/comm";
   char text[64];
   std::size_t size = 0;
+  const sys::NoCancel untilRead;  // one while the file is opened would lose the descriptor
   const sys::Descriptor file(sys::retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   ssize_t count = file ? 1 : -1;
   while (count > 0 && size != sizeof text && (size == 0 || text[size - 1] != '\n')) {
