@@ -102,6 +102,17 @@ TEST_F(SaveFileTest, RootKeepsTheOwnerAndTheGroup) {
   EXPECT_EQ(modeOf(path), 02750U);
 }
 
+TEST_F(SaveFileTest, AnOwnerOrAGroupIsGivenAloneToo) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+  const Access owner(1234, Access::Unchanged, 0640), group(Access::Unchanged, 5678, 0640);
+  save(path, "new", &owner);
+  EXPECT_EQ(test::statusOf(path).st_uid, 1234U);
+  EXPECT_EQ(test::statusOf(path).st_gid, ::getegid());
+  save(path, "new", &group);
+  EXPECT_EQ(test::statusOf(path).st_uid, ::geteuid());
+  EXPECT_EQ(test::statusOf(path).st_gid, 5678U);
+}
+
 TEST_F(SaveFileTest, WhoMayNotKeepTheOwnerIsToldAndTheFileStays) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root";
   writeFile(path, "old");
@@ -171,6 +182,18 @@ TEST_F(SaveFileTest, ANameAsLongAsNamesCanBeIsSaved) {
       EXPECT_EQ(each.substr(1, each.size() - 10), std::string(243, 'n'));
     }
   }
+}
+
+TEST_F(SaveFileTest, EveryRandomByteMakesALetterOrADigitOfTheTemporaryName) {
+  unsigned char next = 0;
+  const test::Instead<Call::getentropy> counting([&next](void* bytes, std::size_t size) {
+    for (std::size_t at = 0; at < size; ++at) static_cast<unsigned char*>(bytes)[at] = next++;
+    return 0;
+  });
+  do {
+    const SaveFile file(path.c_str());
+    EXPECT_THAT(namesIn(dir.path()), ElementsAre(testing::MatchesRegex("\\.settings\\.[a-z0-9]{8}")));
+  } while (next != 0);
 }
 
 TEST_F(SaveFileTest, APathWithoutADirectoryIsInTheWorkingDirectory) {
