@@ -102,6 +102,16 @@ TEST(SplitTest, ATextThatIsOneOfThePartsIsSplitAllTheSame) {
   EXPECT_EQ(parts, (Parts{"a", "b", "c"}));
 }
 
+TEST(SplitTest, AnEmptyVectorGrowsOnceToTheNumberOfPieces) {
+  for (const char* text : {"a,b,c", ",a,b,,c,", ",a,b,c", "a,b,c,"}) {
+    for (const bool keepEmpty : {false, true}) {
+      Parts parts;
+      split(text, ',', parts, false, keepEmpty);
+      EXPECT_EQ(parts.capacity(), parts.size()) << text;
+    }
+  }
+}
+
 TEST(SplitTest, RandomTextsAgreeWithThePlainModel) {
   std::mt19937 random(1);
   Parts parts;

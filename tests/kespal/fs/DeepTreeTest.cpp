@@ -237,6 +237,25 @@ TEST_F(DeepTreeTest, ADirectoryPutInThePlaceOfOneOfTheWalkIsLeftAlone) {
     EXPECT_EQ(test::readFile(at(std::string("tree/d/d/") + name)), "precious");
 }
 
+TEST_F(DeepTreeTest, ADirectoryWithoutAWayUpIsFoundByItsNamesWhereNoPathReaches) {
+  dig(60, std::string(200, 'n').c_str());
+  closeLast();
+  int refused = 0;
+  {
+    const test::Instead<test::Call::openat> climbing(
+        [&](int folder, const char* name, int flags, void* mode) {
+          if (std::string_view(name) != "..")
+            return test::real<test::Call::openat>(folder, name, flags, mode);
+          ++refused;
+          errno = EACCES;
+          return -1;
+        });
+    EXPECT_EQ(removing(), Raised{});
+  }
+  EXPECT_GT(refused, 0);
+  EXPECT_FALSE(isThere("tree"));
+}
+
 TEST_F(DeepTreeTest, WantOfMemoryEndsTheWalkAndLeavesNothingOpen) {
   dig(30);
   closeLast();

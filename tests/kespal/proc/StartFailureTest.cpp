@@ -52,6 +52,14 @@ TEST_F(StartFailureTest, AProgramThatEndsAsAFailedStartDoesHasNone) {
   EXPECT_EQ(child.startFailure(), std::nullopt);
 }
 
+TEST_F(StartFailureTest, AForkedChildThatLeadsItsProcessGroupHasNone) {
+  const Refuse sharing(Call::clone, EPERM);
+  Child child({"/bin/true"});
+  child.setNewProcessGroup(true);
+  EXPECT_EQ(run(child).status, 0);
+  EXPECT_EQ(child.startFailure(), std::nullopt);
+}
+
 TEST_F(StartFailureTest, AProgramThatCannotBeExecutedIsToldWithItsError) {
   for (const auto& [program, errnum] :
        {std::pair("/no/such/program", ENOENT), std::pair("/", EACCES), std::pair("kes-no-such", ENOENT)}) {
