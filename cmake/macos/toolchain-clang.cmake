@@ -46,9 +46,11 @@ string(JOIN " " cxxHeaders
 set(CMAKE_C_FLAGS_INIT "${headers}")
 set(CMAKE_CXX_FLAGS_INIT "${cxxHeaders} ${headers}")
 
+# Fixups as chains: the form that younger systems prefer, while the first tool chain makes the older one. So the loader
+# of the tests shows that programs run in both.
 foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT
-    "-fuse-ld=lld-${KES_MACOS_LLVM} -mlinker-version=710 -nostdlib++ -F${sdk}/frameworks -L${sdk}/lib -L${KES_MACOS_TOOLS}/libc/darwin")
+    "-fuse-ld=lld-${KES_MACOS_LLVM} -mlinker-version=710 -Wl,-fixup_chains -nostdlib++ -F${sdk}/frameworks -L${sdk}/lib -L${KES_MACOS_TOOLS}/libc/darwin")
 endforeach()
 set(CMAKE_C_STANDARD_LIBRARIES "${KES_MACOS_CXX_LIBRARIES}")
 set(CMAKE_CXX_STANDARD_LIBRARIES "${KES_MACOS_CXX_LIBRARIES}")
