@@ -81,9 +81,10 @@ TEST_F(ChildTerminateTest, OneThatHasBeenReapedIsNotKilledWhileSomebodyIsToldOfI
   child.setNotify(&slow);
   child.create();
   const int waits = made(Call::pthread_cond_clockwait), before = made(Call::kill);
-  auto status = std::async(std::launch::async, [&child] { return child.terminate(50ms); });
+  constexpr auto grace = 1s;  // enough for its end to be seen on a machine that is busy
+  auto status = std::async(std::launch::async, [&child] { return child.terminate(grace); });
   ASSERT_TRUE(eventually([&] { return slow.begun && made(Call::pthread_cond_clockwait) > waits; }));
-  EXPECT_EQ(status.wait_for(100ms), std::future_status::timeout);
+  EXPECT_EQ(status.wait_for(grace + 100ms), std::future_status::timeout);
   slow.hold.open();
   EXPECT_EQ(status.get().text(), "killed by SIGTERM");
   EXPECT_EQ(made(Call::kill), before + 1);
