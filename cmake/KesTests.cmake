@@ -91,7 +91,7 @@ function(kes_test_again name)
 endfunction()
 
 # The tests of a program that the filter `only` names, less those of the filter `without` and those that cannot run here;
-# each may take `seconds`, under an emulator longer.
+# each may take `seconds`, under an emulator longer. Their label is the program.
 function(kes_discover name prefix only without seconds)
   list(APPEND without ${KES_TESTS_WITHOUT})
   list(JOIN without : without)
@@ -99,5 +99,5 @@ function(kes_discover name prefix only without seconds)
     math(EXPR seconds "${seconds} * ${KES_TESTS_SLOWDOWN}")
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT ${seconds} TEST_PREFIX "${prefix}" TEST_FILTER "${only}-${without}"
-    PROPERTIES TIMEOUT ${seconds} ${ARGN})
+    PROPERTIES LABELS ${name} TIMEOUT ${seconds} ${ARGN})
 endfunction()
