@@ -82,7 +82,7 @@ TEST_F(ChildTerminateTest, OneThatHasBeenReapedIsNotKilledWhileSomebodyIsToldOfI
   child.create();
   const int waits = made(Call::pthread_cond_clockwait), before = made(Call::kill);
   constexpr auto grace = 1s;  // enough for its end to be seen on a machine that is busy
-  auto status = std::async(std::launch::async, [&child] { return child.terminate(grace); });
+  auto status = std::async(std::launch::async, [&] { return child.terminate(grace); });
   ASSERT_TRUE(eventually([&] { return slow.begun && made(Call::pthread_cond_clockwait) > waits; }));
   EXPECT_EQ(status.wait_for(grace + 100ms), std::future_status::timeout);
   slow.hold.open();
