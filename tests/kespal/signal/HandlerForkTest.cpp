@@ -71,6 +71,21 @@ class HandlerForkTest : public HandlerTest {
   std::unique_ptr<Handler> handler_ = std::make_unique<Handler>();
 };
 
+TEST_F(HandlerForkTest, ItsThreadEndsInAChildThatANotifierForked) {
+  KES_SKIP_UNDER_SANITIZERS("watches how a thread ends a process");
+  std::atomic<pid_t> pid{0};
+  notifier_.then = [&pid](int) {
+    if (const pid_t fork = ::fork(); fork != 0) pid = fork;
+  };
+  send(SIGTERM);
+  EXPECT_TRUE(eventually([&pid] { return pid != 0; }));
+  int status = -1;
+  EXPECT_TRUE(eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }));
+  if (status == -1) ::kill(pid, SIGKILL);
+  EXPECT_EQ(status, 0);
+  expectDelivery(*handler_, SIGHUP);
+}
+
 TEST_F(HandlerForkTest, TheChildMayStopAndDestroyIt) {
   EXPECT_EQ(exitOf([&] {
               handler_->stop();

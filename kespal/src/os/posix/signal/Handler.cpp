@@ -198,10 +198,11 @@ bool Handler::Shared::findWaitSet(Set& set) const {
   return running && !leaving;
 }
 
+// A notifier may fork, and come back in the child as well: there the thread just ends.
 void Handler::thread(thread::CppThread&) {
   const std::shared_ptr<Shared>& shared = shared_->get();
   t_served = shared.get();
-  for (Set set; shared->findWaitSet(set);) {
+  for (Set set; !shared->isInherited() && shared->findWaitSet(set);) {
     const siginfo_t info = {};
     int signal = 0;
     const int result = ::sigwait(&set.native(), &signal);
