@@ -397,6 +397,37 @@ TEST(ShepherdStopTest, AChildThatOutlivedTheCollectorCanBeSignalledUntilItIsReap
   }
 }
 
+TEST(ShepherdStopTest, AChildThatOutlivedTheCollectorIsNotSignalledOnceItHasEnded) {
+  Child left({"/bin/sleep", "3600"});
+  left.create();
+  const pid_t pid = left.pid();
+  Child::exit();
+  left.kill();
+  siginfo_t ended{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_THROW(left.kill(0), NoSuchProcessError);
+  EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
+}
+
+TEST(ShepherdStopTest, AChildThatOutlivedTheCollectorIsNotSignalledOnceItsIdIsAnothers) {
+  Child left({"/bin/sleep", "3600"}), next({"/bin/sleep", "3600"});
+  left.create();
+  const pid_t pid = left.pid();
+  Child::exit();
+  next.create();
+  {
+    const Shepherd::Guard guard(Child::m_shepherd->condition());
+    Child::m_shepherd->addNoLock(pid, nullptr);  // as if it had been reaped, and a child got its id
+  }
+  EXPECT_THROW(left.kill(0), NoSuchProcessError);
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  EXPECT_TRUE(Child::m_shepherd->wait(pid, status, nullptr));
+  next.kill();
+  next.wait();
+  Child::exit();
+}
+
 TEST(ShepherdStopTest, AChildOfACollectorThatIsGoneIsNotWaitedForInTheNextOne) {
   time::ClockBase::init();
   Child first({"/bin/sleep", "3600"}), second({"/bin/true"});
