@@ -26,7 +26,9 @@ void Env::set(const char* name, const char* value) {
   check(site, ::setenv(name, value, /*overwrite=*/1));
 }
 
-void Env::del(const char* name) { ::unsetenv(name); }
+void Env::del(const char* name) {
+  if (name != nullptr) ::unsetenv(name);
+}
 
 // A process that cleared its environment may have no array at all.
 const char* const* Env::begin() const noexcept { return *place_ != nullptr ? *place_ : noVariables; }
