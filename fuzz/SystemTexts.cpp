@@ -219,13 +219,14 @@ void requireProcesses(const System& system) {
   }
 }
 
-/// A name in parentheses may hold anything; the fields count from behind it, between single blanks.
+/// A name in parentheses may hold anything; the fields count from behind it, between single blanks. A number
+/// may have more of them in front.
 void requireLife(const System& system) {
   const std::string line = system.state.substr(0, 1023);
-  std::vector<std::string> fields;
+  std::vector<std::string> fields;  // each with what is behind it
   for (std::size_t at = line.rfind(')'); at != line.npos;) {
+    fields.push_back(line.substr(at));
     const std::size_t end = line.find(' ', at);
-    fields.push_back(line.substr(at, end - at));
     at = end == line.npos ? end : end + 1;
   }
   const os::Life life = os::lifeOf(::getpid());
