@@ -6,7 +6,7 @@ export DEBIAN_FRONTEND=noninteractive
 say() { printf '%s\n' "$*" >&2; }
 
 # Whether a Debian package is installed.
-have_package() { dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null | grep -qx installed; }
+have_package() { dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null | grep -x installed >/dev/null; }
 
 # Installs the packages that are missing, as root; anybody else is told which ones, and gets status 1.
 need_packages() {

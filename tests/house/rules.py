@@ -339,6 +339,22 @@ def scripts_that_a_mac_runs_need_only_its_shell_and_tools():
                 yield f"{name}:{number}: {match.group(0)}"
 
 
+# Who has read enough goes, and a writer that has more to say then ends by SIGPIPE: a failure under pipefail, at times.
+STANDS_ON_PIPES = re.compile(r"#!.*bash\n(?:.*\n)*?(?:set -.*pipefail|source .*common\.sh)")
+LEAVES_A_PIPE = re.compile(r"\|\s*(?:grep (?:-\w+ )*-\w*[qm]|head\b|sed [^|]*\bq\b)")
+
+
+def no_script_leaves_a_pipe_that_has_to_succeed():
+    for name in run("git", "ls-files", cwd=ROOT).stdout.splitlines():
+        path = ROOT / name
+        text = path.read_text(errors="replace") if path.is_file() else ""
+        if not name.endswith(".sh") and not STANDS_ON_PIPES.match(text):
+            continue
+        for number, line in enumerate(text.splitlines(), 1):
+            if LEAVES_A_PIPE.search(line):
+                yield f"{name}:{number}: {line.strip()}"
+
+
 def tests_of_a_mac():
     """The names of the tests that a build on a Mac has."""
     programs = (ROOT / "tests/macos/programs/CMakeLists.txt").read_text()
