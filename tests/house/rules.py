@@ -341,7 +341,7 @@ def scripts_that_a_mac_runs_need_only_its_shell_and_tools():
 
 # Who has read enough goes, and a writer that has more to say then ends by SIGPIPE: a failure under pipefail, at times.
 STANDS_ON_PIPES = re.compile(r"#!.*bash\n(?:.*\n)*?(?:set -.*pipefail|source .*common\.sh)")
-LEAVES_A_PIPE = re.compile(r"\|\s*(?:grep (?:-\w+ )*-\w*[qm]|head\b|sed [^|]*\bq\b)")
+LEAVES_A_PIPE = re.compile(r"(?<!\|)\|\s*(?:grep (?:-\w+ )*-\w*[qm]|head\b|sed [^|\n]*\bq\b).*")
 
 
 def no_script_leaves_a_pipe_that_has_to_succeed():
@@ -350,9 +350,8 @@ def no_script_leaves_a_pipe_that_has_to_succeed():
         text = path.read_text(errors="replace") if path.is_file() else ""
         if not name.endswith(".sh") and not STANDS_ON_PIPES.match(text):
             continue
-        for number, line in enumerate(text.splitlines(), 1):
-            if LEAVES_A_PIPE.search(line):
-                yield f"{name}:{number}: {line.strip()}"
+        for match in LEAVES_A_PIPE.finditer(text):
+            yield f"{name}:{text.count(chr(10), 0, match.start()) + 1}: {match.group(0)}"
 
 
 def tests_of_a_mac():
