@@ -62,20 +62,40 @@ count_tests() {
   skipped=$((skipped + $(sed -n 's/^\[  SKIPPED \] \([0-9]*\) tests\?\..*/\1/p' "$log" | tail -n 1) + 0))
 }
 
+# In how many parts at once the tests of a program run: they wait more than they compute. Those with System V objects
+# have the machine for themselves, here as in every build.
+parts_of() {
+  case $1 in
+    *ipc-tests | *promises-tests) echo 1 ;;
+    *) echo $((2 * jobs)) ;;
+  esac
+}
+
 # Runs one program of tests; a program that does not reach its end has failed as well.
 run_tests() {
-  local name=$1 log=build/$1.log
+  local name=$1 before=$passed parts part pids=() bad=0
+  parts=$(parts_of "$name")
   shift
-  if timeout "${time_limit:-900}" "$@" --gtest_brief=1 >"$log" 2>&1; then
-    count_tests "$log"
-    echo "ok: $name: $(grep '^\[  PASSED  \]' "$log")"
-    sed -n '/: Skipped$/{N;s/^.*\/\(.*\): Skipped\n/skipped by itself: \1: /p;}' "$log"
-  else
-    count_tests "$log"
-    grep -q '^\[  FAILED  \]' "$log" || failed=$((failed + 1))
-    tail -n 60 "$log"
-    echo "FAILED: $name"
-  fi
+  for ((part = 0; part < parts; ++part)); do
+    GTEST_TOTAL_SHARDS=$parts GTEST_SHARD_INDEX=$part timeout "${time_limit:-900}" "$@" --gtest_brief=1 \
+      >"build/$name-$part.log" 2>&1 &
+    pids+=($!)
+  done
+  for ((part = 0; part < parts; ++part)); do
+    look_at_part "build/$name-$part.log" "${pids[part]}" || bad=1
+  done
+  if [ $bad = 0 ]; then echo "ok: $name: $((passed - before)) passed"; else echo "FAILED: $name"; fi
+}
+
+look_at_part() {
+  local log=$1 status=0
+  wait "$2" || status=$?
+  count_tests "$log"
+  sed -n '/: Skipped$/{N;s/^.*\/\(.*\): Skipped\n/skipped by itself: \1: /p;}' "$log"
+  [ $status != 0 ] || return 0
+  grep '^\[  FAILED  \]' "$log" >/dev/null || failed=$((failed + 1))
+  tail -n 60 "$log"
+  return 1
 }
 
 # Where the loader for a processor is, with what starts it.
