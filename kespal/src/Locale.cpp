@@ -7,6 +7,7 @@
 #include "kespal/error/Exception.h"
 #include "kespal/gettext.h"
 #include "kespal/proc/Env.h"
+#include "os/NoFork.h"
 
 namespace kes {
 
@@ -28,6 +29,11 @@ const char* localeName(Locale::Language language) {
       break;
   }
   return "";
+}
+
+const char* choose(const char* name) {
+  const os::NoFork untilChosen;
+  return std::setlocale(LC_ALL, name);
 }
 
 void exportToChildren(const char* name) {
@@ -55,7 +61,7 @@ bool Locale::makeTexts() { return g_localeDir.make() && g_localeEnv.make(std::st
 [[maybe_unused]] static const bool g_madeAtTheStart = Locale::makeTexts();
 
 void Locale::init(Language language) {
-  const char* selected = std::setlocale(LC_ALL, localeName(language));
+  const char* selected = choose(localeName(language));
   if (selected != nullptr && language != System) exportToChildren(selected);
   try {
     findLocaleDir(m_locale_dir);

@@ -19,6 +19,7 @@
 #include "kespal/thread/Lock.h"
 #include "kespal/thread/LockGuard.h"
 #include "kespal/time/Clock.h"
+#include "os/NoFork.h"
 #include "sys/AtEnd.h"
 #include "sys/NoCancel.h"
 #include "thread/PerProcess.h"
@@ -31,6 +32,11 @@ namespace {
 
 using Guard = thread::LockGuardT<thread::Lock>;
 
+void readTimeZone() {
+  const os::NoFork untilRead;
+  ::tzset();
+}
+
 void initModules(Locale::Language language) {
   Exception::init();
   fs::File::init();
@@ -38,7 +44,7 @@ void initModules(Locale::Language language) {
   UserInfo::init();
   time::ClockBase::init();
   time::InitClock::init();
-  ::tzset();
+  readTimeZone();
   term::Terminal::init();
 }
 

@@ -99,10 +99,22 @@ int unlinkAt(int fd, const char* path, int flags) {
   return ::unlinkat(hostDirectory(fd), path, (flags & macRemoveDirectory) != 0 ? AT_REMOVEDIR : 0);
 }
 
+/// The first place on a page of a Mac's.
+std::uint8_t* onMacPage(void* place) {
+  const auto beyond = reinterpret_cast<std::uintptr_t>(place) % macPage;
+  return static_cast<std::uint8_t*>(place) + (macPage - beyond) % macPage;
+}
 void* map(void* address, std::size_t size, int protection, int flags, int fd, off_t offset) {
   constexpr int macAnonymous = 0x1000, common = MAP_SHARED | MAP_PRIVATE | MAP_FIXED;
   const int hostFlags = (flags & common) | ((flags & macAnonymous) != 0 ? MAP_ANONYMOUS : 0);
-  return ::mmap(address, size, protection, hostFlags, fd, offset);
+  void* const place = ::mmap(address, size, protection, hostFlags, fd, offset);
+  if (place == MAP_FAILED || onMacPage(place) == place) return place;
+  // The pages of this system are smaller. Around the place that is taken, what is free stays reserved, which
+  // harms nobody: what is unmapped is the mapping.
+  ::munmap(place, size);
+  void* const room = ::mmap(nullptr, size + macPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (room == MAP_FAILED) return MAP_FAILED;
+  return ::mmap(onMacPage(room), size, protection, hostFlags | MAP_FIXED, fd, offset);
 }
 
 int syncMap(void* address, std::size_t size, int flags) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "kespal/error/OsError.h"
+#include "os/NoFork.h"
 #include "os/System.h"
 
 namespace kes::proc {
@@ -23,11 +24,14 @@ bool Env::get(const char* name, std::string& value) {
 void Env::set(const char* name, const char* value) {
   constexpr Site site{"src/os/posix/proc/Env", 61, "set"};
   if (value == nullptr) raiseAt(site, OsError(EINVAL));
+  const os::NoFork untilSet;
   check(site, ::setenv(name, value, /*overwrite=*/1));
 }
 
 void Env::del(const char* name) {
-  if (name != nullptr) ::unsetenv(name);
+  if (name == nullptr) return;
+  const os::NoFork untilDeleted;
+  ::unsetenv(name);
 }
 
 // A process that cleared its environment may have no array at all.
