@@ -125,6 +125,16 @@ TEST_F(CopierTest, AFailingCloseIsAnOsErrorAndBothAreClosed) {
   }
 }
 
+TEST_F(CopierTest, AFailingCloseIsAnOsErrorOfTheMixedFormsToo) {
+  StreamFile in, out;
+  in.open(from_.c_str(), File::READ);
+  out.open(to_.c_str(), File::READ_WRITE, File::CREATE);
+  const Raised error{"kes::OsError", EIO, "", fileSite, "close"};
+  const Refuse failing(Call::close, EIO);
+  EXPECT_EQ(raisedBy([&] { Copier().copy(from_.c_str(), out); }), error);
+  EXPECT_EQ(raisedBy([&] { Copier(nullptr, 0, Flags::OVERWRITE).copy(in, to_.c_str()); }), error);
+}
+
 TEST_F(CopierTest, AStreamThatIsNotOpenIsTheSystemsError) {
   StreamFile closed, open;
   open.open(from_.c_str(), File::READ);
