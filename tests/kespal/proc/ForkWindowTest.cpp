@@ -44,10 +44,15 @@ Counts& counts() {
   return *shared;
 }
 
-pid_t g_watched = 0;                // the process whose children are counted
+std::atomic<pid_t> g_watched{0};    // the process whose children are counted
 const char* translation = nullptr;  // the system's text of every error, if it is to be another one
 
-bool isForkedChild() { return g_watched != 0 && ::getpid() != g_watched; }
+/// Reads it once: the watch may end while a thread of the process itself asks.
+bool isForkedChild() {
+  const pid_t watched = g_watched;
+  return watched != 0 && ::getpid() != watched;
+}
+
 void noteAllocation() {
   if (isForkedChild()) ++counts().allocations;
 }
