@@ -58,7 +58,7 @@ build_targets() {
 count_tests() {
   local log=$1
   passed=$((passed + $(sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\..*/\1/p' "$log" | tail -n 1) + 0))
-  failed=$((failed + $(grep -c '^\[  FAILED  \] [^ ]* (.* ms)$' "$log" || true)))
+  failed=$((failed + $(grep -c '^\[  FAILED  \] .* ([0-9]* ms)$' "$log" || true)))
   skipped=$((skipped + $(sed -n 's/^\[  SKIPPED \] \([0-9]*\) tests\?\..*/\1/p' "$log" | tail -n 1) + 0))
 }
 
